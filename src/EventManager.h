@@ -1,0 +1,316 @@
+// The event manager: named events with their listeners, timers and filesystem watches, behind one queue.
+//
+// A posting (by a caller, a due timer, a fired watch) goes into a short history, to every WebSocket client, and to
+// each listener of its event. Servers reach the queue through the three functions at the end of this header.
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <map>
+#include <string>
+
+#include "MR_error.h"
+#include "MR_mutex.h"
+#include "MR_thread.h"
+#include "MR_types.h"
+#include "MR_util.h"
+#include "VL_HTTP.h"
+#include "VL_PList.h"
+#include "VL_WebSocket.h"
+
+namespace EventManager {
+
+using Mirel::i32_t;
+using Mirel::i64_t;
+using Mirel::Mutex;
+using Mirel::Result_t;
+using Mirel::Timestamp;
+using Mirel::ui32_t;
+using Mirel::ui64_t;
+using Mirel::UUID;
+using Velmora::BackgroundHTTPRequestHandle;
+using Velmora::ci_comp;
+using Velmora::PListArray;
+using Velmora::PListDict;
+using Velmora::Status_t;
+using Velmora::TCPSession;
+using Velmora::TLSHTTPRequestHandle;
+using Velmora::URL;
+using Velmora::WebSocketBroadcastManager;
+
+/// Every key of every dictionary that the module reads or writes, and those that servers publish beside them.
+namespace Strings {
+inline const std::string callback = "callback";
+inline const std::string config = "config";
+inline const std::string event_data = "event_data";
+inline const std::string event_list = "event_list";
+inline const std::string event_name = "event_name";
+inline const std::string events = "events";
+inline const std::string history = "history";
+inline const std::string id = "id";
+inline const std::string interval_sec = "interval_sec";
+inline const std::string listener_data = "listener_data";
+inline const std::string listener_id = "listener_id";
+inline const std::string listener_list = "listener_list";
+inline const std::string listeners = "listeners";
+inline const std::string max_listeners = "max_listeners";
+inline const std::string max_watches = "max_watches";
+inline const std::string once = "once";
+inline const std::string path = "path";
+inline const std::string post_data = "post_data";
+inline const std::string queue = "queue";
+inline const std::string start_time = "start_time";
+inline const std::string timer_data = "timer_data";
+inline const std::string timer_id = "timer_id";
+inline const std::string timer_list = "timer_list";
+inline const std::string timers = "timers";
+inline const std::string timestamp = "timestamp";
+inline const std::string watch = "watch";
+inline const std::string watches = "watches";
+inline const std::string watch_data = "watch_data";
+inline const std::string watch_list = "watch_list";
+inline const std::string EventManager = "EventManager";
+inline const std::string Timeout_ms = "Timeout_ms";
+inline const std::string StateFile = "StateFile";
+}  // namespace Strings
+
+/// One registration of a callback on one event.
+class Listener {
+ public:
+    UUID id;  // random, given at construction; the handle by which the listener is deleted
+    std::string callback;
+    PListDict data;
+
+    Listener(const std::string& callback, const PListDict& data);
+    explicit Listener(const std::string& callback);
+};
+
+/// Listeners in order of creation, which is the order of delivery.
+using listener_list_t = std::list<Listener>;
+
+/// One named event with its data and its listeners.
+class EventDistributor {
+ public:
+    std::string name;
+    PListDict data;  // never changed after construction
+    listener_list_t listeners;
+
+    EventDistributor(const std::string& name, const PListDict& data);
+    explicit EventDistributor(const std::string& name);
+};
+
+/// Events by name, in byte-wise order.
+using event_map = std::map<std::string, EventDistributor>;
+
+/// Posts an event at a time, and again at an interval.
+class Timer {
+ public:
+    UUID id;  // random, given at construction
+    std::string event_name;
+    PListDict data;
+    Timestamp start_time;  // when the timer is next due
+    i64_t interval_sec;    // below 1: fires once
+
+    Timer(const std::string& event_name, const i64_t& interval_sec, const Timestamp& start_time,
+          const PListDict& data);
+    Timer(const std::string& event_name, const i64_t& interval_sec, const Timestamp& start_time);
+    /// A copy has the same id.
+    Timer(const Timer& other);
+    Timer& operator=(const Timer& other);
+};
+
+/// Timers in order of creation; whoever holds the list owns them. Never a null pointer.
+using timer_list = std::list<Timer*>;
+
+/// Where a watch stands in its life.
+enum WatchMode_t {
+    WM_CREATE = 0,   // requested: the worker registers it with the kernel next
+    WM_RUNNING = 1,  // registered, waiting for changes
+    WM_FIRED = 2,    // a change was seen: the worker posts the event next
+    WM_DESTROY = 3,  // removal requested: the worker unregisters it next
+    WM_END = 4,      // over: the worker erases it next
+    WM_MAX = 5,      // the number of modes
+};
+
+/// Posts an event when a filesystem path changes.
+class Watch {
+ public:
+    bool once;  // kept and reported; firing does not consult it
+    std::string path;
+    std::string event_name;
+    PListDict data;  // kept and reported; the posting does not carry it
+    int handle = -1;  // kernel watch descriptor; -1 while there is none
+    WatchMode_t mode = WM_CREATE;
+
+    Watch(const std::string& path, const std::string& event_name, const PListDict& data, bool once);
+    Watch(const std::string& path, const std::string& event_name, bool once);
+    Watch(Watch&&) = default;
+    Watch& operator=(Watch&&) = default;
+};
+
+/// Watches by path, without regard to letter case.
+using watch_map = std::map<const std::string, Watch, ci_comp>;
+
+/// The queue as its callers see it. Every operation may be called from any thread at any time. Dictionaries that are
+/// handed in are copied, getters fill the caller's dictionary with copies, and nothing throws.
+///
+/// A Python handler runs inside the posting that calls it, while the queue's locks are held: it must not call any
+/// operation of the queue, also not through the server's REST interface and waiting for the answer, for that call
+/// would wait for the handler and the handler for it, for ever.
+class MR_EXPORT IEventQueue {
+ public:
+    virtual ~IEventQueue() = default;
+
+    /// Adds the queue state document to `state`: "max_listeners", "max_watches" and the three sections below. Each
+    /// part is read under its own lock, one after the other.
+    virtual void GetQueueState(PListDict& state) const = 0;
+    /// Applies a queue state document: events, then timers, then watches. Only adds; the limits are not applied.
+    virtual void SetQueueState(const PListDict& config) = 0;
+
+    virtual i32_t GetMaxListeners() const = 0;
+    /// An operation that creates is refused once there are more listeners than this over all events; so there can
+    /// be one more. A negative value sets no limit.
+    virtual void SetMaxListeners(i32_t max) = 0;
+    /// Sets "event_list".
+    virtual void GetEventState(PListDict& state) const = 0;
+    /// Creates what "event_list" holds and is not there yet. Listeners get new ids. Entries that cannot be read
+    /// are logged and skipped.
+    virtual void SetEventState(const PListDict& state) = 0;
+    /// Sets "history": the postings of the last 30 seconds, oldest first.
+    virtual void GetEventHistory(PListDict& history) const = 0;
+
+    /// Takes a WebSocket client over (`session` is empty afterwards); every later posting is sent to it.
+    virtual void AdoptWsClient(TCPSession& session) = 0;
+    /// STATUS_201_CREATED; STATUS_409_CONFLICT over the listener limit; STATUS_412_PRECOND_FAILED where the event
+    /// exists. `event_data` may be null.
+    virtual Status_t CreateEvent(const std::string& event_name, PListDict* event_data) = 0;
+    virtual void DeleteAllEvents() = 0;
+    /// Posts the event with the data in `value` (may be null). False where there is no such event. Returns without
+    /// waiting for any HTTP listener; Python handlers have run.
+    virtual bool PostEvent(const std::string& event_name, const PListDict* value) = 0;
+    virtual bool DeleteEvent(const std::string& event_name) = 0;
+    /// STATUS_201_CREATED, and only then `callback_id` is written; else, tested in this order: STATUS_409_CONFLICT
+    /// over the limit, STATUS_404_NOT_FOUND without such an event, STATUS_400_BAD_REQ for a callback that is neither
+    /// "python://…" nor a URL nor a path, STATUS_412_PRECOND_FAILED where the event has that callback already.
+    virtual Status_t CreateEventListener(const std::string& event_name, const std::string& callback,
+                                         const PListDict* listener_data, UUID& callback_id) = 0;
+    virtual bool DeleteListenersForEvent(const std::string& event_name) = 0;
+    virtual bool DeleteEventListener(const std::string& event_name, const UUID& id) = 0;
+
+    /// Sets "timer_list".
+    virtual void GetTimerState(PListDict& state) const = 0;
+    /// Creates the timers in "timer_list", beside those that are there. Entries that cannot be read are logged and
+    /// skipped.
+    virtual void SetTimerState(const PListDict& state) = 0;
+    /// Posts `event_name` at `timestamp` or, where `interval_sec` is not 0, that many seconds from now (`timestamp` is
+    /// then not used; the low 32 bits count, as signed), and at every further interval of 1 and more. A timer found
+    /// more than 10 seconds late is dropped. Always true.
+    virtual bool CreateTimer(const std::string& event_name, const Timestamp& timestamp, const i64_t& interval_sec,
+                             const PListDict* timer_data, UUID& timer_id) = 0;
+    virtual void DeleteAllTimers() = 0;
+    virtual bool DeleteTimer(const UUID& timer_id) = 0;
+
+    virtual i32_t GetMaxWatches() const = 0;
+    /// A watch is refused once there are more than this; so there can be one more. Negative sets no limit.
+    virtual void SetMaxWatches(i32_t max) = 0;
+    /// Sets "watch_list".
+    virtual void GetWatchState(PListDict& state) const = 0;
+    /// Creates the watches in "watch_list" whose path is not watched yet.
+    virtual void SetWatchState(const PListDict& state) = 0;
+    /// Posts `event_name` with {"path": `path`} whenever the file changes, or something is created in, moved into or
+    /// deleted from the directory. False where the path (in any letter case) is watched already, or over the limit. A
+    /// path that the kernel refuses is logged and dropped by the worker later.
+    virtual bool CreateWatch(const std::string& path, const std::string& event_name, const PListDict* watch_data,
+                             const bool& once) = 0;
+    virtual void DeleteAllWatches() = 0;
+    /// Marks the watch for removal by the worker's next pass; it is reported until it is gone.
+    virtual bool DeleteWatch(const std::string& path) = 0;
+};
+
+/// The live queue: the registries, and the worker thread that fires timers and watches, reaps callers and trims the
+/// history.
+///
+/// Locks, in the order in which they are taken: m_SaveLock; m_TimerLock or m_WatchLock; m_EventLock; m_HistoryLock.
+class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
+    EventQueue() = delete;
+    EventQueue(const EventQueue&) = delete;
+    EventQueue& operator=(const EventQueue&) = delete;
+
+    using caller_list = std::list<BackgroundHTTPRequestHandle<TLSHTTPRequestHandle>*>;
+
+    URL m_ServiceEndPoint;  // the server itself, for callbacks that are paths; set before the worker starts
+    i32_t m_Timeout_ms;     // of requests to listeners and of WebSocket writes
+
+    mutable Mutex m_EventLock ACQUIRED_BEFORE(m_HistoryLock);
+    event_map m_Events GUARDED_BY(m_EventLock);
+    std::atomic<i32_t> m_MaxListeners;
+
+    mutable Mutex m_TimerLock ACQUIRED_BEFORE(m_EventLock);
+    timer_list m_Timers GUARDED_BY(m_TimerLock);
+
+    mutable Mutex m_WatchLock ACQUIRED_BEFORE(m_EventLock);
+    watch_map m_Watches GUARDED_BY(m_WatchLock);
+    std::atomic<i32_t> m_MaxWatches;
+
+    mutable Mutex m_HistoryLock;
+    PListArray m_EventHistory GUARDED_BY(m_HistoryLock);
+
+    caller_list m_CallerThreads GUARDED_BY(m_EventLock);  // in order of starting; owned
+    WebSocketBroadcastManager m_WsManager;
+    std::atomic<bool> m_RunOK;
+    std::string m_StateFile GUARDED_BY(m_SaveLock);  // empty: nothing is saved
+
+    mutable Mutex m_SaveLock ACQUIRED_BEFORE(m_TimerLock, m_WatchLock);
+
+    Result_t ThreadInit() override;
+    Result_t ThreadBody() override;
+    Result_t ThreadFini(Result_t result) override;
+    Result_t ThreadStop() override;
+
+ public:
+    explicit EventQueue(ui32_t timeout_ms);
+    ~EventQueue() override;
+};
+
+/// What the queue has done so far and holds now, for the process that runs it.
+struct QueueStatistics {
+    bool Installed = false;  // there is a live queue
+    bool WorkerRunning = false;
+    ui64_t Passes = 0;
+    ui64_t SinceLastPass_ms = 0;  // since the end of the last pass, or since the start of the worker
+    ui64_t LastPass_us = 0;       // its work, without the wait
+    ui64_t PassTime_us = 0;       // the same, added up over all passes
+    ui64_t Postings = 0;
+    ui64_t TimerPostings = 0;
+    ui64_t WatchPostings = 0;
+    ui64_t Saves = 0;
+    ui64_t FailedSaves = 0;
+    bool LastSaveFailed = false;
+    ui64_t Events = 0;
+    ui64_t Listeners = 0;
+    ui64_t Timers = 0;
+    ui64_t Watches = 0;
+    ui64_t HistoryRecords = 0;
+    ui64_t CallersUnreaped = 0;
+};
+
+/// Creates, configures and starts the live queue, once; later calls do nothing. `dict` is the server's
+/// configuration: "Timeout_ms", "BindAddress" ("ListenPort", "TLSIdentity"), "EventManager" (a queue state document,
+/// applied before anything is saved) and "StateFile".
+MR_EXPORT Result_t InitEventQueue(const PListDict& dict);
+
+/// The live queue, or before InitEventQueue one that does nothing and answers STATUS_503_NO_SERVICE, false and 0.
+MR_EXPORT IEventQueue& GlobalEventQueue();
+
+/// Stops the live queue's worker and waits for the end of its pass (at most 10 seconds). The queue stays and answers,
+/// but nothing fires any more.
+MR_EXPORT Result_t StopEventQueue();
+
+/// Saves the live queue's document once more, for the end of a process: what fired or ended since the last change is
+/// then not restored. RESULT_OK too where no state file is configured.
+MR_EXPORT Result_t SaveEventQueue();
+
+/// May be called from any thread at any time.
+MR_EXPORT QueueStatistics GetQueueStatistics();
+
+}  // namespace EventManager
