@@ -1,0 +1,57 @@
+// One HTTP request and its answer, as the server's connections and its REST handlers pass them to each other.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "VL_HTTP.h"
+
+namespace Server {
+
+using Velmora::Method_t;
+using Velmora::Status_t;
+
+/// A whole request. All views point into the connection's buffers and live until the handler returns.
+struct HttpRequest {
+    Method_t Method = Velmora::METH_GET;
+    std::string_view Path;         // as received, without the query: "/api/v1/events/a%2Fb"
+    std::string_view Query;        // as received, without the "?": "limit=10&event_name=x"
+    std::string_view ContentType;  // empty where the request names none
+    std::string_view IfNoneMatch;
+    std::string_view Body;
+    bool HasBody = false;  // a Content-Length above 0 or chunks came with it
+};
+
+/// What is answered. Content-Length, Date, Connection and the security headers are the connection's to add; for HEAD
+/// the connection leaves the body out.
+struct HttpResponse {
+    Status_t Status = Velmora::STATUS_200_OK;
+    std::string ContentType;  // empty: no body
+    std::string Body;
+    std::vector<std::pair<std::string, std::string>> Headers;  // Location, Allow, ETag, Retry-After …
+
+    /// Bytes that live as long as the program, sent in place of Body without a copy (the console's files).
+    std::string_view StaticBody;
+};
+
+/// Percent-decoding of one path segment or query value to bytes; nothing for a malformed escape.
+std::optional<std::string> PercentDecode(std::string_view text);
+
+/// The answer to a failed request: application/problem+json (RFC 9457) with type, title, status and detail.
+HttpResponse Problem(Status_t status, const std::string& detail);
+
+/// Answers requests. Called on the I/O threads, from several at once; must not throw.
+class HttpHandler {
+ public:
+    virtual ~HttpHandler() = default;
+
+    /// Whether answering may wait for the event queue (and so for a slow Python handler). Such requests are
+    /// admitted only while an I/O thread stays free for everything else.
+    virtual bool MayBlock(const HttpRequest& request) const = 0;
+    virtual HttpResponse Handle(const HttpRequest& request) = 0;
+};
+
+}  // namespace Server
