@@ -7,40 +7,40 @@
 #include "HttpServer.h"
 #include "MR_error.h"
 #include "MR_log.h"
+#include "Shape.h"
 #include "VL_PList.h"
 
 namespace Server {
 
-/// One fault of a configuration, at a JSON pointer (RFC 6901).
-struct ConfigFault {
-    std::string Pointer;
-    std::string What;
-};
+/// One fault of a configuration, at a JSON pointer.
+using ConfigFault = Fault;
 
 /// A checked configuration.
 struct Config {
     HttpServerOptions Http;
-    Mirel::i32_t Timeout_ms = 500;
-    std::string StateFile;  // empty: nothing is saved
+    Mirel::i32_t Timeout_ms = 500;  // of requests to listeners and of WebSocket writes
+    std::string StateFile;          // empty: nothing is saved
     std::vector<std::string> PythonPath;
     Mirel::LogType_t LogLevel = Mirel::LOG_INFO;
     bool LogAsJSON = false;
     Velmora::PListDict EventManager;  // a queue state document
 
-    /// The dictionary for EventManager::InitEventQueue, with the port that was really bound and the document that
-    /// is to be restored.
+    /// The dictionary for EventManager::InitEventQueue, with the port that was really bound and the document
+    /// that is to be restored.
     Velmora::PListDict ForEventQueue(Mirel::ui16_t port, const Velmora::PListDict& document) const;
 };
 
-/// Reads the configuration file (JSON); an empty path gives the defaults. Every fault is added to `faults`; the
-/// configuration is to be used only where there is none.
+/// Reads the configuration file (JSON); an empty path gives the defaults. Every fault is added to `faults`;
+/// the configuration is to be used only where there is none. Relative paths in the file are relative to its
+/// directory.
 Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults);
 
-/// Faults of a queue state document: every entry that applying it would skip. `base` is put before the pointers.
+/// Faults of a queue state document: every entry that applying it would skip, and every member that it would
+/// not look at. `base` is put before the pointers.
 void CheckQueueDocument(const Velmora::PListDict& document, const std::string& base,
                         std::vector<ConfigFault>& faults);
 
-/// What is in force, as JSON, secrets hidden.
+/// What is in force, as JSON that can be read as a configuration again, secrets hidden.
 std::string PrintConfig(const Config& config);
 
 }  // namespace Server

@@ -1,0 +1,117 @@
+// The functions that answer requests, one for each row of the router's table, and what they share.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "Http.h"
+#include "HttpServer.h"
+#include "Shape.h"
+#include "VL_PList.h"
+
+namespace Server {
+
+/// What the handlers know of the process around them.
+struct RestContext {
+    // Set before the first request.
+    std::string StateFile;  // empty: none
+    Mirel::ui32_t Timeout_ms = 500;
+    std::function<HttpServerCounters()> ServerCounters;
+    std::chrono::steady_clock::time_point Started = std::chrono::steady_clock::now();
+
+    // Counted by any thread.
+    std::atomic<Mirel::ui64_t> RestPostings{0};
+};
+
+/// Query parameters, decoded, in the order in which they were given.
+using QueryParameters = std::vector<std::pair<std::string, std::string>>;
+
+/// One request that matched a row.
+struct RestCall {
+    const HttpRequest& Request;
+    RestContext& Context;
+    std::array<std::string, 2> Names;  // the path's variable segments, decoded
+    QueryParameters Query;
+
+    /// The value of a query parameter; null where it was not given.
+    const std::string* Parameter(std::string_view name) const;
+};
+
+/// Prefix of everything that needs the token.
+inline constexpr std::string_view ApiPrefix = "/api/v1";
+
+// Answers.
+
+HttpResponse Json(Status_t status, const Velmora::PListDict& document);
+HttpResponse Created(const std::string& location, const Velmora::PListDict& document);
+HttpResponse NoContent();
+/// 204 where something was removed, else 404 with the detail.
+HttpResponse Removed(bool found, const std::string& otherwise);
+/// A problem that says what is wrong where in the body: "errors": [{"pointer", "detail"}].
+HttpResponse Problem(Status_t status, const std::string& detail, const std::vector<Fault>& faults);
+/// The same for a query parameter: "errors": [{"parameter", "detail"}].
+HttpResponse BadParameter(const std::string& name, const std::string& what);
+/// Adds an ETag made of the body's bytes and, where the client has that very body, answers 304 in its place.
+HttpResponse WithETag(const HttpRequest& request, HttpResponse response);
+
+/// Everything but unreserved characters percent-encoded.
+std::string PercentEncode(std::string_view text);
+/// "/api/v1" and the segments, encoded.
+std::string ApiPath(std::initializer_list<std::string_view> segments);
+/// Appends the text as a JSON string.
+void AppendJsonString(std::string& json, const std::string& text);
+
+// Requests.
+
+/// Reads the body as a dictionary into `body`; otherwise the answer: 400 for what is not JSON, 422 for
+/// another value.
+std::optional<HttpResponse> ReadBody(const RestCall& call, Velmora::PListDict& body);
+/// Reads the query parameter "limit"; `limit` is left alone where it was not given.
+std::optional<HttpResponse> ReadLimit(const RestCall& call, std::size_t& limit);
+
+// The rows of the table.
+
+HttpResponse GetQueue(RestCall& call);
+HttpResponse PostQueue(RestCall& call);
+HttpResponse GetConfig(RestCall& call);
+HttpResponse PatchConfig(RestCall& call);
+
+HttpResponse GetEvents(RestCall& call);
+HttpResponse PostEvents(RestCall& call);
+HttpResponse DeleteEvents(RestCall& call);
+HttpResponse GetEvent(RestCall& call);
+HttpResponse PostEvent(RestCall& call);
+HttpResponse DeleteEvent(RestCall& call);
+
+HttpResponse GetListeners(RestCall& call);
+HttpResponse PostListeners(RestCall& call);
+HttpResponse DeleteListeners(RestCall& call);
+HttpResponse DeleteListener(RestCall& call);
+
+HttpResponse GetTimers(RestCall& call);
+HttpResponse PostTimers(RestCall& call);
+HttpResponse DeleteTimers(RestCall& call);
+HttpResponse GetTimer(RestCall& call);
+HttpResponse DeleteTimer(RestCall& call);
+
+HttpResponse GetWatches(RestCall& call);
+HttpResponse PostWatches(RestCall& call);
+HttpResponse DeleteWatches(RestCall& call);
+
+HttpResponse GetHistory(RestCall& call);
+HttpResponse GetDeliveries(RestCall& call);
+HttpResponse GetFeed(RestCall& call);
+
+HttpResponse GetHealth(RestCall& call);
+HttpResponse GetReadiness(RestCall& call);
+HttpResponse GetMetrics(RestCall& call);
+HttpResponse GetOpenApi(RestCall& call);
+
+}  // namespace Server

@@ -1,0 +1,43 @@
+// Every resource that the server offers, and the way from a request to the function that answers it.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "Config.h"
+#include "Http.h"
+#include "HttpServer.h"
+#include "Rest.h"
+
+namespace Server {
+
+/// One row of the table of routes, for those who describe it.
+struct RouteInfo {
+    std::string Method;              // "GET"; HEAD and OPTIONS come with every path
+    std::string Pattern;             // "/api/v1/events/{event_name}"
+    std::vector<std::string> Query;  // names of the query parameters that are understood
+    bool TakesBody;
+};
+
+/// Answers every request that is not a WebSocket upgrade: the REST interface on the live queue, the endpoints
+/// for operations, and the console. Called from any thread.
+class Router : public HttpHandler {
+  public:
+    explicit Router(const Config& config);
+
+    /// Where /metrics takes the connections' counters from. To be called before the first request.
+    void CountersFrom(std::function<HttpServerCounters()> source);
+
+    bool MayBlock(const HttpRequest& request) const override;
+    HttpResponse Handle(const HttpRequest& request) override;
+
+    static std::vector<RouteInfo> Routes();
+
+  private:
+    HttpResponse Dispatch(const HttpRequest& request);
+
+    RestContext m_Context;
+};
+
+}  // namespace Server
