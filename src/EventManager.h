@@ -1,10 +1,14 @@
 // The event manager: named events with their listeners, timers and filesystem watches, behind one queue.
 //
-// A posting (by a caller, a due timer, a fired watch) goes into a short history, to every WebSocket client, and to
-// each listener of its event. Servers reach the queue through the three functions at the end of this header.
+// A posting (by a caller, a due timer, a fired watch) goes into a short history, to every WebSocket client,
+// and to each listener of its event. Servers reach the queue through the three functions at the end of this
+// header.
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <deque>
 #include <list>
 #include <map>
 #include <string>
@@ -76,7 +80,7 @@ inline const std::string StateFile = "StateFile";
 
 /// One registration of a callback on one event.
 class Listener {
- public:
+  public:
     UUID id;  // random, given at construction; the handle by which the listener is deleted
     std::string callback;
     PListDict data;
@@ -90,7 +94,7 @@ using listener_list_t = std::list<Listener>;
 
 /// One named event with its data and its listeners.
 class EventDistributor {
- public:
+  public:
     std::string name;
     PListDict data;  // never changed after construction
     listener_list_t listeners;
@@ -104,7 +108,7 @@ using event_map = std::map<std::string, EventDistributor>;
 
 /// Posts an event at a time, and again at an interval.
 class Timer {
- public:
+  public:
     UUID id;  // random, given at construction
     std::string event_name;
     PListDict data;
@@ -134,11 +138,11 @@ enum WatchMode_t {
 
 /// Posts an event when a filesystem path changes.
 class Watch {
- public:
+  public:
     bool once;  // kept and reported; firing does not consult it
     std::string path;
     std::string event_name;
-    PListDict data;  // kept and reported; the posting does not carry it
+    PListDict data;   // kept and reported; the posting does not carry it
     int handle = -1;  // kernel watch descriptor; -1 while there is none
     WatchMode_t mode = WM_CREATE;
 
@@ -151,47 +155,49 @@ class Watch {
 /// Watches by path, without regard to letter case.
 using watch_map = std::map<const std::string, Watch, ci_comp>;
 
-/// The queue as its callers see it. Every operation may be called from any thread at any time. Dictionaries that are
-/// handed in are copied, getters fill the caller's dictionary with copies, and nothing throws.
+/// The queue as its callers see it. Every operation may be called from any thread at any time. Dictionaries
+/// that are handed in are copied, getters fill the caller's dictionary with copies, and nothing throws.
 ///
-/// A Python handler runs inside the posting that calls it, while the queue's locks are held: it must not call any
-/// operation of the queue, also not through the server's REST interface and waiting for the answer, for that call
-/// would wait for the handler and the handler for it, for ever.
+/// A Python handler runs inside the posting that calls it, while the queue's locks are held: it must not call
+/// any operation of the queue, also not through the server's REST interface and waiting for the answer, for
+/// that call would wait for the handler and the handler for it, for ever.
 class MR_EXPORT IEventQueue {
- public:
+  public:
     virtual ~IEventQueue() = default;
 
-    /// Adds the queue state document to `state`: "max_listeners", "max_watches" and the three sections below. Each
-    /// part is read under its own lock, one after the other.
+    /// Adds the queue state document to `state`: "max_listeners", "max_watches" and the three sections below.
+    /// Each part is read under its own lock, one after the other.
     virtual void GetQueueState(PListDict& state) const = 0;
-    /// Applies a queue state document: events, then timers, then watches. Only adds; the limits are not applied.
+    /// Applies a queue state document: events, then timers, then watches. Only adds; the limits are not
+    /// applied.
     virtual void SetQueueState(const PListDict& config) = 0;
 
     virtual i32_t GetMaxListeners() const = 0;
-    /// An operation that creates is refused once there are more listeners than this over all events; so there can
-    /// be one more. A negative value sets no limit.
+    /// An operation that creates is refused once there are more listeners than this over all events; so there
+    /// can be one more. A negative value sets no limit.
     virtual void SetMaxListeners(i32_t max) = 0;
     /// Sets "event_list".
     virtual void GetEventState(PListDict& state) const = 0;
-    /// Creates what "event_list" holds and is not there yet. Listeners get new ids. Entries that cannot be read
-    /// are logged and skipped.
+    /// Creates what "event_list" holds and is not there yet. Listeners get new ids. Entries that cannot be
+    /// read are logged and skipped.
     virtual void SetEventState(const PListDict& state) = 0;
     /// Sets "history": the postings of the last 30 seconds, oldest first.
     virtual void GetEventHistory(PListDict& history) const = 0;
 
     /// Takes a WebSocket client over (`session` is empty afterwards); every later posting is sent to it.
     virtual void AdoptWsClient(TCPSession& session) = 0;
-    /// STATUS_201_CREATED; STATUS_409_CONFLICT over the listener limit; STATUS_412_PRECOND_FAILED where the event
-    /// exists. `event_data` may be null.
+    /// STATUS_201_CREATED; STATUS_409_CONFLICT over the listener limit; STATUS_412_PRECOND_FAILED where the
+    /// event exists. `event_data` may be null.
     virtual Status_t CreateEvent(const std::string& event_name, PListDict* event_data) = 0;
     virtual void DeleteAllEvents() = 0;
-    /// Posts the event with the data in `value` (may be null). False where there is no such event. Returns without
-    /// waiting for any HTTP listener; Python handlers have run.
+    /// Posts the event with the data in `value` (may be null). False where there is no such event. Returns
+    /// without waiting for any HTTP listener; Python handlers have run.
     virtual bool PostEvent(const std::string& event_name, const PListDict* value) = 0;
     virtual bool DeleteEvent(const std::string& event_name) = 0;
-    /// STATUS_201_CREATED, and only then `callback_id` is written; else, tested in this order: STATUS_409_CONFLICT
-    /// over the limit, STATUS_404_NOT_FOUND without such an event, STATUS_400_BAD_REQ for a callback that is neither
-    /// "python://…" nor a URL nor a path, STATUS_412_PRECOND_FAILED where the event has that callback already.
+    /// STATUS_201_CREATED, and only then `callback_id` is written; else, tested in this order:
+    /// STATUS_409_CONFLICT over the limit, STATUS_404_NOT_FOUND without such an event, STATUS_400_BAD_REQ for
+    /// a callback that is neither "python://…" nor a URL nor a path, STATUS_412_PRECOND_FAILED where the
+    /// event has that callback already.
     virtual Status_t CreateEventListener(const std::string& event_name, const std::string& callback,
                                          const PListDict* listener_data, UUID& callback_id) = 0;
     virtual bool DeleteListenersForEvent(const std::string& event_name) = 0;
@@ -199,14 +205,14 @@ class MR_EXPORT IEventQueue {
 
     /// Sets "timer_list".
     virtual void GetTimerState(PListDict& state) const = 0;
-    /// Creates the timers in "timer_list", beside those that are there. Entries that cannot be read are logged and
-    /// skipped.
+    /// Creates the timers in "timer_list", beside those that are there. Entries that cannot be read are
+    /// logged and skipped.
     virtual void SetTimerState(const PListDict& state) = 0;
-    /// Posts `event_name` at `timestamp` or, where `interval_sec` is not 0, that many seconds from now (`timestamp` is
-    /// then not used; the low 32 bits count, as signed), and at every further interval of 1 and more. A timer found
-    /// more than 10 seconds late is dropped. Always true.
-    virtual bool CreateTimer(const std::string& event_name, const Timestamp& timestamp, const i64_t& interval_sec,
-                             const PListDict* timer_data, UUID& timer_id) = 0;
+    /// Posts `event_name` at `timestamp` or, where `interval_sec` is not 0, that many seconds from now
+    /// (`timestamp` is then not used; the low 32 bits count, as signed), and at every further interval of 1
+    /// and more. A timer found more than 10 seconds late is dropped. Always true.
+    virtual bool CreateTimer(const std::string& event_name, const Timestamp& timestamp,
+                             const i64_t& interval_sec, const PListDict* timer_data, UUID& timer_id) = 0;
     virtual void DeleteAllTimers() = 0;
     virtual bool DeleteTimer(const UUID& timer_id) = 0;
 
@@ -217,29 +223,150 @@ class MR_EXPORT IEventQueue {
     virtual void GetWatchState(PListDict& state) const = 0;
     /// Creates the watches in "watch_list" whose path is not watched yet.
     virtual void SetWatchState(const PListDict& state) = 0;
-    /// Posts `event_name` with {"path": `path`} whenever the file changes, or something is created in, moved into or
-    /// deleted from the directory. False where the path (in any letter case) is watched already, or over the limit. A
-    /// path that the kernel refuses is logged and dropped by the worker later.
-    virtual bool CreateWatch(const std::string& path, const std::string& event_name, const PListDict* watch_data,
-                             const bool& once) = 0;
+    /// Posts `event_name` with {"path": `path`} whenever the file changes, or something is created in, moved
+    /// into or deleted from the directory. False where the path (in any letter case) is watched already, or
+    /// over the limit. A path that the kernel refuses is logged and dropped by the worker later.
+    virtual bool CreateWatch(const std::string& path, const std::string& event_name,
+                             const PListDict* watch_data, const bool& once) = 0;
     virtual void DeleteAllWatches() = 0;
     /// Marks the watch for removal by the worker's next pass; it is reported until it is gone.
     virtual bool DeleteWatch(const std::string& path) = 0;
 };
 
-/// The live queue: the registries, and the worker thread that fires timers and watches, reaps callers and trims the
-/// history.
+/// What the queue has done so far and holds now, for the process that runs it. Sizes are read without
+/// waiting: while a posting keeps a registry busy, they are those of an earlier reading.
+struct QueueStatistics {
+    bool Installed = false;  // there is a live queue
+    bool WorkerRunning = false;
+    ui64_t Passes = 0;
+    ui64_t SinceLastPass_ms = 0;  // since the end of the last pass, or since the start of the worker
+    ui64_t LastPass_us = 0;       // its work, without the wait
+    ui64_t PassTime_us = 0;       // the same, added up over all passes
+    ui64_t Postings = 0;          // of existing events
+    ui64_t TimerPostings = 0;     // what timers and watches posted, existing event or not
+    ui64_t WatchPostings = 0;
+    ui64_t Saves = 0;
+    ui64_t FailedSaves = 0;
+    bool LastSaveFailed = false;
+    ui64_t Events = 0;
+    ui64_t Listeners = 0;
+    ui64_t Timers = 0;
+    ui64_t Watches = 0;
+    ui64_t HistoryRecords = 0;
+    ui64_t CallersUnreaped = 0;
+};
+
+/// The live queue: the registries, and the worker thread that fires timers and watches, reaps callers and
+/// trims the history.
 ///
-/// Locks, in the order in which they are taken: m_SaveLock; m_TimerLock or m_WatchLock; m_EventLock; m_HistoryLock.
+/// Locks, in the order in which they are taken: m_SaveLock; m_TimerLock or m_WatchLock (never both);
+/// m_EventLock; m_HistoryLock. Nothing is saved while one of the registries' locks is held.
 class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
+  public:
+    /// `timeout_ms`: of requests to listeners, and of writes to WebSocket clients that make no progress.
+    explicit EventQueue(ui32_t timeout_ms);
+    /// Closes the WebSocket clients and waits for running callers. The worker must have ended.
+    ~EventQueue() override;
+
+    /// Sets the server's own address from "ListenPort" and "TLSIdentity" of `end_point_cfg` and applies
+    /// `events_config` as a queue state document. Once, before Start(). Always RESULT_OK.
+    Result_t InitEventQueue(const PListDict& events_config, const PListDict& end_point_cfg);
+
+    void GetQueueState(PListDict& state) const override;
+    void SetQueueState(const PListDict& config) override;
+
+    i32_t GetMaxListeners() const override;
+    void SetMaxListeners(i32_t max) override;
+    void GetEventState(PListDict& state) const override;
+    void SetEventState(const PListDict& state) override;
+    void GetEventHistory(PListDict& history) const override;
+
+    void AdoptWsClient(TCPSession& session) override;
+    Status_t CreateEvent(const std::string& event_name, PListDict* event_data) override;
+    void DeleteAllEvents() override;
+    bool PostEvent(const std::string& event_name, const PListDict* value) override;
+    bool DeleteEvent(const std::string& event_name) override;
+    Status_t CreateEventListener(const std::string& event_name, const std::string& callback,
+                                 const PListDict* listener_data, UUID& callback_id) override;
+    bool DeleteListenersForEvent(const std::string& event_name) override;
+    bool DeleteEventListener(const std::string& event_name, const UUID& id) override;
+
+    void GetTimerState(PListDict& state) const override;
+    void SetTimerState(const PListDict& state) override;
+    bool CreateTimer(const std::string& event_name, const Timestamp& timestamp, const i64_t& interval_sec,
+                     const PListDict* timer_data, UUID& timer_id) override;
+    void DeleteAllTimers() override;
+    bool DeleteTimer(const UUID& timer_id) override;
+
+    i32_t GetMaxWatches() const override;
+    void SetMaxWatches(i32_t max) override;
+    void GetWatchState(PListDict& state) const override;
+    void SetWatchState(const PListDict& state) override;
+    bool CreateWatch(const std::string& path, const std::string& event_name, const PListDict* watch_data,
+                     const bool& once) override;
+    void DeleteAllWatches() override;
+    bool DeleteWatch(const std::string& path) override;
+
+  private:
+    friend Result_t InitEventQueue(const PListDict& dict);
+    friend Result_t SaveEventQueue();
+    friend QueueStatistics GetQueueStatistics();
+    friend struct EventQueueProbe;  // the tests' way to the phases of a pass
+
+    using caller_t = BackgroundHTTPRequestHandle<TLSHTTPRequestHandle>;
+    using caller_list = std::list<caller_t*>;
+
+    /// Consecutive history records that bear the same timestamp text.
+    struct HistoryRun {
+        std::string timestamp;
+        std::size_t count;
+    };
+
+    /// Counted without a lock, for GetQueueStatistics.
+    struct Counters {
+        std::atomic<ui64_t> passes{0}, last_pass_us{0}, pass_time_us{0}, pass_ended_ms{0};
+        std::atomic<ui64_t> postings{0}, timer_postings{0}, watch_postings{0};
+        std::atomic<ui64_t> saves{0}, failed_saves{0};
+        std::atomic<bool> last_save_failed{false};
+        std::atomic<ui64_t> events{0}, listeners{0}, timers{0}, watches{0}, history{0}, callers{0};
+    };
+
     EventQueue() = delete;
     EventQueue(const EventQueue&) = delete;
     EventQueue& operator=(const EventQueue&) = delete;
 
-    using caller_list = std::list<BackgroundHTTPRequestHandle<TLSHTTPRequestHandle>*>;
+    Result_t ThreadInit() override;
+    Result_t ThreadBody() override;
+    Result_t ThreadFini(Result_t result) override;
+    Result_t ThreadStop() override;
+
+    void UseStateFile(const std::string& path);
+    Result_t SaveState() const;
+    void WriteState() const;
+    void DropEndedWatches();
+
+    void AppendHistory(const PListDict& event_data);
+    void TrimHistory();
+    void IndexHistory() REQUIRES(m_HistoryLock);
+    void DestroyTrimmedHistory();
+
+    void CallListener(const Listener& listener, const PListDict& payload) REQUIRES(m_EventLock);
+    void StartCaller(const Velmora::BasicRestEntryCall& call, const std::string& body) REQUIRES(m_EventLock);
+
+    void MaintainWatches(int event_stream);
+    void WaitForChanges(int event_stream) NO_THREAD_SAFETY_ANALYSIS;
+    void FireWatches();
+    void FireTimers();
+    bool FireTimer(Timer& timer, const Timestamp& now, const Timestamp& expiry_limit) REQUIRES(m_TimerLock);
+    void ReapCallersAndTrimHistory();
+    caller_list TakeFinishedCallers() REQUIRES(m_EventLock);
+    void CountPass(std::chrono::steady_clock::time_point began);
+
+    QueueStatistics Statistics() const;
+    void MeasureSizes() const;
 
     URL m_ServiceEndPoint;  // the server itself, for callbacks that are paths; set before the worker starts
-    i32_t m_Timeout_ms;     // of requests to listeners and of WebSocket writes
+    i32_t m_Timeout_ms;     // never changed
 
     mutable Mutex m_EventLock ACQUIRED_BEFORE(m_HistoryLock);
     event_map m_Events GUARDED_BY(m_EventLock);
@@ -256,58 +383,71 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     PListArray m_EventHistory GUARDED_BY(m_HistoryLock);
 
     caller_list m_CallerThreads GUARDED_BY(m_EventLock);  // in order of starting; owned
-    WebSocketBroadcastManager m_WsManager;
+    WebSocketBroadcastManager m_WsManager;                // synchronises itself
     std::atomic<bool> m_RunOK;
     std::string m_StateFile GUARDED_BY(m_SaveLock);  // empty: nothing is saved
 
-    mutable Mutex m_SaveLock ACQUIRED_BEFORE(m_TimerLock, m_WatchLock);
-
-    Result_t ThreadInit() override;
-    Result_t ThreadBody() override;
-    Result_t ThreadFini(Result_t result) override;
-    Result_t ThreadStop() override;
-
- public:
-    explicit EventQueue(ui32_t timeout_ms);
-    ~EventQueue() override;
+    mutable Mutex m_SaveLock ACQUIRED_BEFORE(m_TimerLock, m_WatchLock, m_EventLock);  // keeps saves apart
+    std::deque<HistoryRun> m_HistoryRuns
+        GUARDED_BY(m_HistoryLock);                               // index of m_EventHistory, see TrimHistory
+    std::size_t m_HistoryIndexed GUARDED_BY(m_HistoryLock) = 0;  // records that the index covers
+    PListArray m_TrimmedHistory GUARDED_BY(m_HistoryLock);       // trimmed, to be destroyed without a lock
+    mutable Counters m_Counters;
 };
 
-/// What the queue has done so far and holds now, for the process that runs it.
-struct QueueStatistics {
-    bool Installed = false;  // there is a live queue
-    bool WorkerRunning = false;
-    ui64_t Passes = 0;
-    ui64_t SinceLastPass_ms = 0;  // since the end of the last pass, or since the start of the worker
-    ui64_t LastPass_us = 0;       // its work, without the wait
-    ui64_t PassTime_us = 0;       // the same, added up over all passes
-    ui64_t Postings = 0;
-    ui64_t TimerPostings = 0;
-    ui64_t WatchPostings = 0;
-    ui64_t Saves = 0;
-    ui64_t FailedSaves = 0;
-    bool LastSaveFailed = false;
-    ui64_t Events = 0;
-    ui64_t Listeners = 0;
-    ui64_t Timers = 0;
-    ui64_t Watches = 0;
-    ui64_t HistoryRecords = 0;
-    ui64_t CallersUnreaped = 0;
+/// Stands in for the live queue until there is one: does nothing and answers STATUS_503_NO_SERVICE, false and
+/// 0.
+class MR_EXPORT NilEventQueue : public IEventQueue {
+  public:
+    void GetQueueState(PListDict&) const override {}
+    void SetQueueState(const PListDict&) override {}
+    i32_t GetMaxListeners() const override { return 0; }
+    void SetMaxListeners(i32_t) override {}
+    void GetEventState(PListDict&) const override {}
+    void SetEventState(const PListDict&) override {}
+    void GetEventHistory(PListDict&) const override {}
+    void AdoptWsClient(TCPSession&) override {}
+    Status_t CreateEvent(const std::string&, PListDict*) override { return Velmora::STATUS_503_NO_SERVICE; }
+    void DeleteAllEvents() override {}
+    bool PostEvent(const std::string&, const PListDict*) override { return false; }
+    bool DeleteEvent(const std::string&) override { return false; }
+    Status_t CreateEventListener(const std::string&, const std::string&, const PListDict*, UUID&) override {
+        return Velmora::STATUS_503_NO_SERVICE;
+    }
+    bool DeleteListenersForEvent(const std::string&) override { return false; }
+    bool DeleteEventListener(const std::string&, const UUID&) override { return false; }
+    void GetTimerState(PListDict&) const override {}
+    void SetTimerState(const PListDict&) override {}
+    bool CreateTimer(const std::string&, const Timestamp&, const i64_t&, const PListDict*, UUID&) override {
+        return false;
+    }
+    void DeleteAllTimers() override {}
+    bool DeleteTimer(const UUID&) override { return false; }
+    i32_t GetMaxWatches() const override { return 0; }
+    void SetMaxWatches(i32_t) override {}
+    void GetWatchState(PListDict&) const override {}
+    void SetWatchState(const PListDict&) override {}
+    bool CreateWatch(const std::string&, const std::string&, const PListDict*, const bool&) override {
+        return false;
+    }
+    void DeleteAllWatches() override {}
+    bool DeleteWatch(const std::string&) override { return false; }
 };
 
 /// Creates, configures and starts the live queue, once; later calls do nothing. `dict` is the server's
-/// configuration: "Timeout_ms", "BindAddress" ("ListenPort", "TLSIdentity"), "EventManager" (a queue state document,
-/// applied before anything is saved) and "StateFile".
+/// configuration: "Timeout_ms", "BindAddress" ("ListenPort", "TLSIdentity"), "EventManager" (a queue state
+/// document, applied before anything is saved) and "StateFile".
 MR_EXPORT Result_t InitEventQueue(const PListDict& dict);
 
-/// The live queue, or before InitEventQueue one that does nothing and answers STATUS_503_NO_SERVICE, false and 0.
+/// The live queue, or before InitEventQueue the NilEventQueue. Takes no lock.
 MR_EXPORT IEventQueue& GlobalEventQueue();
 
-/// Stops the live queue's worker and waits for the end of its pass (at most 10 seconds). The queue stays and answers,
-/// but nothing fires any more.
+/// Stops the live queue's worker and waits for the end of its pass (at most 10 seconds). The queue stays and
+/// answers, but nothing fires any more.
 MR_EXPORT Result_t StopEventQueue();
 
-/// Saves the live queue's document once more, for the end of a process: what fired or ended since the last change is
-/// then not restored. RESULT_OK too where no state file is configured.
+/// Saves the live queue's document once more, for the end of a process: what fired or ended since the last
+/// change is then not restored. RESULT_OK too where no state file is configured.
 MR_EXPORT Result_t SaveEventQueue();
 
 /// May be called from any thread at any time.

@@ -1,0 +1,1135 @@
+// The event manager: records, the live queue and its worker, and the process-wide functions, in the header's
+// order.
+#include "VL_Python.h"
+
+#include "EventManager.h"
+
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include "LocalAccessManager.h"
+#include "MR_log.h"
+#include "VL_Socket.h"
+
+namespace EventManager {
+
+using Mirel::AutoMutex;
+using Mirel::DefaultLogSink;
+using Mirel::RESULT_FILEOPEN;
+using Mirel::RESULT_OK;
+using Velmora::BasicRestEntryCall;
+using Velmora::PListItem;
+
+namespace {
+
+constexpr ui32_t TextBufferSize = 64;  // holds a timestamp's and a UUID's text
+
+constexpr i32_t DefaultMaxListeners = 1024;
+constexpr i32_t DefaultMaxWatches = 1024;
+constexpr int DefaultTimeout_ms = 500;
+constexpr ui32_t StopLimit_ms = 10000;
+
+constexpr i32_t HistoryRetention_sec = 30;
+constexpr i32_t TimerExpiry_sec = 10;
+
+constexpr int WatchWait_ms = 500;
+constexpr std::size_t WatchReadSize = 8192;
+
+const std::string PythonScheme = "python://";
+
+PListDict copy_or_empty(const PListDict* dict) {
+    return dict ? *dict : PListDict();
+}
+
+const PListDict* as_dict(const PListItem* item) {
+    return dynamic_cast<const PListDict*>(item);
+}
+const PListArray* as_array(const PListItem* item) {
+    return dynamic_cast<const PListArray*>(item);
+}
+
+std::string id_text(const UUID& id) {
+    char buf[TextBufferSize];
+    return Mirel::bin2UUIDhex(id.Value(), UUID::Size, buf, TextBufferSize);
+}
+
+std::string time_text(const Timestamp& time) {
+    char buf[TextBufferSize];
+    return time.EncodeString(buf, TextBufferSize);
+}
+
+std::chrono::steady_clock::time_point steady_now() {
+    return std::chrono::steady_clock::now();
+}
+
+ui64_t steady_ms() {
+    using std::chrono::milliseconds;
+    return static_cast<ui64_t>(
+        std::chrono::duration_cast<milliseconds>(steady_now().time_since_epoch()).count());
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- Listener, EventDistributor
+
+Listener::Listener(const std::string& listener_callback, const PListDict& listener_data)
+    : callback(listener_callback), data(listener_data) {
+    GenRandomValue(id);
+}
+
+Listener::Listener(const std::string& listener_callback) : Listener(listener_callback, PListDict()) {}
+
+EventDistributor::EventDistributor(const std::string& event_name, const PListDict& event_data)
+    : name(event_name), data(event_data) {}
+
+EventDistributor::EventDistributor(const std::string& event_name)
+    : EventDistributor(event_name, PListDict()) {}
+
+// ---------------------------------------------------------------- Timer
+
+Timer::Timer(const std::string& timer_event_name, const i64_t& timer_interval_sec,
+             const Timestamp& timer_start_time, const PListDict& timer_data)
+    : event_name(timer_event_name),
+      data(timer_data),
+      start_time(timer_start_time),
+      interval_sec(timer_interval_sec) {
+    GenRandomValue(id);
+}
+
+Timer::Timer(const std::string& timer_event_name, const i64_t& timer_interval_sec,
+             const Timestamp& timer_start_time)
+    : Timer(timer_event_name, timer_interval_sec, timer_start_time, PListDict()) {}
+
+static void Timer_copy_impl(const Timer& from, Timer& to) {
+    to.id = from.id;
+    to.event_name = from.event_name;
+    to.data = from.data;
+    to.start_time = from.start_time;
+    to.interval_sec = from.interval_sec;
+}
+
+Timer::Timer(const Timer& other) : interval_sec(0) {
+    Timer_copy_impl(other, *this);
+}
+
+Timer& Timer::operator=(const Timer& other) {
+    Timer_copy_impl(other, *this);
+    return *this;
+}
+
+/// Moves a time by an interval, of which the low 32 bits count, as signed.
+static Timestamp later_by(Timestamp time, i64_t interval_sec) {
+    time.AddSeconds(static_cast<i32_t>(static_cast<ui32_t>(interval_sec)));
+    return time;
+}
+
+// ---------------------------------------------------------------- Watch
+
+Watch::Watch(const std::string& watch_path, const std::string& watch_event_name, const PListDict& watch_data,
+             bool watch_once)
+    : once(watch_once), path(watch_path), event_name(watch_event_name), data(watch_data) {}
+
+Watch::Watch(const std::string& watch_path, const std::string& watch_event_name, bool watch_once)
+    : Watch(watch_path, watch_event_name, PListDict(), watch_once) {}
+
+// ---------------------------------------------------------------- EventQueue: construction
+
+EventQueue::EventQueue(ui32_t timeout_ms)
+    : m_Timeout_ms(static_cast<i32_t>(timeout_ms)),
+      m_MaxListeners(DefaultMaxListeners),
+      m_MaxWatches(DefaultMaxWatches),
+      m_WsManager(timeout_ms),
+      m_RunOK(true) {
+    InitPython();
+}
+
+EventQueue::~EventQueue() {
+    m_WsManager.CloseAll();
+    for (caller_t* caller : m_CallerThreads) delete caller;
+    m_CallerThreads.clear();
+    for (Timer* timer : m_Timers) delete timer;
+}
+
+Result_t EventQueue::InitEventQueue(const PListDict& events_config, const PListDict& end_point_cfg) {
+    const bool uses_tls = !end_point_cfg.GetData("TLSIdentity").Text().empty();
+    int listen_port = 0;
+    end_point_cfg.GetData("ListenPort").GetValue(listen_port, 0);
+    if (listen_port == 0) listen_port = uses_tls ? 443 : 80;
+
+    m_ServiceEndPoint.m_Empty = false;
+    m_ServiceEndPoint.Scheme = uses_tls ? "https" : "http";
+    m_ServiceEndPoint.Hostname = "localhost";
+    m_ServiceEndPoint.Port = static_cast<Mirel::ui16_t>(listen_port);
+
+    IEventQueue& queue = *this;
+    queue.SetQueueState(events_config);
+    return RESULT_OK;
+}
+
+// ---------------------------------------------------------------- EventQueue: state document and state file
+
+void EventQueue::GetQueueState(PListDict& state) const {
+    {
+        AutoMutex lock(m_EventLock);
+        state.SetValue(Strings::max_listeners, static_cast<int>(m_MaxListeners));
+        state.SetValue(Strings::max_watches, static_cast<int>(m_MaxWatches));
+    }
+    const IEventQueue& queue = *this;
+    queue.GetEventState(state);
+    queue.GetTimerState(state);
+    queue.GetWatchState(state);
+}
+
+void EventQueue::SetQueueState(const PListDict& config) {
+    IEventQueue& queue = *this;
+    queue.SetEventState(config);
+    queue.SetTimerState(config);
+    queue.SetWatchState(config);
+}
+
+void EventQueue::UseStateFile(const std::string& path) {
+    {
+        AutoMutex lock(m_SaveLock);
+        m_StateFile = path;
+    }
+    WriteState();
+}
+
+/// Replaces the file at `path` by `text` in one step; `what` failed is logged.
+static Result_t replace_file(const std::string& path, const std::string& text) {
+    const std::string temporary = path + ".temp";
+    const Result_t written = Mirel::WriteStringIntoFile(temporary, text);
+    if (written.Failure()) {
+        const int reason = errno;
+        DefaultLogSink().Error("Unable to write queue state to \"%s\": %s\n", temporary.c_str(),
+                               strerror(reason));
+        return written;
+    }
+    if (rename(temporary.c_str(), path.c_str()) == -1) {
+        const int reason = errno;
+        DefaultLogSink().Error("%s: %s\n", path.c_str(), strerror(reason));
+        return Mirel::RESULT_WRITEFAIL.WithMessage(path + ": " + strerror(reason));
+    }
+    return RESULT_OK;
+}
+
+/// The lock covers building the document too: otherwise a thread that built an older one could write it last.
+Result_t EventQueue::SaveState() const {
+    AutoMutex lock(m_SaveLock);
+    if (m_StateFile.empty()) return RESULT_OK;
+
+    PListDict state;
+    const IEventQueue& queue = *this;
+    queue.GetQueueState(state);
+
+    std::string json;
+    Result_t result = state.EncodeJSON(json);
+    if (result.Failure()) {
+        DefaultLogSink().Error("Unable to encode queue state for \"%s\": %s\n", m_StateFile.c_str(),
+                               result.Message());
+    } else {
+        result = replace_file(m_StateFile, json);
+    }
+    ++(result.Success() ? m_Counters.saves : m_Counters.failed_saves);
+    m_Counters.last_save_failed = result.Failure();
+    return result;
+}
+
+/// The change that asks for it has taken effect, so a failure is logged and goes no further.
+void EventQueue::WriteState() const { (void)SaveState(); }
+
+// ---------------------------------------------------------------- EventQueue: events and listeners
+
+i32_t EventQueue::GetMaxListeners() const {
+    return m_MaxListeners;
+}
+
+void EventQueue::SetMaxListeners(i32_t max) {
+    m_MaxListeners = max;
+}
+
+/// The number of listeners of all events.
+static ui32_t queue_size(const event_map& queue) {
+    std::size_t size = 0;
+    for (const auto& [name, event] : queue) size += event.listeners.size();
+    return static_cast<ui32_t>(size);
+}
+
+static PListDict* listener_entry(const Listener& listener) {
+    auto* entry = new PListDict;
+    entry->SetValue(Strings::id, id_text(listener.id));
+    entry->SetValue(Strings::callback, listener.callback);
+    if (!listener.data.Empty()) entry->SetItem(Strings::listener_data, listener.data);
+    return entry;
+}
+
+static PListDict* event_entry(const EventDistributor& event) {
+    auto* entry = new PListDict;
+    entry->SetValue(Strings::event_name, event.name);
+    if (!event.data.Empty()) entry->SetItem(Strings::event_data, event.data);
+    auto* listeners = new PListArray;
+    entry->SetItem(Strings::listener_list, listeners);
+    for (const Listener& listener : event.listeners) listeners->Append(listener_entry(listener));
+    return entry;
+}
+
+void EventQueue::GetEventState(PListDict& state) const {
+    auto* events = new PListArray;
+    state.SetItem(Strings::event_list, events);
+    AutoMutex lock(m_EventLock);
+    for (const auto& [name, event] : m_Events) events->Append(event_entry(event));
+}
+
+/// Offers every listener of a state document's event to the queue.
+static void restore_listeners(IEventQueue& queue, const std::string& event_name,
+                              const PListArray& listeners) {
+    int position = -1;
+    for (const PListItem& item : listeners) {
+        ++position;
+        const PListDict* entry = as_dict(&item);
+        if (!entry) {
+            DefaultLogSink().Error("Non-dictionary listener array entry.\n");
+            continue;
+        }
+        const std::string callback = entry->GetData(Strings::callback).Text();
+        if (callback.empty()) {
+            DefaultLogSink().Error("Skipping empty callback %d in event \"%s\".\n", position,
+                                   event_name.c_str());
+            continue;
+        }
+        UUID callback_id;
+        queue.CreateEventListener(event_name, callback, as_dict(entry->GetItem(Strings::listener_data)),
+                                  callback_id);
+    }
+}
+
+void EventQueue::SetEventState(const PListDict& state) {
+    const PListArray* events = as_array(state.GetItem(Strings::event_list));
+    if (!events) return;
+    IEventQueue& queue = *this;
+    for (const PListItem& item : *events) {
+        const PListDict* entry = as_dict(&item);
+        if (!entry) {
+            DefaultLogSink().Error("Non-dictionary event array entry.\n");
+            continue;
+        }
+        const std::string event_name = entry->GetData(Strings::event_name).Text();
+        if (event_name.empty()) {
+            DefaultLogSink().Error("Skipping empty event.\n");
+            continue;
+        }
+        const PListDict* event_data = as_dict(entry->GetItem(Strings::event_data));
+        PListDict data = copy_or_empty(event_data);
+        queue.CreateEvent(event_name, event_data ? &data : nullptr);
+        const PListArray* listeners = as_array(entry->GetItem(Strings::listener_list));
+        if (listeners) restore_listeners(queue, event_name, *listeners);
+    }
+}
+
+void EventQueue::AdoptWsClient(TCPSession& session) {
+    m_WsManager.AdoptWsClient(session);
+}
+
+Status_t EventQueue::CreateEvent(const std::string& event_name, PListDict* event_data) {
+    {
+        AutoMutex lock(m_EventLock);
+        if (queue_size(m_Events) > static_cast<ui32_t>(m_MaxListeners)) return Velmora::STATUS_409_CONFLICT;
+        if (m_Events.count(event_name)) return Velmora::STATUS_412_PRECOND_FAILED;
+        m_Events.try_emplace(event_name, event_name, copy_or_empty(event_data));
+    }
+    WriteState();
+    return Velmora::STATUS_201_CREATED;
+}
+
+void EventQueue::DeleteAllEvents() {
+    {
+        AutoMutex lock(m_EventLock);
+        m_Events.clear();
+    }
+    WriteState();
+}
+
+bool EventQueue::DeleteEvent(const std::string& event_name) {
+    {
+        AutoMutex lock(m_EventLock);
+        if (m_Events.erase(event_name) == 0) return false;
+    }
+    WriteState();
+    return true;
+}
+
+/// Whether a callback can be registered. Posting looks closer: there only a leading "python://" names a
+/// handler.
+static bool callback_is_usable(const std::string& callback) {
+    if (callback.find(PythonScheme) != std::string::npos) return true;
+    URL url;
+    return url.Parse(callback) || url.ParsePath(callback);
+}
+
+static bool has_callback(const EventDistributor& event, const std::string& callback) {
+    for (const Listener& listener : event.listeners) {
+        if (listener.callback == callback) return true;
+    }
+    return false;
+}
+
+Status_t EventQueue::CreateEventListener(const std::string& event_name, const std::string& callback,
+                                         const PListDict* listener_data, UUID& callback_id) {
+    {
+        AutoMutex lock(m_EventLock);
+        if (queue_size(m_Events) > static_cast<ui32_t>(m_MaxListeners)) return Velmora::STATUS_409_CONFLICT;
+        const auto event = m_Events.find(event_name);
+        if (event == m_Events.end()) return Velmora::STATUS_404_NOT_FOUND;
+        if (!callback_is_usable(callback)) return Velmora::STATUS_400_BAD_REQ;
+        if (has_callback(event->second, callback)) return Velmora::STATUS_412_PRECOND_FAILED;
+        event->second.listeners.emplace_back(callback, copy_or_empty(listener_data));
+        callback_id = event->second.listeners.back().id;
+    }
+    WriteState();
+    return Velmora::STATUS_201_CREATED;
+}
+
+bool EventQueue::DeleteListenersForEvent(const std::string& event_name) {
+    {
+        AutoMutex lock(m_EventLock);
+        const auto event = m_Events.find(event_name);
+        if (event == m_Events.end()) return false;
+        event->second.listeners.clear();
+    }
+    WriteState();
+    return true;
+}
+
+bool EventQueue::DeleteEventListener(const std::string& event_name, const UUID& id) {
+    {
+        AutoMutex lock(m_EventLock);
+        const auto event = m_Events.find(event_name);
+        if (event == m_Events.end()) return false;
+        if (event->second.listeners.remove_if([&](const Listener& listener) { return listener.id == id; }) ==
+            0) {
+            return false;
+        }
+    }
+    WriteState();
+    return true;
+}
+
+// ---------------------------------------------------------------- EventQueue: history
+
+void EventQueue::GetEventHistory(PListDict& history) const {
+    auto records = std::make_unique<PListArray>();
+    {
+        AutoMutex lock(m_HistoryLock);
+        *records = m_EventHistory;  // shares the records: the cost does not grow with their number
+    }
+    history.SetItem(Strings::history, records.release());
+}
+
+void EventQueue::AppendHistory(const PListDict& event_data) {
+    const std::string_view timestamp = event_data.GetData(Strings::timestamp).TextView();
+    AutoMutex lock(m_HistoryLock);
+    m_EventHistory.Append(event_data);
+    if (m_HistoryRuns.empty() || m_HistoryRuns.back().timestamp != timestamp) {
+        m_HistoryRuns.push_back({std::string(timestamp), 0});
+    }
+    ++m_HistoryRuns.back().count;
+    ++m_HistoryIndexed;
+}
+
+void EventQueue::IndexHistory() {
+    m_HistoryRuns.clear();
+    for (const PListItem& item : std::as_const(m_EventHistory)) {
+        const std::string text = static_cast<const PListDict&>(item).GetData(Strings::timestamp).Text();
+        if (m_HistoryRuns.empty() || m_HistoryRuns.back().timestamp != text)
+            m_HistoryRuns.push_back({text, 0});
+        ++m_HistoryRuns.back().count;
+    }
+    m_HistoryIndexed = m_EventHistory.Size();
+}
+
+/// The records of one second share their timestamp's text, so that the runs decide for many records at once;
+/// and what is trimmed is only taken off here. A million records are gone from the history within the lock in
+/// well under a millisecond, and DestroyTrimmedHistory() frees them where nobody waits.
+void EventQueue::TrimHistory() {
+    Timestamp horizon;
+    horizon.AddSeconds(-HistoryRetention_sec);
+
+    AutoMutex lock(m_HistoryLock);
+    if (m_HistoryIndexed != m_EventHistory.Size()) IndexHistory();
+    std::size_t expired = 0;
+    while (!m_HistoryRuns.empty()) {
+        Timestamp time;
+        if (time.DecodeString(m_HistoryRuns.front().timestamp.c_str()) && time > horizon) break;
+        expired += m_HistoryRuns.front().count;
+        m_HistoryRuns.pop_front();
+    }
+    if (expired == 0) return;
+    m_TrimmedHistory = m_EventHistory.TakeFirst(expired);
+    m_HistoryIndexed -= expired;
+}
+
+void EventQueue::DestroyTrimmedHistory() {
+    PListArray trimmed;
+    AutoMutex lock(m_HistoryLock);
+    std::swap(trimmed, m_TrimmedHistory);
+}
+
+// ---------------------------------------------------------------- EventQueue: posting
+
+bool EventQueue::PostEvent(const std::string& event_name, const PListDict* value) {
+    AutoMutex lock(m_EventLock);
+    DefaultLogSink().Debug("Posting event \"%s\".\n", event_name.c_str());
+    const auto found = m_Events.find(event_name);
+    if (found == m_Events.end()) return false;
+    const EventDistributor& event = found->second;
+
+    char timestamp[TextBufferSize];
+    PListDict payload;
+    payload.SetValue(Strings::event_name, event_name);
+    payload.SetValue(Strings::timestamp, Timestamp().EncodeString(timestamp, TextBufferSize));
+    if (value) payload.SetItem(Strings::post_data, *value);
+    payload.SetItem(Strings::event_data, event.data);
+
+    AppendHistory(payload);
+    m_WsManager.SendToListeners(payload);
+    m_Counters.postings.fetch_add(1, std::memory_order_relaxed);
+    for (const Listener& listener : event.listeners) {
+        payload.DeleteItem(Strings::listener_data);
+        payload.SetItem(Strings::listener_data, listener.data);
+        CallListener(listener, payload);
+    }
+    return true;
+}
+
+/// Owns one reference to a Python object, or none. The interpreter lock must be held throughout.
+class PythonReference {
+  public:
+    explicit PythonReference(PyObject* object) : m_Object(object) {}
+    ~PythonReference() { Py_XDECREF(m_Object); }
+    PythonReference(const PythonReference&) = delete;
+    PythonReference& operator=(const PythonReference&) = delete;
+    PyObject* Get() const { return m_Object; }
+    explicit operator bool() const { return m_Object != nullptr; }
+
+  private:
+    PyObject* const m_Object;
+};
+
+static void log_pending_python_error() {
+    if (PyErr_Occurred()) mr_log_python_exception(Mirel::LOG_ERROR);
+}
+
+/// A new reference to the loaded module, used as it is, or to the module imported now; null where that fails.
+static PyObject* find_python_module(const std::string& module_name) {
+    PyObject* module = PyDict_GetItemString(PyImport_GetModuleDict(), module_name.c_str());
+    if (!module) return PyImport_ImportModule(module_name.c_str());
+    Py_INCREF(module);
+    return module;
+}
+
+/// Calls the handler with the payload as its one argument.
+static void call_python_handler(PyObject* handler, const PListDict& payload) {
+    PythonReference arguments(PyTuple_New(1));
+    PyObject* argument = arguments ? PyObject_FromPListItem(payload) : nullptr;
+    if (!argument) {
+        log_pending_python_error();
+        return;
+    }
+    PyTuple_SetItem(arguments.Get(), 0, argument);  // takes the reference over
+    const PythonReference result(PyObject_CallObject(handler, arguments.Get()));
+    if (!result) log_pending_python_error();
+}
+
+/// Runs the function "event_handler" of a Python module. What goes wrong is logged.
+static void exec_python_handler(const std::string& module_name, const PListDict& payload) {
+    const PythonContextLock context;
+    const PythonReference module(find_python_module(module_name));
+    if (!module) {
+        log_pending_python_error();
+        DefaultLogSink().Error("Unable to locate Python module \"%s\".\n", module_name.c_str());
+        return;
+    }
+    DefaultLogSink().Debug("Ready to exec \"%s\".\n", module_name.c_str());
+    const PythonReference handler(PyObject_GetAttrString(module.Get(), "event_handler"));
+    if (!handler) {
+        log_pending_python_error();
+        return;
+    }
+    if (!PyCallable_Check(handler.Get())) {
+        DefaultLogSink().Error("Python object %s.event_handler must be callable.\n", module_name.c_str());
+        return;
+    }
+    call_python_handler(handler.Get(), payload);
+}
+
+void EventQueue::CallListener(const Listener& listener, const PListDict& payload) {
+    if (listener.callback.compare(0, PythonScheme.size(), PythonScheme) == 0) {
+        exec_python_handler(listener.callback.substr(PythonScheme.size()), payload);
+        return;
+    }
+
+    BasicRestEntryCall call;
+    call.Method = listener.data.Empty() ? Velmora::METH_GET : Velmora::METH_POST;
+    if (!call.TargetUrl.Parse(listener.callback)) {
+        if (!call.TargetUrl.ParsePath(listener.callback)) {
+            DefaultLogSink().Error("Unable to parse callback URL: %s\n", listener.callback.c_str());
+            return;
+        }
+        call.TargetUrl.Scheme = m_ServiceEndPoint.Scheme;
+        call.TargetUrl.Hostname = m_ServiceEndPoint.Hostname;
+        call.TargetUrl.Port = m_ServiceEndPoint.Port;
+        (void)LocalAccessManager::SelfAuthRestCallback().Call(call);
+    }
+    call.RequestHeaders.emplace(Velmora::Strings::ContentType, Velmora::Strings::MIME_json);
+
+    std::string body;
+    if (!listener.data.Empty()) (void)payload.EncodeJSON(body);
+    StartCaller(call, body);
+}
+
+void EventQueue::StartCaller(const BasicRestEntryCall& call, const std::string& body) {
+    if (DefaultLogSink().Logs(Mirel::LOG_DEBUG)) {
+        DefaultLogSink().Debug("Event dispatched to \"%s\".\n", call.TargetUrl.ComposeAbsolute().c_str());
+    }
+    auto* caller = new caller_t(call, body);
+    caller->Timeout_ms(static_cast<ui32_t>(m_Timeout_ms));
+    m_CallerThreads.push_back(caller);
+    caller->VerifyPeer(false);
+    const Result_t started = caller->Start("EventQueue::PostEvent");
+    if (started.Failure())
+        Velmora::CountRequestNotStarted(call, started);  // and it is reaped like a finished one
+}
+
+// ---------------------------------------------------------------- EventQueue: timers
+
+static PListDict* timer_entry(const Timer& timer) {
+    auto* entry = new PListDict;
+    entry->SetValue(Strings::id, id_text(timer.id));
+    entry->SetValue(Strings::event_name, timer.event_name);
+    if (!timer.data.Empty()) entry->SetItem(Strings::timer_data, timer.data);
+    if (timer.interval_sec != 0) {
+        entry->SetValue(Strings::interval_sec, std::to_string(timer.interval_sec));
+    } else {
+        entry->SetValue(Strings::start_time, time_text(timer.start_time));
+    }
+    return entry;
+}
+
+void EventQueue::GetTimerState(PListDict& state) const {
+    auto* timers = new PListArray;
+    state.SetItem(Strings::timer_list, timers);
+    AutoMutex lock(m_TimerLock);
+    for (const Timer* timer : m_Timers) timers->Append(timer_entry(*timer));
+}
+
+/// Offers one timer of a state document to the queue.
+static void restore_timer(IEventQueue& queue, const PListDict& entry) {
+    const std::string event_name = entry.GetData(Strings::event_name).Text();
+    const std::string start_text = entry.GetData(Strings::start_time).Text();
+    i64_t interval_sec = 0;
+    entry.GetData(Strings::interval_sec).GetValue(interval_sec);
+    if (event_name.empty() || (interval_sec == 0 && start_text.empty())) {
+        DefaultLogSink().Error("Skipping empty timer.\n");
+        return;
+    }
+    Timestamp start;
+    if (!start_text.empty() && !start.DecodeString(start_text.c_str())) {
+        DefaultLogSink().Error("Error decoding timestamp in timer \"%s\".\n", event_name.c_str());
+        return;
+    }
+    UUID timer_id;
+    queue.CreateTimer(event_name, start, interval_sec, as_dict(entry.GetItem(Strings::timer_data)), timer_id);
+}
+
+void EventQueue::SetTimerState(const PListDict& state) {
+    const PListArray* timers = as_array(state.GetItem(Strings::timer_list));
+    if (!timers) return;
+    for (const PListItem& item : *timers) {
+        const PListDict* entry = as_dict(&item);
+        if (entry) {
+            restore_timer(*this, *entry);
+        } else {
+            DefaultLogSink().Error("Non-dictionary timer array entry.\n");
+        }
+    }
+}
+
+bool EventQueue::CreateTimer(const std::string& event_name, const Timestamp& timestamp,
+                             const i64_t& interval_sec, const PListDict* timer_data, UUID& timer_id) {
+    const Timestamp start = interval_sec == 0 ? timestamp : later_by(Timestamp(), interval_sec);
+    auto timer = std::make_unique<Timer>(event_name, interval_sec, start, copy_or_empty(timer_data));
+    timer_id = timer->id;
+    {
+        AutoMutex lock(m_TimerLock);
+        m_Timers.push_back(timer.get());
+        timer.release();
+    }
+    WriteState();
+    return true;
+}
+
+void EventQueue::DeleteAllTimers() {
+    {
+        AutoMutex lock(m_TimerLock);
+        for (Timer* timer : m_Timers) delete timer;
+        m_Timers.clear();
+    }
+    WriteState();
+}
+
+/// Destroys the timer with that id and takes it off the list; false where there is none.
+static bool erase_timer(timer_list& timers, const UUID& id) {
+    for (auto it = timers.begin(); it != timers.end(); ++it) {
+        if (!((*it)->id == id)) continue;
+        delete *it;
+        timers.erase(it);
+        return true;
+    }
+    return false;
+}
+
+bool EventQueue::DeleteTimer(const UUID& timer_id) {
+    {
+        AutoMutex lock(m_TimerLock);
+        if (!erase_timer(m_Timers, timer_id)) return false;
+    }
+    WriteState();
+    return true;
+}
+
+// ---------------------------------------------------------------- EventQueue: watches
+
+i32_t EventQueue::GetMaxWatches() const {
+    return m_MaxWatches;
+}
+
+void EventQueue::SetMaxWatches(i32_t max) {
+    m_MaxWatches = max;
+}
+
+static PListDict* watch_entry(const Watch& watch) {
+    auto* entry = new PListDict;
+    entry->SetValue(Strings::path, watch.path);
+    entry->SetValue(Strings::event_name, watch.event_name);
+    entry->SetValue(Strings::once, watch.once);
+    if (!watch.data.Empty()) entry->SetItem(Strings::watch_data, watch.data);
+    return entry;
+}
+
+void EventQueue::GetWatchState(PListDict& state) const {
+    auto* watches = new PListArray;
+    state.SetItem(Strings::watch_list, watches);
+    AutoMutex lock(m_WatchLock);
+    for (const auto& [path, watch] : m_Watches) watches->Append(watch_entry(watch));
+}
+
+/// Offers one watch of a state document to the queue.
+static void restore_watch(IEventQueue& queue, const PListDict& entry) {
+    const std::string path = entry.GetData(Strings::path).Text();
+    const std::string event_name = entry.GetData(Strings::event_name).Text();
+    bool once = false;
+    entry.GetData(Strings::once).GetValue(once);
+    if (path.empty() || event_name.empty()) {
+        DefaultLogSink().Error("Skipping empty watch.\n");
+        return;
+    }
+    queue.CreateWatch(path, event_name, as_dict(entry.GetItem(Strings::watch_data)), once);
+}
+
+void EventQueue::SetWatchState(const PListDict& state) {
+    const PListArray* watches = as_array(state.GetItem(Strings::watch_list));
+    if (!watches) return;
+    for (const PListItem& item : *watches) {
+        const PListDict* entry = as_dict(&item);
+        if (entry) {
+            restore_watch(*this, *entry);
+        } else {
+            DefaultLogSink().Error("Non-dictionary watch array entry.\n");
+        }
+    }
+}
+
+bool EventQueue::CreateWatch(const std::string& path, const std::string& event_name,
+                             const PListDict* watch_data, const bool& once) {
+    {
+        AutoMutex lock(m_WatchLock);
+        if (m_Watches.size() > static_cast<ui64_t>(static_cast<i64_t>(m_MaxWatches))) {
+            DefaultLogSink().Error("Max watches exceeded.\n");
+            return false;
+        }
+        if (m_Watches.count(path)) return false;
+        m_Watches.emplace(path, Watch(path, event_name, copy_or_empty(watch_data), once));
+    }
+    WriteState();
+    return true;
+}
+
+void EventQueue::DeleteAllWatches() {
+    {
+        AutoMutex lock(m_WatchLock);
+        m_Watches.clear();
+    }
+    WriteState();
+}
+
+bool EventQueue::DeleteWatch(const std::string& path) {
+    {
+        AutoMutex lock(m_WatchLock);
+        const auto watch = m_Watches.find(path);
+        if (watch == m_Watches.end()) return false;
+        watch->second.mode = WM_DESTROY;
+    }
+    WriteState();
+    return true;
+}
+
+/// For the last save, when the worker is no longer there to erase what was to end.
+void EventQueue::DropEndedWatches() {
+    AutoMutex lock(m_WatchLock);
+    std::erase_if(m_Watches, [](const auto& entry) {
+        return entry.second.mode == WM_DESTROY || entry.second.mode == WM_END;
+    });
+}
+
+// ---------------------------------------------------------------- EventQueue: the kernel's watch stream
+
+static int event_stream_open() {
+    const int fd = inotify_init();
+    if (fd < 0) {
+        DefaultLogSink().Error("Kernel queue: %s.\n", strerror(errno));
+        return fd;
+    }
+    const Result_t non_blocking = Velmora::SetSockNonBlocking(fd);
+    assert(non_blocking.Success());
+    (void)non_blocking;
+    return fd;
+}
+
+static void event_stream_close(int fd) {
+    close(fd);
+}
+
+static void event_stream_init_item(int fd, Watch& watch) {
+    const ui32_t mask = Mirel::PathIsDirectory(watch.path) ? IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_ISDIR
+                                                           : IN_MODIFY | IN_CREATE;
+    watch.handle = inotify_add_watch(fd, watch.path.c_str(), mask);
+    if (watch.handle < 0) {
+        DefaultLogSink().Error("Init watch failed for %s: %s\n", watch.path.c_str(), strerror(errno));
+        watch.mode = WM_END;
+        return;
+    }
+    DefaultLogSink().Debug("watch.handle=%d\n", watch.handle);
+    watch.mode = WM_RUNNING;
+}
+
+static void event_stream_fini_item(int fd, Watch& watch) {
+    assert(watch.mode == WM_DESTROY);
+    if (watch.handle != -1 && inotify_rm_watch(fd, watch.handle) == -1) {
+        DefaultLogSink().Error("Remove watch failed for %s: %s\n", watch.path.c_str(), strerror(errno));
+    }
+    watch.handle = -1;
+    watch.mode = WM_END;
+}
+
+/// The watch descriptors in the kernel's records (inotify(7)), each once; -1 stands for an overflow of the
+/// kernel's queue. A record cut off at the end of the bytes is left out where its header is not whole.
+static std::set<int> event_stream_decode(const char* bytes, std::size_t size) {
+    std::set<int> descriptors;
+    inotify_event record;
+    while (size >= sizeof(record)) {
+        std::memcpy(&record, bytes, sizeof(record));
+        descriptors.insert(record.wd);
+        const std::size_t length = sizeof(record) + record.len;
+        if (length > size) break;
+        bytes += length;
+        size -= length;
+    }
+    return descriptors;
+}
+
+/// Marks what changed. A watch whose removal was requested meanwhile is left to end; one without a kernel
+/// watch has seen nothing, also where the kernel's overflow record bears the same -1.
+static void event_stream_mark_fired(const std::set<int>& changed, watch_map& watches) {
+    const bool overflow = changed.count(-1) != 0;
+    for (auto& [path, watch] : watches) {
+        if (watch.handle < 0 || watch.mode == WM_DESTROY || watch.mode == WM_END) continue;
+        if (overflow || changed.count(watch.handle)) watch.mode = WM_FIRED;
+    }
+}
+
+static bool is_transient(int error) {
+    return error == EAGAIN || error == EINTR;
+}
+
+static void event_stream_proc_stream(int fd, watch_map& watches, Mutex& lock) {
+    pollfd waiting{fd, POLLIN, 0};
+    const int ready = poll(&waiting, 1, WatchWait_ms);
+    if (ready < 0 && !is_transient(errno)) DefaultLogSink().Error("IdleWaitPend: %s\n", strerror(errno));
+    if (ready <= 0) return;
+
+    char buffer[WatchReadSize];
+    const ssize_t bytes = read(fd, buffer, sizeof(buffer));
+    if (bytes < 0) {
+        if (!is_transient(errno)) DefaultLogSink().Error("Read watch failed: %s\n", strerror(errno));
+        return;
+    }
+    DefaultLogSink().Debug("WATCH EVENT: %d bytes\n", static_cast<int>(bytes));
+    const std::set<int> changed = event_stream_decode(buffer, static_cast<std::size_t>(bytes));
+    if (changed.count(-1)) {
+        DefaultLogSink().Notice(
+            "Kernel queue overflow: firing every watch, since what changed is unknown.\n");
+    }
+    AutoMutex watch_lock(lock);
+    event_stream_mark_fired(changed, watches);
+}
+
+// ---------------------------------------------------------------- EventQueue: the worker
+
+Result_t EventQueue::ThreadInit() {
+    return RESULT_OK;
+}
+
+Result_t EventQueue::ThreadFini(Result_t result) {
+    return result;
+}
+
+Result_t EventQueue::ThreadStop() {
+    m_RunOK = false;
+    return RESULT_OK;
+}
+
+Result_t EventQueue::ThreadBody() {
+    const int event_stream = event_stream_open();
+    if (event_stream < 0) return RESULT_FILEOPEN;
+    m_Counters.pass_ended_ms = steady_ms();
+    while (m_RunOK) {
+        MaintainWatches(event_stream);
+        WaitForChanges(event_stream);
+        const auto began = steady_now();
+        FireWatches();
+        FireTimers();
+        ReapCallersAndTrimHistory();
+        CountPass(began);
+    }
+    event_stream_close(event_stream);
+    return RESULT_OK;
+}
+
+void EventQueue::MaintainWatches(int event_stream) {
+    AutoMutex lock(m_WatchLock);
+    for (auto it = m_Watches.begin(); it != m_Watches.end();) {
+        Watch& watch = it->second;
+        if (watch.mode == WM_END) {
+            it = m_Watches.erase(it);
+            continue;
+        }
+        if (watch.mode == WM_CREATE) event_stream_init_item(event_stream, watch);
+        if (watch.mode == WM_DESTROY) event_stream_fini_item(event_stream, watch);
+        ++it;
+    }
+}
+
+/// The lock checks are off since the stream function is handed the lock and takes it for the marking itself.
+void EventQueue::WaitForChanges(int event_stream) {
+    event_stream_proc_stream(event_stream, m_Watches, m_WatchLock);
+}
+
+void EventQueue::FireWatches() {
+    PListDict payload;
+    IEventQueue& queue = *this;
+    AutoMutex lock(m_WatchLock);
+    for (auto& [path, watch] : m_Watches) {
+        if (watch.mode != WM_FIRED) continue;
+        DefaultLogSink().Debug("Firing filesystem event %s.\n", watch.path.c_str());
+        payload.SetValue(Strings::path, watch.path);
+        queue.PostEvent(watch.event_name, &payload);
+        ++m_Counters.watch_postings;
+        watch.mode = WM_RUNNING;
+    }
+}
+
+void EventQueue::FireTimers() {
+    const Timestamp now;
+    Timestamp expiry_limit = now;
+    expiry_limit.AddSeconds(-TimerExpiry_sec);
+    AutoMutex lock(m_TimerLock);
+    for (auto it = m_Timers.begin(); it != m_Timers.end();) {
+        Timer* timer = *it;
+        assert(timer);
+        if (timer->start_time > now || FireTimer(*timer, now, expiry_limit)) {
+            ++it;
+            continue;
+        }
+        delete timer;
+        it = m_Timers.erase(it);
+    }
+}
+
+/// Fires a due timer, or drops it where it is too late. True when the timer stays.
+bool EventQueue::FireTimer(Timer& timer, const Timestamp& now, const Timestamp& expiry_limit) {
+    if (timer.start_time < expiry_limit) {
+        DefaultLogSink().Notice("Deleted expired event %s at start time %s\n", id_text(timer.id).c_str(),
+                                time_text(timer.start_time).c_str());
+        return false;
+    }
+    DefaultLogSink().Debug("Firing timer event %s.\n", id_text(timer.id).c_str());
+    IEventQueue& queue = *this;
+    queue.PostEvent(timer.event_name, &timer.data);
+    ++m_Counters.timer_postings;
+    if (timer.interval_sec < 1) return false;
+    timer.start_time = later_by(now, timer.interval_sec);
+    return true;
+}
+
+/// Says why a finished caller failed to deliver; what never got an answer is in the client's counters.
+static void log_failed_callback(BackgroundHTTPRequestHandle<TLSHTTPRequestHandle>& caller) {
+    if (caller.Result().Failure() || StatusIsSuccess(caller.Status())) return;
+    DefaultLogSink().Error("Callback to \"%s\" failed: %d (%s)\n",
+                           caller.CallData_const().TargetUrl.ComposeSchemeAndHost(false).c_str(),
+                           static_cast<int>(caller.Status()), StatusToString(caller.Status()));
+}
+
+EventQueue::caller_list EventQueue::TakeFinishedCallers() {
+    caller_list finished;
+    for (auto it = m_CallerThreads.begin(); it != m_CallerThreads.end();) {
+        const auto caller = it++;
+        if ((*caller)->IsFinished()) finished.splice(finished.end(), m_CallerThreads, caller);
+    }
+    return finished;
+}
+
+/// Callers and records leave their lists under the lock; nobody waits for the log and for their destruction.
+void EventQueue::ReapCallersAndTrimHistory() {
+    caller_list finished;
+    {
+        AutoMutex lock(m_EventLock);
+        finished = TakeFinishedCallers();
+        TrimHistory();
+    }
+    for (caller_t* caller : finished) {
+        log_failed_callback(*caller);
+        delete caller;
+    }
+    DestroyTrimmedHistory();
+}
+
+// ---------------------------------------------------------------- EventQueue: statistics
+
+void EventQueue::CountPass(std::chrono::steady_clock::time_point began) {
+    using std::chrono::microseconds;
+    const auto work = std::chrono::duration_cast<microseconds>(steady_now() - began).count();
+    m_Counters.last_pass_us = static_cast<ui64_t>(work);
+    m_Counters.pass_time_us += static_cast<ui64_t>(work);
+    m_Counters.pass_ended_ms = steady_ms();
+    ++m_Counters.passes;
+}
+
+/// Reads the sizes of what is not locked at the moment: whoever asks never waits behind a slow handler.
+void EventQueue::MeasureSizes() const {
+    if (m_EventLock.TryLock()) {
+        m_Counters.events = m_Events.size();
+        m_Counters.listeners = queue_size(m_Events);
+        m_Counters.callers = m_CallerThreads.size();
+        m_EventLock.Unlock();
+    }
+    if (m_TimerLock.TryLock()) {
+        m_Counters.timers = m_Timers.size();
+        m_TimerLock.Unlock();
+    }
+    if (m_WatchLock.TryLock()) {
+        m_Counters.watches = m_Watches.size();
+        m_WatchLock.Unlock();
+    }
+    if (m_HistoryLock.TryLock()) {
+        m_Counters.history = m_EventHistory.Size();
+        m_HistoryLock.Unlock();
+    }
+}
+
+QueueStatistics EventQueue::Statistics() const {
+    MeasureSizes();
+    QueueStatistics statistics;
+    statistics.Installed = true;
+    statistics.Passes = m_Counters.passes;
+    statistics.WorkerRunning = m_Counters.pass_ended_ms != 0 && !IsFinished();
+    if (statistics.WorkerRunning) statistics.SinceLastPass_ms = steady_ms() - m_Counters.pass_ended_ms;
+    statistics.LastPass_us = m_Counters.last_pass_us;
+    statistics.PassTime_us = m_Counters.pass_time_us;
+    statistics.Postings = m_Counters.postings;
+    statistics.TimerPostings = m_Counters.timer_postings;
+    statistics.WatchPostings = m_Counters.watch_postings;
+    statistics.Saves = m_Counters.saves;
+    statistics.FailedSaves = m_Counters.failed_saves;
+    statistics.LastSaveFailed = m_Counters.last_save_failed;
+    statistics.Events = m_Counters.events;
+    statistics.Listeners = m_Counters.listeners;
+    statistics.Timers = m_Counters.timers;
+    statistics.Watches = m_Counters.watches;
+    statistics.HistoryRecords = m_Counters.history;
+    statistics.CallersUnreaped = m_Counters.callers;
+    return statistics;
+}
+
+// ---------------------------------------------------------------- process-wide functions
+
+static Mutex s_lock;                                    // serialises creation and stopping
+static std::atomic<EventQueue*> s_eventqueue{nullptr};  // written once, under s_lock; never deleted
+static NilEventQueue s_nil_eventqueue;
+
+Result_t InitEventQueue(const PListDict& dict) {
+    int write_timeout = DefaultTimeout_ms;
+    dict.GetData(Strings::Timeout_ms).GetValue(write_timeout, DefaultTimeout_ms);
+    if (s_eventqueue.load(std::memory_order_acquire)) return RESULT_OK;
+
+    AutoMutex lock(s_lock);
+    if (s_eventqueue.load(std::memory_order_acquire)) return RESULT_OK;
+    auto* queue = new EventQueue(static_cast<ui32_t>(write_timeout));
+    s_eventqueue.store(queue, std::memory_order_release);
+
+    const PListDict& end_point_cfg = dict.GetDict(Velmora::Strings::Config::BindAddress);
+    const Result_t configured = queue->InitEventQueue(dict.GetDict(Strings::EventManager), end_point_cfg);
+    if (configured.Failure()) return configured;
+
+    // Only now, and with one save: a crash while starting cannot leave half of the document in place of the
+    // whole.
+    const std::string state_file = dict.GetData(Strings::StateFile).Text();
+    if (!state_file.empty()) queue->UseStateFile(state_file);
+    return queue->Start("EventQueue::Main");
+}
+
+IEventQueue& GlobalEventQueue() {
+    EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
+    if (queue) return *queue;
+    return s_nil_eventqueue;
+}
+
+Result_t StopEventQueue() {
+    EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
+    if (!queue) return RESULT_OK;
+    AutoMutex lock(s_lock);
+    return queue->Stop(StopLimit_ms, true);
+}
+
+Result_t SaveEventQueue() {
+    EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
+    if (!queue) return RESULT_OK;
+    if (queue->IsFinished()) queue->DropEndedWatches();
+    return queue->SaveState();
+}
+
+QueueStatistics GetQueueStatistics() {
+    const EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
+    return queue ? queue->Statistics() : QueueStatistics();
+}
+
+}  // namespace EventManager
