@@ -1,11 +1,17 @@
-# What "cmake --install" puts where: libraries, headers, the CMake package, the .pc file and the server.
+# What "cmake --install" puts where: libraries, headers, the CMake package, the .pc file and the server. Everything finds
+# the rest from where it stands, so that the prefix may also be chosen when installing.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS mirel velmora EventManager EXPORT EventManagerTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY mirel/ velmora/ src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/EventManager
-        FILES_MATCHING PATTERN "MR_*.h" PATTERN "VL_*.h" PATTERN "EventManager.h" PATTERN "LocalAccessManager.h")
+install(DIRECTORY mirel/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/EventManager FILES_MATCHING PATTERN "MR_*.h")
+# The rooms above have headers of their own beside these.
+install(FILES velmora/LocalAccessManager.h velmora/VL_HTTP.h velmora/VL_PList.h velmora/VL_Python.h
+              velmora/VL_Socket.h velmora/VL_WebSocket.h src/EventManager.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/EventManager)
 install(TARGETS velmora-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# Libraries of other places (another Python, say) are found at run time where they were linked from.
+set_target_properties(mirel velmora EventManager velmora-server PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
 set_target_properties(mirel velmora EventManager PROPERTIES INSTALL_RPATH "$ORIGIN")
 set_target_properties(velmora-server PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
@@ -14,8 +20,10 @@ configure_package_config_file(cmake/EventManagerConfig.cmake.in ${CMAKE_CURRENT_
                               INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/EventManager)
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/EventManagerConfigVersion.cmake
                                  COMPATIBILITY SameMajorVersion)
-configure_file(cmake/EventManager.pc.in ${CMAKE_CURRENT_BINARY_DIR}/EventManager.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/EventManagerConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/EventManagerConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/EventManager)
+
+file(RELATIVE_PATH VELMORA_PC_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+configure_file(cmake/EventManager.pc.in ${CMAKE_CURRENT_BINARY_DIR}/EventManager.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/EventManager.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,15 @@
+// A program of somebody else: every library's interface is used through what was installed.
+#include <EventManager.h>
+#include <LocalAccessManager.h>
+
+int main() {
+    Velmora::PListDict config;
+    config.SetValue("Timeout_ms", 250);
+    Mirel::DefaultLogSink().Level(Mirel::LOG_DEBUG);
+    const bool ok = EventManager::InitEventQueue(config).Success();
+    EventManager::IEventQueue& queue = EventManager::GlobalEventQueue();
+    const bool posted = queue.CreateEvent("greeting", &config) == Velmora::STATUS_201_CREATED &&
+                        queue.PostEvent("greeting", nullptr);
+    EventManager::StopEventQueue();
+    return ok && posted && !LocalAccessManager::IsSelfAuthorized("") ? 0 : 1;
+}

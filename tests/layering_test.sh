@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# layering_test.sh SOURCE: includes point one way (server -> src -> velmora -> mirel), and what programs include of the
+# libraries drags no heavy header in.
+set -euo pipefail
+cd "$1"
+rooms=(mirel velmora src server)
+status=0
+complain() { echo "$*" && status=1; }
+
+for room in "${!rooms[@]}"; do
+    while IFS=: read -r file header; do
+        for above in "${rooms[@]:room+1}"; do
+            [ ! -e "$above/$header" ] || complain "$file includes $header, which is above it in $above/"
+        done
+    done < <(grep -rHoP --include='*.h' --include='*.cpp' '^\s*#\s*include\s*["<]\K[^">]+' "${rooms[room]}")
+done
+heavy="$(grep -rnE --include='*.h' '^\s*#\s*include\s*<(boost|curl|openssl|rapidjson)/' mirel velmora src || true)"
+[ -z "$heavy" ] || complain "Headers that belong into .cpp files: $heavy"
+exit "$status"
