@@ -2,9 +2,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstdarg>
 #include <string>
 #include <string_view>
 
+#include "MR_mutex.h"
 #include "MR_types.h"
 
 namespace Mirel {
@@ -30,9 +32,9 @@ MR_EXPORT bool LogTypeFromName(std::string_view name, LogType_t& type);
 /// The sink's level is compared by severity: debug < info < notice < warn < error < crit < alert (as in
 /// syslog, RFC 5424; not by the enumerators' numbers). Below the level an operation costs one comparison:
 /// nothing is formatted. A newline at the end of the format is optional; control characters anywhere else are
-/// escaped, so that an entry is always one line.
+/// escaped, so that an entry is always one line. Logging leaves errno as it was.
 class MR_EXPORT ILogSink {
- public:
+  public:
     virtual ~ILogSink() = default;
 
     void Debug(const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -43,18 +45,26 @@ class MR_EXPORT ILogSink {
     void Crit(const char* format, ...) __attribute__((format(printf, 2, 3)));
     void Alert(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-    void Level(LogType_t level);
-    LogType_t Level() const;
-    bool Logs(LogType_t type) const;
+    /// The least severe entries that are still written. May be changed at any time.
+    void Level(LogType_t level) { m_Level.store(level, std::memory_order_relaxed); }
+    LogType_t Level() const { return m_Level.load(std::memory_order_relaxed); }
+    /// Whether entries of this type are written: for callers whose arguments cost something to make.
+    bool Logs(LogType_t type) const { return Severity(type) >= Severity(Level()); }
 
- protected:
+  protected:
     ILogSink() = default;
 
     /// One entry at or above the level: its message as formatted, its final newline included where the format
     /// had one, not yet escaped. Called from any thread, at the same time from several.
     virtual void WriteEntry(LogType_t type, std::string_view message) = 0;
 
- private:
+  private:
+    static constexpr int Severity(LogType_t type) {
+        constexpr int severities[] = {0, 1, 3, 4, 2, 6, 5};  // by enumerator, debug first
+        return severities[type];
+    }
+    void Format(LogType_t type, const char* format, va_list arguments) __attribute__((format(printf, 3, 0)));
+
     std::atomic<LogType_t> m_Level{LOG_INFO};
 };
 
@@ -65,28 +75,49 @@ MR_EXPORT ILogSink& DefaultLogSink();
 /// caller keeps ownership and must keep the sink alive as long as any thread may still log.
 MR_EXPORT ILogSink* SetDefaultLogSink(ILogSink* sink);
 
+/// Entries that no descriptor took since the process began (say, on a full disk): a failing log has nowhere
+/// to report itself.
+MR_EXPORT ui64_t LostLogEntries();
+
+/// Writes whole lines to a descriptor that it does not own, from any thread. A line is one write, so lines of
+/// other processes do not tear it either, where the kernel keeps a write whole (on a pipe up to 4096 bytes).
+class LineWriter {
+  public:
+    explicit LineWriter(int descriptor) : m_Descriptor(descriptor) {}
+
+    /// `line` ends in its newline. Waits where the descriptor cannot take it now; counts it as lost where it
+    /// fails. The process is expected to ignore SIGPIPE.
+    void Write(std::string_view line);
+
+  private:
+    const int m_Descriptor;
+    Mutex m_Lock;  // a line that takes several writes stays whole among this process's threads
+};
+
 /// Writes lines "2026-01-31T12:00:00.123Z ERROR [EventQueue::Main] message" to a descriptor it does not own.
-/// A line is one write, so that lines of several threads or processes are never torn.
+/// The text is UTF-8: bytes that are not become \xHH, as control characters do.
 class MR_EXPORT TextLogSink : public ILogSink {
- public:
-    explicit TextLogSink(int descriptor) : m_Descriptor(descriptor) {}
+  public:
+    explicit TextLogSink(int descriptor) : m_Writer(descriptor) {}
 
- private:
+  private:
     void WriteEntry(LogType_t type, std::string_view message) override;
-    const int m_Descriptor;
+    LineWriter m_Writer;
 };
 
-/// The same as one JSON object a line: {"time":…,"level":…,"thread":…,"message":…}.
+/// The same as one JSON object a line: {"time":…,"level":…,"thread":…,"message":…}. Bytes that are no UTF-8
+/// become U+FFFD.
 class MR_EXPORT JSONLogSink : public ILogSink {
- public:
-    explicit JSONLogSink(int descriptor) : m_Descriptor(descriptor) {}
+  public:
+    explicit JSONLogSink(int descriptor) : m_Writer(descriptor) {}
 
- private:
+  private:
     void WriteEntry(LogType_t type, std::string_view message) override;
-    const int m_Descriptor;
+    LineWriter m_Writer;
 };
 
-/// Text from outside made safe for one line of a log: control characters become \n, \t, \xHH.
+/// Text from outside made safe for one line of a log: control characters and bytes that are no UTF-8 become
+/// \n, \t, \xHH. The sinks do this to every message; it is for lines that go elsewhere.
 MR_EXPORT std::string EscapeForLog(std::string_view text);
 
 }  // namespace Mirel

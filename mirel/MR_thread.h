@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "MR_error.h"
 #include "MR_types.h"
@@ -14,7 +15,7 @@ namespace Mirel {
 ///
 /// Start() runs ThreadInit, ThreadBody and ThreadFini (handed the body's result) on a new thread. When
 /// ThreadInit fails the body is left out and ThreadFini is handed that failure. An exception that leaves a
-/// hook ends the run with RESULT_FAIL.
+/// hook is logged and counts as its answering RESULT_FAIL, with the exception's text in the message.
 ///
 /// The thread is detached: its stack is freed the moment it ends, and only the outcome stays. A derived class
 /// whose thread may still run when it is destroyed must call WaitUntilFinished() first thing in its own
@@ -22,7 +23,7 @@ namespace Mirel {
 ///
 /// All public operations may be called from any thread; Start() at most once.
 class MR_EXPORT Thread {
- public:
+  public:
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
@@ -32,9 +33,11 @@ class MR_EXPORT Thread {
     /// the system's reason; IsFinished() is then true and Result() is that failure.
     Result_t Start(const std::string& name);
 
-    /// Asks the thread to end (ThreadStop) and, where `wait` is true, waits at most `limit_ms` milliseconds
-    /// for its hooks to return. RESULT_OK when they have returned or no thread was started, RESULT_TIMEOUT
-    /// when they had not in time, else a failure that ThreadStop answered.
+    /// Asks the thread to end (ThreadStop, on the calling thread, possibly at the same time as the other
+    /// hooks and more than once) and, where `wait` is true, waits at most `limit_ms` milliseconds for its
+    /// hooks to return. RESULT_TIMEOUT when they had not in time, else what ThreadStop answered; RESULT_OK
+    /// without asking when the run is over already. Before Start() it asks and does not wait. A thread that
+    /// waits for itself is answered RESULT_STATE, after it was asked.
     Result_t Stop(ui32_t limit_ms, bool wait);
 
     /// True once the hooks have returned, or the start failed. False before Start().
@@ -53,23 +56,26 @@ class MR_EXPORT Thread {
     /// The whole name of the calling thread: that given to Start(), or the kernel's for other threads.
     static std::string CurrentName();
 
- private:
+    /// The same without a copy. Good until the calling thread asks again or ends.
+    static std::string_view CurrentNameView();
+
+  private:
     virtual Result_t ThreadInit() = 0;
     virtual Result_t ThreadBody() = 0;
     virtual Result_t ThreadFini(Result_t result) = 0;
     virtual Result_t ThreadStop() = 0;
 
- public:
-    /// Waits for a running thread.
+  public:
+    /// Waits for a running thread, which must not be the calling one.
     virtual ~Thread();
 
- protected:
+  protected:
     Thread();
 
-    /// Returns when the hooks have returned; at once where no thread was started.
+    /// Returns when the hooks have returned; at once where no thread was started. Not for the thread itself.
     void WaitUntilFinished();
 
- private:
+  private:
     struct Run;  // outlives the Thread object where need be: shared with the thread itself
     std::shared_ptr<Run> m_Run;
 };

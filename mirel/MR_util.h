@@ -13,7 +13,7 @@ namespace Mirel {
 
 /// Where the current time comes from. Tests put their own in place; the process otherwise uses the system's.
 class MR_EXPORT Clock {
- public:
+  public:
     virtual ~Clock() = default;
     /// Microseconds since 1970-01-01T00:00:00Z. Called from any thread.
     virtual i64_t Now_us() = 0;
@@ -28,36 +28,40 @@ inline constexpr ui32_t DateTimeLen = 25;
 
 /// A point in time, to the microsecond inside and to the second as text. A plain value.
 class MR_EXPORT Timestamp {
- public:
+  public:
     /// Now.
     Timestamp();
-    static Timestamp FromMicroseconds(i64_t since_epoch);
+    static Timestamp FromMicroseconds(i64_t since_epoch) { return Timestamp(since_epoch); }
 
     i64_t Microseconds() const { return m_Microseconds; }
 
-    void AddSeconds(i32_t seconds) { m_Microseconds += static_cast<i64_t>(seconds) * 1000000; }
+    /// Forward, or back where `seconds` is negative; stays at the last time there is rather than wrap.
+    void AddSeconds(i32_t seconds);
 
     /// Writes the 25 characters of the text form, in UTC, and a NUL into `buf` of `len` bytes, and returns
-    /// `buf`. Where `len` is below 26 the text is empty (nothing is written where it is 0). Years outside 0001
-    /// to 9999 are written as the nearest time inside.
+    /// `buf`. Where `len` is below 26 the text is empty (nothing is written where it is 0). Years outside
+    /// 0001 to 9999 are written as the nearest time inside.
     char* EncodeString(char* buf, ui32_t len) const;
     std::string Text() const;
 
     /// Reads a text form with any offset ("…Z" and "…+hh:mm"; a fraction of a second is taken to the
-    /// microsecond). False for everything else: a date that is not in the calendar, second 60 and above,
-    /// year 0, text before or behind. The timestamp is then left as it was.
+    /// microsecond, further digits are dropped). False for everything else: a date that is not in the
+    /// calendar, second 60 and above, an offset beyond 23:59, a time that in UTC lies outside the years 0001
+    /// to 9999, text before or behind, null. The timestamp is then left as it was.
     bool DecodeString(const char* text);
 
     friend auto operator<=>(const Timestamp&, const Timestamp&) = default;
 
- private:
+  private:
+    explicit Timestamp(i64_t since_epoch) : m_Microseconds(since_epoch) {}
+
     i64_t m_Microseconds;
 };
 
 /// A fixed number of bytes that name something, or no value yet.
 template <std::size_t SIZE>
 class Identifier {
- public:
+  public:
     static constexpr ui32_t Size = SIZE;
 
     bool HasValue() const { return m_HasValue; }
@@ -73,7 +77,7 @@ class Identifier {
 
 /// A 16-byte identifier; no value when constructed. Equal when the 16 bytes are.
 class UUID : public Identifier<16> {
- public:
+  public:
     friend bool operator==(const UUID& lhs, const UUID& rhs) { return lhs.m_Value == rhs.m_Value; }
 };
 
@@ -87,21 +91,21 @@ MR_EXPORT void GenRandomValue(UUID& id);
 /// Fills `size` bytes from the kernel's random source (see above).
 MR_EXPORT void GenRandomBytes(byte_t* bytes, std::size_t size);
 
-/// Writes the text of `count` bytes (16 for a UUID: 36 characters in lower case) and a NUL into `buf` of `len`
-/// bytes, and returns `buf`; null, and nothing written, when `count` is not 16 or `len` below 37.
+/// Writes the text of `count` bytes (16 for a UUID: 36 characters in lower case) and a NUL into `buf` of
+/// `len` bytes, and returns `buf`; null, and nothing written, when `count` is not 16 or `len` below 37.
 MR_EXPORT char* bin2UUIDhex(const byte_t* bytes, ui32_t count, char* buf, ui32_t len);
 MR_EXPORT std::string UUIDText(const UUID& id);
 
 /// Reads the 36 characters back (either letter case). False for everything else; `id` is then left as it was.
 MR_EXPORT bool UUIDFromText(const std::string& text, UUID& id);
 
-/// Creates or truncates the file at `path`, writes all of `text`, and returns once the text is on the disk
-/// (fsync). RESULT_FILEOPEN or RESULT_WRITEFAIL with the system's reason on failure; errno is that reason. A
-/// failed write leaves a file with part of the text.
+/// Creates (mode 0644, less the umask) or truncates the file at `path`, writes all of `text`, and returns
+/// once the text is on the disk (fsync). RESULT_FILEOPEN or RESULT_WRITEFAIL with path and the system's
+/// reason on failure; errno is that reason. A failed write leaves a file with part of the text.
 MR_EXPORT Result_t WriteStringIntoFile(const std::string& path, const std::string& text);
 
-/// Reads a whole file of at most `limit` bytes. RESULT_FILEOPEN or RESULT_READFAIL with the reason on failure,
-/// `text` is then empty.
+/// Reads a whole file of at most `limit` bytes. RESULT_FILEOPEN or RESULT_READFAIL with path and reason on
+/// failure (EFBIG: more than `limit` bytes); errno is that reason and `text` then empty.
 MR_EXPORT Result_t ReadFileIntoString(const std::string& path, std::string& text, std::size_t limit);
 
 /// True for an existing directory (symbolic links are followed).

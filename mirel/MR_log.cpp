@@ -1,0 +1,302 @@
+#include "MR_log.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdio>
+#include <iterator>
+#include <memory_resource>
+
+#include "MR_thread.h"
+#include "MR_util.h"
+
+namespace Mirel {
+namespace {
+
+constexpr const char* LevelNames[] = {"debug", "info", "warn", "error", "notice", "alert", "crit"};
+constexpr const char* LevelTags[] = {"DEBUG", "INFO", "WARN", "ERROR", "NOTICE", "ALERT", "CRIT"};
+
+constinit std::atomic<ILogSink*> g_Sink{nullptr};
+constinit std::atomic<ui64_t> g_LostEntries{0};
+
+// Never destroyed: threads may still log while the process ends.
+ILogSink& first_sink() {
+    static ILogSink* const sink = new TextLogSink(STDERR_FILENO);
+    return *sink;
+}
+
+// A line under construction, on the stack as long as it is short.
+class Line {
+  public:
+    Line() { m_Text.reserve(m_Room.size() - 1); }
+    std::pmr::string& Text() { return m_Text; }
+
+  private:
+    std::array<char, 1536> m_Room;
+    std::pmr::monotonic_buffer_resource m_Memory{m_Room.data(), m_Room.size()};
+    std::pmr::string m_Text{&m_Memory};
+};
+
+byte_t byte_at(std::string_view text, std::size_t index) {
+    return static_cast<byte_t>(text[index]);
+}
+
+// Bytes of the well-formed UTF-8 character that `text` begins with (RFC 3629); 0 where there is none.
+std::size_t character_length(std::string_view text) {
+    const byte_t lead = byte_at(text, 0);
+    if (lead < 0x80) return 1;
+    const std::size_t length = lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
+    if (length == 0 || text.size() < length) return 0;
+    // The second byte's range keeps out overlong forms, surrogates, and what lies beyond U+10FFFF.
+    const byte_t least = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+    const byte_t most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+    if (byte_at(text, 1) < least || byte_at(text, 1) > most) return 0;
+    for (std::size_t i = 2; i < length; ++i) {
+        if ((byte_at(text, i) & 0xC0) != 0x80) return 0;
+    }
+    return length;
+}
+
+// Terminals obey these: C0, delete, and C1 (as UTF-8).
+bool is_control(std::string_view character) {
+    const byte_t lead = byte_at(character, 0);
+    return lead < 0x20 || lead == 0x7F || (lead == 0xC2 && byte_at(character, 1) < 0xA0);
+}
+
+template <class String>
+void append_hex(String& out, byte_t byte) {
+    constexpr char digits[] = "0123456789abcdef";
+    out += digits[byte >> 4];
+    out += digits[byte & 15];
+}
+
+// How a character that cannot stand as it is looks in a line of text.
+struct TextEscapes {
+    static bool IsPlain(char c) { return c >= ' ' && c < 0x7F; }
+
+    template <class String>
+    static void Control(String& out, std::string_view character) {
+        switch (character[0]) {
+            case '\n':
+                out += "\\n";
+                return;
+            case '\r':
+                out += "\\r";
+                return;
+            case '\t':
+                out += "\\t";
+                return;
+            default:
+                Invalid(out, character);
+        }
+    }
+
+    template <class String>
+    static void Invalid(String& out, std::string_view bytes) {
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            out += "\\x";
+            append_hex(out, byte_at(bytes, i));
+        }
+    }
+};
+
+// The same in a JSON string.
+struct JSONEscapes {
+    static bool IsPlain(char c) { return c >= ' ' && c < 0x7F && c != '"' && c != '\\'; }
+
+    template <class String>
+    static void Control(String& out, std::string_view character) {
+        switch (character[0]) {
+            case '\n':
+                out += "\\n";
+                return;
+            case '\r':
+                out += "\\r";
+                return;
+            case '\t':
+                out += "\\t";
+                return;
+            default:
+                out += "\\u00";  // all of them are below U+0100, with the last byte's value
+                append_hex(out, byte_at(character, character.size() - 1));
+        }
+    }
+
+    template <class String>
+    static void Invalid(String& out, std::string_view) {
+        out += "\\ufffd";
+    }
+};
+
+template <class Escapes, class String>
+void append_escaped(String& out, std::string_view text) {
+    while (!text.empty()) {
+        const auto special = std::find_if_not(text.begin(), text.end(), Escapes::IsPlain);
+        const auto plain = static_cast<std::size_t>(special - text.begin());
+        out.append(text.substr(0, plain));
+        text.remove_prefix(plain);
+        if (text.empty()) return;
+
+        const std::size_t length = character_length(text);
+        const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
+        if (length == 0) {
+            Escapes::Invalid(out, character);
+        } else if (is_control(character)) {
+            Escapes::Control(out, character);
+        } else {
+            if (length == 1) out += '\\';  // the quote and the backslash of JSON
+            out.append(character);
+        }
+        text.remove_prefix(character.size());
+    }
+}
+
+// "2026-01-31T12:00:00.123Z"
+void append_time(std::pmr::string& out) {
+    const Timestamp now;
+    char text[DateTimeLen + 1];
+    now.EncodeString(text, sizeof text);
+    out.append(text, sizeof "YYYY-MM-DDThh:mm:ss" - 1);
+    const i64_t within_second = (now.Microseconds() % 1000000 + 1000000) % 1000000;
+    const auto milliseconds = static_cast<int>(within_second / 1000);
+    out += '.';
+    for (const int weight : {100, 10, 1}) out += static_cast<char>('0' + milliseconds / weight % 10);
+    out += 'Z';
+}
+
+std::string_view without_final_newline(std::string_view message) {
+    if (message.ends_with('\n')) message.remove_suffix(1);
+    return message;
+}
+
+bool wait_until_writable(int descriptor) {
+    pollfd wanted{descriptor, POLLOUT, 0};
+    return poll(&wanted, 1, -1) >= 0 || errno == EINTR;
+}
+
+// False with the reason in errno.
+bool write_all(int descriptor, std::string_view line) {
+    while (!line.empty()) {
+        const ssize_t written = write(descriptor, line.data(), line.size());
+        if (written >= 0) {
+            line.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno == EAGAIN) {
+            if (!wait_until_writable(descriptor)) return false;
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+const char* LogTypeName(LogType_t type) {
+    return LevelNames[type];
+}
+
+bool LogTypeFromName(std::string_view name, LogType_t& type) {
+    const auto same = [name](const char* level_name) {
+        return name.size() == std::string_view(level_name).size() &&
+               strncasecmp(name.data(), level_name, name.size()) == 0;
+    };
+    const auto found = std::find_if(std::begin(LevelNames), std::end(LevelNames), same);
+    if (found == std::end(LevelNames)) return false;
+    type = static_cast<LogType_t>(found - std::begin(LevelNames));
+    return true;
+}
+
+void ILogSink::Format(LogType_t type, const char* format, va_list arguments) {
+    const int callers_errno = errno;
+    va_list again;
+    va_copy(again, arguments);
+    std::array<char, 1024> room;
+    const int length = std::vsnprintf(room.data(), room.size(), format, arguments);
+    if (length < 0) {
+        WriteEntry(type, std::string("Unprintable: ") + format);
+    } else if (const auto size = static_cast<std::size_t>(length); size < room.size()) {
+        WriteEntry(type, std::string_view(room.data(), size));
+    } else {
+        std::string text(size, '\0');
+        errno = callers_errno;  // for %m
+        std::vsnprintf(text.data(), size + 1, format, again);
+        WriteEntry(type, text);
+    }
+    va_end(again);
+    errno = callers_errno;
+}
+
+#define MR_LOG_OPERATION(NAME, TYPE)               \
+    void ILogSink::NAME(const char* format, ...) { \
+        if (!Logs(TYPE)) return;                   \
+        va_list arguments;                         \
+        va_start(arguments, format);               \
+        Format(TYPE, format, arguments);           \
+        va_end(arguments);                         \
+    }
+MR_LOG_OPERATION(Debug, LOG_DEBUG)
+MR_LOG_OPERATION(Info, LOG_INFO)
+MR_LOG_OPERATION(Notice, LOG_NOTICE)
+MR_LOG_OPERATION(Warn, LOG_WARN)
+MR_LOG_OPERATION(Error, LOG_ERROR)
+MR_LOG_OPERATION(Crit, LOG_CRIT)
+MR_LOG_OPERATION(Alert, LOG_ALERT)
+#undef MR_LOG_OPERATION
+
+ILogSink& DefaultLogSink() {
+    ILogSink* const sink = g_Sink.load(std::memory_order_acquire);
+    return sink != nullptr ? *sink : first_sink();
+}
+
+ILogSink* SetDefaultLogSink(ILogSink* sink) {
+    ILogSink* const before = g_Sink.exchange(sink, std::memory_order_acq_rel);
+    return before != nullptr ? before : &first_sink();
+}
+
+ui64_t LostLogEntries() {
+    return g_LostEntries.load(std::memory_order_relaxed);
+}
+
+void LineWriter::Write(std::string_view line) {
+    AutoMutex lock(m_Lock);
+    if (!write_all(m_Descriptor, line)) g_LostEntries.fetch_add(1, std::memory_order_relaxed);
+}
+
+void TextLogSink::WriteEntry(LogType_t type, std::string_view message) {
+    Line line;
+    std::pmr::string& text = line.Text();
+    append_time(text);
+    text.append(" ").append(LevelTags[type]).append(" [");
+    append_escaped<TextEscapes>(text, Thread::CurrentNameView());
+    text.append("] ");
+    append_escaped<TextEscapes>(text, without_final_newline(message));
+    text += '\n';
+    m_Writer.Write(text);
+}
+
+void JSONLogSink::WriteEntry(LogType_t type, std::string_view message) {
+    Line line;
+    std::pmr::string& text = line.Text();
+    text.append(R"({"time":")");
+    append_time(text);
+    text.append(R"(","level":")").append(LevelNames[type]).append(R"(","thread":")");
+    append_escaped<JSONEscapes>(text, Thread::CurrentNameView());
+    text.append(R"(","message":")");
+    append_escaped<JSONEscapes>(text, without_final_newline(message));
+    text.append("\"}\n");
+    m_Writer.Write(text);
+}
+
+std::string EscapeForLog(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    append_escaped<TextEscapes>(out, text);
+    return out;
+}
+
+}  // namespace Mirel

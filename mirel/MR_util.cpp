@@ -1,0 +1,193 @@
+#include "MR_util.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <system_error>
+
+#include "MR_log.h"
+
+namespace Mirel {
+namespace {
+
+// A descriptor that is closed when nobody has closed it before.
+class File {
+  public:
+    // Check IsOpen(); errno is the reason where it is not.
+    File(const std::string& path, int flags) {
+        if (path.find('\0') != std::string::npos) {  // the system would take what stands before it
+            errno = EINVAL;
+            return;
+        }
+        do {
+            m_Descriptor = open(path.c_str(), flags | O_CLOEXEC, 0644);
+        } while (m_Descriptor < 0 && errno == EINTR);
+    }
+    ~File() {
+        const int reason = errno;  // of the failure that kept it open
+        if (IsOpen()) close(m_Descriptor);
+        errno = reason;
+    }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    bool IsOpen() const { return m_Descriptor >= 0; }
+
+    // These answer false with the reason in errno.
+    bool WriteAll(std::string_view text);
+    bool Sync();
+    bool ReadAll(std::string& text, std::size_t limit);
+    bool Close();
+
+  private:
+    int m_Descriptor = -1;
+};
+
+bool File::WriteAll(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(m_Descriptor, text.data(), text.size());
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        text.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+bool File::Sync() {
+    int result;
+    do {
+        result = fsync(m_Descriptor);
+    } while (result < 0 && errno == EINTR);
+    // Pipes and devices have nothing to bring to a disk and say so with one of these.
+    return result == 0 || errno == EINVAL || errno == EROFS;
+}
+
+bool File::ReadAll(std::string& text, std::size_t limit) {
+    char chunk[16384];
+    for (;;) {
+        const ssize_t count = read(m_Descriptor, chunk, sizeof chunk);
+        if (count == 0) return true;
+        if (count < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        if (static_cast<std::size_t>(count) > limit - text.size()) {
+            errno = EFBIG;
+            return false;
+        }
+        text.append(chunk, static_cast<std::size_t>(count));
+    }
+}
+
+bool File::Close() {
+    const int result = close(m_Descriptor);
+    m_Descriptor = -1;  // gone whatever the answer
+    return result == 0 || errno == EINTR;
+}
+
+// `code` with the path and the reason that errno holds, which stays in errno.
+Result_t file_failure(const Result_t& code, const std::string& path) {
+    const int reason = errno;
+    const Result_t result =
+        code.WithMessage("\"" + path + "\": " + std::generic_category().message(reason) + ".");
+    errno = reason;
+    return result;
+}
+
+// 0 to 15, or -1.
+int hex_value(char digit) {
+    if (digit >= '0' && digit <= '9') return digit - '0';
+    if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+    if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+    return -1;
+}
+
+// Whether a hyphen stands before this byte of a UUID's text.
+bool begins_group(std::size_t byte) {
+    return byte == 4 || byte == 6 || byte == 8 || byte == 10;
+}
+
+}  // namespace
+
+void GenRandomBytes(byte_t* bytes, std::size_t size) {
+    while (size > 0) {
+        const ssize_t count = getrandom(bytes, size, 0);
+        if (count < 0) {
+            if (errno == EINTR) continue;
+            DefaultLogSink().Crit("The kernel's random source failed: %s\n", strerror(errno));
+            std::abort();
+        }
+        bytes += count;
+        size -= static_cast<std::size_t>(count);
+    }
+}
+
+void GenRandomValue(UUID& id) {
+    GenRandomBytes(id.m_Value.data(), id.m_Value.size());
+    id.m_HasValue = true;
+}
+
+char* bin2UUIDhex(const byte_t* bytes, ui32_t count, char* buf, ui32_t len) {
+    constexpr char digits[] = "0123456789abcdef";
+    if (count != UUID::Size || len <= UUIDLen) return nullptr;
+    char* at = buf;
+    for (ui32_t i = 0; i < count; ++i) {
+        if (begins_group(i)) *at++ = '-';
+        *at++ = digits[bytes[i] >> 4];
+        *at++ = digits[bytes[i] & 15];
+    }
+    *at = '\0';
+    return buf;
+}
+
+std::string UUIDText(const UUID& id) {
+    char text[UUIDLen + 1];
+    return bin2UUIDhex(id.Value(), UUID::Size, text, sizeof text);
+}
+
+bool UUIDFromText(const std::string& text, UUID& id) {
+    if (text.size() != UUIDLen) return false;
+    byte_t bytes[UUID::Size];
+    const char* at = text.data();
+    for (std::size_t i = 0; i < UUID::Size; ++i) {
+        if (begins_group(i) && *at++ != '-') return false;
+        const int high = hex_value(*at++);
+        const int low = hex_value(*at++);
+        if (high < 0 || low < 0) return false;
+        bytes[i] = static_cast<byte_t>(high << 4 | low);
+    }
+    id.Set(bytes);
+    return true;
+}
+
+Result_t WriteStringIntoFile(const std::string& path, const std::string& text) {
+    File file(path, O_WRONLY | O_CREAT | O_TRUNC);
+    if (!file.IsOpen()) return file_failure(RESULT_FILEOPEN, path);
+    if (!file.WriteAll(text) || !file.Sync() || !file.Close()) return file_failure(RESULT_WRITEFAIL, path);
+    return RESULT_OK;
+}
+
+Result_t ReadFileIntoString(const std::string& path, std::string& text, std::size_t limit) {
+    text.clear();
+    File file(path, O_RDONLY);
+    if (!file.IsOpen()) return file_failure(RESULT_FILEOPEN, path);
+    if (file.ReadAll(text, limit)) return RESULT_OK;
+    text.clear();
+    return file_failure(RESULT_READFAIL, path);
+}
+
+bool PathIsDirectory(const std::string& path) {
+    struct stat status;
+    return path.find('\0') == std::string::npos && stat(path.c_str(), &status) == 0 &&
+           S_ISDIR(status.st_mode);
+}
+
+}  // namespace Mirel
