@@ -1,0 +1,186 @@
+// The process-wide functions: each test is a process of its own, for a process has one queue for good.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <random>
+
+#include "EventManager.h"
+#include "support/Testing.h"
+
+namespace EventManager {
+
+using Velmora::PListItem;
+
+static PListDict dict(const std::string& json) {
+    const auto item = PListItem::CreateFromJSON(json);
+    const auto* read = dynamic_cast<const PListDict*>(item.get());
+    return read ? *read : PListDict();
+}
+
+/// Runs `body` in a child process; its failures are the test's.
+static void in_process(const std::function<void()>& body) {
+    const pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        body();
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+}
+
+static std::string state_text() {
+    PListDict state;
+    GlobalEventQueue().GetQueueState(state);
+    std::string text;
+    EXPECT_TRUE(state.EncodeJSON(text).Success());
+    return text;
+}
+
+TEST(GlobalQueue, AnswersNothingBeforeItIsThere) {
+    in_process([] {
+        EXPECT_TRUE(StopEventQueue().Success());
+        EXPECT_TRUE(SaveEventQueue().Success());
+        EXPECT_FALSE(GetQueueStatistics().Installed);
+        IEventQueue& queue = GlobalEventQueue();
+        UUID id;
+        EXPECT_EQ(queue.CreateEvent("e", nullptr), Velmora::STATUS_503_NO_SERVICE);
+        EXPECT_EQ(queue.CreateEventListener("e", "/", nullptr, id), Velmora::STATUS_503_NO_SERVICE);
+        EXPECT_FALSE(queue.CreateTimer("e", Timestamp(), 1, nullptr, id) || queue.PostEvent("e", nullptr));
+        EXPECT_FALSE(queue.CreateWatch("/", "e", nullptr, false) || queue.DeleteEvent("e"));
+        EXPECT_FALSE(id.HasValue());
+        queue.SetMaxListeners(7);
+        EXPECT_EQ(queue.GetMaxListeners() + queue.GetMaxWatches(), 0);
+        EXPECT_EQ(state_text(), "{}");
+    });
+}
+
+TEST(GlobalQueue, IsOneHoweverManyStartItAndStaysWhenStopped) {
+    in_process([] {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 8; ++t) {
+            threads.emplace_back([] {
+                EXPECT_TRUE(InitEventQueue(dict(R"({"EventManager":{"timer_list":[
+                    {"event_name":"e","interval_sec":"60"}]}})"))
+                                .Success());
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        IEventQueue& queue = GlobalEventQueue();
+        PListDict state;
+        queue.GetTimerState(state);
+        EXPECT_EQ(state.GetArray("timer_list").Size(), 1u);
+        EXPECT_TRUE(Testing::Eventually([] { return GetQueueStatistics().Passes > 0; }));
+
+        EXPECT_TRUE(StopEventQueue().Success());
+        EXPECT_FALSE(GetQueueStatistics().WorkerRunning);
+        EXPECT_TRUE(InitEventQueue(dict(R"({"EventManager":{"timer_list":[]}})")).Success());
+        EXPECT_EQ(&GlobalEventQueue(), &queue);
+        EXPECT_EQ(queue.CreateEvent("e", nullptr), Velmora::STATUS_201_CREATED);
+    });
+}
+
+TEST(GlobalQueue, RestoresBeforeItSavesAndSavesWhatHasEndedAway) {
+    Testing::TemporaryFolder folder;
+    const std::string path = folder / "state.json";
+    in_process([&] {
+        PListDict config = dict(R"({"EventManager":{"event_list":[{"event_name":"a"},{"event_name":"b"}],
+            "timer_list":[{"event_name":"a","interval_sec":"-1"}],
+            "watch_list":[{"path":"/tmp","event_name":"a"}]}})");
+        config.SetValue("StateFile", path);
+        EXPECT_TRUE(InitEventQueue(config).Success());
+        EXPECT_EQ(GetQueueStatistics().Saves, 1u);
+        EXPECT_TRUE(Testing::Eventually([] { return GetQueueStatistics().Postings == 1; }));
+        EXPECT_TRUE(StopEventQueue().Success());
+        GlobalEventQueue().DeleteWatch("/tmp");
+        EXPECT_NE(Testing::ReadFile(path).find("/tmp"), std::string::npos);
+        EXPECT_TRUE(SaveEventQueue().Success());
+        EXPECT_EQ(Testing::ReadFile(path), R"({"max_listeners":1024,"max_watches":1024,"event_list":[)"
+                                           R"({"event_name":"a","listener_list":[]},)"
+                                           R"({"event_name":"b","listener_list":[]}],)"
+                                           R"("timer_list":[],"watch_list":[]})");
+    });
+}
+
+/// One answered operation of the process that is going to be killed.
+struct Answer {
+    int thread;
+    int event;
+};
+
+/// Each thread creates its events 0, 1, 2 … and deletes the one before each; what was answered goes into the
+/// pipe.
+[[noreturn]] static void change_until_killed(const std::string& path, int answers) {
+    PListDict config = dict(Testing::ReadFile(path));
+    PListDict whole;
+    whole.SetItem("EventManager", config);
+    whole.SetValue("StateFile", path);
+    if (InitEventQueue(whole).Failure()) _exit(1);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([=] {
+            for (Answer answer{t, 0};; ++answer.event) {
+                const std::string prefix = std::to_string(getpid()) + "/" + std::to_string(t) + "/";
+                GlobalEventQueue().CreateEvent(prefix + std::to_string(answer.event), nullptr);
+                if (write(answers, &answer, sizeof(answer)) != sizeof(answer)) _exit(1);
+                GlobalEventQueue().DeleteEvent(prefix + std::to_string(answer.event - 1));
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    _exit(1);
+}
+
+/// The youngest event of each thread of process `child` in a saved document; -1 without one.
+static std::vector<int> saved_events(const std::string& text, pid_t child) {
+    Result_t why;
+    const auto item = PListItem::CreateFromJSON(text, &why);
+    const auto* state = dynamic_cast<const PListDict*>(item.get());
+    std::vector<int> youngest(8, -1);
+    if (!state) {
+        ADD_FAILURE() << why.Message() << ": " << text;
+        return youngest;
+    }
+    for (const PListItem& entry : state->GetArray("event_list")) {
+        const std::string name = dynamic_cast<const PListDict&>(entry).GetData("event_name").Text();
+        int pid = 0, thread = 0, event = 0;
+        if (sscanf(name.c_str(), "%d/%d/%d", &pid, &thread, &event) != 3 || pid != child) continue;
+        youngest[static_cast<std::size_t>(thread)] =
+            std::max(youngest[static_cast<std::size_t>(thread)], event);
+    }
+    return youngest;
+}
+
+TEST(GlobalQueue, KilledAtAnyInstantLeavesAWholeDocumentNoOlderThanWhatWasAnswered) {
+    Testing::TemporaryFolder folder;
+    const std::string path = folder / "state.json";
+    std::mt19937 random(20260301);
+    for (int round = 0; round < 200 && !HasFailure(); ++round) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        const pid_t child = fork();
+        ASSERT_NE(child, -1);
+        if (child == 0) change_until_killed(path, ends[1]);
+        close(ends[1]);
+
+        std::vector<int> answered(8, -1);
+        Answer answer{};
+        ASSERT_EQ(read(ends[0], &answer, sizeof(answer)), static_cast<ssize_t>(sizeof(answer)));
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 8000));
+        kill(child, SIGKILL);
+        do {
+            answered[static_cast<std::size_t>(answer.thread)] = answer.event;
+        } while (read(ends[0], &answer, sizeof(answer)) == static_cast<ssize_t>(sizeof(answer)));
+        close(ends[0]);
+        waitpid(child, nullptr, 0);
+
+        const std::vector<int> saved = saved_events(Testing::ReadFile(path), child);
+        for (std::size_t t = 0; t < 8; ++t) EXPECT_GE(saved[t], answered[t]) << "thread " << t;
+        std::filesystem::remove(path);
+    }
+}
+
+}  // namespace EventManager

@@ -1,0 +1,178 @@
+// Posting: payloads, Python handlers, HTTP callers and the broadcast.
+#include "support/QueueProbe.h"
+
+#include <sys/socket.h>
+
+namespace EventManager {
+
+class PostingTest : public QueueTest {
+  protected:
+    /// A handler module in a folder of its own that is on Python's path.
+    static void Module(const std::string& name, const std::string& source) {
+        static const Testing::TemporaryFolder* modules = new Testing::TemporaryFolder;
+        Testing::WriteFile(*modules / (name + ".py"), source);
+        InitPython({modules->Path()});
+        const PythonContextLock context;
+        if (PyRun_SimpleString("import sys\nif sys.version_info[0] > 2:\n import importlib\n"
+                               " importlib.invalidate_caches()\n") != 0) {
+            ADD_FAILURE();
+        }
+    }
+    /// A handler that keeps each payload, as JSON, in its list "calls".
+    static void RecordingModule(const std::string& name) {
+        Module(name,
+               "import json\ncalls = []\ndef event_handler(payload):\n"
+               "    calls.append(json.dumps(payload, sort_keys=True))\n");
+    }
+    /// The text of a Python expression evaluated in a module.
+    static std::string Ask(const std::string& module, const std::string& expression) {
+        const PythonContextLock context;
+        const PythonReference main(PyImport_ImportModule(module.c_str()));
+        if (!main) return "no module";
+        PyObject* globals = PyModule_GetDict(main.Get());
+        const PythonReference value(
+            PyRun_String(("str(" + expression + ")").c_str(), Py_eval_input, globals, globals));
+        if (!value) {
+            PyErr_Clear();
+            return "no value";
+        }
+#if PY_MAJOR_VERSION >= 3
+        return PyUnicode_AsUTF8(value.Get());
+#else
+        return PyString_AsString(value.Get());
+#endif
+    }
+};
+
+TEST_F(PostingTest, APayloadHoldsWhatItShouldAndAListenersOwnDataOnly) {
+    RecordingModule("recorder");
+    Event("e", R"({"d":1})");
+    Listen("e", "python://recorder", R"({"l":1})");
+    Listen("e", "python://recorder2");
+    Module("recorder2", "import recorder\nevent_handler = recorder.event_handler\n");
+    EXPECT_TRUE(Post("e"));
+    clock.Step(1);
+    EXPECT_TRUE(Post("e", "{}"));
+    EXPECT_EQ(Ask("recorder", "len(calls)"), "4");
+    EXPECT_EQ(Ask("recorder", "calls[0]"),
+              R"({"event_data": {"d": 1}, "event_name": "e", "listener_data": {"l": 1}, )"
+              R"("timestamp": "2026-03-01T12:00:00+00:00"})");
+    EXPECT_EQ(Ask("recorder", "calls[3]"),
+              R"({"event_data": {"d": 1}, "event_name": "e", "listener_data": {}, "post_data": {}, )"
+              R"("timestamp": "2026-03-01T12:00:01+00:00"})");
+    EXPECT_EQ(
+        Text(Entry(History(), 1)),
+        R"({"event_name":"e","timestamp":"2026-03-01T12:00:01+00:00","post_data":{},"event_data":{"d":1}})");
+    EXPECT_FALSE(Post("unknown"));
+    EXPECT_TRUE(log.Has("Posting event \"unknown\".\n"));
+    EXPECT_EQ(History().Size(), 2u);
+}
+
+TEST_F(PostingTest, AHandlerThatFailsIsLoggedAndTheNextListenerCalled) {
+    Module("number", "event_handler = 7\n");
+    Module("bare", "");
+    Module("raises", "def event_handler(payload):\n    raise ValueError('went wrong')\n");
+    Module("exits", "import sys\ndef event_handler(payload):\n    sys.exit(3)\n");
+    Module("interrupts", "def event_handler(payload):\n    raise KeyboardInterrupt()\n");
+    Module("broken", "this is no python\n");
+    Module("takes_none", "def event_handler():\n    pass\n");
+    const struct {
+        const char* callback;
+        std::vector<std::string> errors;  // what each Error line begins with or, for exceptions, holds
+    } cases[] = {
+        {"python://", {"Empty module name", "Unable to locate Python module \"\".\n"}},
+        {"python://no_such_module",
+         {"no_such_module", "Unable to locate Python module \"no_such_module\".\n"}},
+        {"python://broken", {"SyntaxError", "Unable to locate Python module \"broken\".\n"}},
+        {"python://b\xff\xfe", {"", "Unable to locate Python module \"b\xff\xfe\".\n"}},
+        {"python://bare", {"event_handler"}},
+        {"python://number", {"Python object number.event_handler must be callable.\n"}},
+        {"python://raises", {"ValueError: went wrong"}},
+        {"python://exits", {"SystemExit"}},
+        {"python://interrupts", {"KeyboardInterrupt"}},
+        {"python://takes_none", {"TypeError"}},
+        {"x python://raises", {"Unable to parse callback URL: x python://raises\n"}},
+    };
+    RecordingModule("after");
+    int posted = 0;
+    for (const auto& test : cases) {
+        queue.DeleteAllEvents();
+        Event("e");
+        EXPECT_EQ(Listen("e", test.callback), Velmora::STATUS_201_CREATED);
+        Listen("e", "python://after");
+        log.Clear();
+        EXPECT_TRUE(Post("e")) << test.callback;
+        const auto errors = log.Errors();
+        EXPECT_EQ(errors.size(), test.errors.size()) << test.callback;
+        for (std::size_t i = 0; i < errors.size() && i < test.errors.size(); ++i) {
+            EXPECT_NE(errors[i].find(test.errors[i]), std::string::npos) << errors[i];
+        }
+        EXPECT_EQ(Ask("after", "len(calls)"), std::to_string(++posted)) << test.callback;
+    }
+}
+
+TEST_F(PostingTest, ALoadedModuleIsUsedAsItIsAndItsThreadsRunOn) {
+    Module("counting", "loads = 0\ndef event_handler(payload):\n    global loads\n    loads += 1\n");
+    Module("threading_handler",
+           "import threading\ndone = threading.Event()\ndef event_handler(payload):\n"
+           "    threading.Thread(target=done.set).start()\n");
+    Event("e");
+    Listen("e", "python://counting");
+    Post("e");
+    Module("counting", "raise ImportError('must not be loaded again')\n");
+    Post("e");
+    EXPECT_EQ(Ask("counting", "loads"), "2");
+    Listen("e", "python://threading_handler");
+    Post("e");
+    EXPECT_TRUE(Testing::Eventually([] { return Ask("threading_handler", "done.is_set()") == "True"; }));
+    EXPECT_TRUE(log.Errors().empty());
+}
+
+TEST_F(PostingTest, PostingsLeaveNoPythonReferencesBehind) {
+    Module("counted", "marker = object()\ndef event_handler(payload):\n    return marker\n");
+    Event("e");
+    Listen("e", "python://counted", R"({"x":[1,"two",null,true,2.5]})");
+    Post("e");
+    const std::string before = Ask("counted", "__import__('sys').getrefcount(marker)");
+    const std::string handler = Ask("counted", "__import__('sys').getrefcount(event_handler)");
+    for (int i = 0; i < 1000; ++i) Post("e", R"({"y":{}})");
+    EXPECT_EQ(Ask("counted", "__import__('sys').getrefcount(marker)"), before);
+    EXPECT_EQ(Ask("counted", "__import__('sys').getrefcount(event_handler)"), handler);
+}
+
+TEST_F(PostingTest, EveryClientSeesTheHistorysOrderWhoeverPosts) {
+    class Reader : public Velmora::BroadcastReader {
+      public:
+        explicit Reader(std::atomic<int>& count, std::string& order) : m_Count(count), m_Order(order) {}
+        void OnPosting(std::string_view json) override {
+            m_Order += json;
+            ++m_Count;
+        }
+
+      private:
+        std::atomic<int>& m_Count;
+        std::string& m_Order;
+    };
+    Event("e");
+    std::atomic<int> counts[2] = {};
+    std::string orders[2];
+    for (int i = 0; i < 2; ++i) {
+        TCPSession session = TCPSession::Reader(std::make_unique<Reader>(counts[i], orders[i]), "test");
+        queue.AdoptWsClient(session);
+        EXPECT_TRUE(session.Empty());
+    }
+    std::vector<std::thread> posters;
+    for (int t = 0; t < 8; ++t) {
+        posters.emplace_back([&, t] {
+            for (int i = 0; i < 100; ++i) Post("e", R"({"from":)" + std::to_string(t * 1000 + i) + "}");
+        });
+    }
+    for (std::thread& poster : posters) poster.join();
+    EXPECT_TRUE(Testing::Eventually([&] { return counts[0] == 800 && counts[1] == 800; }));
+    std::string history;
+    for (const PListItem& record : History()) history += Text(dynamic_cast<const PListDict&>(record));
+    EXPECT_EQ(orders[0], history);
+    EXPECT_EQ(orders[1], history);
+}
+
+}  // namespace EventManager

@@ -1,0 +1,338 @@
+// Events, listeners, limits, the state document, the state file and the history.
+#include "support/QueueProbe.h"
+
+#include <sys/stat.h>
+
+#include <set>
+
+namespace EventManager {
+
+using Velmora::STATUS_201_CREATED;
+using Velmora::STATUS_400_BAD_REQ;
+using Velmora::STATUS_404_NOT_FOUND;
+using Velmora::STATUS_409_CONFLICT;
+using Velmora::STATUS_412_PRECOND_FAILED;
+
+class RegistryTest : public QueueTest {};
+
+TEST_F(RegistryTest, EventsKeepTheirFirstDataAndTheirCase) {
+    EXPECT_EQ(Event("a", R"({"x":1})"), STATUS_201_CREATED);
+    EXPECT_EQ(Event("a", R"({"x":2})"), STATUS_412_PRECOND_FAILED);
+    EXPECT_EQ(Event("A"), STATUS_201_CREATED);
+    EXPECT_EQ(Event(""), STATUS_201_CREATED);
+    EXPECT_EQ(Text(EventState()), R"({"event_list":[{"event_name":"","listener_list":[]},)"
+                                  R"({"event_name":"A","listener_list":[]},)"
+                                  R"({"event_name":"a","event_data":{"x":1},"listener_list":[]}]})");
+    EXPECT_TRUE(queue.DeleteEvent("a"));
+    EXPECT_FALSE(queue.DeleteEvent("a"));
+}
+
+TEST_F(RegistryTest, ListenersAreRefusedInTheOrderOfTheTests) {
+    EXPECT_EQ(Listen("none", "not a url"), STATUS_404_NOT_FOUND);
+    Event("e");
+    last_id.Set(UUID().Value());
+    const UUID untouched = last_id;
+    EXPECT_EQ(Listen("e", "not a url"), STATUS_400_BAD_REQ);
+    EXPECT_TRUE(last_id == untouched && last_id.HasValue());
+    for (const char* callback : {"python://", "x python://", "http://h/p", "/local?x=1", "gopher://h/"}) {
+        EXPECT_EQ(Listen("e", callback), STATUS_201_CREATED) << callback;
+        EXPECT_EQ(Listen("e", callback), STATUS_412_PRECOND_FAILED) << callback;
+    }
+    EXPECT_FALSE(last_id == untouched);
+
+    queue.SetMaxListeners(4);  // there are 5
+    EXPECT_EQ(Listen("none", "not a url"), STATUS_409_CONFLICT);
+    EXPECT_EQ(Event("e"), STATUS_409_CONFLICT);
+    queue.SetMaxListeners(-1);
+    EXPECT_EQ(Event("e"), STATUS_412_PRECOND_FAILED);
+    EXPECT_EQ(queue.GetMaxListeners(), -1);
+    EXPECT_TRUE(log.Errors().empty());
+}
+
+TEST_F(RegistryTest, TheListenerLimitCountsOverAllEventsAndAdmitsOneMore) {
+    queue.SetMaxListeners(0);
+    Event("a");
+    Event("b");
+    EXPECT_EQ(Listen("a", "/1"), STATUS_201_CREATED);
+    EXPECT_EQ(Listen("b", "/1"), STATUS_409_CONFLICT);
+    EXPECT_EQ(Event("c"), STATUS_409_CONFLICT);
+    EXPECT_TRUE(queue.DeleteListenersForEvent("a"));
+    EXPECT_EQ(Listen("b", "/1"), STATUS_201_CREATED);
+}
+
+TEST_F(RegistryTest, ListenersAreDeletedByTheBytesOfTheirIdWithinTheirEvent) {
+    Event("a");
+    Event("b");
+    Listen("a", "/1");
+    UUID id = last_id;
+    id.m_HasValue = false;
+    EXPECT_FALSE(queue.DeleteEventListener("b", id));
+    EXPECT_FALSE(queue.DeleteEventListener("none", id));
+    EXPECT_TRUE(queue.DeleteEventListener("a", id));
+    EXPECT_FALSE(queue.DeleteEventListener("a", id));
+    EXPECT_TRUE(queue.DeleteListenersForEvent("a"));
+    EXPECT_FALSE(queue.DeleteListenersForEvent("none"));
+}
+
+TEST_F(RegistryTest, WhatWasGivenAndWhatIsReadAreTheirOwnersCopies) {
+    PListDict data = Dict(R"({"deep":{"x":1}})");
+    queue.CreateEvent("e", &data);
+    dynamic_cast<PListDict*>(data.GetItem("deep"))->SetValue("x", 2);
+    PListDict state = EventState();
+    state.SetValue("other", 1);
+    dynamic_cast<PListArray*>(state.GetItem("event_list"))->Clear();
+    EXPECT_EQ(Text(EventState()),
+              R"({"event_list":[{"event_name":"e","event_data":{"deep":{"x":1}},"listener_list":[]}]})");
+}
+
+TEST_F(RegistryTest, BadEntriesOfADocumentAreNamedAndTheRestIsApplied) {
+    queue.SetEventState(Dict(R"({"event_list":[7,{"event_name":""},{"event_data":{}},
+        {"event_name":"e","event_data":3,"listener_list":[5,{"listener_data":{}},
+            {"callback":"/ok","listener_data":{"k":"v"},"id":"00000000-0000-0000-0000-000000000000"},
+            {"callback":"/ok"},{"callback":"no url"}]},
+        {"event_name":"f","listener_list":{}}]})"));
+    EXPECT_EQ(log.Errors(),
+              (std::vector<std::string>{"Non-dictionary event array entry.\n", "Skipping empty event.\n",
+                                        "Skipping empty event.\n", "Non-dictionary listener array entry.\n",
+                                        "Skipping empty callback 1 in event \"e\".\n"}));
+    const PListDict state = EventState();
+    const PListArray& events = state.GetArray("event_list");
+    ASSERT_EQ(events.Size(), 2u);
+    const PListArray& listeners = Entry(events, 0).GetArray("listener_list");
+    ASSERT_EQ(listeners.Size(), 1u);
+    EXPECT_EQ(Entry(listeners, 0).GetData("callback").Text(), "/ok");
+    EXPECT_EQ(Entry(listeners, 0).GetDict("listener_data").GetData("k").Text(), "v");
+    EXPECT_NE(Entry(listeners, 0).GetData("id").Text(), "00000000-0000-0000-0000-000000000000");
+
+    log.Clear();
+    for (const char* nothing :
+         {"{}", R"({"event_list":{}})", R"({"event_list":[]})", R"({"event_list":1})"}) {
+        queue.SetEventState(Dict(nothing));
+    }
+    EXPECT_TRUE(log.Entries().empty());
+}
+
+TEST_F(RegistryTest, ListenersOfAnExistingEventAreAddedAlsoWhenTheEventIsRefused) {
+    Event("e");
+    queue.SetEventState(Dict(R"({"event_list":[{"event_name":"e","listener_list":[{"callback":"/1"}]}]})"));
+    EXPECT_EQ(Listen("e", "/1"), STATUS_412_PRECOND_FAILED);
+}
+
+TEST_F(RegistryTest, ADocumentRoundTripsAndLeavesTheLimits) {
+    const PListDict document = Dict(R"({"max_listeners":3,"max_watches":4,"mine":true,
+        "event_list":[{"event_name":"e","listener_list":[{"callback":"/2"},{"callback":"/1"}]}],
+        "timer_list":[{"event_name":"e","interval_sec":"60"}],
+        "watch_list":[{"path":"/tmp","event_name":"e","once":true}]})");
+    queue.SetQueueState(document);
+    PListDict state = Dict(R"({"kept":1})");
+    queue.GetQueueState(state);
+    EXPECT_EQ(state.GetData("kept").Text(), "1");
+    EXPECT_EQ(state.GetData("max_listeners").Text(), "1024");
+    EXPECT_EQ(state.GetData("max_watches").GetType(), Velmora::IT_INT);
+
+    EventQueue second(500);
+    second.SetQueueState(state);
+    second.SetQueueState(state);  // adds nothing but timers
+    PListDict again;
+    second.GetQueueState(again);
+    EXPECT_EQ(Entry(again.GetArray("event_list"), 0).GetArray("listener_list").Size(), 2u);
+    EXPECT_EQ(again.GetArray("timer_list").Size(), 2u);
+    EXPECT_EQ(again.GetArray("watch_list").Size(), 1u);
+    EXPECT_TRUE(again.GetArray("watch_list") == state.GetArray("watch_list"));
+    EXPECT_FALSE(again.HasItem("mine"));
+}
+
+TEST_F(RegistryTest, TheEndPointFollowsTheConfiguration) {
+    const struct {
+        const char* config;
+        const char* end_point;
+    } cases[] = {{"{}", "http://localhost:80"},
+                 {R"({"TLSIdentity":"x.pem"})", "https://localhost:443"},
+                 {R"({"ListenPort":8080,"TLSIdentity":""})", "http://localhost:8080"},
+                 {R"({"ListenPort":8443,"TLSIdentity":"x.pem"})", "https://localhost:8443"}};
+    for (const auto& test : cases) {
+        EventQueue configured(500);
+        EXPECT_TRUE(configured.InitEventQueue(PListDict(), Dict(test.config)).Success());
+        const URL& url = Probe::EndPoint(configured);
+        EXPECT_EQ(url.Scheme + "://" + url.Hostname + ":" + std::to_string(url.Port), test.end_point);
+        EXPECT_TRUE(url.Path.empty());
+    }
+}
+
+// ---- state file
+
+class StateFileTest : public QueueTest {
+  protected:
+    StateFileTest() { Probe::UseStateFile(queue, path); }
+    ui64_t Inode() {
+        struct stat info {};
+        return stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+    }
+    /// Whether `operation` saved (the file is another one) and what it saved is the whole current document.
+    bool Saves(const std::function<void()>& operation) {
+        Testing::WriteFile(path, "old");
+        operation();
+        const std::string text = Testing::ReadFile(path);
+        if (text == "old") return false;
+        EXPECT_EQ(text, State());
+        return true;
+    }
+
+    Testing::TemporaryFolder folder;
+    const std::string path = folder / "state.json";
+};
+
+TEST_F(StateFileTest, EveryChangeIsSavedWholeAndARefusalIsNot) {
+    UUID id;
+    EXPECT_TRUE(Saves([&] { Event("e"); }));
+    EXPECT_FALSE(Saves([&] { Event("e"); }));
+    EXPECT_TRUE(Saves([&] { Listen("e", "/1"); }));
+    EXPECT_FALSE(Saves([&] { Listen("e", "/1"); }));
+    EXPECT_TRUE(Saves([&] { queue.DeleteEventListener("e", last_id); }));
+    EXPECT_FALSE(Saves([&] { queue.DeleteEventListener("e", last_id); }));
+    EXPECT_TRUE(Saves([&] { queue.DeleteListenersForEvent("e"); }));
+    EXPECT_TRUE(Saves([&] { queue.CreateTimer("e", Timestamp(), 60, nullptr, id); }));
+    EXPECT_TRUE(Saves([&] { queue.DeleteTimer(id); }));
+    EXPECT_FALSE(Saves([&] { queue.DeleteTimer(id); }));
+    EXPECT_TRUE(Saves([&] { queue.DeleteAllTimers(); }));
+    EXPECT_TRUE(Saves([&] { queue.CreateWatch("/tmp", "e", nullptr, false); }));
+    EXPECT_FALSE(Saves([&] { queue.CreateWatch("/TMP", "e", nullptr, false); }));
+    EXPECT_TRUE(Saves([&] { queue.DeleteWatch("/tmp"); }));
+    EXPECT_FALSE(Saves([&] { queue.DeleteWatch("/none"); }));
+    EXPECT_TRUE(Saves([&] { queue.DeleteAllWatches(); }));
+    EXPECT_TRUE(Saves([&] { queue.DeleteEvent("e"); }));
+    EXPECT_FALSE(Saves([&] { queue.DeleteEvent("e"); }));
+    EXPECT_TRUE(Saves([&] { queue.DeleteAllEvents(); }));
+    EXPECT_FALSE(Saves([&] {
+        queue.SetMaxListeners(5);
+        queue.SetMaxWatches(5);
+        Event("e");
+        Testing::WriteFile(path, "old");
+        Post("e");
+        Probe::FireTimers(queue);
+    }));
+    EXPECT_FALSE(std::filesystem::exists(path + ".temp"));
+}
+
+TEST_F(StateFileTest, AFailedSaveIsLoggedAndLeavesTheFile) {
+    Event("e");
+    const std::string before = Testing::ReadFile(path);
+    std::filesystem::create_directory(path + ".temp");  // cannot be opened for writing, also by root
+    EXPECT_EQ(Event("f"), STATUS_201_CREATED);
+    ASSERT_EQ(log.Errors().size(), 1u);
+    EXPECT_EQ(log.Errors()[0],
+              "Unable to write queue state to \"" + path + ".temp\": " + strerror(EISDIR) + "\n");
+    EXPECT_EQ(Testing::ReadFile(path), before);
+    EXPECT_EQ(Probe::Save(queue).Value(), Mirel::RESULT_FILEOPEN.Value());
+
+    std::filesystem::remove(path + ".temp");
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    Testing::WriteFile(path + "/occupied", "");
+    log.Clear();
+    Event("g");
+    ASSERT_EQ(log.Errors().size(), 1u);
+    EXPECT_EQ(log.Errors()[0].find(path + ": "), 0u) << log.Errors()[0];
+    EXPECT_EQ(Testing::ReadFile(path + ".temp"), State());
+}
+
+TEST_F(StateFileTest, ManyThreadsNeverLeaveAnOlderDocument) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 20; ++i) Event(std::to_string(t) + "/" + std::to_string(i));
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(Testing::ReadFile(path), State());
+    EXPECT_EQ(EventState().GetArray("event_list").Size(), 160u);
+}
+
+// ---- history
+
+class HistoryTest : public QueueTest {
+  protected:
+    void Append(const char* timestamp) {
+        PListDict record;
+        record.SetValue("event_name", "e");
+        record.SetValue("timestamp", timestamp);
+        Probe::AppendHistory(queue, record);
+    }
+    std::size_t Trimmed() {
+        Probe::TrimHistory(queue);
+        return History().Size();
+    }
+};
+
+TEST_F(HistoryTest, RecordsGoAtThirtySeconds) {
+    EXPECT_EQ(Trimmed(), 0u);
+    Event("e");
+    Post("e");
+    Post("e", "{}");
+    clock.Step(29);
+    Post("e", R"({"x":1})");
+    EXPECT_EQ(Trimmed(), 3u);
+    clock.Step(1);
+    EXPECT_EQ(Trimmed(), 1u);
+    const PListArray history = History();
+    EXPECT_EQ(
+        Text(Entry(history, 0)),
+        R"({"event_name":"e","timestamp":"2026-03-01T12:00:29+00:00","post_data":{"x":1},"event_data":{}})");
+    clock.Step(29.5);  // the record's text says 12:00:29, the horizon is 12:00:29.5
+    EXPECT_EQ(Trimmed(), 0u);
+}
+
+TEST_F(HistoryTest, WhatDoesNotDecodeGoesOnceItIsFirstAndAnOlderRecordWaitsBehindAYoungerOne) {
+    Append("no time");
+    Append("2026-03-01T12:00:00+00:00");
+    Append("no time");
+    EXPECT_EQ(Trimmed(), 2u);
+    Append("2026-03-01T11:00:00+00:00");  // the clock stepped back
+    EXPECT_EQ(Trimmed(), 3u);
+    clock.Step(30);
+    EXPECT_EQ(Trimmed(), 0u);
+    PListDict record;
+    record.SetValue("timestamp", "2026-03-01T12:00:00+00:00");
+    Probe::PutIntoHistory(queue, record);  // past the index
+    Append("2026-03-01T12:00:29+00:00");
+    EXPECT_EQ(Trimmed(), 1u);
+}
+
+TEST_F(HistoryTest, ReadingIsIndependentOfWhatFollows) {
+    Event("e");
+    Post("e");
+    PListDict mine = Dict(R"({"kept":1})");
+    queue.GetEventHistory(mine);
+    dynamic_cast<PListArray*>(mine.GetItem("history"))->Clear();
+    PListDict data = Dict(R"({"x":1})");
+    queue.PostEvent("e", &data);
+    data.SetValue("x", 2);
+    EXPECT_EQ(mine.Size(), 2u);
+    ASSERT_EQ(History().Size(), 2u);
+    EXPECT_EQ(Entry(History(), 1).GetDict("post_data").GetData("x").Text(), "1");
+    EXPECT_FALSE(Post("unknown"));
+    EXPECT_EQ(History().Size(), 2u);
+}
+
+TEST_F(HistoryTest, PostingReadingAndTrimmingFromManyThreadsLosesNothing) {
+    Event("e");
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        while (!done) {
+            History();
+            Probe::Reap(queue);
+        }
+    });
+    std::vector<std::thread> posters;
+    for (int t = 0; t < 4; ++t) {
+        posters.emplace_back([&] {
+            for (int i = 0; i < 500; ++i) Post("e", R"({"x":1})");
+        });
+    }
+    for (std::thread& poster : posters) poster.join();
+    done = true;
+    reader.join();
+    EXPECT_EQ(History().Size(), 2000u);
+}
+
+}  // namespace EventManager

@@ -1,0 +1,91 @@
+// The worker's loop as a whole, on its own thread.
+#include "support/QueueProbe.h"
+
+#include <sys/resource.h>
+
+namespace EventManager {
+
+class WorkerTest : public QueueTest {
+  protected:
+    ~WorkerTest() override { Stop(); }
+    void Stop() { EXPECT_TRUE(Probe::Stop(queue).Success()); }
+
+    Testing::TemporaryFolder folder;
+};
+
+TEST_F(WorkerTest, FiresTimersAndWatchesAndTrimsUntilItIsStopped) {
+    Event("timer");
+    Event("watch");
+    UUID id;
+    queue.CreateTimer("timer", Timestamp(), 0, nullptr, id);
+    queue.CreateWatch(folder.Path(), "watch", nullptr, false);
+    ASSERT_TRUE(queue.Start("EventQueue::Main").Success());
+    EXPECT_EQ(queue.Name(), "EventQueue::Main");
+    EXPECT_TRUE(Testing::Eventually([&] { return log.Has("watch.handle="); }));
+    Testing::WriteFile(folder / "x", "");
+    EXPECT_TRUE(Testing::Eventually([&] { return Posted() == "timer watch"; })) << Posted();
+    clock.Step(31);
+    EXPECT_TRUE(Testing::Eventually([&] { return History().Empty(); }));
+
+    Stop();
+    EXPECT_TRUE(queue.IsFinished());
+    EXPECT_EQ(queue.Result().Value(), 0);
+    queue.CreateTimer("timer", Timestamp(), 0, nullptr, id);
+    EXPECT_TRUE(Post("watch"));
+    EXPECT_EQ(Posted(), "watch");
+    EXPECT_TRUE(queue.Start("EventQueue::Main").Failure());
+}
+
+TEST_F(WorkerTest, StoppedBeforeItStartsItMakesNoPass) {
+    Event("e");
+    UUID id;
+    queue.CreateTimer("e", Timestamp(), 0, nullptr, id);
+    Stop();
+    ASSERT_TRUE(queue.Start("EventQueue::Main").Success());
+    EXPECT_TRUE(Testing::Eventually([&] { return queue.IsFinished(); }));
+    EXPECT_EQ(queue.Result().Value(), 0);
+    EXPECT_EQ(Posted(), "");
+}
+
+TEST_F(WorkerTest, WithoutAKernelStreamItEndsAndTheRegistryAnswersOn) {
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit none = before;
+    none.rlim_cur = 0;
+    setrlimit(RLIMIT_NOFILE, &none);
+    const Result_t started = queue.Start("EventQueue::Main");
+    const bool finished = Testing::Eventually([&] { return queue.IsFinished(); });
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_TRUE(started.Success() && finished);
+    EXPECT_EQ(queue.Result().Value(), Mirel::RESULT_FILEOPEN.Value());
+    EXPECT_EQ(log.Errors(),
+              (std::vector<std::string>{std::string("Kernel queue: ") + strerror(EMFILE) + ".\n"}));
+    EXPECT_EQ(Event("e"), Velmora::STATUS_201_CREATED);
+}
+
+TEST_F(WorkerTest, ManyThreadsChangeWhatTheWorkerFires) {
+    Event("e");
+    ASSERT_TRUE(queue.Start("EventQueue::Main").Success());
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            const std::string path = folder / std::to_string(t);
+            for (int i = 0; i < 50; ++i) {
+                UUID timer;
+                queue.CreateTimer("e", Timestamp(), i % 2, nullptr, timer);
+                queue.CreateWatch(path, "e", nullptr, false);
+                Testing::WriteFile(path, std::to_string(i));
+                queue.DeleteTimer(timer);
+                queue.DeleteWatch(path);
+                State();
+                Post("e");
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_TRUE(Testing::Eventually([&] { return Watches().Empty(); }));
+    Stop();
+    EXPECT_GE(History().Size(), 400u);
+}
+
+}  // namespace EventManager

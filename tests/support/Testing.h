@@ -1,0 +1,130 @@
+// What most tests need: a clock that stands until it is set, a log to look into, waiting for a condition, a
+// folder.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "MR_log.h"
+#include "MR_util.h"
+
+namespace Testing {
+
+/// The process's clock for the life of the object; stands still between steps.
+class SteppedClock : public Mirel::Clock {
+  public:
+    explicit SteppedClock(const char* start = "2026-03-01T12:00:00+00:00") {
+        Set(start);
+        Mirel::SetClock(this);
+    }
+    ~SteppedClock() override { Mirel::SetClock(nullptr); }
+
+    void Set(const char* text) {
+        Mirel::Timestamp time = Mirel::Timestamp::FromMicroseconds(0);
+        if (!time.DecodeString(text)) ADD_FAILURE() << "not a time: " << text;
+        m_Now_us = time.Microseconds();
+    }
+    void Step(double seconds) { m_Now_us += static_cast<Mirel::i64_t>(seconds * 1e6); }
+    Mirel::i64_t Now_us() override { return m_Now_us; }
+
+  private:
+    std::atomic<Mirel::i64_t> m_Now_us;
+};
+
+/// The process's log for the life of the object, every level.
+class CapturedLog : public Mirel::ILogSink {
+  public:
+    explicit CapturedLog(Mirel::LogType_t level = Mirel::LOG_DEBUG) {
+        Level(level);
+        m_Before = Mirel::SetDefaultLogSink(this);
+    }
+    ~CapturedLog() override { Mirel::SetDefaultLogSink(m_Before); }
+
+    using Entry = std::pair<Mirel::LogType_t, std::string>;
+
+    std::vector<Entry> Entries() const {
+        std::lock_guard<std::mutex> lock(m_Lock);
+        return m_Entries;
+    }
+    std::vector<std::string> At(Mirel::LogType_t type) const {
+        std::vector<std::string> messages;
+        for (const Entry& entry : Entries()) {
+            if (entry.first == type) messages.push_back(entry.second);
+        }
+        return messages;
+    }
+    std::vector<std::string> Errors() const { return At(Mirel::LOG_ERROR); }
+    bool Has(const std::string& part) const {
+        for (const Entry& entry : Entries()) {
+            if (entry.second.find(part) != std::string::npos) return true;
+        }
+        return false;
+    }
+    void Clear() {
+        std::lock_guard<std::mutex> lock(m_Lock);
+        m_Entries.clear();
+    }
+
+  private:
+    void WriteEntry(Mirel::LogType_t type, std::string_view message) override {
+        std::lock_guard<std::mutex> lock(m_Lock);
+        m_Entries.emplace_back(type, std::string(message));
+    }
+
+    mutable std::mutex m_Lock;
+    std::vector<Entry> m_Entries;
+    Mirel::ILogSink* m_Before;
+};
+
+/// Waits until `condition` holds; false when it does not within the deadline.
+inline bool Eventually(const std::function<bool()>& condition, int deadline_ms = 20000) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadline_ms);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+/// A folder of the test's own, gone with the object.
+class TemporaryFolder {
+  public:
+    TemporaryFolder() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "velmora-test-XXXXXX").string();
+        m_Path = mkdtemp(pattern.data());
+    }
+    ~TemporaryFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_Path, ignored);
+    }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::string& Path() const { return m_Path; }
+    std::string operator/(const std::string& name) const { return m_Path + "/" + name; }
+
+  private:
+    std::string m_Path;
+};
+
+inline void WriteFile(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+}  // namespace Testing
