@@ -810,8 +810,7 @@ static int event_stream_open() {
         return fd;
     }
     const Result_t non_blocking = Velmora::SetSockNonBlocking(fd);
-    assert(non_blocking.Success());
-    (void)non_blocking;
+    if (non_blocking.Failure()) DefaultLogSink().Error("Kernel queue: %s.\n", non_blocking.Message());
     return fd;
 }
 
