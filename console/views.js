@@ -1,0 +1,45 @@
+// The areas of the page, one at a time, by the address behind the "#".
+
+import { byId, setText, show } from "./dom.js";
+
+const sections = [...document.querySelectorAll("section.view")];
+const links = [...document.querySelectorAll(".rail a")];
+const shown = new Map(); // name -> what to do when the area comes up
+
+export const onShow = (name, work) => shown.set(name, work);
+
+export const currentView = () => sections.find((section) => !section.hidden)?.dataset.view ?? "";
+
+export function startViews() {
+  addEventListener("hashchange", () => turnTo(fromAddress(), true));
+  turnTo(fromAddress(), false);
+}
+
+export function go(name) {
+  if (fromAddress() === name) turnTo(name, true);
+  else location.hash = `#/${name}`;
+}
+
+export function setCount(name, number, alarming = false) {
+  const element = byId(`nav-${name}`);
+  setText(element, number ? number.toLocaleString("en") : "");
+  element.classList.toggle("bad", alarming);
+}
+
+function fromAddress() {
+  const name = location.hash.replace(/^#\/?/, "");
+  return sections.some((section) => section.dataset.view === name) ? name : "live";
+}
+
+/// After a person's choice the heading takes the focus: a screen reader then reads on from there.
+function turnTo(name, chosen) {
+  for (const section of sections) show(section, section.dataset.view === name);
+  for (const link of links) {
+    if (link.getAttribute("href") === `#/${name}`) link.setAttribute("aria-current", "page");
+    else link.removeAttribute("aria-current");
+  }
+  shown.get(name)?.();
+  if (!chosen) return;
+  scrollTo(0, 0);
+  document.querySelector(`section[data-view="${name}"] h2`).focus({ preventScroll: true });
+}

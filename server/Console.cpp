@@ -1,0 +1,63 @@
+#include "Console.h"
+
+#include "ConsoleFiles.h"
+
+namespace Server {
+
+using namespace Velmora;
+
+namespace {
+
+constexpr std::string_view directory = "/console/";
+
+// No script, style, picture or connection but this server's own, nothing written into the page itself, no
+// framing.
+constexpr const char* policy =
+    "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self' data:; "
+    "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
+
+std::string_view FileName(std::string_view path) {
+    if (path == "/") return "index.html";
+    return path.starts_with(directory) ? path.substr(directory.size()) : std::string_view();
+}
+
+const ConsoleFile* FindFile(std::string_view name) {
+    if (name.empty()) return nullptr;
+    for (const ConsoleFile* file = ConsoleFiles; !file->Name.empty(); ++file) {
+        if (file->Name == name) return file;
+    }
+    return nullptr;
+}
+
+const char* TypeOf(std::string_view name) {
+    if (name.ends_with(".html")) return "text/html; charset=utf-8";
+    if (name.ends_with(".css")) return "text/css; charset=utf-8";
+    if (name.ends_with(".js")) return "text/javascript; charset=utf-8";
+    return name.ends_with(".svg") ? "image/svg+xml" : "application/octet-stream";
+}
+
+// The tags are quoted hashes: none is part of another.
+bool HasCurrent(const HttpRequest& request, const ConsoleFile& file) {
+    return request.IfNoneMatch == "*" || request.IfNoneMatch.find(file.ETag) != std::string_view::npos;
+}
+
+}  // namespace
+
+std::optional<HttpResponse> ConsoleAsset(const HttpRequest& request) {
+    const ConsoleFile* file = FindFile(FileName(request.Path));
+    if (file == nullptr) return std::nullopt;
+    HttpResponse response;
+    response.Headers = {{"ETag", std::string(file->ETag)},
+                        {"Cache-Control", "no-cache"},
+                        {"Content-Security-Policy", policy},
+                        {"Referrer-Policy", "no-referrer"}};
+    if (HasCurrent(request, *file)) {
+        response.Status = STATUS_304_NOT_MODIFIED;
+        return response;
+    }
+    response.ContentType = TypeOf(file->Name);
+    response.StaticBody = file->Content;
+    return response;
+}
+
+}  // namespace Server
