@@ -40,6 +40,12 @@ Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults);
 void CheckQueueDocument(const Velmora::PListDict& document, const std::string& base,
                         std::vector<ConfigFault>& faults);
 
+/// Faults of a document that is right in itself and that a queue which holds `existing` (a state document)
+/// would refuse in part because of its limits: the first listener or event and the first watch too many.
+void CheckQueueLimits(const Velmora::PListDict& document, const Velmora::PListDict& existing,
+                      Mirel::i32_t max_listeners, Mirel::i32_t max_watches, const std::string& base,
+                      std::vector<ConfigFault>& faults);
+
 /// What is in force, as JSON that can be read as a configuration again, secrets hidden.
 std::string PrintConfig(const Config& config);
 

@@ -1,0 +1,200 @@
+#include "Config.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+#include "EventManager.h"
+#include "MR_util.h"
+#include "VL_HTTP.h"
+
+namespace Server {
+
+using namespace Velmora;
+namespace Keys = EventManager::Strings;
+using Mirel::i32_t;
+using Mirel::ui16_t;
+using Mirel::ui32_t;
+
+namespace {
+
+constexpr std::size_t largest_config = 16u << 20;
+constexpr std::size_t largest_secret_file = 64u << 10;
+// The queue's limits when it starts; a document does not change them.
+constexpr i32_t limit_at_start = 1024;
+
+// Reads one configuration whose file stands in a directory.
+class Loader {
+  public:
+    Loader(Config& config, std::filesystem::path directory, std::vector<Fault>& faults)
+        : m_Config(config), m_Directory(std::move(directory)), m_Faults(faults) {}
+
+    void Load(const PListDict& dict);
+
+  private:
+    std::string Resolved(const std::string& path) const {
+        return (m_Directory / path).lexically_normal().string();
+    }
+    void BindAddress(const PListDict& dict);
+    void TLSIdentity(Shape& shape);
+    void Token(Shape& shape);
+    void TokenText(Shape& shape, const std::string& key, std::string token);
+    void Log(const PListDict& dict);
+    void Limits(const PListDict& dict);
+    void Document(const PListDict& dict);
+
+    Config& m_Config;
+    const std::filesystem::path m_Directory;
+    std::vector<Fault>& m_Faults;
+};
+
+void Loader::Load(const PListDict& dict) {
+    Shape shape(dict, "", m_Faults);
+    if (const auto timeout = shape.Integer(Keys::Timeout_ms, 1, TLSHTTPRequestHandle::MaxTimeout_ms)) {
+        m_Config.Timeout_ms = static_cast<i32_t>(*timeout);
+    }
+    if (const PListDict* address = shape.Dict(Velmora::Strings::Config::BindAddress)) BindAddress(*address);
+    Token(shape);
+    if (const auto path = shape.NonEmptyText(Keys::StateFile)) m_Config.StateFile = Resolved(*path);
+    for (const std::string& path : shape.Texts("PythonPath")) m_Config.PythonPath.push_back(Resolved(path));
+    if (const PListDict* log = shape.Dict("Log")) Log(*log);
+    if (const PListDict* limits = shape.Dict("Limits")) Limits(*limits);
+    if (const PListDict* document = shape.Dict(Keys::EventManager)) Document(*document);
+    shape.NothingElse();
+}
+
+void Loader::BindAddress(const PListDict& dict) {
+    Shape shape(dict, PointerTo("", Velmora::Strings::Config::BindAddress), m_Faults);
+    if (const auto host = shape.NonEmptyText("Host")) m_Config.Http.Host = *host;
+    if (const auto port = shape.Integer("ListenPort", 0, 65535))
+        m_Config.Http.Port = static_cast<ui16_t>(*port);
+    TLSIdentity(shape);
+    m_Config.Http.AllowedHosts = shape.Texts("AllowedHosts");
+    shape.NothingElse();
+}
+
+void Loader::TLSIdentity(Shape& shape) {
+    const auto path = shape.NonEmptyText("TLSIdentity");
+    if (!path) return;
+    m_Config.Http.TLSIdentity = Resolved(*path);
+    std::string pem;
+    const Mirel::Result_t read =
+        Mirel::ReadFileIntoString(m_Config.Http.TLSIdentity, pem, largest_secret_file);
+    if (read.Failure()) {
+        shape.Blame("TLSIdentity", std::string("cannot be read: ") + read.Message());
+    } else if (pem.find("-----BEGIN CERTIFICATE") == std::string::npos ||
+               pem.find("PRIVATE KEY-----") == std::string::npos) {
+        shape.Blame("TLSIdentity", "must be a PEM file that holds a certificate and its private key");
+    }
+}
+
+void Loader::Token(Shape& shape) {
+    const auto token = shape.NonEmptyText("AccessToken");
+    const auto path = shape.NonEmptyText("AccessTokenFile");
+    if (token) TokenText(shape, "AccessToken", *token);
+    if (!path) return;
+    if (token) shape.Blame("AccessTokenFile", "cannot stand beside \"AccessToken\"");
+    std::string text;
+    const Mirel::Result_t read = Mirel::ReadFileIntoString(Resolved(*path), text, largest_secret_file);
+    if (read.Success()) {
+        TokenText(shape, "AccessTokenFile", text.substr(0, text.find_last_not_of("\r\n") + 1));
+    } else {
+        shape.Blame("AccessTokenFile", std::string("cannot be read: ") + read.Message());
+    }
+}
+
+// What an Authorization header can carry.
+void Loader::TokenText(Shape& shape, const std::string& key, std::string token) {
+    const bool visible =
+        std::all_of(token.begin(), token.end(), [](unsigned char c) { return c > 0x20 && c < 0x7f; });
+    if (token.empty() || !visible) {
+        shape.Blame(key, "must hold one token of visible ASCII characters without blanks");
+    }
+    m_Config.Http.AccessToken = std::move(token);
+}
+
+void Loader::Log(const PListDict& dict) {
+    Shape shape(dict, "/Log", m_Faults);
+    const auto level = shape.Text("Level");
+    if (level && !Mirel::LogTypeFromName(*level, m_Config.LogLevel)) {
+        shape.Blame("Level", R"(must be "debug", "info", "notice", "warn", "error", "crit" or "alert")");
+    }
+    const auto format = shape.Text("Format");
+    if (format && *format != "text" && *format != "json")
+        shape.Blame("Format", R"(must be "text" or "json")");
+    m_Config.LogAsJSON = format == "json";
+    shape.NothingElse();
+}
+
+// Takes a number into a field of whatever width where it is there.
+template <class Field>
+void TakeNumber(Shape& shape, const char* key, Mirel::i64_t min, Mirel::i64_t max, Field& field) {
+    if (const auto value = shape.Integer(key, min, max)) field = static_cast<Field>(*value);
+}
+
+void Loader::Limits(const PListDict& dict) {
+    constexpr Mirel::i64_t day_ms = 86400000;
+    HttpServerOptions& http = m_Config.Http;
+    Shape shape(dict, "/Limits", m_Faults);
+    TakeNumber(shape, "MaxConnections", 1, 1000000, http.MaxConnections);
+    TakeNumber(shape, "MaxBodyBytes", 1024, 1 << 30, http.BodyLimit);
+    TakeNumber(shape, "MaxHeaderBytes", 1024, 1 << 20, http.HeaderLimit);
+    TakeNumber(shape, "IdleTimeout_ms", 100, day_ms, http.IdleTimeout_ms);
+    TakeNumber(shape, "RequestTimeout_ms", 100, day_ms, http.RequestTimeout_ms);
+    TakeNumber(shape, "IOThreads", 0, 256, http.IOThreads);
+    shape.NothingElse();
+}
+
+// The document with the watches' relative paths made to start at the configuration's directory.
+void Loader::Document(const PListDict& dict) {
+    const std::string base = PointerTo("", Keys::EventManager);
+    const std::size_t before = m_Faults.size();
+    CheckQueueDocument(dict, base, m_Faults);
+    CheckQueueLimits(dict, PListDict(), limit_at_start, limit_at_start, base, m_Faults);
+    m_Config.EventManager = dict;
+    if (m_Faults.size() > before || !dict.HasItem(Keys::watch_list)) return;
+    PListArray watches;
+    for (const PListItem& item : dict.GetArray(Keys::watch_list)) {
+        PListDict watch = *AsDict(&item);
+        watch.SetValue(Keys::path, Resolved(watch.GetData(Keys::path).Text()));
+        watches.Append(watch);
+    }
+    m_Config.EventManager.SetItem(Keys::watch_list, watches);
+}
+
+}  // namespace
+
+Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults) {
+    Config config;
+    if (path.empty()) return config;
+    std::string text;
+    const Mirel::Result_t read = Mirel::ReadFileIntoString(path, text, largest_config);
+    if (read.Failure()) {
+        faults.push_back({"", std::string("cannot be read: ") + read.Message()});
+        return config;
+    }
+    Mirel::Result_t why;
+    const std::unique_ptr<PListItem> item = PListItem::CreateFromJSON(text, &why);
+    const PListDict* dict = AsDict(item.get());
+    if (dict == nullptr) {
+        faults.push_back({"", item ? "must be an object" : std::string("is not JSON: ") + why.Message()});
+        return config;
+    }
+    std::error_code ignored;  // an empty current directory leaves the path relative, which serves as well
+    Loader(config, std::filesystem::absolute(path, ignored).parent_path(), faults).Load(*dict);
+    return config;
+}
+
+PListDict Config::ForEventQueue(ui16_t port, const PListDict& document) const {
+    PListDict address;
+    address.SetValue("ListenPort", static_cast<int>(port));
+    if (!Http.TLSIdentity.empty()) address.SetValue("TLSIdentity", Http.TLSIdentity);
+    PListDict dict;
+    dict.SetValue(Keys::Timeout_ms, static_cast<int>(Timeout_ms));
+    dict.SetItem(Velmora::Strings::Config::BindAddress, address);
+    dict.SetItem(Keys::EventManager, document);
+    if (!StateFile.empty()) dict.SetValue(Keys::StateFile, StateFile);
+    return dict;
+}
+
+}  // namespace Server

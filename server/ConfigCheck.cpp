@@ -1,0 +1,129 @@
+// Whether a queue state document would be applied whole.
+#include <limits>
+#include <set>
+#include <utility>
+
+#include "Config.h"
+#include "EventManager.h"
+#include "VL_HTTP.h"
+
+namespace Server {
+
+using namespace Velmora;
+namespace Keys = EventManager::Strings;
+using Mirel::i64_t;
+
+namespace {
+
+constexpr i64_t i64_min = std::numeric_limits<i64_t>::min(), i64_max = std::numeric_limits<i64_t>::max();
+
+// Calls `check` with every dictionary of the array and its pointer; whatever else stands there is a fault.
+template <class Check>
+void EachEntry(const PListArray& array, const std::string& base, std::vector<Fault>& faults,
+               const Check& check) {
+    std::size_t index = 0;
+    for (const PListItem& item : array) {
+        const std::string pointer = PointerTo(base, index++);
+        if (const PListDict* entry = AsDict(&item)) {
+            check(*entry, pointer);
+        } else {
+            faults.push_back({pointer, "must be an object"});
+        }
+    }
+}
+
+bool CanBeCalled(const std::string& callback) {
+    URL url;
+    return callback.find("python://") != std::string::npos || url.Parse(callback) || url.ParsePath(callback);
+}
+
+void CheckListener(const PListDict& entry, const std::string& pointer, std::set<std::string>& callbacks,
+                   std::vector<Fault>& faults) {
+    Shape shape(entry, pointer, faults);
+    const auto callback = shape.NonEmptyText(Keys::callback, Need::Required);
+    if (callback && !CanBeCalled(*callback)) {
+        shape.Blame(Keys::callback,
+                    "must be a URL, a path on this server or \"python://\" and a module's name");
+    } else if (callback && !callbacks.insert(*callback).second) {
+        shape.Blame(Keys::callback, "stands twice in this event");
+    }
+    shape.Dict(Keys::listener_data);
+    shape.Any(Keys::id);
+    shape.NothingElse();
+}
+
+void CheckEvent(const PListDict& entry, const std::string& pointer, std::set<std::string>& names,
+                std::vector<Fault>& faults) {
+    Shape shape(entry, pointer, faults);
+    const auto name = shape.NonEmptyText(Keys::event_name, Need::Required);
+    if (name && !names.insert(*name).second) shape.Blame(Keys::event_name, "stands twice in the document");
+    shape.Dict(Keys::event_data);
+    std::set<std::string> callbacks;
+    if (const PListArray* listeners = shape.Array(Keys::listener_list)) {
+        EachEntry(*listeners, PointerTo(pointer, Keys::listener_list), faults,
+                  [&](const PListDict& listener, const std::string& at) {
+                      CheckListener(listener, at, callbacks, faults);
+                  });
+    }
+    shape.NothingElse();
+}
+
+void CheckTimer(const PListDict& entry, const std::string& pointer, std::vector<Fault>& faults) {
+    Shape shape(entry, pointer, faults);
+    shape.NonEmptyText(Keys::event_name, Need::Required);
+    const std::size_t before = faults.size();
+    const i64_t interval = shape.IntegerOrText(Keys::interval_sec, i64_min, i64_max).value_or(0);
+    const std::string start = shape.Text(Keys::start_time).value_or("");
+    Mirel::Timestamp time;
+    if (!start.empty() && !time.DecodeString(start.c_str())) {
+        shape.Blame(Keys::start_time, "must be a time like \"2026-01-31T12:00:00+00:00\"");
+    } else if (start.empty() && interval == 0 && faults.size() == before) {
+        shape.Blame("", "needs a \"start_time\", or an \"interval_sec\" other than 0");
+    }
+    shape.Dict(Keys::timer_data);
+    shape.Any(Keys::id);
+    shape.NothingElse();
+}
+
+using PathSet = std::set<std::string, ci_comp>;
+
+void CheckWatch(const PListDict& entry, const std::string& pointer, PathSet& paths,
+                std::vector<Fault>& faults) {
+    Shape shape(entry, pointer, faults);
+    const auto path = shape.NonEmptyText(Keys::path, Need::Required);
+    if (path && !paths.insert(*path).second) {
+        shape.Blame(Keys::path, "stands twice in the document (letter case does not count)");
+    }
+    shape.NonEmptyText(Keys::event_name, Need::Required);
+    shape.Boolean(Keys::once);
+    shape.Dict(Keys::watch_data);
+    shape.NothingElse();
+}
+
+}  // namespace
+
+void CheckQueueDocument(const PListDict& document, const std::string& base,
+                        std::vector<ConfigFault>& faults) {
+    Shape shape(document, base, faults);
+    std::set<std::string> names;
+    PathSet paths;
+    if (const PListArray* events = shape.Array(Keys::event_list)) {
+        EachEntry(
+            *events, PointerTo(base, Keys::event_list), faults,
+            [&](const PListDict& entry, const std::string& at) { CheckEvent(entry, at, names, faults); });
+    }
+    if (const PListArray* timers = shape.Array(Keys::timer_list)) {
+        EachEntry(*timers, PointerTo(base, Keys::timer_list), faults,
+                  [&](const PListDict& entry, const std::string& at) { CheckTimer(entry, at, faults); });
+    }
+    if (const PListArray* watches = shape.Array(Keys::watch_list)) {
+        EachEntry(
+            *watches, PointerTo(base, Keys::watch_list), faults,
+            [&](const PListDict& entry, const std::string& at) { CheckWatch(entry, at, paths, faults); });
+    }
+    shape.Any(Keys::max_listeners);
+    shape.Any(Keys::max_watches);
+    shape.NothingElse();
+}
+
+}  // namespace Server

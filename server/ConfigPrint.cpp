@@ -1,0 +1,109 @@
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/reader.h>
+#include <rapidjson/stringbuffer.h>
+
+#include <utility>
+
+#include "Config.h"
+#include "EventManager.h"
+#include "VL_HTTP.h"
+
+namespace Server {
+
+using namespace Velmora;
+namespace Keys = EventManager::Strings;
+
+namespace {
+
+constexpr const char* hidden = "(hidden)";
+
+PListArray Texts(const std::vector<std::string>& texts) {
+    PListArray array;
+    for (const std::string& text : texts) array.Append(PListData(text));
+    return array;
+}
+
+PListDict AddressInForce(const HttpServerOptions& http) {
+    PListDict address;
+    address.SetValue("Host", http.Host);
+    address.SetValue("ListenPort", static_cast<int>(http.Port));
+    if (!http.TLSIdentity.empty()) address.SetValue("TLSIdentity", http.TLSIdentity);
+    address.SetItem("AllowedHosts", Texts(http.AllowedHosts));
+    return address;
+}
+
+PListDict LimitsInForce(const HttpServerOptions& http) {
+    const auto number = [](auto value) { return static_cast<long long>(value); };
+    PListDict limits;
+    limits.SetValue("MaxConnections", number(http.MaxConnections));
+    limits.SetValue("MaxBodyBytes", number(http.BodyLimit));
+    limits.SetValue("MaxHeaderBytes", number(http.HeaderLimit));
+    limits.SetValue("IdleTimeout_ms", number(http.IdleTimeout_ms));
+    limits.SetValue("RequestTimeout_ms", number(http.RequestTimeout_ms));
+    limits.SetValue("IOThreads", number(http.IOThreads));
+    return limits;
+}
+
+// The callback without the password that its URL may hold.
+std::string WithoutPassword(const std::string& callback) {
+    URL url;
+    if (!url.Parse(callback) || url.Password.empty()) return callback;
+    url.Password = "hidden";
+    return url.ComposeAbsolute();
+}
+
+PListArray ListenersWithoutPasswords(const PListArray& listeners) {
+    PListArray shown;
+    for (const PListItem& item : listeners) {
+        PListDict listener = *AsDict(&item);
+        listener.SetValue(Keys::callback, WithoutPassword(listener.GetData(Keys::callback).Text()));
+        shown.Append(listener);
+    }
+    return shown;
+}
+
+PListDict DocumentWithoutPasswords(const PListDict& document) {
+    PListDict shown = document;
+    PListArray events;
+    for (const PListItem& item : document.GetArray(Keys::event_list)) {
+        PListDict event = *AsDict(&item);
+        const PListArray listeners = std::as_const(event).GetArray(Keys::listener_list);
+        if (!listeners.Empty()) event.SetItem(Keys::listener_list, ListenersWithoutPasswords(listeners));
+        events.Append(event);
+    }
+    if (document.HasItem(Keys::event_list)) shown.SetItem(Keys::event_list, events);
+    return shown;
+}
+
+std::string Indented(const std::string& json) {
+    rapidjson::StringBuffer out;
+    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(out);
+    writer.SetIndent(' ', 2);
+    rapidjson::StringStream in(json.c_str());
+    rapidjson::Reader reader;
+    constexpr unsigned flags = rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseIterativeFlag;
+    if (!reader.Parse<flags>(in, writer)) return json;
+    return std::string(out.GetString(), out.GetSize()) + '\n';
+}
+
+}  // namespace
+
+std::string PrintConfig(const Config& config) {
+    PListDict log;
+    log.SetValue("Level", Mirel::LogTypeName(config.LogLevel));
+    log.SetValue("Format", config.LogAsJSON ? "json" : "text");
+    PListDict dict;
+    dict.SetValue(Keys::Timeout_ms, static_cast<int>(config.Timeout_ms));
+    dict.SetItem(Velmora::Strings::Config::BindAddress, AddressInForce(config.Http));
+    if (!config.Http.AccessToken.empty()) dict.SetValue("AccessToken", hidden);
+    if (!config.StateFile.empty()) dict.SetValue(Keys::StateFile, config.StateFile);
+    dict.SetItem("PythonPath", Texts(config.PythonPath));
+    dict.SetItem("Log", log);
+    dict.SetItem("Limits", LimitsInForce(config.Http));
+    dict.SetItem(Keys::EventManager, DocumentWithoutPasswords(config.EventManager));
+    std::string json;
+    if (dict.EncodeJSON(json).Failure()) return std::string();
+    return Indented(json);
+}
+
+}  // namespace Server

@@ -1,0 +1,80 @@
+#include "Health.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "EventManager.h"
+#include "Rest.h"
+
+namespace Server {
+
+using namespace Velmora;
+
+namespace {
+
+std::string DirectoryOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+}  // namespace
+
+CheckOutcome CheckWorker(const EventManager::QueueStatistics& queue) {
+    if (!queue.Installed) return {false, "the queue is not there yet"};
+    if (!queue.WorkerRunning) return {false, "the worker is not running"};
+    if (queue.SinceLastPass_ms > LongestPass_ms) {
+        return {false,
+                "the worker has been in one pass for " + std::to_string(queue.SinceLastPass_ms) + " ms"};
+    }
+    return {true, "passing"};
+}
+
+CheckOutcome CheckStateFile(const EventManager::QueueStatistics& queue, const std::string& path) {
+    if (path.empty()) return {true, "none is configured: nothing is saved"};
+    if (queue.LastSaveFailed) return {false, "the last save failed; the log says why"};
+    if (::faccessat(AT_FDCWD, DirectoryOf(path).c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+        return {false, std::string("its directory is not writable: ") + std::strerror(errno)};
+    }
+    return {true, "writable"};
+}
+
+namespace {
+
+PListDict Entry(const CheckOutcome& outcome) {
+    PListDict entry;
+    entry.SetValue("ok", outcome.Ok);
+    entry.SetValue("detail", outcome.Detail);
+    return entry;
+}
+
+}  // namespace
+
+HttpResponse GetHealth(RestCall& call) {
+    PListDict answer;
+    answer.SetValue("status", "alive");
+    answer.SetValue("version", VELMORA_VERSION);
+    const auto up = std::chrono::steady_clock::now() - call.Context.Started;
+    answer.SetValue("uptime_sec",
+                    static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(up).count()));
+    return Json(STATUS_200_OK, answer);
+}
+
+HttpResponse GetReadiness(RestCall& call) {
+    const EventManager::QueueStatistics queue = EventManager::GetQueueStatistics();
+    const CheckOutcome worker = CheckWorker(queue);
+    const CheckOutcome state_file = CheckStateFile(queue, call.Context.StateFile);
+    const bool ready = worker.Ok && state_file.Ok;
+    PListDict checks;
+    checks.SetItem("worker", Entry(worker));
+    checks.SetItem("state_file", Entry(state_file));
+    PListDict answer;
+    answer.SetValue("ready", ready);
+    answer.SetItem("checks", checks);
+    return Json(ready ? STATUS_200_OK : STATUS_503_NO_SERVICE, answer);
+}
+
+}  // namespace Server

@@ -1,0 +1,155 @@
+#include "Metrics.h"
+
+#include "EventManager.h"
+#include "Rest.h"
+#include "VL_HTTP.h"
+#include "VL_WebSocket.h"
+
+namespace Server {
+
+using Mirel::ui64_t;
+
+void MetricsText::Family(std::string_view name, Kind kind, std::string_view help) {
+    m_Family = name;
+    m_Text.append("# HELP ").append(name).append(1, ' ').append(help).append(1, '\n');
+    m_Text.append("# TYPE ").append(name).append(kind == Kind::Counter ? " counter\n" : " gauge\n");
+}
+
+void MetricsText::Line(std::string_view label, std::string_view value, const std::string& number) {
+    m_Text += m_Family;
+    if (!label.empty()) m_Text.append(1, '{').append(label).append("=\"").append(value).append("\"}");
+    m_Text.append(1, ' ').append(number).append(1, '\n');
+}
+
+void MetricsText::Sample(ui64_t number, std::string_view label, std::string_view value) {
+    Line(label, value, std::to_string(number));
+}
+
+void MetricsText::Sample(double number) {
+    Line({}, {}, std::to_string(number));
+}
+
+void MetricsText::Counter(std::string_view name, ui64_t number, std::string_view help) {
+    Family(name, Kind::Counter, help);
+    Sample(number);
+}
+
+void MetricsText::Gauge(std::string_view name, ui64_t number, std::string_view help) {
+    Family(name, Kind::Gauge, help);
+    Sample(number);
+}
+
+void MetricsText::Gauge(std::string_view name, double number, std::string_view help) {
+    Family(name, Kind::Gauge, help);
+    Sample(number);
+}
+
+namespace {
+
+using Kind = MetricsText::Kind;
+
+constexpr double us_per_sec = 1e6, ms_per_sec = 1e3;
+
+void Postings(MetricsText& text, const EventManager::QueueStatistics& queue, ui64_t rest) {
+    const ui64_t known = rest + queue.TimerPostings + queue.WatchPostings;
+    text.Family("velmora_postings_total", Kind::Counter, "Postings of existing events, by what posted them.");
+    text.Sample(rest, "source", "rest");
+    text.Sample(queue.TimerPostings, "source", "timer");
+    text.Sample(queue.WatchPostings, "source", "watch");
+    // The counters are not read at one instant: what is posted between two of them must not turn this one
+    // negative.
+    text.Sample(queue.Postings > known ? queue.Postings - known : 0, "source", "other");
+}
+
+void Queue(MetricsText& text, const EventManager::QueueStatistics& queue) {
+    text.Gauge("velmora_events", queue.Events, "Registered events.");
+    text.Gauge("velmora_listeners", queue.Listeners, "Registered listeners, over all events.");
+    text.Gauge("velmora_timers", queue.Timers, "Waiting timers.");
+    text.Gauge("velmora_watches", queue.Watches, "Filesystem watches.");
+    text.Gauge("velmora_history_records", queue.HistoryRecords, "Postings kept in the history.");
+    text.Counter("velmora_saves_total", queue.Saves, "Saves of the state file that succeeded.");
+    text.Counter("velmora_failed_saves_total", queue.FailedSaves, "Saves of the state file that failed.");
+    text.Gauge("velmora_worker_running", ui64_t{queue.WorkerRunning}, "1 while the worker's thread runs.");
+    text.Counter("velmora_worker_passes_total", queue.Passes, "Passes of the worker.");
+    text.Family("velmora_worker_pass_seconds_total", Kind::Counter,
+                "Time that the passes took, without their waits.");
+    text.Sample(static_cast<double>(queue.PassTime_us) / us_per_sec);
+    text.Gauge("velmora_worker_last_pass_seconds", static_cast<double>(queue.LastPass_us) / us_per_sec,
+               "Time that the last pass took, without its wait.");
+    text.Gauge("velmora_worker_since_last_pass_seconds",
+               static_cast<double>(queue.SinceLastPass_ms) / ms_per_sec,
+               "Time since the end of the last pass.");
+}
+
+void Feed(MetricsText& text) {
+    const Velmora::BroadcastCounters feed = Velmora::GetBroadcastCounters();
+    text.Gauge("velmora_feed_clients", feed.Clients, "Clients on the feed.");
+    text.Counter("velmora_feed_adopted_total", feed.Adopted, "Clients that came to the feed.");
+    text.Counter("velmora_feed_postings_total", feed.Postings, "Postings that were encoded for the feed.");
+    text.Counter("velmora_feed_frames_total", feed.FramesDelivered, "Frames delivered, over all clients.");
+    text.Counter("velmora_feed_bytes_total", feed.BytesDelivered, "Bytes delivered, over all clients.");
+    text.Counter("velmora_feed_slow_disconnects_total", feed.SlowDisconnects,
+                 "Clients that were disconnected because they did not keep up.");
+    text.Counter("velmora_feed_protocol_errors_total", feed.ProtocolErrors,
+                 "Clients that were disconnected because they broke the protocol.");
+    text.Gauge("velmora_feed_log_bytes", feed.LogBytes,
+               "Bytes kept for clients that have not taken them yet.");
+}
+
+void Deliveries(MetricsText& text, const EventManager::QueueStatistics& queue) {
+    const Velmora::RequestCounters calls = Velmora::GetRequestCounters();
+    text.Gauge("velmora_callers_running", calls.Running, "Calls to listeners that are under way.");
+    text.Gauge("velmora_callers_unreaped", queue.CallersUnreaped,
+               "Callers that the worker has not reaped yet.");
+    text.Family("velmora_deliveries_total", Kind::Counter, "Calls to listeners that ended, by how.");
+    constexpr const char* classes[] = {"other", "1xx", "2xx", "3xx", "4xx", "5xx"};
+    for (std::size_t i = 0; i < std::size(classes); ++i) {
+        text.Sample(calls.AnsweredByClass[i], "outcome", classes[i]);
+    }
+    text.Sample(calls.FailedResolve, "outcome", "resolve");
+    text.Sample(calls.FailedConnect, "outcome", "connect");
+    text.Sample(calls.FailedTLS, "outcome", "tls");
+    text.Sample(calls.FailedTimeout, "outcome", "timeout");
+    text.Sample(calls.FailedTransfer, "outcome", "transfer");
+    text.Sample(calls.FailedResources, "outcome", "resources");
+    text.Sample(calls.FailedParameter, "outcome", "parameter");
+}
+
+void Connections(MetricsText& text, const HttpServerCounters& server) {
+    text.Gauge("velmora_http_connections", server.Connections,
+               "Open connections, without those on the feed.");
+    text.Counter("velmora_http_connections_total", server.Accepted, "Connections that were accepted.");
+    text.Counter("velmora_http_requests_total", server.Requests, "Requests that were read.");
+    text.Family("velmora_http_responses_total", Kind::Counter, "Answers, by the class of their status.");
+    constexpr const char* classes[] = {"other", "1xx", "2xx", "3xx", "4xx", "5xx"};
+    for (std::size_t i = 0; i < std::size(classes); ++i) {
+        text.Sample(server.AnsweredByClass[i], "class", classes[i]);
+    }
+    text.Family("velmora_http_refused_total", Kind::Counter,
+                "What was turned away because the server was full.");
+    text.Sample(server.RefusedBusy, "reason", "busy");
+    text.Sample(server.RefusedConnections, "reason", "connections");
+}
+
+}  // namespace
+
+HttpResponse GetMetrics(RestCall& call) {
+    const EventManager::QueueStatistics queue = EventManager::GetQueueStatistics();
+    MetricsText text;
+    text.Family("velmora_build_info", Kind::Gauge, "Always 1; the version is in the label.");
+    text.Sample(ui64_t{1}, "version", VELMORA_VERSION);
+    const std::chrono::duration<double> up = std::chrono::steady_clock::now() - call.Context.Started;
+    text.Gauge("velmora_uptime_seconds", up.count(), "Time since the server started.");
+    Postings(text, queue, call.Context.RestPostings.load(std::memory_order_relaxed));
+    Queue(text, queue);
+    Feed(text);
+    Deliveries(text, queue);
+    if (call.Context.ServerCounters) Connections(text, call.Context.ServerCounters());
+
+    HttpResponse response;
+    response.ContentType = "text/plain; version=0.0.4; charset=utf-8";
+    response.Body = text.Text();
+    return response;
+}
+
+}  // namespace Server

@@ -1,0 +1,165 @@
+// Events and their listeners: /api/v1/events and what is below it.
+#include <utility>
+
+#include "EventManager.h"
+#include "Rest.h"
+
+namespace Server {
+
+using namespace Velmora;
+namespace Keys = EventManager::Strings;
+using EventManager::GlobalEventQueue;
+
+namespace {
+
+std::string NoSuchEvent(const std::string& name) {
+    return "There is no event \"" + name + "\".";
+}
+
+HttpResponse EventMissing(const std::string& name) {
+    return Problem(STATUS_404_NOT_FOUND, NoSuchEvent(name));
+}
+
+HttpResponse OverListenerLimit() {
+    return Problem(STATUS_409_CONFLICT, "There are more listeners than \"max_listeners\" allows.");
+}
+
+HttpResponse NoQueue() {
+    return Problem(STATUS_503_NO_SERVICE, "The event queue is not running yet.");
+}
+
+// The event's entry in the document; the empty dictionary where there is none.
+PListDict FindEvent(const std::string& name) {
+    PListDict state;
+    GlobalEventQueue().GetEventState(state);
+    for (const PListItem& item : std::as_const(state).GetArray(Keys::event_list)) {
+        const PListDict* entry = AsDict(&item);
+        if (entry != nullptr && entry->GetData(Keys::event_name).TextView() == name) return *entry;
+    }
+    return PListDict();
+}
+
+PListDict NewEventEntry(const std::string& name, const PListDict* data) {
+    PListDict entry;
+    entry.SetValue(Keys::event_name, name);
+    if (data != nullptr && !data->Empty()) entry.SetItem(Keys::event_data, *data);
+    entry.SetItem(Keys::listener_list, PListArray());
+    return entry;
+}
+
+HttpResponse ListenerAnswer(Status_t status, const std::string& event_name, const EventManager::UUID& id) {
+    if (status == STATUS_404_NOT_FOUND) return EventMissing(event_name);
+    if (status == STATUS_409_CONFLICT) return OverListenerLimit();
+    if (status == STATUS_412_PRECOND_FAILED) {
+        return Problem(status, "The event \"" + event_name + "\" has a listener with this callback already.");
+    }
+    if (status == STATUS_400_BAD_REQ) {
+        return Problem(
+            status, "The callback cannot be called.",
+            {{"/callback", "must be a URL, a path on this server or \"python://\" and a module's name"}});
+    }
+    if (status != STATUS_201_CREATED) return NoQueue();
+    PListDict created;
+    created.SetValue(Keys::id, UUIDText(id));
+    return Created(ApiPath({Keys::events, event_name, Keys::listeners, UUIDText(id)}), created);
+}
+
+}  // namespace
+
+HttpResponse GetEvents(RestCall&) {
+    PListDict state;
+    GlobalEventQueue().GetEventState(state);
+    return Json(STATUS_200_OK, state);
+}
+
+HttpResponse PostEvents(RestCall& call) {
+    PListDict body;
+    if (auto refused = ReadBody(call, body)) return std::move(*refused);
+    std::vector<Fault> faults;
+    Shape shape(body, "", faults);
+    const auto name = shape.NonEmptyText(Keys::event_name, Need::Required);
+    const PListDict* data = shape.Dict(Keys::event_data);
+    shape.NothingElse();
+    if (!faults.empty())
+        return Problem(STATUS_422_UNPROCESSABLE, "The event cannot be created as given.", faults);
+
+    PListDict copy;
+    if (data != nullptr) copy = *data;
+    const Status_t status = GlobalEventQueue().CreateEvent(*name, &copy);
+    if (status == STATUS_409_CONFLICT) return OverListenerLimit();
+    if (status == STATUS_412_PRECOND_FAILED)
+        return Problem(status, "The event \"" + *name + "\" exists already.");
+    if (status != STATUS_201_CREATED) return NoQueue();
+    return Created(ApiPath({Keys::events, *name}), NewEventEntry(*name, data));
+}
+
+HttpResponse DeleteEvents(RestCall&) {
+    GlobalEventQueue().DeleteAllEvents();
+    return NoContent();
+}
+
+HttpResponse GetEvent(RestCall& call) {
+    const PListDict entry = FindEvent(call.Names[0]);
+    return entry.Empty() ? EventMissing(call.Names[0]) : Json(STATUS_200_OK, entry);
+}
+
+HttpResponse PostEvent(RestCall& call) {
+    const std::string& name = call.Names[0];
+    PListDict data;
+    const bool has_data = !call.Request.Body.empty();
+    if (has_data) {
+        if (auto refused = ReadBody(call, data)) return std::move(*refused);
+    }
+    if (!GlobalEventQueue().PostEvent(name, has_data ? &data : nullptr)) return EventMissing(name);
+    call.Context.RestPostings.fetch_add(1, std::memory_order_relaxed);
+
+    HttpResponse response;
+    response.Status = STATUS_202_ACCEPTED;
+    response.ContentType = Velmora::Strings::MIME_json;
+    response.Body = "{\"event_name\":";
+    AppendJsonString(response.Body, name);
+    response.Body += ",\"posted\":true}";
+    return response;
+}
+
+HttpResponse DeleteEvent(RestCall& call) {
+    return Removed(GlobalEventQueue().DeleteEvent(call.Names[0]), NoSuchEvent(call.Names[0]));
+}
+
+HttpResponse GetListeners(RestCall& call) {
+    const PListDict entry = FindEvent(call.Names[0]);
+    if (entry.Empty()) return EventMissing(call.Names[0]);
+    PListDict answer;
+    answer.SetItem(Keys::listener_list, entry.GetArray(Keys::listener_list));
+    return Json(STATUS_200_OK, answer);
+}
+
+HttpResponse PostListeners(RestCall& call) {
+    PListDict body;
+    if (auto refused = ReadBody(call, body)) return std::move(*refused);
+    std::vector<Fault> faults;
+    Shape shape(body, "", faults);
+    const auto callback = shape.Text(Keys::callback, Need::Required);
+    const PListDict* data = shape.Dict(Keys::listener_data);
+    shape.NothingElse();
+    if (!faults.empty()) {
+        return Problem(STATUS_422_UNPROCESSABLE, "The listener cannot be created as given.", faults);
+    }
+    EventManager::UUID id;
+    const Status_t status = GlobalEventQueue().CreateEventListener(call.Names[0], *callback, data, id);
+    return ListenerAnswer(status, call.Names[0], id);
+}
+
+HttpResponse DeleteListeners(RestCall& call) {
+    return Removed(GlobalEventQueue().DeleteListenersForEvent(call.Names[0]), NoSuchEvent(call.Names[0]));
+}
+
+HttpResponse DeleteListener(RestCall& call) {
+    EventManager::UUID id;
+    const bool removed =
+        Mirel::UUIDFromText(call.Names[1], id) && GlobalEventQueue().DeleteEventListener(call.Names[0], id);
+    return Removed(removed, "The event \"" + call.Names[0] + "\" has no listener with the id \"" +
+                                call.Names[1] + "\".");
+}
+
+}  // namespace Server

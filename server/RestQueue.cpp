@@ -1,0 +1,103 @@
+// The queue as a whole: its state document, its limits and the feed's place among the resources.
+#include <limits>
+#include <utility>
+
+#include "Config.h"
+#include "EventManager.h"
+#include "Rest.h"
+
+namespace Server {
+
+using namespace Velmora;
+namespace Keys = EventManager::Strings;
+using EventManager::GlobalEventQueue;
+using Mirel::i32_t;
+
+namespace {
+
+const std::string* const sections[] = {&Keys::event_list, &Keys::timer_list, &Keys::watch_list};
+
+bool HasSection(const PListDict& document) {
+    for (const std::string* section : sections) {
+        if (document.HasItem(*section)) return true;
+    }
+    return false;
+}
+
+PListDict Limits() {
+    PListDict limits;
+    limits.SetValue(Keys::max_listeners, GlobalEventQueue().GetMaxListeners());
+    limits.SetValue(Keys::max_watches, GlobalEventQueue().GetMaxWatches());
+    return limits;
+}
+
+// 409 where the limits would let only a part of the document in. What others create meanwhile is not
+// foreseen: then the queue refuses entries as it does for everybody.
+std::optional<HttpResponse> OverLimits(const PListDict& document) {
+    PListDict existing;
+    GlobalEventQueue().GetQueueState(existing);
+    std::vector<Fault> faults;
+    CheckQueueLimits(document, existing, GlobalEventQueue().GetMaxListeners(),
+                     GlobalEventQueue().GetMaxWatches(), "", faults);
+    if (faults.empty()) return std::nullopt;
+    return Problem(STATUS_409_CONFLICT, "The limits do not let the whole document in; nothing was applied.",
+                   faults);
+}
+
+}  // namespace
+
+HttpResponse GetQueue(RestCall& call) {
+    PListDict state;
+    GlobalEventQueue().GetQueueState(state);
+    return WithETag(call.Request, Json(STATUS_200_OK, state));
+}
+
+HttpResponse PostQueue(RestCall& call) {
+    PListDict document;
+    if (auto refused = ReadBody(call, document)) return std::move(*refused);
+    std::vector<Fault> faults;
+    CheckQueueDocument(document, "", faults);
+    if (!HasSection(document)) {
+        faults.insert(faults.begin(),
+                      {"", "holds none of \"event_list\", \"timer_list\" and \"watch_list\""});
+    }
+    if (!faults.empty()) {
+        return Problem(STATUS_422_UNPROCESSABLE, "The document cannot be applied as a whole; nothing was.",
+                       faults);
+    }
+    if (auto refused = OverLimits(document)) return std::move(*refused);
+    GlobalEventQueue().SetQueueState(document);
+    PListDict state;
+    GlobalEventQueue().GetQueueState(state);
+    return Json(STATUS_200_OK, state);
+}
+
+HttpResponse GetConfig(RestCall&) {
+    return Json(STATUS_200_OK, Limits());
+}
+
+HttpResponse PatchConfig(RestCall& call) {
+    PListDict body;
+    if (auto refused = ReadBody(call, body)) return std::move(*refused);
+    constexpr auto min = std::numeric_limits<i32_t>::min(), max = std::numeric_limits<i32_t>::max();
+    std::vector<Fault> faults;
+    Shape shape(body, "", faults);
+    const auto max_listeners = shape.Integer(Keys::max_listeners, min, max);
+    const auto max_watches = shape.Integer(Keys::max_watches, min, max);
+    shape.NothingElse();
+    if (!faults.empty())
+        return Problem(STATUS_422_UNPROCESSABLE, "The limits cannot be set as given.", faults);
+
+    if (max_listeners) GlobalEventQueue().SetMaxListeners(static_cast<i32_t>(*max_listeners));
+    if (max_watches) GlobalEventQueue().SetMaxWatches(static_cast<i32_t>(*max_watches));
+    return Json(STATUS_200_OK, Limits());
+}
+
+HttpResponse GetFeed(RestCall&) {
+    HttpResponse response =
+        Problem(STATUS_426_UPGRADE, "The feed is a WebSocket: the request must ask for an upgrade to it.");
+    response.Headers.emplace_back("Upgrade", "websocket");
+    return response;
+}
+
+}  // namespace Server

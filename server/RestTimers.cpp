@@ -1,0 +1,108 @@
+// Timers: /api/v1/timers.
+#include <limits>
+#include <utility>
+
+#include "EventManager.h"
+#include "Rest.h"
+
+namespace Server {
+
+using namespace Velmora;
+namespace Keys = EventManager::Strings;
+using EventManager::GlobalEventQueue;
+using Mirel::i32_t;
+using Mirel::i64_t;
+using Mirel::Timestamp;
+
+namespace {
+
+// What a body asks for, once it is known to be right.
+struct NewTimer {
+    std::string EventName;
+    Timestamp Start;
+    i64_t Interval_sec = 0;
+    const PListDict* Data = nullptr;
+};
+
+// The start time's text is read here, so that a wrong one is refused also where an interval makes it unused.
+void ReadStart(Shape& shape, NewTimer& timer) {
+    const auto start = shape.NonEmptyText(Keys::start_time);
+    const bool whole = start && start->find('\0') == std::string::npos;
+    if (start && !(whole && timer.Start.DecodeString(start->c_str()))) {
+        shape.Blame(Keys::start_time, "must be a time like \"2026-01-31T12:00:00+00:00\"");
+    }
+    if (!start && timer.Interval_sec == 0) {
+        shape.Blame("", "needs a \"start_time\", or an \"interval_sec\" other than 0");
+    }
+}
+
+NewTimer ReadTimer(const PListDict& body, std::vector<Fault>& faults) {
+    NewTimer timer;
+    Shape shape(body, "", faults);
+    timer.EventName = shape.NonEmptyText(Keys::event_name, Need::Required).value_or("");
+    timer.Interval_sec = shape
+                             .IntegerOrText(Keys::interval_sec, std::numeric_limits<i32_t>::min(),
+                                            std::numeric_limits<i32_t>::max())
+                             .value_or(0);
+    ReadStart(shape, timer);
+    timer.Data = shape.Dict(Keys::timer_data);
+    shape.NothingElse();
+    return timer;
+}
+
+std::string NoSuchTimer(const std::string& id) {
+    return "There is no timer with the id \"" + id + "\".";
+}
+
+}  // namespace
+
+HttpResponse GetTimers(RestCall&) {
+    PListDict state;
+    GlobalEventQueue().GetTimerState(state);
+    return Json(STATUS_200_OK, state);
+}
+
+HttpResponse PostTimers(RestCall& call) {
+    PListDict body;
+    if (auto refused = ReadBody(call, body)) return std::move(*refused);
+    std::vector<Fault> faults;
+    const NewTimer timer = ReadTimer(body, faults);
+    if (!faults.empty())
+        return Problem(STATUS_422_UNPROCESSABLE, "The timer cannot be created as given.", faults);
+
+    EventManager::UUID id;
+    if (!GlobalEventQueue().CreateTimer(timer.EventName, timer.Start, timer.Interval_sec, timer.Data, id)) {
+        return Problem(STATUS_503_NO_SERVICE, "The event queue is not running yet.");
+    }
+    PListDict created;
+    created.SetValue(Keys::id, UUIDText(id));
+    return Created(ApiPath({Keys::timers, UUIDText(id)}), created);
+}
+
+HttpResponse DeleteTimers(RestCall&) {
+    GlobalEventQueue().DeleteAllTimers();
+    return NoContent();
+}
+
+HttpResponse GetTimer(RestCall& call) {
+    EventManager::UUID id;
+    if (Mirel::UUIDFromText(call.Names[0], id)) {
+        PListDict state;
+        GlobalEventQueue().GetTimerState(state);
+        for (const PListItem& item : std::as_const(state).GetArray(Keys::timer_list)) {
+            const PListDict* entry = AsDict(&item);
+            if (entry != nullptr && entry->GetData(Keys::id).TextView() == UUIDText(id)) {
+                return Json(STATUS_200_OK, *entry);
+            }
+        }
+    }
+    return Problem(STATUS_404_NOT_FOUND, NoSuchTimer(call.Names[0]));
+}
+
+HttpResponse DeleteTimer(RestCall& call) {
+    EventManager::UUID id;
+    const bool removed = Mirel::UUIDFromText(call.Names[0], id) && GlobalEventQueue().DeleteTimer(id);
+    return Removed(removed, NoSuchTimer(call.Names[0]));
+}
+
+}  // namespace Server

@@ -1,0 +1,124 @@
+// Filesystem watches: /api/v1/watches.
+#include <linux/magic.h>
+#include <sys/vfs.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "EventManager.h"
+#include "Rest.h"
+
+namespace Server {
+
+using namespace Velmora;
+namespace Keys = EventManager::Strings;
+using EventManager::GlobalEventQueue;
+
+namespace {
+
+// File systems whose other machines' changes the kernel here never hears of. Those that linux/magic.h leaves
+// out are given by number (their kernel sources).
+constexpr unsigned long network_filesystems[] = {
+    NFS_SUPER_MAGIC,  SMB_SUPER_MAGIC, SMB2_SUPER_MAGIC, CIFS_SUPER_MAGIC,
+    FUSE_SUPER_MAGIC, AFS_SUPER_MAGIC, AFS_FS_MAGIC,     CODA_SUPER_MAGIC,
+    NCP_SUPER_MAGIC,  V9FS_MAGIC,      CEPH_SUPER_MAGIC, OCFS2_SUPER_MAGIC,
+    0x01161970,  // GFS2
+    0x0bd00bd0,  // Lustre
+};
+
+bool IsNetworkFilesystem(unsigned long type) {
+    return std::find(std::begin(network_filesystems), std::end(network_filesystems), type) !=
+           std::end(network_filesystems);
+}
+
+// What may keep the watch from firing although it was registered.
+PListArray WatchWarnings(const std::string& path) {
+    PListArray warnings;
+    if (path.front() != '/')
+        warnings.Append(PListData("The path is relative to the server's working directory."));
+    struct statfs filesystem {};
+    if (::statfs(path.c_str(), &filesystem) != 0) {
+        warnings.Append(PListData("The path cannot be watched now (" + std::string(std::strerror(errno)) +
+                                  "): the watch is dropped at the worker's next pass."));
+    } else if (IsNetworkFilesystem(static_cast<unsigned long>(filesystem.f_type))) {
+        warnings.Append(PListData(
+            "The path lies on a network or FUSE file system: changes that other machines make there "
+            "are not seen."));
+    }
+    return warnings;
+}
+
+// The watched path that is `path` but for letter case; empty where there is none.
+std::string WatchedAs(const std::string& path) {
+    const ci_comp less;
+    PListDict state;
+    GlobalEventQueue().GetWatchState(state);
+    for (const PListItem& item : std::as_const(state).GetArray(Keys::watch_list)) {
+        const PListDict* entry = AsDict(&item);
+        if (entry == nullptr) continue;
+        std::string watched = entry->GetData(Keys::path).Text();
+        if (!less(watched, path) && !less(path, watched)) return watched;
+    }
+    return std::string();
+}
+
+HttpResponse WatchRefused(const std::string& path) {
+    const std::string watched = WatchedAs(path);
+    if (watched.empty()) {
+        return Problem(STATUS_409_CONFLICT, "There are more watches than \"max_watches\" allows.");
+    }
+    return Problem(STATUS_409_CONFLICT,
+                   "The path is watched already, as \"" + watched +
+                       "\" (letter case does not count; a watch that was just deleted goes with "
+                       "the worker's next passes).");
+}
+
+std::optional<std::string> ReadPath(Shape& shape) {
+    auto path = shape.NonEmptyText(Keys::path, Need::Required);
+    if (path && path->find('\0') != std::string::npos) shape.Blame(Keys::path, "must not hold a NUL");
+    return path;
+}
+
+}  // namespace
+
+HttpResponse GetWatches(RestCall&) {
+    PListDict state;
+    GlobalEventQueue().GetWatchState(state);
+    return Json(STATUS_200_OK, state);
+}
+
+HttpResponse PostWatches(RestCall& call) {
+    PListDict body;
+    if (auto refused = ReadBody(call, body)) return std::move(*refused);
+    std::vector<Fault> faults;
+    Shape shape(body, "", faults);
+    const auto path = ReadPath(shape);
+    const auto event_name = shape.NonEmptyText(Keys::event_name, Need::Required);
+    const bool once = shape.Boolean(Keys::once).value_or(false);
+    const PListDict* data = shape.Dict(Keys::watch_data);
+    shape.NothingElse();
+    if (!faults.empty())
+        return Problem(STATUS_422_UNPROCESSABLE, "The watch cannot be created as given.", faults);
+
+    if (!GlobalEventQueue().CreateWatch(*path, *event_name, data, once)) return WatchRefused(*path);
+    PListDict entry;
+    entry.SetValue(Keys::path, *path);
+    entry.SetValue(Keys::event_name, *event_name);
+    entry.SetValue(Keys::once, once);
+    if (data != nullptr && !data->Empty()) entry.SetItem(Keys::watch_data, *data);
+    entry.SetItem("warnings", WatchWarnings(*path));
+    return Json(STATUS_201_CREATED, entry);
+}
+
+HttpResponse DeleteWatches(RestCall& call) {
+    const std::string* path = call.Parameter(Keys::path);
+    if (path != nullptr) {
+        return Removed(GlobalEventQueue().DeleteWatch(*path), "There is no watch on \"" + *path + "\".");
+    }
+    GlobalEventQueue().DeleteAllWatches();
+    return NoContent();
+}
+
+}  // namespace Server
