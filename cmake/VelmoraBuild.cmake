@@ -35,3 +35,22 @@ function(velmora_library name)
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/EventManager>)
 endfunction()
+
+# velmora_link_what_it_includes(TARGET SOURCE): the module and the server's parts for a test or a fuzz target whose
+# source includes their headers. One that has the module's source inside (support/QueueProbe.h), to reach what is local
+# to it, is not linked with the module as well.
+function(velmora_link_what_it_includes target source)
+  file(STRINGS ${source} includes REGEX "^#include \"")
+  if(includes MATCHES "QueueProbe")
+    target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/src)
+  elseif(includes MATCHES "EventManager\\.h")
+    target_link_libraries(${target} PRIVATE EventManager)
+  endif()
+  foreach(include IN LISTS includes)
+    string(REGEX REPLACE ".*\"(.*)\".*" "\\1" header "${include}")
+    if(EXISTS ${PROJECT_SOURCE_DIR}/server/${header})
+      target_link_libraries(${target} PRIVATE server_parts)
+      break()
+    endif()
+  endforeach()
+endfunction()
