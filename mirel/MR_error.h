@@ -11,7 +11,7 @@ namespace Mirel {
 /// Values of 0 and above are successes, values below 0 failures. Two results are equal when their values
 /// are. A result is a plain value: copy it freely, from any thread.
 class [[nodiscard]] Result_t {
- public:
+  public:
     /// Success (the same as RESULT_OK).
     constexpr Result_t() noexcept : Result_t(0, "OK", "Success.") {}
 
@@ -37,7 +37,7 @@ class [[nodiscard]] Result_t {
         return lhs.m_Value == rhs.m_Value;
     }
 
- private:
+  private:
     int m_Value;
     const char* m_Symbol;
     const char* m_Message;

@@ -30,7 +30,7 @@ namespace Mirel {
 
 /// A plain, non-recursive mutex. A thread that holds it and locks it again waits for ever.
 class CAPABILITY("mutex") Mutex {
- public:
+  public:
     Mutex() = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
@@ -39,26 +39,26 @@ class CAPABILITY("mutex") Mutex {
     void Unlock() RELEASE() { m_Mutex.unlock(); }
     bool TryLock() TRY_ACQUIRE(true) { return m_Mutex.try_lock(); }
 
- private:
+  private:
     friend class Condition;
     std::mutex m_Mutex;
 };
 
 /// Locks a mutex for the life of the object.
 class SCOPED_CAPABILITY AutoMutex {
- public:
+  public:
     explicit AutoMutex(Mutex& mutex) ACQUIRE(mutex) : m_Mutex(mutex) { m_Mutex.Lock(); }
     ~AutoMutex() RELEASE() { m_Mutex.Unlock(); }
     AutoMutex(const AutoMutex&) = delete;
     AutoMutex& operator=(const AutoMutex&) = delete;
 
- private:
+  private:
     Mutex& m_Mutex;
 };
 
 /// A condition that threads wait for under a mutex. Waits may wake without cause: test the condition again.
 class Condition {
- public:
+  public:
     void Wait(Mutex& mutex) REQUIRES(mutex) {
         std::unique_lock<std::mutex> held(mutex.m_Mutex, std::adopt_lock);
         m_Condition.wait(held);
@@ -76,7 +76,7 @@ class Condition {
     void NotifyOne() { m_Condition.notify_one(); }
     void NotifyAll() { m_Condition.notify_all(); }
 
- private:
+  private:
     std::condition_variable m_Condition;
 };
 

@@ -1,0 +1,169 @@
+#include "MR_log.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <map>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "MR_thread.h"
+#include "Testing.h"
+
+using namespace Mirel;
+
+namespace {
+
+// Text that was written to a descriptor.
+class MemoryFile {
+  public:
+    MemoryFile() : m_Descriptor(memfd_create("log", MFD_CLOEXEC)) {}
+    ~MemoryFile() { close(m_Descriptor); }
+    int Descriptor() const { return m_Descriptor; }
+    std::string Text() const {
+        std::string text(65536, '\0');
+        text.resize(static_cast<std::size_t>(pread(m_Descriptor, text.data(), text.size(), 0)));
+        return text;
+    }
+
+  private:
+    const int m_Descriptor;
+};
+
+constexpr LogType_t BySeverity[] = {LOG_DEBUG, LOG_INFO, LOG_NOTICE, LOG_WARN,
+                                    LOG_ERROR, LOG_CRIT, LOG_ALERT};
+
+void log_at_every_level(ILogSink& sink) {
+    sink.Debug("x");
+    sink.Info("x");
+    sink.Notice("x");
+    sink.Warn("x");
+    sink.Error("x");
+    sink.Crit("x");
+    sink.Alert("x");
+}
+
+}  // namespace
+
+TEST(Log, WritesWhatIsAtLeastAsSevereAsItsLevel) {
+    for (std::size_t level = 0; level < std::size(BySeverity); ++level) {
+        Testing::CapturedLog sink(BySeverity[level]);
+        log_at_every_level(sink);
+        std::vector<LogType_t> types;
+        for (const auto& entry : sink.Entries()) types.push_back(entry.first);
+        EXPECT_EQ(types, std::vector<LogType_t>(BySeverity + level, std::end(BySeverity)));
+    }
+    Testing::CapturedLog sink(LOG_INFO);
+    const char* volatile unreadable = reinterpret_cast<const char*>(1);
+    sink.Debug("%s", unreadable);  // would crash if it was formatted
+}
+
+TEST(Log, LevelsHaveNames) {
+    LogType_t type = LOG_CRIT;
+    for (const LogType_t one : BySeverity) {
+        EXPECT_TRUE(LogTypeFromName(LogTypeName(one), type));
+        EXPECT_EQ(type, one);
+    }
+    EXPECT_TRUE(LogTypeFromName("Notice", type));
+    for (const char* name : {"", "warning", "not", "debug "}) EXPECT_FALSE(LogTypeFromName(name, type));
+    EXPECT_EQ(type, LOG_NOTICE);
+}
+
+TEST(Log, AnEntryIsOneLineWhateverItSays) {
+    const struct {
+        std::string message, text, json;
+    } cases[] = {
+        {"plain\n", "plain", "plain"},
+        {"two\nlines\n\n", "two\\nlines\\n", "two\\nlines\\n"},
+        {"\r\t\x1b[2J\x7f", "\\r\\t\\x1b[2J\\x7f", "\\r\\t\\u001b[2J\\u007f"},
+        {"say \"C:\\\"", "say \"C:\\\"", "say \\\"C:\\\\\\\""},
+        {"gr\xC3\xBC\xC3\x9F \xE2\x82\xAC \xF0\x9F\x98\x80",
+         "gr\xC3\xBC\xC3\x9F \xE2\x82\xAC \xF0\x9F\x98\x80",
+         "gr\xC3\xBC\xC3\x9F \xE2\x82\xAC \xF0\x9F\x98\x80"},
+        {"c1 \xC2\x9B", "c1 \\xc2\\x9b", "c1 \\u009b"},
+        {"cut \xE2\x82", "cut \\xe2\\x82", "cut \\ufffd\\ufffd"},
+        {"long \xC0\x8A", "long \\xc0\\x8a", "long \\ufffd\\ufffd"},
+        {"half \xED\xA0\x80", "half \\xed\\xa0\\x80", "half \\ufffd\\ufffd\\ufffd"},
+        {"high \xF4\x90\x80\x80", "high \\xf4\\x90\\x80\\x80", "high \\ufffd\\ufffd\\ufffd\\ufffd"},
+        {std::string(5000, 'x') + "\n", std::string(5000, 'x'), std::string(5000, 'x')},
+    };
+    Testing::SteppedClock clock("2026-01-31T12:00:00.1239Z");
+    for (const auto& one : cases) {
+        MemoryFile text, json;
+        TextLogSink text_sink(text.Descriptor());
+        JSONLogSink json_sink(json.Descriptor());
+        std::thread([&] {
+            pthread_setname_np(pthread_self(), "a \"b\"\n");
+            text_sink.Error("%s", one.message.c_str());
+            json_sink.Error("%s", one.message.c_str());
+        }).join();
+        EXPECT_EQ(text.Text(), "2026-01-31T12:00:00.123Z ERROR [a \"b\"\\n] " + one.text + "\n");
+        EXPECT_EQ(json.Text(),
+                  "{\"time\":\"2026-01-31T12:00:00.123Z\",\"level\":\"error\",\"thread\":\"a \\\"b\\\"\\n\","
+                  "\"message\":\"" +
+                      one.json + "\"}\n");
+    }
+    EXPECT_EQ(EscapeForLog(std::string("a\0b\n", 4)), "a\\x00b\\n");
+}
+
+TEST(Log, KeepsLinesOfManyThreadsWholeOnAFullPipe) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+    TextLogSink sink(ends[1]);
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < 8; ++writer) {
+        writers.emplace_back([&, writer] {
+            for (int i = 0; i < 200; ++i) {
+                const std::string rest(i % 10 == 0 ? 9000 : 20, static_cast<char>('a' + writer));
+                sink.Info("%d %d %s.\n", writer, i, rest.c_str());
+            }
+        });
+    }
+    std::map<int, int> next;
+    std::thread reader([&] {
+        FILE* const lines = fdopen(ends[0], "r");
+        std::vector<char> line(16384);
+        while (fgets(line.data(), static_cast<int>(line.size()), lines) != nullptr) {
+            std::istringstream words(std::string(line.data()));
+            std::string time, level, thread, rest;
+            int writer = -1, number = -1;
+            std::getline(words, thread, ']') >> writer >> number >> rest;
+            ASSERT_EQ(number, next[writer]++) << line.data();
+            ASSERT_EQ(rest, std::string(number % 10 == 0 ? 9000 : 20, static_cast<char>('a' + writer)) + ".");
+        }
+        fclose(lines);
+    });
+    for (std::thread& writer : writers) writer.join();
+    close(ends[1]);
+    reader.join();
+    for (int writer = 0; writer < 8; ++writer) EXPECT_EQ(next[writer], 200);
+}
+
+TEST(Log, CountsWhatNoDescriptorTook) {
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(full, 0);
+    const ui64_t before = LostLogEntries();
+    TextLogSink sink(full);
+    errno = ENOENT;
+    sink.Error("lost\n");
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(LostLogEntries(), before + 1);
+    close(full);
+}
+
+TEST(Log, TheDefaultSinkIsReplacedAndComesBack) {
+    ILogSink* const first = &DefaultLogSink();
+    {
+        const Testing::CapturedLog log;
+        EXPECT_NE(&DefaultLogSink(), first);
+        DefaultLogSink().Debug("%s-%d\n", "captured", 1);
+        EXPECT_TRUE(log.Has("captured-1\n"));
+    }
+    EXPECT_EQ(&DefaultLogSink(), first);
+    EXPECT_EQ(first->Level(), LOG_INFO);
+}

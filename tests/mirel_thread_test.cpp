@@ -1,0 +1,179 @@
+#include "MR_thread.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <fstream>
+#include <functional>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "Testing.h"
+
+using namespace Mirel;
+using Testing::Eventually;
+
+namespace {
+
+// Its hooks answer what they are told to and leave their first letters in the trace.
+class Worker : public Thread {
+  public:
+    using Hook = std::function<Result_t()>;
+
+    explicit Worker(Hook body = [] { return RESULT_OK; }) : Body(std::move(body)) {}
+    ~Worker() override { WaitUntilFinished(); }
+
+    Hook Init = [] { return RESULT_OK; };
+    Hook Body;
+    Hook Asked = [] { return RESULT_OK; };
+    std::string Trace;  // of the thread, once it has finished
+    std::atomic<int> Stops{0};
+
+  private:
+    Result_t ThreadInit() override { return Trace += 'I', Init(); }
+    Result_t ThreadBody() override { return Trace += 'B', Body(); }
+    Result_t ThreadFini(Result_t result) override { return Trace += 'F', result; }
+    Result_t ThreadStop() override { return ++Stops, Asked(); }
+};
+
+Result_t throw_oddly() {
+    throw 42;
+}
+Result_t throw_with_reason() {
+    throw std::runtime_error("the\nreason");
+}
+
+i64_t address_space_kb() {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        i64_t size = 0;
+        if (word == "VmSize:" && status >> size) return size;
+    }
+    return -1;
+}
+
+}  // namespace
+
+TEST(Thread, RunsItsHooksInOrderAndKeepsTheOutcome) {
+    const Testing::CapturedLog log;
+    const struct {
+        Worker::Hook init, body;
+        const char* trace;
+        Result_t result;
+        std::size_t errors;
+    } cases[] = {
+        {[] { return RESULT_OK; }, [] { return RESULT_OK; }, "IBF", RESULT_OK, 0},
+        {[] { return RESULT_OK; }, [] { return RESULT_NETWORK; }, "IBF", RESULT_NETWORK, 0},
+        {[] { return RESULT_FILEOPEN; }, [] { return RESULT_OK; }, "IF", RESULT_FILEOPEN, 0},
+        {throw_with_reason, [] { return RESULT_OK; }, "IF", RESULT_FAIL, 1},
+        {[] { return RESULT_OK; }, throw_oddly, "IBF", RESULT_FAIL, 2},
+    };
+    for (const auto& one : cases) {
+        Worker worker(one.body);
+        worker.Init = one.init;
+        EXPECT_FALSE(worker.IsFinished());
+        ASSERT_TRUE(worker.Start("worker").Success());
+        ASSERT_TRUE(Eventually([&] { return worker.IsFinished(); }));
+        EXPECT_EQ(worker.Trace, one.trace);
+        EXPECT_EQ(worker.Result(), one.result);
+        EXPECT_EQ(worker.Start("again"), RESULT_STATE);
+        EXPECT_EQ(worker.Name(), "worker");
+        EXPECT_EQ(log.Errors().size(), one.errors);
+    }
+    EXPECT_TRUE(log.Has("the\nreason"));
+}
+
+TEST(Thread, AnswersTheSystemsReasonWhenThereIsNoThread) {
+    Worker worker;
+    worker.StackSize(std::size_t{1} << 60);
+    const Result_t result = worker.Start("none");
+    EXPECT_EQ(result, RESULT_THREAD);
+    EXPECT_NE(std::string(result.Message()).find(strerror(EAGAIN)), std::string::npos) << result.Message();
+    EXPECT_TRUE(worker.IsFinished());
+    EXPECT_STREQ(worker.Result().Message(), result.Message());
+    EXPECT_EQ(worker.Start("none"), RESULT_STATE);
+    EXPECT_EQ(worker.Stop(10000, true), RESULT_OK);
+    EXPECT_EQ(worker.Trace, "");
+}
+
+TEST(Thread, StopAsksAndWaitsNoLongerThanItsLimit) {
+    std::promise<void> released;
+    Worker worker([&] { return released.get_future().wait(), RESULT_OK; });
+    EXPECT_EQ(worker.Stop(10000, true), RESULT_OK);  // not started: nothing to wait for
+    EXPECT_EQ(worker.Stops, 1);
+    ASSERT_TRUE(worker.Start("gate").Success());
+    EXPECT_EQ(worker.Stop(0, false), RESULT_OK);
+    EXPECT_EQ(worker.Stop(20, true), RESULT_TIMEOUT);
+    EXPECT_FALSE(worker.IsFinished());
+
+    worker.Asked = [&] { return released.set_value(), RESULT_NETWORK; };
+    EXPECT_EQ(worker.Stop(10000, true), RESULT_NETWORK);
+    EXPECT_TRUE(worker.IsFinished());
+    EXPECT_EQ(worker.Stop(10000, true), RESULT_OK);
+    EXPECT_EQ(worker.Stops, 4);
+}
+
+TEST(Thread, DoesNotWaitForItself) {
+    Worker worker;
+    worker.Body = [&] { return worker.Stop(10000, true); };
+    ASSERT_TRUE(worker.Start("self").Success());
+    EXPECT_TRUE(Eventually([&] { return worker.IsFinished(); }));
+    EXPECT_EQ(worker.Result(), RESULT_STATE);
+}
+
+TEST(Thread, BearsItsNameAsFarAsTheKernelTakesIt) {
+    const struct {
+        const char* name;
+        const char* kernel;
+    } cases[] = {
+        {"fifteen letters", "fifteen letters"},
+        {"EventQueue::PostEvent", "EventQueue::Pos"},
+        {"fourteen bytes\xC3\xA4", "fourteen bytes"},
+    };
+    for (const auto& one : cases) {
+        std::string current, kernel(16, '\0');
+        Worker worker([&] {
+            current = Thread::CurrentName();
+            pthread_getname_np(pthread_self(), kernel.data(), kernel.size());
+            return RESULT_OK;
+        });
+        ASSERT_TRUE(worker.Start(one.name).Success());
+        ASSERT_TRUE(Eventually([&] { return worker.IsFinished(); }));
+        EXPECT_EQ(worker.Name(), one.name);
+        EXPECT_EQ(current, one.name);
+        EXPECT_STREQ(kernel.c_str(), one.kernel);
+    }
+    std::thread([] {
+        pthread_setname_np(pthread_self(), "stranger");
+        EXPECT_EQ(Thread::CurrentName(), "stranger");
+    }).join();
+}
+
+TEST(Thread, MayBeDeletedTheMomentItIsFinished) {
+    const auto churn = [] {
+        for (int i = 0; i < 500; ++i) {
+            auto worker = std::make_unique<Worker>();
+            worker->StackSize(1);  // raised to what the system takes
+            ASSERT_TRUE(worker->Start("short-lived").Success());
+            while (i % 2 == 0 && !worker->IsFinished()) std::this_thread::yield();
+        }
+    };
+    std::vector<std::thread> creators;
+    for (int i = 0; i < 4; ++i) creators.emplace_back(churn);
+    for (std::thread& creator : creators) creator.join();
+}
+
+TEST(Thread, GivesItsStackBackBeforeAnybodyAsksForTheOutcome) {
+    const i64_t before = address_space_kb();
+    ASSERT_GT(before, 0);
+    std::vector<std::unique_ptr<Worker>> workers;
+    for (int i = 0; i < 64; ++i) {
+        workers.push_back(std::make_unique<Worker>());
+        workers.back()->StackSize(64u << 20);
+        ASSERT_TRUE(workers.back()->Start("stack").Success());
+    }
+    EXPECT_TRUE(Eventually([&] { return address_space_kb() < before + (1 << 20); }));
+}
