@@ -1,0 +1,448 @@
+// The REST interface through the router, on the live queue. Every answer is held against the description.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+#include <thread>
+
+#include "EventManager.h"
+#include "Health.h"
+#include "OpenApi.h"
+#include "Router.h"
+#include "Testing.h"
+
+namespace Server {
+
+using namespace Velmora;
+
+namespace {
+
+PListDict Parse(const std::string& json) {
+    Mirel::Result_t why;
+    const std::unique_ptr<PListItem> item = PListItem::CreateFromJSON(json, &why);
+    const PListDict* dict = AsDict(item.get());
+    if (dict == nullptr) ADD_FAILURE() << json << ": " << why.Message();
+    return dict == nullptr ? PListDict() : *dict;
+}
+
+Method_t MethodNamed(const std::string& name) {
+    for (int method = METH_OPTIONS; method <= METH_PATCH; ++method) {
+        if (name == MethodToString(static_cast<Method_t>(method))) return static_cast<Method_t>(method);
+    }
+    ADD_FAILURE() << name;
+    return METH_GET;
+}
+
+// The description's operation for a method and a pattern; empty where there is none.
+const PListDict& Described(const std::string& method, const std::string& pattern) {
+    static const PListDict document = Parse(std::string(OpenApiDocument()));
+    std::string key = method;
+    for (char& c : key) c = static_cast<char>(std::tolower(c));
+    return document.GetDict("paths").GetDict(pattern).GetDict(key);
+}
+
+}  // namespace
+
+class RestTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        PListDict dict;
+        ASSERT_TRUE(EventManager::InitEventQueue(dict).Success());
+    }
+    void TearDown() override {
+        for (const char* path : {"/api/v1/events", "/api/v1/timers", "/api/v1/watches"}) Call("DELETE", path);
+        EventManager::GlobalEventQueue().SetMaxListeners(1024);
+        EventManager::GlobalEventQueue().SetMaxWatches(1024);
+    }
+
+    // "METHOD /path?query" with a body; the answer is kept in `last` and its status returned.
+    int Call(const std::string& method, const std::string& target, const std::string& body = "",
+             const std::string& tag = "") {
+        const std::size_t mark = target.find('?');
+        HttpRequest request;
+        request.Method = MethodNamed(method);
+        request.Path = std::string_view(target).substr(0, mark);
+        if (mark != std::string::npos) request.Query = std::string_view(target).substr(mark + 1);
+        request.Body = body;
+        request.HasBody = !body.empty();
+        request.IfNoneMatch = tag;
+        last = router.Handle(request);
+        HoldAgainstDescription(method, std::string(request.Path));
+        return last.Status;
+    }
+    int Call(const std::string& line, const std::string& body = "") {
+        return Call(line.substr(0, line.find(' ')), line.substr(line.find(' ') + 1), body);
+    }
+    std::string Header(const std::string& name) const {
+        for (const auto& [key, value] : last.Headers) {
+            if (key == name) return value;
+        }
+        return "";
+    }
+    PListDict Body() const { return Parse(last.Body); }
+    // Pointers of the faults in the last problem, joined by blanks.
+    std::string Pointers() const {
+        std::string pointers;
+        const PListDict body = Body();
+        for (const PListItem& error : body.GetArray("errors")) {
+            pointers += (pointers.empty() ? "" : " ") + AsDict(&error)->GetData("pointer").Text();
+        }
+        return pointers;
+    }
+    std::size_t Count(const char* path, const char* list) {
+        EXPECT_EQ(Call("GET", path), 200);
+        return Body().GetArray(list).Size();
+    }
+
+    Config config;
+    Router router{config};
+    HttpResponse last;
+
+  private:
+    void HoldAgainstDescription(const std::string& method, const std::string& path) {
+        if (last.Status >= 400) {
+            EXPECT_EQ(Body().GetData("status").Text(), std::to_string(last.Status)) << last.Body;
+        }
+        for (const RouteInfo& route : Router::Routes()) {
+            const bool same = method == route.Method && MatchesPattern(route.Pattern, path);
+            if (!same) continue;
+            const PListDict& responses = Described(route.Method, route.Pattern).GetDict("responses");
+            EXPECT_TRUE(responses.HasItem(std::to_string(last.Status)))
+                << method << " " << path << last.Status;
+        }
+    }
+    static bool MatchesPattern(std::string pattern, std::string path) {
+        const auto steps = [](const std::string& text) { return std::count(text.begin(), text.end(), '/'); };
+        const std::size_t brace = pattern.find('{');
+        const bool tail = brace == std::string::npos || pattern.find("/listeners") == std::string::npos ||
+                          path.find("/listeners") != std::string::npos;
+        return steps(pattern) == steps(path) && tail && pattern.substr(0, brace) == path.substr(0, brace);
+    }
+};
+
+// ------------------------------------------------------------------------------------------- routes
+
+TEST_F(RestTest, TheDescriptionCoversEveryRouteAndNothingElse) {
+    std::set<std::string> routes, described;
+    for (const RouteInfo& route : Router::Routes()) {
+        routes.insert(route.Method + " " + route.Pattern);
+        const PListDict& operation = Described(route.Method, route.Pattern);
+        EXPECT_EQ(operation.HasItem("requestBody"), route.TakesBody) << route.Pattern;
+        std::vector<std::string> query;
+        for (const PListItem& parameter : operation.GetArray("parameters")) {
+            query.push_back(AsDict(&parameter)->GetData("name").Text());
+        }
+        EXPECT_EQ(query, route.Query) << route.Method << " " << route.Pattern;
+    }
+    const PListDict document = Parse(std::string(OpenApiDocument()));
+    for (const auto& [path, item] : document.GetDict("paths")) {
+        for (const auto& [key, operation] : *AsDict(&item)) {
+            if (key == "parameters") continue;
+            std::string method(key);
+            for (char& c : method) c = static_cast<char>(std::toupper(c));
+            described.insert(method + " " + std::string(path));
+        }
+    }
+    EXPECT_EQ(routes, described);
+    EXPECT_EQ(document.GetDict("info").GetData("version").Text(), VELMORA_VERSION);
+}
+
+TEST_F(RestTest, PathsMethodsAndQueriesThatAreNotServed) {
+    const std::pair<std::string, int> cases[] = {
+        {"GET /api/v1/nothing", 404},
+        {"GET /api/v1/events/", 404},
+        {"GET /api/v1//events", 404},
+        {"GET /api/v1/%65vents", 404},
+        {"POST /healthz", 405},
+        {"PUT /api/v1/events", 405},
+        {"POST /api/v1/timers/x", 405},
+        {"TRACE /api/v1/queue", 405},
+        {"GET /api/v1/events/%zz", 400},
+        {"GET /api/v1/history?limit=-1", 400},
+        {"GET /api/v1/history?limit=1x", 400},
+        {"GET /api/v1/history?limt=1", 400},
+        {"GET /api/v1/history?limit=1&limit=2", 400},
+        {"GET /api/v1/deliveries?outcome=odd", 400},
+        {"GET /api/v1/history?event_name=%f", 400},
+        {"GET /api/v1/feed", 426},
+        {"DELETE /api/v1/watches?pth=/tmp", 400},
+    };
+    for (const auto& [line, status] : cases) EXPECT_EQ(Call(line), status) << line;
+    EXPECT_EQ(Call("DELETE /api/v1/watches", R"({"path":"/tmp"})"), 400);
+
+    EXPECT_EQ(Call("PUT /api/v1/events"), 405);
+    EXPECT_EQ(Header("Allow"), "GET, HEAD, POST, DELETE, OPTIONS");
+    EXPECT_EQ(Call("OPTIONS /api/v1/config"), 204);
+    EXPECT_EQ(Header("Allow"), "GET, HEAD, PATCH, OPTIONS");
+    EXPECT_EQ(Call("HEAD /api/v1/config"), 200);
+}
+
+TEST_F(RestTest, OnlyWhatMayWaitForTheQueueSaysSo) {
+    const auto may_block = [&](const char* method, const char* path) {
+        HttpRequest request;
+        request.Method = MethodNamed(method);
+        request.Path = path;
+        return router.MayBlock(request);
+    };
+    for (const RouteInfo& route : Router::Routes()) {
+        const bool queue = route.Pattern.rfind("/api/", 0) == 0 && route.Pattern != "/api/v1/deliveries" &&
+                           route.Pattern != "/api/v1/config" && route.Pattern != "/api/v1/feed";
+        EXPECT_EQ(may_block(route.Method.c_str(), route.Pattern.c_str()), queue) << route.Pattern;
+    }
+    EXPECT_FALSE(may_block("PUT", "/api/v1/events"));
+}
+
+// Every body that is refused, and that it changed nothing.
+TEST_F(RestTest, WrongBodiesAreRefusedAtTheirPlace) {
+    struct Case {
+        std::string line, body;
+        int status;
+        std::string pointers;
+    };
+    const Case cases[] = {
+        {"POST /api/v1/events", "", 400, ""},
+        {"POST /api/v1/events", R"({"event_name": "x")", 400, ""},
+        {"POST /api/v1/events", "\"\xff\"", 400, ""},
+        {"POST /api/v1/events", std::string(300, '['), 400, ""},
+        {"POST /api/v1/events", "[]", 422, ""},
+        {"POST /api/v1/events", "{}", 422, ""},
+        {"POST /api/v1/events", R"({"event_name": "", "event_dat": {}})", 422, "/event_name /event_dat"},
+        {"POST /api/v1/events", R"({"event_name": 5, "event_data": []})", 422, "/event_name /event_data"},
+        {"POST /api/v1/events/known", "5", 422, ""},
+        {"POST /api/v1/events/known", "{", 400, ""},
+        {"POST /api/v1/events/known/listeners", R"({"listener_data": 1})", 422, " /listener_data"},
+        {"POST /api/v1/events/known/listeners", R"({"callback": "no url"})", 400, "/callback"},
+        {"POST /api/v1/timers", R"({"event_name": "known"})", 422, ""},
+        {"POST /api/v1/timers", R"({"interval_sec": 5})", 422, ""},
+        {"POST /api/v1/timers", R"({"event_name": "known", "interval_sec": 0})", 422, ""},
+        {"POST /api/v1/timers", R"({"event_name": "known", "interval_sec": 1.5})", 422, "/interval_sec "},
+        {"POST /api/v1/timers", R"({"event_name": "known", "interval_sec": 4294967296})", 422,
+         "/interval_sec "},
+        {"POST /api/v1/timers", R"({"event_name": "known", "interval_sec": 5, "start_time": "now"})", 422,
+         "/start_time"},
+        {"POST /api/v1/timers", R"({"event_name": "known", "start_time": "2026-01-31T12:00:00Z\u0000"})", 422,
+         "/start_time"},
+        {"POST /api/v1/watches", R"({"path": "", "event_name": "known", "once": 1})", 422, "/path /once"},
+        {"POST /api/v1/watches", R"({"path": "/a\u0000b", "event_name": "known"})", 422, "/path"},
+        {"PATCH /api/v1/config", R"({"max_listeners": 5, "max_watches": 2147483648})", 422, "/max_watches"},
+        {"PATCH /api/v1/config", R"({"max_listeners": 5, "max_watch": 1})", 422, "/max_watch"},
+        {"POST /api/v1/queue", R"({"max_listeners": 5})", 422, ""},
+        {"POST /api/v1/queue", R"({"event_list": [{"event_name": "y"}], "timer_list": [{}]})", 422,
+         "/timer_list/0 /timer_list/0"},
+    };
+    Call("POST /api/v1/events", R"({"event_name": "known"})");
+    Call("GET /api/v1/queue");
+    const std::string before = last.Body;
+    for (const Case& test : cases) {
+        EXPECT_EQ(Call(test.line, test.body), test.status)
+            << test.line << " " << test.body << " " << last.Body;
+        EXPECT_EQ(last.ContentType, "application/problem+json");
+        EXPECT_EQ(Pointers(), test.pointers) << test.line << " " << test.body << " " << last.Body;
+    }
+    Call("GET /api/v1/queue");
+    EXPECT_EQ(last.Body, before);
+}
+
+// ------------------------------------------------------------------------------------------- resources
+
+TEST_F(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {
+    EXPECT_EQ(Call("GET /api/v1/events/a%2Fb%20%C3%A9"), 404);
+    EXPECT_EQ(Call("POST /api/v1/events/a%2Fb%20%C3%A9"), 404);
+    EXPECT_EQ(Call("POST /api/v1/events", "{\"event_name\": \"a/b \xC3\xA9\", \"event_data\": {\"k\": [1]}}"),
+              201);
+    const std::string location = Header("Location");
+    EXPECT_EQ(location, "/api/v1/events/a%2Fb%20%C3%A9");
+    const PListDict created = Body();
+    EXPECT_EQ(Call("GET", location), 200);
+    EXPECT_EQ(Body(), created);
+    EXPECT_EQ(Call("POST /api/v1/events", "{\"event_name\": \"a/b \xC3\xA9\"}"), 412);
+    EXPECT_EQ(Count("/api/v1/events", "event_list"), 1u);
+
+    EXPECT_EQ(Call("POST", location, R"({"n": 12345678901234})"), 202);
+    EXPECT_EQ(last.Body, "{\"event_name\":\"a/b \xC3\xA9\",\"posted\":true}");
+    EXPECT_EQ(Call("POST", location), 202);
+    EXPECT_EQ(Call("GET /api/v1/history?event_name=a/b+%C3%A9"), 200);
+    const PListArray history = Body().GetArray("history");
+    ASSERT_EQ(history.Size(), 2u);
+    EXPECT_EQ(AsDict(history.GetItem(0))->GetDict("post_data").GetData("n").Text(), "12345678901234");
+    EXPECT_FALSE(AsDict(history.GetItem(1))->HasItem("post_data"));
+
+    EXPECT_EQ(Call("DELETE", location), 204);
+    EXPECT_EQ(Call("DELETE", location), 404);
+}
+
+TEST_F(RestTest, ListenersComeAndGoAndTheLimitHolds) {
+    const std::string listeners = "/api/v1/events/e/listeners";
+    for (const char* method : {"GET", "DELETE"}) EXPECT_EQ(Call(method, listeners), 404);
+    EXPECT_EQ(Call("POST", listeners, R"({"callback": "/x"})"), 404);
+    Call("POST /api/v1/events", R"({"event_name": "e"})");
+    EXPECT_EQ(Call("POST", listeners, R"({"callback": "/x", "listener_data": {"a": 1}})"), 201);
+    const std::string location = Header("Location");
+    EXPECT_EQ(location, listeners + "/" + Body().GetData("id").Text());
+    EXPECT_EQ(Call("POST", listeners, R"({"callback": "/x"})"), 412);
+    EXPECT_EQ(Call("PATCH /api/v1/config", R"({"max_listeners": 1})"), 200);
+    EXPECT_EQ(Call("POST", listeners, R"({"callback": "/y"})"), 201);  // one more than the limit
+    EXPECT_EQ(Call("POST", listeners, R"({"callback": "/z"})"), 409);
+    EXPECT_EQ(Call("POST /api/v1/events", R"({"event_name": "f"})"), 409);
+    EXPECT_EQ(Count(listeners.c_str(), "listener_list"), 2u);
+
+    EXPECT_EQ(Call("DELETE", listeners + "/no-uuid"), 404);
+    EXPECT_EQ(Call("DELETE", location), 204);
+    EXPECT_EQ(Call("DELETE", location), 404);
+    EXPECT_EQ(Call("DELETE", listeners), 204);
+    EXPECT_EQ(Count(listeners.c_str(), "listener_list"), 0u);
+}
+
+TEST_F(RestTest, TimersAreTakenWithNumbersAndTexts) {
+    const std::pair<std::string, std::string> cases[] = {
+        {R"("interval_sec": 60)", "60"},
+        {R"("interval_sec": "600")", "600"},
+        {R"("start_time": "2099-01-31T13:00:00+01:00", "timer_data": {"k": 1})",
+         "2099-01-31T12:00:00+00:00"}};
+    for (const auto& [members, kept] : cases) {
+        ASSERT_EQ(Call("POST /api/v1/timers", R"({"event_name": "e", )" + members + "}"), 201);
+        const std::string id = Body().GetData("id").Text();
+        EXPECT_EQ(Header("Location"), "/api/v1/timers/" + id);
+        ASSERT_EQ(Call("GET", "/api/v1/timers/" + id), 200);
+        const PListDict entry = Body();
+        EXPECT_EQ(entry.GetData("interval_sec").Text() + entry.GetData("start_time").Text(), kept);
+        EXPECT_EQ(entry.GetData("id").Text(), id);
+    }
+    EXPECT_EQ(Count("/api/v1/timers", "timer_list"), 3u);
+    const std::string location = "/api/v1/timers/" + Body().GetData("id").Text();
+    EXPECT_EQ(Call("GET /api/v1/timers/none"), 404);
+    EXPECT_EQ(Call("DELETE /api/v1/timers/none"), 404);
+    Call("GET /api/v1/timers");
+    const std::string first = AsDict(Body().GetArray("timer_list").GetItem(0))->GetData("id").Text();
+    EXPECT_EQ(Call("DELETE", "/api/v1/timers/" + first), 204);
+    EXPECT_EQ(Call("DELETE", "/api/v1/timers/" + first), 404);
+    EXPECT_EQ(Call("DELETE /api/v1/timers"), 204);
+    EXPECT_EQ(Count("/api/v1/timers", "timer_list"), 0u);
+}
+
+TEST_F(RestTest, WatchesWarnAndSayWhyTheyAreRefused) {
+    const Testing::TemporaryFolder folder;
+    const std::string watch = R"({"event_name": "e", "path": ")" + folder.Path();
+    EXPECT_EQ(Call("POST /api/v1/watches", watch + R"(", "once": true, "watch_data": {"k": 1}})"), 201);
+    EXPECT_EQ(Body().GetArray("warnings").Size(), 0u);
+    EXPECT_EQ(Call("POST /api/v1/watches", watch + R"(/absent"})"), 201);
+    EXPECT_EQ(Body().GetArray("warnings").Size(), 1u);
+    EXPECT_EQ(Call("POST /api/v1/watches", watch + R"("})"), 409);
+    EXPECT_NE(Body().GetData("detail").Text().find("watched already"), std::string::npos);
+    Call("PATCH /api/v1/config", R"({"max_watches": 0})");
+    EXPECT_EQ(Call("POST /api/v1/watches", R"({"event_name": "e", "path": "/"})"), 409);
+    EXPECT_NE(Body().GetData("detail").Text().find("max_watches"), std::string::npos);
+
+    EXPECT_EQ(Call("DELETE /api/v1/watches?path="), 404);
+    EXPECT_EQ(Call("DELETE", "/api/v1/watches?path=" + PercentEncode(folder.Path())), 204);
+    EXPECT_TRUE(Testing::Eventually([&] { return Count("/api/v1/watches", "watch_list") == 0; }));
+}
+
+TEST_F(RestTest, TheDocumentIsAppliedWholeOrNotAtAll) {
+    const std::string document = R"({"event_list": [{"event_name": "e", "listener_list": [
+        {"callback": "/1"}, {"callback": "/2"}, {"callback": "/3"}]}], "timer_list": [{"event_name": "e", "interval_sec": 9}],
+        "watch_list": [{"path": "/", "event_name": "e"}]})";
+    Call("PATCH /api/v1/config", R"({"max_listeners": 1})");
+    EXPECT_EQ(Call("POST /api/v1/queue", document), 409);
+    EXPECT_EQ(Pointers(), "/event_list/0/listener_list/2");
+    EXPECT_EQ(Count("/api/v1/timers", "timer_list") + Count("/api/v1/events", "event_list"), 0u);
+    Call("PATCH /api/v1/config", R"({"max_listeners": 2})");
+    EXPECT_EQ(Call("POST /api/v1/queue", document), 200);
+    EXPECT_EQ(Body().GetArray("timer_list").Size(), 1u);
+
+    EXPECT_EQ(Call("GET /api/v1/queue"), 200);
+    const std::string tag = Header("ETag"), state = last.Body;
+    EXPECT_EQ(Call("GET", "/api/v1/queue", "", "\"other\", W/" + tag), 304);
+    EXPECT_EQ(last.Body, "");
+    EXPECT_EQ(Call("POST /api/v1/queue", state),
+              200);  // what is there already is no fault, and not beyond the limit
+    EXPECT_EQ(Call("GET", "/api/v1/queue", "", tag), 200);
+    EXPECT_NE(Header("ETag"), tag);
+}
+
+TEST_F(RestTest, HistoryAnswersTheLastOnesOldestFirst) {
+    for (const char* name : {"h1", "h2"})
+        Call("POST /api/v1/events", R"({"event_name": ")" + std::string(name) + "\"}");
+    for (int i = 0; i < 6; ++i) {
+        Call(i % 2 ? "POST /api/v1/events/h2" : "POST /api/v1/events/h1",
+             R"({"i": )" + std::to_string(i) + "}");
+    }
+    const auto numbers = [&](const std::string& query) {
+        EXPECT_EQ(Call("GET", "/api/v1/history" + query), 200);
+        std::string text;
+        const PListDict body = Body();
+        for (const PListItem& item : body.GetArray("history")) {
+            text += AsDict(&item)->GetDict("post_data").GetData("i").Text();
+        }
+        return text;
+    };
+    EXPECT_EQ(numbers("?limit=3"), "345");
+    EXPECT_EQ(numbers("?event_name=h1&limit=2"), "24");
+    EXPECT_EQ(numbers("?event_name=h2"), "135");
+    EXPECT_EQ(numbers("?limit=0"), "");
+    EXPECT_EQ(numbers("?event_name=none"), "");
+}
+
+TEST_F(RestTest, DeliveriesTellHowCallsEnded) {
+    Call("POST /api/v1/events", R"({"event_name": "d"})");
+    Call("POST /api/v1/events/d/listeners", R"({"callback": "http://127.0.0.1:1/refused"})");
+    Call("POST /api/v1/events/d");
+    ASSERT_TRUE(
+        Testing::Eventually([&] { return Count("/api/v1/deliveries?outcome=failed", "deliveries") > 0; }));
+    const PListDict newest = *AsDict(Body().GetArray("deliveries").GetItem(0));
+    EXPECT_EQ(newest.GetData("url").Text(), "http://127.0.0.1:1/refused");
+    EXPECT_EQ(newest.GetData("status").Text(), "0");
+    EXPECT_NE(newest.GetData("reason").Text(), "");
+    EXPECT_EQ(Count("/api/v1/deliveries?outcome=ok", "deliveries"), 0u);
+    EXPECT_EQ(Count("/api/v1/deliveries?limit=0", "deliveries"), 0u);
+}
+
+// ------------------------------------------------------------------------------------------- operations
+
+TEST_F(RestTest, ReadinessSaysWhatIsWrong) {
+    EXPECT_EQ(Call("GET /healthz"), 200);
+    EXPECT_TRUE(Testing::Eventually([&] { return Call("GET /readyz") == 200; })) << last.Body;
+
+    EventManager::QueueStatistics queue;
+    EXPECT_FALSE(CheckWorker(queue).Ok);
+    queue.Installed = queue.WorkerRunning = true;
+    EXPECT_TRUE(CheckWorker(queue).Ok);
+    queue.SinceLastPass_ms = LongestPass_ms + 1;
+    EXPECT_FALSE(CheckWorker(queue).Ok);
+
+    const Testing::TemporaryFolder folder;
+    EXPECT_TRUE(CheckStateFile(queue, "").Ok);
+    EXPECT_TRUE(CheckStateFile(queue, folder / "state.json").Ok);
+    EXPECT_FALSE(CheckStateFile(queue, folder / "absent/state.json").Ok);
+    EXPECT_FALSE(CheckStateFile(queue, "/proc/state.json").Ok);
+    queue.LastSaveFailed = true;
+    EXPECT_FALSE(CheckStateFile(queue, folder / "state.json").Ok);
+}
+
+TEST_F(RestTest, MetricsAreWellFormedAndCountPostings) {
+    router.CountersFrom([] { return HttpServerCounters{.Requests = 7}; });
+    const auto sample = [&](const std::string& name) {
+        EXPECT_EQ(Call("GET /metrics"), 200);
+        const std::size_t at = last.Body.find("\n" + name + " ");
+        return at == std::string::npos ? -1 : std::stoll(last.Body.substr(at + name.size() + 2));
+    };
+    Call("POST /api/v1/events", R"({"event_name": "m"})");
+    const long long before = sample("velmora_postings_total{source=\"rest\"}");
+    Call("POST /api/v1/events/m");
+    Call("POST /api/v1/events/unknown");
+    EXPECT_EQ(sample("velmora_postings_total{source=\"rest\"}"), before + 1);
+    EXPECT_EQ(sample("velmora_http_requests_total"), 7);
+
+    std::istringstream lines(last.Body);
+    std::set<std::string> families;
+    for (std::string line, family; std::getline(lines, line);) {
+        if (line.rfind("# HELP ", 0) == 0) {
+            family = line.substr(7, line.find(' ', 7) - 7);
+            EXPECT_TRUE(families.insert(family).second) << family;
+        } else {
+            EXPECT_TRUE(line.rfind(family, 0) == 0 || line.rfind("# TYPE " + family, 0) == 0) << line;
+        }
+    }
+}
+
+}  // namespace Server
