@@ -1,7 +1,7 @@
 // The rate of postings over the last minutes: one line for all, a small one for each of the busiest events.
 
 import { byId, h, oncePerFrame, setText, show, svg, syncList } from "./dom.js";
-import { current, rateText } from "./rates.js";
+import { rateText } from "./rates.js";
 import { serverNow } from "./time.js";
 
 const ROWS = 8;
@@ -32,7 +32,7 @@ export class RateChart {
     const points = outline(counts.slice(0, -1), peak, 70);
     this.line.setAttribute("d", points);
     this.area.setAttribute("d", `${points}L${WIDTH} 72L0 72Z`);
-    const now = rateText(current(counts));
+    const now = rateText(counts);
     this.picture.setAttribute("aria-label", `All postings over the last 5 minutes: now ${now}, at most ${peak} in one second`);
     setText(this.peak, `peak ${peak.toLocaleString("en")}/s`);
     this.drawRows(second);
@@ -54,7 +54,7 @@ export class RateChart {
 
 function update(element, { counts, total }) {
   element.querySelector("path").setAttribute("d", outline(thin(counts.slice(0, -1)), 0, 18));
-  setText(element.querySelector(".value"), rateText(current(counts)));
+  setText(element.querySelector(".value"), rateText(counts));
   element.firstElementChild.setAttribute("aria-description", `${total} postings in 5 minutes`);
 }
 

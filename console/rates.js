@@ -58,12 +58,14 @@ export class Rates {
 }
 
 /// The mean of the last whole seconds: steady enough to read, quick enough to follow.
-export function current(counts, seconds = 3) {
+function current(counts, seconds = 3) {
   const whole = counts.slice(-1 - seconds, -1);
   return whole.reduce((sum, n) => sum + n, 0) / seconds;
 }
 
-export function rateText(rate) {
-  if (rate === 0) return "0/s";
+/// "2,004/s", "3.3/s", and what is rarer by the minute.
+export function rateText(counts) {
+  const rate = current(counts);
+  if (rate < 1) return `${counts.slice(-61, -1).reduce((sum, n) => sum + n, 0)}/min`;
   return rate < 9.95 ? `${rate.toFixed(1)}/s` : `${Math.round(rate).toLocaleString("en")}/s`;
 }

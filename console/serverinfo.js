@@ -1,52 +1,40 @@
 // The server itself: version, how long it runs, whether it is ready, who is on the feed.
 
-import { get } from "./api.js";
 import { serverNow } from "./time.js";
 
-/// {reachable, ready, notReady: [why], version, startedAt, clients}. `before` is the last description: what does not change
-/// while a server runs is asked once.
+/// {reachable, ready, notReady: [why], version, startedAt, clients}. `before` is the description before this one, for
+/// what the server does not answer now.
 export async function describeServer(before) {
-  const [readiness, metrics] = await Promise.all([readReadiness(), readMetrics()]);
-  if (!readiness) return { ...before, reachable: false };
-  const startedAt = metrics.startedAt ?? before.startedAt;
-  const same = before.reachable && before.version && Math.abs(startedAt - before.startedAt) < 2000;
-  return { reachable: true, ...readiness, version: same ? before.version : await readVersion(), startedAt, clients: metrics.clients };
+  const [health, readiness, metrics] = await Promise.all([read("/healthz", "json"), read("/readyz", "json"), read("/metrics", "text")]);
+  if (!health || !readiness) return { ...before, reachable: false };
+  return {
+    reachable: true,
+    ready: readiness.ready === true,
+    notReady: failedChecks(readiness.checks),
+    version: health.version,
+    startedAt: steady(serverNow() - health.uptime_sec * 1000, before.startedAt),
+    clients: sample(metrics ?? "", "velmora_feed_clients"),
+  };
 }
 
-async function readReadiness() {
-  const response = await fetch("/readyz", { cache: "no-store" }).catch(() => null);
-  const data = await response?.json().catch(() => null);
-  if (!data) return null;
-  return { ready: data.ready === true, notReady: failedChecks(data.checks) };
-}
-
-/// The checks that do not pass, each as a line: a check is a boolean, a text or {ok, detail}.
-export function failedChecks(checks) {
-  return Object.entries(checks ?? {}).flatMap(([name, check]) => {
-    const label = name.replaceAll("_", " ");
-    if (check === true || check === "ok" || check?.ok === true) return [];
-    const why = typeof check === "string" ? check : check?.detail;
-    return [why ? `${label}: ${why}` : label];
-  });
-}
-
-async function readVersion() {
+/// An answer's content whatever its status (/readyz answers 503 with what is wrong), null where there is none.
+async function read(url, form) {
   try {
-    const { data } = await get("/openapi.json");
-    return data.info?.version ?? "";
+    const response = await fetch(url, { cache: "no-store", signal: AbortSignal.timeout(10000) });
+    return await response[form]();
   } catch {
-    return "";
+    return null;
   }
 }
 
-async function readMetrics() {
-  const response = await fetch("/metrics", { cache: "no-store" }).catch(() => null);
-  const text = response?.ok ? await response.text().catch(() => "") : "";
-  const started = sample(text, "process_start_time_seconds");
-  const uptime = sample(text, "velmora_uptime_seconds");
-  const startedAt = started !== null ? started * 1000 : uptime !== null ? serverNow() - uptime * 1000 : undefined;
-  return { startedAt, clients: sample(text, "velmora_feed_clients") };
+/// The checks that do not pass, each as a line.
+function failedChecks(checks) {
+  return Object.entries(checks ?? {}).filter(([, check]) => !check.ok)
+    .map(([name, check]) => `${name.replaceAll("_", " ")}: ${check.detail}`);
 }
+
+/// Whole seconds of uptime make the start jitter; it only changes where the server was started anew.
+const steady = (now, before) => (Math.abs(now - before) < 2500 ? before : now);
 
 /// The value of a metric without labels, or null.
 function sample(text, name) {

@@ -1,0 +1,107 @@
+// The state document as a file: download, and upload with a look at what it would add.
+
+import { get, path, post } from "./api.js";
+import { copyCurl } from "./curl.js";
+import { byId, count, h, setText } from "./dom.js";
+import { pretty, readJSON } from "./json.js";
+import { attempt, say } from "./notices.js";
+import { compareState } from "./statediff.js";
+import { timestampText } from "./time.js";
+
+const SHOWN = 100; // entries of one kind in the preview
+
+const KINDS = { events: ["event", "events"], listeners: ["listener", "listeners"], timers: ["timer", "timers"], watches: ["watch", "watches"] };
+
+export class StateDocument {
+  constructor(store) {
+    this.store = store;
+    this.place = byId("state-preview");
+    byId("state-download").onclick = () => attempt(() => download());
+    byId("state-curl").onclick = () => copyCurl("GET", path("queue"));
+    byId("state-file").onchange = ({ target }) => this.open(target.files[0]);
+    const drop = byId("state-drop");
+    drop.ondragover = (drag) => {
+      drag.preventDefault();
+      drop.classList.add("over");
+    };
+    drop.ondragleave = () => drop.classList.remove("over");
+    drop.ondrop = (dropped) => {
+      dropped.preventDefault();
+      drop.classList.remove("over");
+      this.open(dropped.dataTransfer.files[0]);
+    };
+    store.addEventListener("queue", () => this.summarise());
+  }
+
+  summarise() {
+    const { event_list: events, timer_list: timers, watch_list: watches } = this.store.queue;
+    const listeners = events.reduce((sum, event) => sum + event.listener_list.length, 0);
+    setText(byId("state-summary"), `${count(events.length, "event")} with ${count(listeners, "listener")}, ${count(timers.length, "timer")}, ${count(watches.length, "watch", "watches")}.`);
+  }
+
+  async open(file) {
+    if (!file) return;
+    await attempt(async () => {
+      const { value, fault } = readJSON(await file.text());
+      if (fault) this.refuse(file.name, [`Line ${fault.line}, column ${fault.column}: ${fault.message}.`]);
+      else await this.preview(file.name, value);
+    });
+  }
+
+  refuse(name, reasons) {
+    this.place.replaceChildren(h("p", { class: "note bad" }, `${name} cannot be applied.`),
+      h("ul", { class: "plain bad" }, reasons.slice(0, SHOWN).map((reason) => h("li", {}, reason))));
+  }
+
+  async preview(name, document) {
+    await this.store.readQueue(); // what is compared with has to be what is there now
+    const result = compareState(document, this.store.queue);
+    if (result.faults.length) {
+      this.refuse(name, result.faults);
+      return;
+    }
+    const total = Object.values(result.added).reduce((sum, entries) => sum + entries.length, 0);
+    const apply = h("button", { type: "button", class: "primary", onclick: () => this.apply(name, document) }, "Add these");
+    const cancel = h("button", { type: "button", onclick: () => this.close() }, "Cancel");
+    this.place.replaceChildren(
+      h("h4", { tabindex: -1 }, total ? `${name} would add` : `${name} would add nothing`),
+      ...Object.entries(result.added).filter(([, entries]) => entries.length).map(([kind, entries]) => section(count(entries.length, ...KINDS[kind]), entries, "plus", true)),
+      result.present.length ? section(`${result.present.length} already there, left as they are`, result.present, "same", false) : "",
+      result.ignored.length ? section("Not taken over", result.ignored, "same", true) : "",
+      h("div", { class: "actions" }, total ? apply : "", cancel));
+    this.place.querySelector("h4").focus();
+  }
+
+  async apply(name, document) {
+    const before = this.store.queue;
+    try {
+      const { data } = await post(path("queue"), document);
+      const added = ["event_list", "timer_list", "watch_list"].map((list) => data[list].length - before[list].length);
+      say(`${name} is applied: ${count(added[0], "event")}, ${count(added[1], "timer")} and ${count(added[2], "watch", "watches")} more than before.`);
+      this.close();
+      await this.store.readQueue();
+    } catch (failure) {
+      this.refuse(name, failure.message.split("\n"));
+    }
+  }
+
+  close() {
+    this.place.replaceChildren();
+    byId("state-file").value = "";
+    byId("state-file").focus();
+  }
+}
+
+function section(title, entries, kind, open) {
+  const rest = entries.length - SHOWN;
+  return h("details", { class: `changes ${kind}`, open }, h("summary", {}, title),
+    h("ul", { class: "plain" }, entries.slice(0, SHOWN).map((entry) => h("li", {}, entry)), rest > 0 ? h("li", { class: "muted" }, `and ${rest} more`) : ""));
+}
+
+async function download() {
+  const { data } = await get(path("queue"));
+  const url = URL.createObjectURL(new Blob([`${pretty(data)}\n`], { type: "application/json" }));
+  const stamp = timestampText(Date.now()).slice(0, 19).replaceAll(/[-:]/g, "").replace("T", "-");
+  h("a", { href: url, download: `velmora-state-${stamp}.json` }).click();
+  setTimeout(() => URL.revokeObjectURL(url), 60000);
+}
