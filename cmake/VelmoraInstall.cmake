@@ -6,8 +6,8 @@ install(TARGETS mirel velmora EventManager EXPORT EventManagerTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY mirel/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/EventManager FILES_MATCHING PATTERN "MR_*.h")
 # The rooms above have headers of their own beside these.
-install(FILES velmora/LocalAccessManager.h velmora/VL_HTTP.h velmora/VL_PList.h velmora/VL_Python.h
-              velmora/VL_Socket.h velmora/VL_WebSocket.h src/EventManager.h
+install(FILES velmora/LocalAccessManager.h velmora/VL_HTTP.h velmora/VL_PList.h velmora/VL_PListText.h
+              velmora/VL_Python.h velmora/VL_Socket.h velmora/VL_WebSocket.h src/EventManager.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/EventManager)
 install(TARGETS velmora-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Libraries of other places (another Python, say) are found at run time where they were linked from.

@@ -1,5 +1,7 @@
 #include "VL_Python.h"
 
+#include <unistd.h>
+
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -144,8 +146,40 @@ void InitPython(const std::vector<std::string>& directories) {
     if (!AddDirectories(directories)) mr_log_python_exception(Mirel::LOG_ERROR);
 }
 
+namespace {
+
+/// Keeps what Python knows of a thread from the thread's first use of the interpreter to the thread's end.
+/// Made anew for every posting it would cost several times what the handler's call does.
+class KeptThreadState {
+  public:
+    KeptThreadState() {
+        const PyGILState_STATE before = PyGILState_Ensure();
+        if (before == PyGILState_LOCKED) {  // a thread of Python's own, which keeps its state itself
+            PyGILState_Release(before);
+        } else {
+            m_Kept = PyEval_SaveThread();
+        }
+    }
+
+    ~KeptThreadState() {
+        // The main thread ends with the process, which must not wait for a handler that may still be running.
+        if (m_Kept == nullptr || gettid() == getpid()) return;
+        PyEval_RestoreThread(m_Kept);
+        PyGILState_Release(PyGILState_UNLOCKED);
+    }
+
+    KeptThreadState(const KeptThreadState&) = delete;
+    KeptThreadState& operator=(const KeptThreadState&) = delete;
+
+  private:
+    PyThreadState* m_Kept = nullptr;
+};
+
+}  // namespace
+
 PythonContextLock::PythonContextLock() {
     StartOnce();
+    static thread_local const KeptThreadState kept;
     m_State = PyGILState_Ensure();
 }
 
