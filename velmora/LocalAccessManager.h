@@ -11,14 +11,15 @@ namespace LocalAccessManager {
 
 /// Prepares a call from this process to its own server.
 class MR_EXPORT SelfAuthRestCallback {
- public:
-    /// Puts the header "Authorization: Velmora-Self <64 hexadecimal digits>" into the call, in the place of any
-    /// other: 256 random bits that were made when the process first needed them and that it tells nobody else.
+  public:
+    /// Puts the header "Authorization: Velmora-Self <64 hexadecimal digits>" into the call, in the place of
+    /// any other: 256 random bits that were made when the process first needed them and that it tells nobody
+    /// else.
     Mirel::Result_t Call(Velmora::BasicRestEntryCall& call);
 };
 
-/// Whether the value of a request's Authorization header is this process's own credential. Compares in constant
-/// time. May be called from any thread.
+/// Whether the value of a request's Authorization header is this process's own credential. Compares in
+/// constant time. May be called from any thread.
 MR_EXPORT bool IsSelfAuthorized(std::string_view authorization);
 
 }  // namespace LocalAccessManager
