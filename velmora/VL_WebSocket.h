@@ -1,6 +1,7 @@
 // Broadcasting to many WebSocket clients from one shared log of ready-made frames.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,33 +13,38 @@ struct ssl_st;  // OpenSSL's SSL
 
 namespace Velmora {
 
+namespace Feed {
+class Broadcaster;
+struct Connection;
+}  // namespace Feed
+
 using Mirel::ui32_t;
 using Mirel::ui64_t;
 
 /// Reads a broadcaster's postings inside the process (a counter, a bridge to elsewhere).
 class MR_EXPORT BroadcastReader {
- public:
+  public:
     virtual ~BroadcastReader() = default;
-    /// One posting's JSON text, every posting since the adoption once and in order. Called on the broadcaster's
-    /// thread without a lock; every other client waits for it, so it must be quick.
+    /// One posting's JSON text, every posting since the adoption once and in order. Called on the
+    /// broadcaster's thread without a lock; every other client waits for it, so it must be quick.
     virtual void OnPosting(std::string_view json) = 0;
-    /// The broadcaster lets go of the reader, which it then destroys.
+    /// The broadcaster lets go of the reader, which it then destroys. Called once.
     virtual void OnClose() {}
 };
 
 /// The server's end of one connection, as a handle that can be handed over. Moved, not copied; what it still
 /// holds when it is destroyed is closed.
 class MR_EXPORT TCPSession {
- public:
+  public:
     /// Holds nothing.
     TCPSession();
     TCPSession(TCPSession&&) noexcept;
     TCPSession& operator=(TCPSession&&) noexcept;
     ~TCPSession();
 
-    /// A WebSocket connection (RFC 6455, no extensions) whose handshake is done, on a connected stream socket that
-    /// the session takes over. `peer` names the client in the log; `received` is what was already read behind
-    /// the handshake.
+    /// A WebSocket connection (RFC 6455, no extensions) whose handshake is done, on a connected stream socket
+    /// that the session takes over. `peer` names the client in the log; `received` is what was already read
+    /// behind the handshake.
     static TCPSession WebSocket(int descriptor, const std::string& peer, std::string_view received = {});
     /// The same over TLS: `tls` (taken over) is connected and does its I/O on `descriptor`.
     static TCPSession WebSocket(int descriptor, ssl_st* tls, const std::string& peer,
@@ -48,60 +54,73 @@ class MR_EXPORT TCPSession {
 
     bool Empty() const;
 
- private:
+  private:
     friend class WebSocketBroadcastManager;
-    struct Content;
-    std::unique_ptr<Content> m_Content;
+    std::unique_ptr<Feed::Connection> m_Connection;
+};
+
+/// How a broadcaster treats its clients.
+struct BroadcastOptions {
+    /// How long a write may make no progress before its client is disconnected, and how long a close may
+    /// take.
+    ui32_t Timeout_ms = 500;
+    /// How long a client may send nothing before it is pinged, and then before it is given up.
+    ui32_t PingInterval_ms = 30000;
+    /// Bytes of frames that are kept for clients that have not taken them yet.
+    std::size_t LogLimit = 64u << 20;
 };
 
 /// Sends every posting to every adopted client, without the poster ever meeting a socket.
 ///
-/// SendToListeners() appends one frame to a log in memory and returns: what it costs does not depend on the number
-/// of clients or on how slow they are. A thread of the broadcaster's own writes all that is pending to each client
-/// from that one log. A client gets every posting since it was adopted exactly once and in order, or it is
-/// disconnected with one Notice line: with close code 1013 where it still reads once the log has no room for what
-/// it has not taken, or without one when a write made no progress for the time-out. Idle clients are pinged; pings
-/// are answered; a client that breaks the protocol is closed with 1002 (1009 where its message is too long).
+/// SendToListeners() appends one frame to a log in memory and returns: what it costs does not depend on the
+/// number of clients or on how slow they are. A thread of the broadcaster's own writes all that is pending to
+/// each client from that one log. A client gets every posting since it was adopted exactly once and in order,
+/// or it is disconnected with one Notice line: with close code 1013 where it still reads once the log has no
+/// room for what it has not taken, or without one when a write made no progress for the time-out. Idle
+/// clients are pinged; pings are answered; a client that breaks the protocol is closed with 1002 (1009 where
+/// its message is too long).
 ///
 /// All operations may be called from any thread.
 class MR_EXPORT WebSocketBroadcastManager {
- public:
-    /// Bytes of frames that are kept for clients that have not taken them yet.
-    static constexpr std::size_t LogLimit = 64u << 20;
-
-    /// `timeout_ms`: how long a write may make no progress before its client is disconnected. The thread is started
-    /// with the first client.
+  public:
+    /// The usual options with this time-out. The thread is started with the first client.
     explicit WebSocketBroadcastManager(ui32_t timeout_ms);
+    explicit WebSocketBroadcastManager(const BroadcastOptions& options);
     /// Closes all clients as CloseAll() does and ends the thread.
     ~WebSocketBroadcastManager();
     WebSocketBroadcastManager(const WebSocketBroadcastManager&) = delete;
     WebSocketBroadcastManager& operator=(const WebSocketBroadcastManager&) = delete;
 
-    /// Takes the session over; `session` is empty afterwards. An empty session is ignored.
+    /// Takes the session over; `session` is empty afterwards. An empty session is ignored. What can't be
+    /// served (a descriptor that is no stream socket, or no thread to be had) is closed with one Error line.
     void AdoptWsClient(TCPSession& session);
 
-    /// Sends the dictionary's JSON text as one text message to every client; not even encoded where there is none.
+    /// Sends the dictionary's JSON text as one text message to every client; not even encoded where there is
+    /// none.
     void SendToListeners(const PListDict& dict);
 
-    /// Gives every client what is pending for it and a close frame with code 1001 (within the time-out), closes
-    /// the connections and returns when that is done. The broadcaster can be used on.
+    /// The same for JSON text that is ready.
+    void SendText(std::string_view json);
+
+    /// Gives every client what is pending for it and a close frame with code 1001 (within the time-out),
+    /// closes the connections and returns when that is done. The broadcaster can be used on. Not to be called
+    /// by a BroadcastReader.
     void CloseAll();
 
- private:
-    class Engine;
-    std::unique_ptr<Engine> m_Engine;
+  private:
+    const std::shared_ptr<Feed::Broadcaster> m_Broadcaster;
 };
 
 /// What all broadcasters of the process have done so far.
 struct BroadcastCounters {
-    ui64_t Clients = 0;          // now
+    ui64_t Clients = 0;  // now
     ui64_t Adopted = 0;
     ui64_t Postings = 0;         // encoded and put into the log
     ui64_t FramesDelivered = 0;  // handed to the kernel whole, added up over clients
     ui64_t BytesDelivered = 0;
     ui64_t SlowDisconnects = 0;  // left behind by the log, or no progress within the time-out
     ui64_t ProtocolErrors = 0;
-    ui64_t LogBytes = 0;         // now
+    ui64_t LogBytes = 0;  // now: the memory of all logs
 };
 /// May be called from any thread.
 MR_EXPORT BroadcastCounters GetBroadcastCounters();

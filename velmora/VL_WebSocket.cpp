@@ -1,0 +1,101 @@
+#include "VL_WebSocket.h"
+
+#include <utility>
+#include <vector>
+
+#include "WebSocketBroadcaster.h"
+#include "WebSocketCounters.h"
+
+namespace Velmora {
+
+namespace {
+
+/// Room that a thread keeps from one encoding to the next.
+constexpr std::size_t KeptTextRoom = 64u << 10;
+
+}  // namespace
+
+TCPSession::TCPSession() = default;
+TCPSession::TCPSession(TCPSession&&) noexcept = default;
+TCPSession& TCPSession::operator=(TCPSession&&) noexcept = default;
+TCPSession::~TCPSession() = default;
+
+TCPSession TCPSession::WebSocket(int descriptor, const std::string& peer, std::string_view received) {
+    return WebSocket(descriptor, nullptr, peer, received);
+}
+
+TCPSession TCPSession::WebSocket(int descriptor, ssl_st* tls, const std::string& peer,
+                                 std::string_view received) {
+    TCPSession session;
+    session.m_Connection = std::make_unique<Feed::Connection>();
+    session.m_Connection->Socket = Feed::Stream(descriptor, tls);
+    session.m_Connection->Name = peer;
+    session.m_Connection->Received = received;
+    return session;
+}
+
+TCPSession TCPSession::Reader(std::unique_ptr<BroadcastReader> reader, const std::string& name) {
+    TCPSession session;
+    if (!reader) return session;
+    session.m_Connection = std::make_unique<Feed::Connection>();
+    session.m_Connection->Reader = std::move(reader);
+    session.m_Connection->Name = name;
+    return session;
+}
+
+bool TCPSession::Empty() const {
+    return m_Connection == nullptr;
+}
+
+WebSocketBroadcastManager::WebSocketBroadcastManager(ui32_t timeout_ms)
+    : WebSocketBroadcastManager(BroadcastOptions{.Timeout_ms = timeout_ms}) {}
+
+WebSocketBroadcastManager::WebSocketBroadcastManager(const BroadcastOptions& options)
+    : m_Broadcaster(Feed::Broadcaster::Make(options)) {}
+
+WebSocketBroadcastManager::~WebSocketBroadcastManager() {
+    CloseAll();
+}
+
+void WebSocketBroadcastManager::AdoptWsClient(TCPSession& session) {
+    const std::unique_ptr<Feed::Connection> connection = std::move(session.m_Connection);
+    if (connection) m_Broadcaster->Adopt(*connection);
+}
+
+void WebSocketBroadcastManager::SendToListeners(const PListDict& dict) {
+    if (!m_Broadcaster->HasClients()) return;
+    static thread_local std::string text;
+    static_cast<void>(dict.EncodeJSON(text));  // always succeeds
+    m_Broadcaster->Send(text);
+    if (text.capacity() > KeptTextRoom) std::string().swap(text);
+}
+
+void WebSocketBroadcastManager::SendText(std::string_view json) {
+    if (m_Broadcaster->HasClients()) m_Broadcaster->Send(json);
+}
+
+void WebSocketBroadcastManager::CloseAll() {
+    m_Broadcaster->AwaitClose(m_Broadcaster->AskClose());
+}
+
+void CloseAllWebSocketClients() {
+    // All are asked before the first is waited for, so that their time-outs run at the same time.
+    std::vector<std::pair<std::shared_ptr<Feed::Broadcaster>, ui64_t>> closing;
+    for (auto& broadcaster : Feed::Broadcaster::All())
+        closing.emplace_back(broadcaster, broadcaster->AskClose());
+    for (const auto& [broadcaster, ticket] : closing) broadcaster->AwaitClose(ticket);
+}
+
+BroadcastCounters GetBroadcastCounters() {
+    const Feed::CounterSet& now = Feed::Counters;
+    return {.Clients = now.Clients,
+            .Adopted = now.Adopted,
+            .Postings = now.Postings,
+            .FramesDelivered = now.FramesDelivered,
+            .BytesDelivered = now.BytesDelivered,
+            .SlowDisconnects = now.SlowDisconnects,
+            .ProtocolErrors = now.ProtocolErrors,
+            .LogBytes = now.LogBytes};
+}
+
+}  // namespace Velmora

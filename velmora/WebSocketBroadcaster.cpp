@@ -1,0 +1,95 @@
+#include "WebSocketBroadcaster.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "MR_log.h"
+#include "WebSocketCounters.h"
+
+namespace Velmora::Feed {
+
+namespace {
+
+struct Registry {
+    Mirel::Mutex Lock;
+    std::vector<std::weak_ptr<Broadcaster>> Known GUARDED_BY(Lock);
+};
+
+/// Never destroyed: a broadcaster may be a static object of its own.
+Registry& registry() {
+    static auto& all = *new Registry;
+    return all;
+}
+
+ClientLimits limits_of(const BroadcastOptions& options) {
+    return {Milliseconds(std::max(options.Timeout_ms, 1u)),
+            Milliseconds(std::max(options.PingInterval_ms, 1u))};
+}
+
+}  // namespace
+
+Broadcaster::Broadcaster(const BroadcastOptions& options)
+    : m_Limits(limits_of(options)), m_Log(options.LogLimit) {}
+
+std::shared_ptr<Broadcaster> Broadcaster::Make(const BroadcastOptions& options) {
+    auto broadcaster = std::make_shared<Broadcaster>(options);
+    Registry& all = registry();
+    Mirel::AutoMutex lock(all.Lock);
+    std::erase_if(all.Known, [](const auto& known) { return known.expired(); });
+    all.Known.push_back(broadcaster);
+    return broadcaster;
+}
+
+std::vector<std::shared_ptr<Broadcaster>> Broadcaster::All() {
+    std::vector<std::shared_ptr<Broadcaster>> present;
+    Registry& all = registry();
+    Mirel::AutoMutex lock(all.Lock);
+    for (const auto& known : all.Known)
+        if (auto broadcaster = known.lock()) present.push_back(std::move(broadcaster));
+    return present;
+}
+
+void Broadcaster::Adopt(Connection& connection) {
+    // Every later posting is the client's as soon as it is made.
+    std::unique_ptr<FeedClient> client = MakeClient(connection);
+    const std::shared_ptr<FeedLoop> loop = ObtainLoop();
+    if (!loop || !loop->Adopt(client))
+        Mirel::DefaultLogSink().Error("WebSocket client %s can't be served.\n", client->Name());
+}
+
+std::unique_ptr<FeedClient> Broadcaster::MakeClient(Connection& from) {
+    if (from.Reader)
+        return std::make_unique<ReaderClient>(m_Log, std::move(from.Reader), std::move(from.Name));
+    return std::make_unique<SocketClient>(m_Log, std::move(from.Socket), std::move(from.Name),
+                                          std::move(from.Received), m_Limits);
+}
+
+void Broadcaster::Send(std::string_view json) {
+    Count(Counters.Postings);
+    if (m_Log.Append(json)) PresentLoop()->Wake();
+}
+
+std::uint64_t Broadcaster::AskClose() {
+    const std::shared_ptr<FeedLoop> loop = PresentLoop();
+    return loop ? loop->AskClose() : 0;
+}
+
+void Broadcaster::AwaitClose(std::uint64_t ticket) {
+    if (ticket != 0) PresentLoop()->AwaitClose(ticket);
+}
+
+std::shared_ptr<FeedLoop> Broadcaster::PresentLoop() {
+    Mirel::AutoMutex lock(m_Lock);
+    return m_Loop;
+}
+
+/// Null when no thread can be had; the next client tries again.
+std::shared_ptr<FeedLoop> Broadcaster::ObtainLoop() {
+    Mirel::AutoMutex lock(m_Lock);
+    if (m_Loop) return m_Loop;
+    auto loop = std::make_shared<FeedLoop>(m_Log, m_Limits);
+    if (loop->Run()) m_Loop = std::move(loop);
+    return m_Loop;
+}
+
+}  // namespace Velmora::Feed

@@ -1,0 +1,56 @@
+// What stands behind a WebSocketBroadcastManager: the log, and the loop that is started for the first client.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "MR_mutex.h"
+#include "VL_WebSocket.h"
+#include "WebSocketClient.h"
+#include "WebSocketLog.h"
+#include "WebSocketLoop.h"
+#include "WebSocketStream.h"
+
+namespace Velmora::Feed {
+
+/// What a TCPSession holds: a WebSocket connection, or a reader.
+struct Connection {
+    Stream Socket;
+    std::string Received;
+    std::unique_ptr<BroadcastReader> Reader;  // null for a WebSocket connection
+    std::string Name;
+};
+
+/// All operations may be called from any thread.
+class Broadcaster {
+  public:
+    explicit Broadcaster(const BroadcastOptions& options);
+
+    /// Makes a broadcaster that All() knows as long as it lives.
+    static std::shared_ptr<Broadcaster> Make(const BroadcastOptions& options);
+    static std::vector<std::shared_ptr<Broadcaster>> All();
+
+    bool HasClients() const { return m_Log.HasReaders(); }
+    void Adopt(Connection& connection);
+    void Send(std::string_view json);
+
+    /// Has all present clients leave; what AwaitClose() waits for, 0 where there was never a client.
+    std::uint64_t AskClose();
+    void AwaitClose(std::uint64_t ticket);
+
+  private:
+    std::unique_ptr<FeedClient> MakeClient(Connection& connection);
+    std::shared_ptr<FeedLoop> PresentLoop();
+    std::shared_ptr<FeedLoop> ObtainLoop();
+
+    const ClientLimits m_Limits;
+    FrameLog m_Log;
+
+    Mirel::Mutex m_Lock;
+    std::shared_ptr<FeedLoop> m_Loop GUARDED_BY(m_Lock);
+};
+
+}  // namespace Velmora::Feed

@@ -1,0 +1,278 @@
+#include "WebSocketLoop.h"
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "MR_log.h"
+
+namespace Velmora::Feed {
+
+namespace {
+
+constexpr std::size_t ReceiveRoom = 16u << 10;  // a whole TLS record
+constexpr std::size_t ThreadStack = 256u << 10;
+constexpr int EventsAtOnce = 256;
+/// How finely a time-out is kept, as a part of it, and at most.
+constexpr int TicksInLimit = 4;
+constexpr Milliseconds LongestHurriedTick{250};
+
+Milliseconds tick_of(Milliseconds limit, Milliseconds longest) {
+    return std::clamp(limit / TicksInLimit, Milliseconds(1), longest);
+}
+
+}  // namespace
+
+FeedLoop::FeedLoop(FrameLog& log, const ClientLimits& limits)
+    : m_Log(log), m_Limits(limits), m_Room(ReceiveRoom) {
+    StackSize(ThreadStack);
+}
+
+FeedLoop::~FeedLoop() {
+    static_cast<void>(ThreadStop());
+    WaitUntilFinished();
+    if (m_Epoll >= 0) close(m_Epoll);
+    if (m_Wake >= 0) close(m_Wake);
+}
+
+bool FeedLoop::Run() {
+    m_Epoll = epoll_create1(EPOLL_CLOEXEC);
+    m_Wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    epoll_event wake{};
+    wake.events = EPOLLIN | EPOLLET;  // by its edges, so that it need not be read
+    if (m_Epoll < 0 || m_Wake < 0 || epoll_ctl(m_Epoll, EPOLL_CTL_ADD, m_Wake, &wake) != 0) {
+        Mirel::DefaultLogSink().Error("WebSocket feed can't be started: %s.\n", std::strerror(errno));
+        return false;
+    }
+    const Mirel::Result_t started = Start("WebSocket::Feed");
+    if (started.Failure())
+        Mirel::DefaultLogSink().Error("WebSocket feed can't be started: %s\n", started.Message());
+    return started.Success();
+}
+
+bool FeedLoop::Adopt(std::unique_ptr<FeedClient>& client) {
+    {
+        Mirel::AutoMutex lock(m_Lock);
+        if (m_Ended) return false;
+        m_Inbox.push_back(std::move(client));
+        m_HasOrders = true;
+    }
+    Wake();
+    return true;
+}
+
+void FeedLoop::Wake() {
+    const std::uint64_t one = 1;
+    // Fails only where the count is at its limit, and then the thread has been woken.
+    static_cast<void>(!write(m_Wake, &one, sizeof(one)));
+}
+
+std::uint64_t FeedLoop::AskClose() {
+    std::uint64_t ticket = 0;
+    {
+        Mirel::AutoMutex lock(m_Lock);
+        ticket = ++m_CloseAsked;
+        m_HasOrders = true;
+    }
+    Wake();
+    return ticket;
+}
+
+void FeedLoop::AwaitClose(std::uint64_t ticket) {
+    Mirel::AutoMutex lock(m_Lock);
+    while (m_CloseDone < ticket && !m_Ended) m_Closed.Wait(m_Lock);
+}
+
+Mirel::Result_t FeedLoop::ThreadInit() {
+    // OpenSSL writes to its socket in a way that raises the signal when the client has gone.
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    return Mirel::RESULT_OK;
+}
+
+Mirel::Result_t FeedLoop::ThreadStop() {
+    {
+        Mirel::AutoMutex lock(m_Lock);
+        m_Stopping = true;
+        m_HasOrders = true;
+    }
+    Wake();
+    return Mirel::RESULT_OK;
+}
+
+Mirel::Result_t FeedLoop::ThreadBody() {
+    m_End = m_Log.End();
+    for (;;) {
+        m_Now = std::chrono::steady_clock::now();
+        if (m_HasOrders && !TakeOrders()) return Mirel::RESULT_OK;
+        LookAtLog();
+        GiveTurns();
+        if (m_Now >= m_TickAt) TickClients();
+        if (m_AnyGone) BuryGone();
+        if (m_Closing != 0) AnswerClosers();
+        Await();
+    }
+}
+
+Mirel::Result_t FeedLoop::ThreadFini(Mirel::Result_t result) {
+    m_Clients.clear();
+    std::vector<std::unique_ptr<FeedClient>> late;  // destroyed after the lock
+    Mirel::AutoMutex lock(m_Lock);
+    late.swap(m_Inbox);
+    m_Ended = true;
+    m_Closed.NotifyAll();
+    return result;
+}
+
+/// Carries out what other threads have asked for; false when that is to end.
+bool FeedLoop::TakeOrders() {
+    std::vector<std::unique_ptr<FeedClient>> newcomers;
+    std::uint64_t ticket = 0;
+    {
+        Mirel::AutoMutex lock(m_Lock);
+        m_HasOrders = false;
+        if (m_Stopping) return false;
+        newcomers.swap(m_Inbox);
+        if (m_CloseAsked > std::max(m_CloseDone, m_Closing)) ticket = m_CloseAsked;
+    }
+    LookAtLog();  // the places of the newcomers are at most there
+    for (auto& client : newcomers) Welcome(std::move(client));
+    if (ticket == 0) return true;
+    m_Closing = ticket;
+    for (auto& client : m_Clients) {
+        client->CloseTicket = ticket;
+        client->Leave(m_End, m_Now + m_Limits.Timeout);
+        if (client->Standing == Turn::CaughtUp) GiveTurn(*client);
+    }
+    HurryTick();
+    return true;
+}
+
+void FeedLoop::Welcome(std::unique_ptr<FeedClient> client) {
+    if (!client->Begin(m_Now)) return;
+    if (client->Descriptor() >= 0) {
+        epoll_event event{};
+        event.events = client->Watched = client->Interest();
+        event.data.ptr = client.get();
+        if (epoll_ctl(m_Epoll, EPOLL_CTL_ADD, client->Descriptor(), &event) != 0) {
+            Mirel::DefaultLogSink().Error("WebSocket client %s can't be watched: %s.\n", client->Name(),
+                                          std::strerror(errno));
+            return;
+        }
+        client->Receive(m_Room, m_Now);  // what TLS may have read already
+    }
+    m_Clients.push_back(std::move(client));
+    m_TickAt = std::min(m_TickAt, m_Now + tick_of(m_Limits.PingInterval, m_Limits.PingInterval));
+    GiveTurn(*m_Clients.back());
+}
+
+/// Learns what is new in the log, and for whom.
+void FeedLoop::LookAtLog() {
+    const LogEnd before = std::exchange(m_End, m_Log.End());
+    if (m_End == before) return;
+    for (auto& client : m_Clients) {
+        if (m_End.First != before.First) {
+            client->CheckPlace(m_End, m_Now);
+            HurryTick();
+        }
+        if (client->Standing != Turn::CaughtUp) continue;
+        client->Standing = Turn::More;
+        m_Ready.push_back(client.get());
+    }
+}
+
+void FeedLoop::GiveTurns() {
+    m_Turn.swap(m_Ready);
+    for (FeedClient* client : m_Turn) {
+        client->Standing = Turn::CaughtUp;  // is in no list now
+        GiveTurn(*client);
+    }
+    m_Turn.clear();
+}
+
+/// To a client that is not in the list of those that are ready.
+void FeedLoop::GiveTurn(FeedClient& client) {
+    client.Standing = client.TakeTurn(m_End, m_Now);
+    if (client.Standing == Turn::Gone) {
+        m_AnyGone = true;
+        return;
+    }
+    if (client.Standing == Turn::More) m_Ready.push_back(&client);
+    if (client.Hurried()) HurryTick();
+    // Once its buffer has been full, a client that is behind will fill it again: it stays watched until it
+    // has caught up, instead of having the watch changed twice for every bufferful.
+    if (client.Standing != Turn::More) Watch(client);
+}
+
+void FeedLoop::Watch(FeedClient& client) {
+    const std::uint32_t interest = client.Interest();
+    if (interest == client.Watched || client.Descriptor() < 0) return;
+    epoll_event event{};
+    event.events = client.Watched = interest;
+    event.data.ptr = &client;
+    if (epoll_ctl(m_Epoll, EPOLL_CTL_MOD, client.Descriptor(), &event) != 0)
+        Mirel::DefaultLogSink().Error("WebSocket client %s can't be watched: %s.\n", client.Name(),
+                                      std::strerror(errno));
+}
+
+void FeedLoop::TickClients() {
+    bool hurried = false;
+    for (auto& client : m_Clients) {
+        client->Tick(m_Now);
+        if (client->WantsTurn() && client->Standing != Turn::More) GiveTurn(*client);
+        hurried = hurried || client->Hurried();
+    }
+    m_TickAt = m_Now + (hurried ? tick_of(m_Limits.Timeout, LongestHurriedTick)
+                                : tick_of(m_Limits.PingInterval, m_Limits.PingInterval));
+}
+
+/// There is a client whose time-out runs.
+void FeedLoop::HurryTick() {
+    m_TickAt = std::min(m_TickAt, m_Now + tick_of(m_Limits.Timeout, LongestHurriedTick));
+}
+
+void FeedLoop::BuryGone() {
+    m_AnyGone = false;
+    std::erase_if(m_Clients, [](const auto& client) { return client->Standing == Turn::Gone; });
+}
+
+/// Tells those who have asked for the close once the last client that it concerned is gone.
+void FeedLoop::AnswerClosers() {
+    for (const auto& client : m_Clients)
+        if (client->CloseTicket != 0) return;
+    Mirel::AutoMutex lock(m_Lock);
+    m_CloseDone = std::exchange(m_Closing, 0);
+    m_Closed.NotifyAll();
+}
+
+/// Waits for sockets, new frames, orders and the next tick; not at all while a client is ready.
+void FeedLoop::Await() {
+    int timeout_ms = 0;
+    if (m_Ready.empty() && m_Log.PrepareToWait(m_End)) {
+        const auto wait = std::chrono::ceil<Milliseconds>(m_TickAt - m_Now).count();
+        timeout_ms = m_Clients.empty() ? -1 : static_cast<int>(std::clamp<long>(wait, 0, 3600 * 1000));
+    }
+    epoll_event events[EventsAtOnce];
+    const int count = epoll_wait(m_Epoll, events, EventsAtOnce, timeout_ms);
+    if (count > 0) m_Now = std::chrono::steady_clock::now();
+    for (int i = 0; i < count; ++i)
+        if (events[i].data.ptr) HandleEvent(events[i].data.ptr, events[i].events);
+    if (m_AnyGone) BuryGone();
+}
+
+void FeedLoop::HandleEvent(void* whom, std::uint32_t events) {
+    FeedClient& client = *static_cast<FeedClient*>(whom);
+    if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) != 0) client.Receive(m_Room, m_Now);
+    const bool in_list = client.Standing == Turn::More;
+    if (!in_list && (client.Standing == Turn::Blocked || client.WantsTurn())) GiveTurn(client);
+}
+
+}  // namespace Velmora::Feed
