@@ -39,38 +39,29 @@ class Worker : public Thread {
     Result_t ThreadStop() override { return ++Stops, Asked(); }
 };
 
-Result_t throw_oddly() {
-    throw 42;
-}
-Result_t throw_with_reason() {
-    throw std::runtime_error("the\nreason");
-}
-
-i64_t address_space_kb() {
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;) {
-        i64_t size = 0;
-        if (word == "VmSize:" && status >> size) return size;
-    }
-    return -1;
+i64_t address_space_pages() {
+    i64_t pages = -1;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages;
 }
 
 }  // namespace
 
 TEST(Thread, RunsItsHooksInOrderAndKeepsTheOutcome) {
     const Testing::CapturedLog log;
+    const Worker::Hook good = [] { return RESULT_OK; };
+    const Worker::Hook bad = [] { return RESULT_NETWORK; };
+    const Worker::Hook throws = []() -> Result_t { throw std::runtime_error("the\nreason"); };
+    const Worker::Hook throws_oddly = []() -> Result_t { throw 42; };
     const struct {
         Worker::Hook init, body;
         const char* trace;
         Result_t result;
-        std::size_t errors;
-    } cases[] = {
-        {[] { return RESULT_OK; }, [] { return RESULT_OK; }, "IBF", RESULT_OK, 0},
-        {[] { return RESULT_OK; }, [] { return RESULT_NETWORK; }, "IBF", RESULT_NETWORK, 0},
-        {[] { return RESULT_FILEOPEN; }, [] { return RESULT_OK; }, "IF", RESULT_FILEOPEN, 0},
-        {throw_with_reason, [] { return RESULT_OK; }, "IF", RESULT_FAIL, 1},
-        {[] { return RESULT_OK; }, throw_oddly, "IBF", RESULT_FAIL, 2},
-    };
+    } cases[] = {{good, good, "IBF", RESULT_OK},
+                 {good, bad, "IBF", RESULT_NETWORK},
+                 {bad, good, "IF", RESULT_NETWORK},
+                 {throws, good, "IF", RESULT_FAIL},
+                 {good, throws_oddly, "IBF", RESULT_FAIL}};
     for (const auto& one : cases) {
         Worker worker(one.body);
         worker.Init = one.init;
@@ -80,9 +71,8 @@ TEST(Thread, RunsItsHooksInOrderAndKeepsTheOutcome) {
         EXPECT_EQ(worker.Trace, one.trace);
         EXPECT_EQ(worker.Result(), one.result);
         EXPECT_EQ(worker.Start("again"), RESULT_STATE);
-        EXPECT_EQ(worker.Name(), "worker");
-        EXPECT_EQ(log.Errors().size(), one.errors);
     }
+    EXPECT_EQ(log.Errors().size(), 2u);
     EXPECT_TRUE(log.Has("the\nreason"));
 }
 
@@ -92,11 +82,10 @@ TEST(Thread, AnswersTheSystemsReasonWhenThereIsNoThread) {
     const Result_t result = worker.Start("none");
     EXPECT_EQ(result, RESULT_THREAD);
     EXPECT_NE(std::string(result.Message()).find(strerror(EAGAIN)), std::string::npos) << result.Message();
-    EXPECT_TRUE(worker.IsFinished());
+    ASSERT_TRUE(worker.IsFinished());
     EXPECT_STREQ(worker.Result().Message(), result.Message());
     EXPECT_EQ(worker.Start("none"), RESULT_STATE);
     EXPECT_EQ(worker.Stop(10000, true), RESULT_OK);
-    EXPECT_EQ(worker.Trace, "");
 }
 
 TEST(Thread, StopAsksAndWaitsNoLongerThanItsLimit) {
@@ -111,45 +100,28 @@ TEST(Thread, StopAsksAndWaitsNoLongerThanItsLimit) {
 
     worker.Asked = [&] { return released.set_value(), RESULT_NETWORK; };
     EXPECT_EQ(worker.Stop(10000, true), RESULT_NETWORK);
-    EXPECT_TRUE(worker.IsFinished());
     EXPECT_EQ(worker.Stop(10000, true), RESULT_OK);
     EXPECT_EQ(worker.Stops, 4);
-}
 
-TEST(Thread, DoesNotWaitForItself) {
-    Worker worker;
-    worker.Body = [&] { return worker.Stop(10000, true); };
-    ASSERT_TRUE(worker.Start("self").Success());
-    EXPECT_TRUE(Eventually([&] { return worker.IsFinished(); }));
-    EXPECT_EQ(worker.Result(), RESULT_STATE);
+    Worker self;
+    self.Body = [&] { return self.Stop(10000, true); };
+    ASSERT_TRUE(self.Start("self").Success());
+    EXPECT_TRUE(Eventually([&] { return self.IsFinished(); }));
+    EXPECT_EQ(self.Result(), RESULT_STATE);
 }
 
 TEST(Thread, BearsItsNameAsFarAsTheKernelTakesIt) {
-    const struct {
-        const char* name;
-        const char* kernel;
-    } cases[] = {
-        {"fifteen letters", "fifteen letters"},
-        {"EventQueue::PostEvent", "EventQueue::Pos"},
-        {"fourteen bytes\xC3\xA4", "fourteen bytes"},
-    };
-    for (const auto& one : cases) {
-        std::string current, kernel(16, '\0');
-        Worker worker([&] {
-            current = Thread::CurrentName();
-            pthread_getname_np(pthread_self(), kernel.data(), kernel.size());
-            return RESULT_OK;
-        });
-        ASSERT_TRUE(worker.Start(one.name).Success());
-        ASSERT_TRUE(Eventually([&] { return worker.IsFinished(); }));
-        EXPECT_EQ(worker.Name(), one.name);
-        EXPECT_EQ(current, one.name);
-        EXPECT_STREQ(kernel.c_str(), one.kernel);
-    }
-    std::thread([] {
-        pthread_setname_np(pthread_self(), "stranger");
-        EXPECT_EQ(Thread::CurrentName(), "stranger");
-    }).join();
+    std::string current, kernel(16, '\0');
+    Worker worker([&] {
+        current = Thread::CurrentName();
+        pthread_getname_np(pthread_self(), kernel.data(), kernel.size());
+        return RESULT_OK;
+    });
+    ASSERT_TRUE(worker.Start("fourteen bytes\xC3\xA4").Success());
+    ASSERT_TRUE(Eventually([&] { return worker.IsFinished(); }));
+    EXPECT_EQ(worker.Name(), "fourteen bytes\xC3\xA4");
+    EXPECT_EQ(current, worker.Name());
+    EXPECT_STREQ(kernel.c_str(), "fourteen bytes");
 }
 
 TEST(Thread, MayBeDeletedTheMomentItIsFinished) {
@@ -167,7 +139,7 @@ TEST(Thread, MayBeDeletedTheMomentItIsFinished) {
 }
 
 TEST(Thread, GivesItsStackBackBeforeAnybodyAsksForTheOutcome) {
-    const i64_t before = address_space_kb();
+    const i64_t before = address_space_pages();
     ASSERT_GT(before, 0);
     std::vector<std::unique_ptr<Worker>> workers;
     for (int i = 0; i < 64; ++i) {
@@ -175,5 +147,5 @@ TEST(Thread, GivesItsStackBackBeforeAnybodyAsksForTheOutcome) {
         workers.back()->StackSize(64u << 20);
         ASSERT_TRUE(workers.back()->Start("stack").Success());
     }
-    EXPECT_TRUE(Eventually([&] { return address_space_kb() < before + (1 << 20); }));
+    EXPECT_TRUE(Eventually([&] { return address_space_pages() < before + (1 << 18); }));
 }
