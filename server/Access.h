@@ -1,0 +1,54 @@
+// Who may ask what: the checks of Host, Origin and token that every request passes.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ConnectionParser.h"
+#include "Http.h"
+#include "HttpServer.h"
+
+namespace Server {
+
+/// Name of the feed's WebSocket subprotocol, and the prefix of the one that carries a browser's token.
+inline constexpr std::string_view FeedProtocol = "velmora.feed.v1";
+inline constexpr std::string_view BearerProtocol = "bearer.";
+
+/// Decides from a request's head whether it is let in. Immutable, so usable from any thread.
+class AccessPolicy {
+  public:
+    AccessPolicy(const HttpServerOptions& options, Mirel::ui16_t port);
+
+    /// The refusal (400, 401, 403, 421), or nothing where the request may go on. `path` is the target's path;
+    /// `authority` that of an absolute target, which then stands for the Host field.
+    std::optional<HttpResponse> Check(const RequestHead& head, std::string_view path,
+                                      std::string_view authority) const;
+
+  private:
+    bool HostAllowed(std::string_view host) const;
+    bool OriginAllowed(std::string_view origin, std::string_view authority) const;
+    bool Authorized(const RequestHead& head) const;
+    bool TokenMatches(std::string_view token) const;
+    bool OffersToken(std::string_view protocols) const;
+
+    const std::string m_Token;
+    const std::vector<std::string> m_Hosts;  // lower case, IPv6 addresses without brackets
+    const std::string m_Port;
+};
+
+/// "host:port", "host", "[::1]:port" or "[::1]" in two; the host without its brackets, the port empty where
+/// none is named. Nothing for anything else.
+std::optional<std::pair<std::string_view, std::string_view>> SplitAuthority(std::string_view authority);
+
+/// Whether the text is "localhost", an address in 127.0.0.0/8 or ::1.
+bool IsLoopbackName(std::string_view host);
+
+/// Whether a comma-separated list has the element, in any letter case.
+bool ListHas(std::string_view list, std::string_view element);
+
+/// Base64 with the URL alphabet, padded or not, to bytes; nothing for anything else.
+std::optional<std::string> DecodeBase64Url(std::string_view text);
+
+}  // namespace Server

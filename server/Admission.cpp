@@ -1,0 +1,60 @@
+#include "Admission.h"
+
+#include <utility>
+
+namespace Server {
+
+bool Admission::TryEnter() {
+    unsigned inside = m_Inside.load();
+    while (inside < m_Limit) {
+        if (m_Inside.compare_exchange_weak(inside, inside + 1)) return true;
+    }
+    return false;
+}
+
+bool Admission::Wait(std::unique_ptr<AdmissionWaiter>& waiter) {
+    {
+        Mirel::AutoMutex held(m_Lock);
+        if (m_Waiters.size() >= WaitersLimit) return false;
+        m_Waiters.push_back({std::chrono::steady_clock::now() + WaitLimit, std::move(waiter)});
+        m_Waiting.store(m_Waiters.size());
+    }
+    LetIn();  // a place may have become free in between
+    return true;
+}
+
+void Admission::Leave() {
+    m_Inside.fetch_sub(1);
+    if (m_Waiting.load() > 0) LetIn();
+}
+
+void Admission::LetIn() {
+    std::unique_ptr<AdmissionWaiter> waiter;
+    {
+        Mirel::AutoMutex held(m_Lock);
+        if (m_Waiters.empty() || !TryEnter()) return;
+        waiter = std::move(m_Waiters.front().Waiter);
+        m_Waiters.pop_front();
+        m_Waiting.store(m_Waiters.size());
+    }
+    AdmissionWaiter& resumed = *waiter;
+    resumed.Resume(std::move(waiter), true);
+}
+
+void Admission::Expire(std::chrono::steady_clock::time_point now, bool everyone) {
+    std::deque<Entry> expired;
+    {
+        Mirel::AutoMutex held(m_Lock);
+        while (!m_Waiters.empty() && (everyone || m_Waiters.front().Deadline <= now)) {
+            expired.push_back(std::move(m_Waiters.front()));
+            m_Waiters.pop_front();
+        }
+        m_Waiting.store(m_Waiters.size());
+    }
+    for (Entry& entry : expired) {
+        AdmissionWaiter& resumed = *entry.Waiter;
+        resumed.Resume(std::move(entry.Waiter), false);
+    }
+}
+
+}  // namespace Server

@@ -1,0 +1,147 @@
+#include "AdmissionCrew.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <system_error>
+
+namespace Server {
+
+namespace {
+
+// How long a thread may stay inside one request before another takes over.
+constexpr std::chrono::milliseconds WatchInterval{2};
+
+// The calling thread's place in its crew.
+thread_local std::atomic<unsigned>* t_sequence = nullptr;
+
+}  // namespace
+
+AdmissionCrew::AdmissionCrew(unsigned threads, unsigned working, Loop loop)
+    : m_Threads(threads),
+      m_Working(working),
+      m_Loop(std::move(loop)),
+      m_Admission(threads - 1),
+      m_Places(threads),
+      m_AtWork(threads),
+      m_Wanted(working) {}
+
+Mirel::Result_t AdmissionCrew::Start(const std::function<void()>& stop_loop) {
+    try {
+        for (std::size_t i = 0; i < m_Threads; ++i) m_Running.emplace_back([this, i] { Serve(i); });
+        m_Running.emplace_back([this] { Watch(); });
+    } catch (const std::system_error& error) {
+        stop_loop();
+        Join();
+        return Mirel::RESULT_THREAD.WithMessage(std::string("Cannot start a thread: ") + error.what());
+    }
+    return Mirel::RESULT_OK;
+}
+
+void AdmissionCrew::Join() {
+    {
+        Mirel::AutoMutex held(m_Lock);
+        m_Ending = true;
+        m_Rested.NotifyAll();
+        m_Watched.NotifyAll();
+    }
+    for (std::thread& thread : m_Running) thread.join();
+    m_Running.clear();
+}
+
+void AdmissionCrew::Serve(std::size_t index) {
+    pthread_setname_np(pthread_self(), "Http::Serve");
+    t_sequence = &m_Places[index].Sequence;
+    if (index >= m_Working) Rest();
+    m_Loop.Run();
+}
+
+bool AdmissionCrew::Enter() {
+    if (!m_Admission.TryEnter()) return false;
+    Resumed();
+    return true;
+}
+
+void AdmissionCrew::Resumed() {
+    t_sequence->fetch_add(1);
+    if (m_WatchAsleep.load()) WakeWatch();
+}
+
+void AdmissionCrew::Leave() {
+    t_sequence->fetch_add(1, std::memory_order_release);
+    m_Admission.Leave();
+}
+
+bool AdmissionCrew::Wait(std::unique_ptr<AdmissionWaiter>& waiter) {
+    return m_Admission.Wait(waiter);
+}
+
+void AdmissionCrew::RefuseWaiters() {
+    m_Admission.Expire(std::chrono::steady_clock::now(), true);
+}
+
+void AdmissionCrew::Rest() {
+    Mirel::AutoMutex held(m_Lock);
+    if (m_Leaving > 0) --m_Leaving;
+    if (m_AtWork <= m_Wanted) return;
+    --m_AtWork;
+    while (m_AtWork >= m_Wanted && !m_Ending) m_Rested.Wait(m_Lock);
+    ++m_AtWork;
+}
+
+void AdmissionCrew::WakeWatch() {
+    Mirel::AutoMutex held(m_Lock);
+    m_Watched.NotifyOne();
+}
+
+unsigned AdmissionCrew::CountStuck(std::vector<unsigned>& seen, bool& quiet) const {
+    unsigned stuck = 0;
+    for (std::size_t i = 0; i < m_Places.size(); ++i) {
+        const unsigned sequence = m_Places[i].Sequence.load();
+        if (sequence % 2 == 1 && sequence == seen[i]) ++stuck;
+        if (sequence % 2 == 1 || sequence != seen[i]) quiet = false;
+        seen[i] = sequence;
+    }
+    return stuck;
+}
+
+// Has so many threads at work: wakes resting ones, or asks surplus ones to rest when they come by.
+void AdmissionCrew::Staff(unsigned wanted) {
+    unsigned surplus = 0;
+    {
+        Mirel::AutoMutex held(m_Lock);
+        m_Wanted = std::min(wanted, m_Threads);
+        if (m_AtWork < m_Wanted) m_Rested.NotifyAll();
+        if (m_AtWork > m_Wanted + m_Leaving) surplus = m_AtWork - m_Wanted - m_Leaving;
+        m_Leaving += surplus;
+    }
+    for (; surplus > 0; --surplus) m_Loop.Post([this] { Rest(); });
+}
+
+// Looks at the places every few milliseconds while requests come in, and sleeps while none do.
+void AdmissionCrew::Watch() {
+    pthread_setname_np(pthread_self(), "Http::Watch");
+    std::vector<unsigned> seen(m_Places.size(), 0);
+    for (;;) {
+        bool quiet = true;
+        Staff(m_Working + CountStuck(seen, quiet));
+        m_Admission.Expire(std::chrono::steady_clock::now());
+        if (m_Admission.HasWaiters()) quiet = false;
+
+        Mirel::AutoMutex held(m_Lock);
+        if (m_Ending) return;
+        if (quiet && m_AtWork <= m_Wanted) {
+            // Announced first, looked at again after: whoever enters in between sees the one or is seen by
+            // the other.
+            m_WatchAsleep.store(true);
+            bool still_quiet = true;
+            CountStuck(seen, still_quiet);
+            if (still_quiet) m_Watched.Wait(m_Lock);
+            m_WatchAsleep.store(false);
+            if (m_Ending) return;
+        }
+        m_Watched.WaitUntil(m_Lock, std::chrono::steady_clock::now() + WatchInterval);
+    }
+}
+
+}  // namespace Server

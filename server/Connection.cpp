@@ -1,0 +1,595 @@
+#include "Connection.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/post.hpp>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <utility>
+
+#include "ConnectionBuffer.h"
+#include "ConnectionParser.h"
+#include "ConnectionReply.h"
+#include "Feed.h"
+#include "MR_log.h"
+
+namespace Server {
+
+namespace asio = boost::asio;
+using boost::system::error_code;
+using Phase = ConnectionLife::Phase;
+using Progress = RequestParser::Progress;
+
+namespace {
+
+constexpr std::size_t FirstRoom = 8u << 10;  // a connection's buffer at first; nearly every request fits
+constexpr std::size_t BodyRoom = 32u << 10;  // while a long body comes in
+constexpr std::size_t CopiedBody =
+    16u << 10;  // bodies up to this are put behind their head, longer ones sent from where they are
+constexpr std::size_t OutputBatch = 64u << 10;  // answers to pipelined requests that go out in one write
+constexpr unsigned RequestsPerTurn = 64;        // then other connections have their turn
+constexpr Mirel::i64_t DrainLimit_ms = 2000;    // for the peer to close after the last answer
+constexpr std::size_t DrainBytes = 16u << 20;
+
+std::string peer_name(int descriptor) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    char text[INET6_ADDRSTRLEN] = "";
+    if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) return "unknown";
+    if (address.ss_family == AF_INET6) {
+        const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
+        inet_ntop(AF_INET6, &v6.sin6_addr, text, sizeof text);
+        return "[" + std::string(text) + "]:" + std::to_string(ntohs(v6.sin6_port));
+    }
+    const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
+    inet_ntop(AF_INET, &v4.sin_addr, text, sizeof text);
+    return std::string(text) + ":" + std::to_string(ntohs(v4.sin_port));
+}
+
+// A target in its parts: "/path?query", "http://authority/path?query", or "*".
+struct Target {
+    std::string_view Authority, Path, Query;
+};
+
+std::optional<Target> split_target(std::string_view text) {
+    Target target;
+    for (const std::string_view scheme : {"http://", "https://"}) {
+        if (text.substr(0, scheme.size()) != scheme) continue;
+        text.remove_prefix(scheme.size());
+        target.Authority = text.substr(0, text.find_first_of("/?"));
+        text.remove_prefix(target.Authority.size());
+        if (target.Authority.empty()) return std::nullopt;
+        if (text.empty() || text[0] == '?') target.Path = "/";
+        break;
+    }
+    if (target.Path.empty() && text != "*" && (text.empty() || text[0] != '/')) return std::nullopt;
+    const std::size_t mark = std::min(text.find('?'), text.size());
+    if (mark > 0) target.Path = text.substr(0, mark);
+    if (mark < text.size()) target.Query = text.substr(mark + 1);
+    return target;
+}
+
+bool is_json(std::string_view content_type) {
+    content_type = content_type.substr(0, content_type.find(';'));
+    while (!content_type.empty() && content_type.back() == ' ') content_type.remove_suffix(1);
+    return ListHas(content_type, Velmora::Strings::MIME_json);
+}
+
+HttpResponse busy() {
+    HttpResponse response = Problem(Velmora::STATUS_503_NO_SERVICE,
+                                    "As many requests as may be are waiting for the event queue; try again.");
+    response.Headers.emplace_back("Retry-After", "1");
+    return response;
+}
+
+// Serves one connection. It has at most one operation under way at any time, and that operation owns it; so
+// only one thread at a time is here, and no lock is needed.
+class Connection : public AdmissionWaiter {
+  public:
+    using Owner = std::unique_ptr<Connection>;
+
+    Connection(ConnectionShared& shared, int descriptor)
+        : m_Shared(shared),
+          m_Life(descriptor),
+          m_Descriptor(shared.Io),
+          m_Stream(descriptor, shared.Identity.get()),
+          m_Parser(shared.Options.HeaderLimit, shared.Options.BodyLimit) {}
+
+    ~Connection() override { Deregister(); }
+
+    // Takes the descriptor over, unless there is an error.
+    void Open(error_code& error) {
+        m_Descriptor.assign(m_Life.Descriptor, error);
+        if (error) return;
+        m_Life.Enter(Phase::Handshake, m_Shared.Options.RequestTimeout_ms);
+        m_Shared.Registry.Add(m_Life);
+        m_Registered = true;
+    }
+
+    // Does what can be done without waiting, then waits for one thing, or ends with `self`.
+    static void Run(Owner self);
+
+  private:
+    // What the connection waits for.
+    enum class Next { Again, Read, Write, Admission, Turn, Gone };
+
+    Next Advance();
+    Next Handshake();
+    Next ReadRequests();
+    Next Receive();
+    Next EndOfInput();
+    Next UseBuffer();
+    void MakeRoom();
+    void Idle();
+    void Begin();
+
+    std::optional<HttpResponse> CheckHead();
+    Next HeadComplete();
+    Next RequestComplete();
+    Next Answer();
+    HttpResponse CallHandler();
+    Next Respond(HttpResponse response);
+    Next RefuseAndClose(HttpResponse response);
+    Next FinishRequest();
+
+    Next Upgrade();
+    void HandOver();
+    Next Flush();
+    Next AllWritten();
+    Next Drain();
+
+    void Resume(std::unique_ptr<AdmissionWaiter> self, bool admitted) override;
+    static void Continue(Owner self, bool admitted);
+    void Deregister();
+    bool Pending() const { return !m_Out.empty() || m_Large; }
+
+    ConnectionShared& m_Shared;
+    ConnectionLife m_Life;
+    asio::posix::stream_descriptor m_Descriptor;
+    ConnectionStream m_Stream;
+    RequestParser m_Parser;
+    bool m_Registered = false;
+
+    // The request that is coming in.
+    ConnectionBuffer m_Buffer;
+    bool m_Readable = true;      // there may be more to read without waiting
+    std::size_t m_Parsed = 0;    // bytes at the buffer's front that the parser is done with
+    std::size_t m_HeadSize = 0;  // of those, the head's; 0 while it is incomplete
+    HttpRequest m_Request;
+    unsigned m_Answered = 0;  // in this turn
+
+    // The answers that are going out.
+    std::string m_Out;
+    std::optional<HttpResponse> m_Large;  // whose body follows m_Out
+    std::size_t m_Written = 0;
+    std::size_t m_Renewed = 0;  // as of when the time to take the answer began anew
+    bool m_CloseAfter = false;
+    bool m_UpgradeAfter = false;
+    std::size_t m_Drained = 0;
+};
+
+void Connection::Run(Owner self) {
+    Connection& connection = *self;
+    asio::posix::stream_descriptor& descriptor = connection.m_Descriptor;
+    switch (connection.Advance()) {
+        case Next::Read:
+            descriptor.async_wait(descriptor.wait_read, [self = std::move(self)](error_code) mutable {
+                self->m_Readable = true;
+                self->m_Answered = 0;
+                Run(std::move(self));
+            });
+            return;
+        case Next::Write:
+            descriptor.async_wait(descriptor.wait_write,
+                                  [self = std::move(self)](error_code) mutable { Run(std::move(self)); });
+            return;
+        case Next::Turn:
+            connection.m_Answered = 0;
+            asio::post(connection.m_Shared.Io, [self = std::move(self)]() mutable { Run(std::move(self)); });
+            return;
+        case Next::Admission: {
+            std::unique_ptr<AdmissionWaiter> waiter = std::move(self);
+            if (!connection.m_Shared.Crew.Wait(waiter)) connection.Resume(std::move(waiter), false);
+            return;
+        }
+        case Next::Again:
+        case Next::Gone:
+            return;
+    }
+}
+
+Connection::Next Connection::Advance() {
+    for (;;) {
+        Next next = Next::Gone;
+        switch (m_Life.Now.load(std::memory_order_relaxed)) {
+            case Phase::Handshake:
+                next = Handshake();
+                break;
+            case Phase::Idle:
+            case Phase::Reading:
+                next = ReadRequests();
+                break;
+            case Phase::Handling:
+            case Phase::Writing:
+                next = Flush();
+                break;
+            case Phase::Draining:
+                next = Drain();
+                break;
+        }
+        if (next != Next::Again) return next;
+    }
+}
+
+Connection::Next Connection::Handshake() {
+    switch (m_Stream.Handshake().Status) {
+        case IoStatus::Done:
+            Idle();
+            return Next::Again;
+        case IoStatus::WantRead:
+            return Next::Read;
+        case IoStatus::WantWrite:
+            return Next::Write;
+        default:
+            return Next::Gone;
+    }
+}
+
+void Connection::Idle() {
+    m_Life.Enter(Phase::Idle, m_Shared.Options.IdleTimeout_ms);
+    // The server's end may have come while the last answer was made.
+    if (m_Shared.Stopping.load()) m_Life.Expired.store(true);
+}
+
+// The first bytes of a request are there.
+void Connection::Begin() {
+    if (m_Life.Now.load(std::memory_order_relaxed) != Phase::Reading) {
+        m_Life.Enter(Phase::Reading, m_Shared.Options.RequestTimeout_ms);
+    }
+}
+
+// Uses what is there and reads on. Answers go out before anything is waited for.
+Connection::Next Connection::ReadRequests() {
+    while (m_Buffer.View().size() > m_Parsed) {
+        if (m_Answered >= RequestsPerTurn) return Pending() ? Flush() : Next::Turn;
+        const Next next = UseBuffer();
+        if (next == Next::Read) break;
+        if (next != Next::Again) return next;
+        if (m_Out.size() >= OutputBatch || m_Large || m_CloseAfter || m_UpgradeAfter) return Flush();
+    }
+    return Pending() ? Flush() : Receive();
+}
+
+Connection::Next Connection::Receive() {
+    if (m_Life.Expired.load(std::memory_order_relaxed)) return EndOfInput();
+    if (!m_Readable) return Next::Read;
+    MakeRoom();
+    const std::size_t room = m_Buffer.Room();
+    const IoResult result = m_Stream.Read(m_Buffer.Free(), room);
+    switch (result.Status) {
+        case IoStatus::Done:
+            m_Buffer.Commit(result.Bytes);
+            // A socket that gave less than was asked for is empty; what TLS still holds is not told.
+            m_Readable = result.Bytes == room || m_Stream.Secure();
+            return Next::Again;
+        case IoStatus::WantRead:
+            m_Readable = false;
+            return Next::Read;
+        case IoStatus::WantWrite:
+            return Next::Write;
+        default:
+            return EndOfInput();
+    }
+}
+
+void Connection::MakeRoom() {
+    const char* const before = m_Buffer.View().data();
+    if (m_HeadSize == 0) {
+        if (m_Buffer.Room() == 0) m_Buffer.MakeRoom(FirstRoom);
+    } else if (m_Buffer.Room() < ChunkLineLimit) {
+        m_Buffer.MakeRoom(BodyRoom);
+        m_Parser.Head().Rebase(before, m_Buffer.View().data());
+    }
+}
+
+// The peer has closed, or its time is over.
+Connection::Next Connection::EndOfInput() {
+    if (m_Life.Now.load(std::memory_order_relaxed) == Phase::Idle || m_Buffer.Empty()) return Next::Gone;
+    return RefuseAndClose(
+        m_Life.Expired.load()
+            ? Problem(Velmora::STATUS_408_TIMEOUT, "The request did not arrive in time.")
+            : Problem(Velmora::STATUS_400_BAD_REQ, "The request ended before it was complete."));
+}
+
+// Parses on; Read where more is needed.
+Connection::Next Connection::UseBuffer() {
+    if (m_HeadSize == 0) {
+        // Empty lines in front of a request are passed over (RFC 9112, 2.2).
+        while (m_Buffer.View().substr(0, 2) == "\r\n") m_Buffer.Consume(2);
+        if (m_Buffer.Empty()) return Next::Read;
+        Begin();
+    }
+    std::size_t consumed = 0;
+    const Progress progress = m_Parser.Parse(m_Buffer.View().substr(m_Parsed), consumed);
+    m_Parsed += consumed;
+    switch (progress) {
+        case Progress::HeadComplete:
+            return HeadComplete();
+        case Progress::Complete:
+            return RequestComplete();
+        case Progress::Failed:
+            return RefuseAndClose(m_Parser.Error());
+        case Progress::NeedMore:
+            break;
+    }
+    if (m_HeadSize > 0 && m_Parsed > m_HeadSize) {
+        // What came of the body is the parser's now; its place is used again.
+        m_Buffer.Cut(m_HeadSize, m_Parsed - m_HeadSize);
+        m_Parsed = m_HeadSize;
+    }
+    return Next::Read;
+}
+
+// What can be refused without the body is.
+std::optional<HttpResponse> Connection::CheckHead() {
+    const RequestHead& head = m_Parser.Head();
+    const std::optional<Target> target = split_target(head.Target);
+    if (!target) return Problem(Velmora::STATUS_400_BAD_REQ, "The request's target must be a path.");
+    if (auto refusal = m_Shared.Policy->Check(head, target->Path, target->Authority)) return refusal;
+    if (!head.Method) return Problem(Velmora::STATUS_501_NOT_IMPLEMENTED, "This method is not known.");
+    if (head.HasBody && !is_json(head[Field::ContentType])) {
+        return Problem(Velmora::STATUS_415_MEDIA_TYPE, "A body must be application/json.");
+    }
+    if (head.Has(Field::Expect) && !ListHas(head[Field::Expect], "100-continue")) {
+        return Problem(Velmora::STATUS_417_EXPECTATION, "Only 100-continue can be expected.");
+    }
+    return std::nullopt;
+}
+
+Connection::Next Connection::HeadComplete() {
+    m_HeadSize = m_Parsed;
+    if (auto refusal = CheckHead()) return RefuseAndClose(std::move(*refusal));
+    const RequestHead& head = m_Parser.Head();
+    if (head.Has(Field::Expect) && !head.Http10 && m_Buffer.View().size() == m_Parsed) {
+        m_Out.append("HTTP/1.1 100 Continue\r\n\r\n");
+    }
+    return Next::Again;
+}
+
+Connection::Next Connection::RequestComplete() {
+    const bool checked = m_HeadSize > 0;
+    if (!checked) {
+        m_HeadSize = m_Parsed;
+        if (auto refusal = CheckHead()) return Respond(std::move(*refusal));
+    }
+    const RequestHead& head = m_Parser.Head();
+    const Target target = *split_target(head.Target);
+    m_Request.Method = *head.Method;
+    m_Request.Path = target.Path;
+    m_Request.Query = target.Query;
+    m_Request.ContentType = head[Field::ContentType];
+    m_Request.IfNoneMatch = head[Field::IfNoneMatch];
+    m_Request.Body = m_Parser.Body();
+    m_Request.HasBody = head.HasBody;
+    if (m_Request.Method == Velmora::METH_GET && m_Request.Path == FeedPath) return Upgrade();
+    return Answer();
+}
+
+Connection::Next Connection::Answer() {
+    if (!m_Shared.Handler.MayBlock(m_Request)) return Respond(CallHandler());
+    m_Life.Enter(Phase::Handling, 0);
+    if (!m_Shared.Crew.Enter()) return Next::Admission;
+    HttpResponse response = CallHandler();
+    m_Shared.Crew.Leave();
+    return Respond(std::move(response));
+}
+
+HttpResponse Connection::CallHandler() {
+    try {
+        return m_Shared.Handler.Handle(m_Request);
+    } catch (const std::exception& error) {
+        Mirel::DefaultLogSink().Error("Answering %s \"%s\" failed: %s\n",
+                                      Velmora::MethodToString(m_Request.Method),
+                                      Mirel::EscapeForLog(m_Request.Path).c_str(), error.what());
+        return Problem(Velmora::STATUS_500_SERVER_ERROR, "The server could not answer this request.");
+    }
+}
+
+// The turn of a request that waited has come, or its time is over.
+void Connection::Resume(std::unique_ptr<AdmissionWaiter> self, bool admitted) {
+    Owner owner(static_cast<Connection*>(self.release()));
+    asio::post(m_Shared.Io,
+               [owner = std::move(owner), admitted]() mutable { Continue(std::move(owner), admitted); });
+}
+
+void Connection::Continue(Owner self, bool admitted) {
+    Connection& connection = *self;
+    if (admitted) {
+        connection.m_Shared.Crew.Resumed();
+        HttpResponse response = connection.CallHandler();
+        connection.m_Shared.Crew.Leave();
+        connection.Respond(std::move(response));
+    } else {
+        connection.m_Shared.RefusedBusy.fetch_add(1, std::memory_order_relaxed);
+        connection.Respond(busy());
+    }
+    Run(std::move(self));
+}
+
+Connection::Next Connection::Respond(HttpResponse response) {
+    const RequestHead& head = m_Parser.Head();
+    ReplyForm form;
+    form.HeadOnly = head.Method == Velmora::METH_HEAD;
+    form.Http10 = head.Http10;
+    form.KeepAlive =
+        !m_CloseAfter && m_Parser.KeepAlive() && !m_Shared.Stopping.load(std::memory_order_relaxed);
+    m_CloseAfter = !form.KeepAlive;
+
+    ++m_Answered;
+    m_Shared.Requests.fetch_add(1, std::memory_order_relaxed);
+    const int status_class = response.Status / 100;
+    m_Shared.AnsweredByClass[status_class < 6 ? status_class : 0].fetch_add(1, std::memory_order_relaxed);
+    if (Mirel::DefaultLogSink().Logs(Mirel::LOG_DEBUG)) {
+        Mirel::DefaultLogSink().Debug("%s: \"%s\" answered with %d\n", peer_name(m_Life.Descriptor).c_str(),
+                                      Mirel::EscapeForLog(head.Target).c_str(),
+                                      static_cast<int>(response.Status));
+    }
+
+    AppendReplyHead(m_Out, response, form);
+    if (!form.HeadOnly && !StatusHasNoBody(response.Status)) {
+        if (ReplyBody(response).size() <= CopiedBody) {
+            m_Out.append(ReplyBody(response));
+        } else {
+            m_Large = std::move(response);
+        }
+    }
+    return FinishRequest();
+}
+
+Connection::Next Connection::FinishRequest() {
+    m_Buffer.Consume(m_Parsed);
+    m_Parsed = m_HeadSize = 0;
+    m_Parser.Reset();
+    m_Life.Enter(Phase::Handling, 0);  // until the answer is written
+    return Next::Again;
+}
+
+Connection::Next Connection::RefuseAndClose(HttpResponse response) {
+    m_CloseAfter = true;
+    return Respond(std::move(response));
+}
+
+Connection::Next Connection::Upgrade() {
+    if (auto refusal = RefuseUpgrade(m_Parser.Head())) return Respond(std::move(*refusal));
+    m_Out.append(SwitchingProtocols(m_Parser.Head()));
+    m_Shared.Requests.fetch_add(1, std::memory_order_relaxed);
+    m_Shared.AnsweredByClass[1].fetch_add(1, std::memory_order_relaxed);
+    m_UpgradeAfter = true;
+    return FinishRequest();
+}
+
+void Connection::HandOver() {
+    const std::string peer = peer_name(m_Life.Descriptor);
+    Deregister();
+    const int descriptor = m_Descriptor.release();
+    HandOverToFeed(descriptor, m_Stream.ReleaseTls(), peer, m_Buffer.View());
+}
+
+// Writes what is to go out.
+Connection::Next Connection::Flush() {
+    while (Pending()) {
+        const std::string_view body = m_Large ? ReplyBody(*m_Large) : std::string_view();
+        iovec pieces[2];
+        std::size_t count = 0;
+        if (m_Written < m_Out.size()) pieces[count++] = {m_Out.data() + m_Written, m_Out.size() - m_Written};
+        const std::size_t sent = m_Written > m_Out.size() ? m_Written - m_Out.size() : 0;
+        if (sent < body.size()) pieces[count++] = {const_cast<char*>(body.data()) + sent, body.size() - sent};
+        if (count == 0) {
+            m_Out.clear();
+            if (m_Out.capacity() > OutputBatch) m_Out.shrink_to_fit();
+            m_Large.reset();
+            m_Written = m_Renewed = 0;
+            break;
+        }
+        const IoResult result = m_Stream.Write(pieces, count);
+        if (result.Status == IoStatus::Closed || result.Status == IoStatus::Failed) return Next::Gone;
+        m_Written += result.Bytes;
+        if (result.Status == IoStatus::Done) continue;
+        if (m_Life.Now.load() != Phase::Writing || m_Written - m_Renewed >= OutputBatch) {
+            m_Renewed = m_Written;
+            m_Life.Enter(Phase::Writing, m_Shared.Options.RequestTimeout_ms);
+        }
+        return result.Status == IoStatus::WantRead ? Next::Read : Next::Write;
+    }
+    return AllWritten();
+}
+
+Connection::Next Connection::AllWritten() {
+    if (m_UpgradeAfter) {
+        HandOver();
+        return Next::Gone;
+    }
+    if (m_CloseAfter) {
+        m_Stream.EndWriting();
+        m_Life.Enter(Phase::Draining, DrainLimit_ms);
+        return Next::Again;
+    }
+    // In the middle of a request this was "100 Continue", and its time goes on.
+    if (m_HeadSize == 0 && m_Buffer.Empty()) {
+        if (m_Buffer.Capacity() > FirstRoom) m_Buffer.Release();
+        Idle();
+    } else {
+        Begin();
+    }
+    return Next::Again;
+}
+
+// Waits for the peer to close, so that it is not told of a reset before it has read the answer.
+Connection::Next Connection::Drain() {
+    for (;;) {
+        const IoResult result = m_Stream.Discard();
+        if (result.Status == IoStatus::WantRead) return Next::Read;
+        if (result.Status != IoStatus::Done) return Next::Gone;
+        m_Drained += result.Bytes;
+        if (m_Drained > DrainBytes) return Next::Gone;
+    }
+}
+
+void Connection::Deregister() {
+    if (std::exchange(m_Registered, false)) m_Shared.Registry.Remove(m_Life);
+}
+
+// More connections than may be: said in one write where that can be done, for there is no place to wait.
+void refuse_connection(ConnectionShared& shared, int descriptor) {
+    shared.RefusedConnections.fetch_add(1, std::memory_order_relaxed);
+    if (!shared.Identity) {
+        HttpResponse response = Problem(Velmora::STATUS_503_NO_SERVICE, "Too many connections; try again.");
+        response.Headers.emplace_back("Retry-After", "1");
+        std::string text;
+        AppendReplyHead(text, response, {.KeepAlive = false});
+        text.append(response.Body);
+        if (send(descriptor, text.data(), text.size(), MSG_NOSIGNAL) > 0) shutdown(descriptor, SHUT_WR);
+    }
+}
+
+}  // namespace
+
+ConnectionShared::ConnectionShared(const HttpServerOptions& options, HttpHandler& handler,
+                                   asio::io_context& io, unsigned threads, unsigned working)
+    : Options(options),
+      Handler(handler),
+      Io(io),
+      Crew(threads, working,
+           {[&io] { io.run(); }, [&io](std::function<void()> call) { asio::post(io, std::move(call)); }}) {}
+
+void ServeConnection(ConnectionShared& shared, int descriptor) {
+    const int on = 1;
+    setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    shared.Accepted.fetch_add(1, std::memory_order_relaxed);
+    if (shared.Registry.Size() >= shared.Options.MaxConnections) {
+        refuse_connection(shared, descriptor);
+        close(descriptor);
+        return;
+    }
+    try {
+        auto connection = std::make_unique<Connection>(shared, descriptor);
+        error_code error;
+        connection->Open(error);
+        if (!error) return Connection::Run(std::move(connection));
+        Mirel::DefaultLogSink().Error("Cannot serve a connection: %s\n", error.message().c_str());
+    } catch (const std::bad_alloc&) {
+        Mirel::DefaultLogSink().Error("Cannot serve a connection: out of memory\n");
+    }
+    close(descriptor);
+}
+
+}  // namespace Server

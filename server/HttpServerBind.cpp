@@ -1,0 +1,76 @@
+#include "HttpServerBind.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+namespace Server {
+
+namespace {
+
+constexpr int Backlog = 4096;  // the system cuts it to its own limit
+
+Mirel::Result_t cannot_listen(const std::string& host, Mirel::ui16_t port, const std::string& reason) {
+    return Mirel::RESULT_NETWORK.WithMessage("Cannot listen on " + HostAndPort(host, port) + ": " + reason);
+}
+
+bool is_loopback(const sockaddr* address) {
+    if (address->sa_family == AF_INET) {
+        return ntohl(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr) >> 24 == 127;
+    }
+    return address->sa_family == AF_INET6 &&
+           IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
+}
+
+Mirel::ui16_t port_of(int descriptor) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
+    return ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<const sockaddr_in6&>(address).sin6_port
+                                               : reinterpret_cast<const sockaddr_in&>(address).sin_port);
+}
+
+}  // namespace
+
+std::string HostAndPort(const std::string& host, Mirel::ui16_t port) {
+    const bool bare_v6 = host.find(':') != host.npos && host[0] != '[';
+    return (bare_v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
+Mirel::Result_t BindListener(const std::string& host, Mirel::ui16_t port, bool guarded, int& descriptor,
+                             Mirel::ui16_t& bound_port) {
+    const std::string name = host.size() > 2 && host[0] == '[' ? host.substr(1, host.size() - 2) : host;
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    const int failure = getaddrinfo(name.c_str(), std::to_string(port).c_str(), &hints, &found);
+    if (failure != 0) return cannot_listen(host, port, gai_strerror(failure));
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> list(found, freeaddrinfo);
+
+    if (!guarded && !is_loopback(found->ai_addr)) {
+        return cannot_listen(
+            host, port,
+            "without an access token only loopback addresses are served; set \"AccessToken\" or "
+            "\"AccessTokenFile\"");
+    }
+    const int taken = socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (taken < 0) return cannot_listen(host, port, std::strerror(errno));
+    const int on = 1;
+    setsockopt(taken, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(taken, found->ai_addr, found->ai_addrlen) != 0 || listen(taken, Backlog) != 0) {
+        const int reason = errno;
+        close(taken);
+        return cannot_listen(host, port, std::strerror(reason));
+    }
+    descriptor = taken;
+    bound_port = port_of(taken);
+    return Mirel::RESULT_OK;
+}
+
+}  // namespace Server
