@@ -1,12 +1,12 @@
 // The REST interface through the router, on the live queue. Every answer is held against the description.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <set>
-#include <thread>
+#include <sstream>
 
 #include "EventManager.h"
 #include "Health.h"
+#include "HttpClient.h"
 #include "OpenApi.h"
 #include "Router.h"
 #include "Testing.h"
@@ -43,35 +43,40 @@ const PListDict& Described(const std::string& method, const std::string& pattern
 
 }  // namespace
 
-class RestTest : public ::testing::Test {
+class RouterTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         PListDict dict;
         ASSERT_TRUE(EventManager::InitEventQueue(dict).Success());
     }
     void TearDown() override {
-        for (const char* path : {"/api/v1/events", "/api/v1/timers", "/api/v1/watches"}) Call("DELETE", path);
+        for (const char* path : {"/api/v1/events", "/api/v1/timers", "/api/v1/watches"}) Send("DELETE", path);
         EventManager::GlobalEventQueue().SetMaxListeners(1024);
         EventManager::GlobalEventQueue().SetMaxWatches(1024);
     }
 
-    // "METHOD /path?query" with a body; the answer is kept in `last` and its status returned.
-    int Call(const std::string& method, const std::string& target, const std::string& body = "",
+    // Asks with a method, "/path?query", a body and an If-None-Match; the answer is kept in `last` and its
+    // status returned.
+    int Send(const std::string& method, const std::string& target, const std::string& body = "",
              const std::string& tag = "") {
-        const std::size_t mark = target.find('?');
+        last = Exchange(method, target, body, tag);
+        HoldAgainstDescription(method, target.substr(0, target.find('?')));
+        return last.Status;
+    }
+    virtual HttpResponse Exchange(const std::string& method, const std::string& target,
+                                  const std::string& body, const std::string& tag) {
+        const std::size_t mark = std::min(target.find('?'), target.size());
         HttpRequest request;
         request.Method = MethodNamed(method);
         request.Path = std::string_view(target).substr(0, mark);
-        if (mark != std::string::npos) request.Query = std::string_view(target).substr(mark + 1);
+        request.Query = std::string_view(target).substr(std::min(mark + 1, target.size()));
         request.Body = body;
         request.HasBody = !body.empty();
         request.IfNoneMatch = tag;
-        last = router.Handle(request);
-        HoldAgainstDescription(method, std::string(request.Path));
-        return last.Status;
+        return router.Handle(request);
     }
     int Call(const std::string& line, const std::string& body = "") {
-        return Call(line.substr(0, line.find(' ')), line.substr(line.find(' ') + 1), body);
+        return Send(line.substr(0, line.find(' ')), line.substr(line.find(' ') + 1), body);
     }
     std::string Header(const std::string& name) const {
         for (const auto& [key, value] : last.Headers) {
@@ -90,7 +95,7 @@ class RestTest : public ::testing::Test {
         return pointers;
     }
     std::size_t Count(const char* path, const char* list) {
-        EXPECT_EQ(Call("GET", path), 200);
+        EXPECT_EQ(Send("GET", path), 200);
         return Body().GetArray(list).Size();
     }
 
@@ -120,9 +125,52 @@ class RestTest : public ::testing::Test {
     }
 };
 
+enum class Transport { Direct, Plain, TLS };
+
+/// The same questions put to the router itself, and through a socket.
+class RestTest : public RouterTest, public ::testing::WithParamInterface<Transport> {
+  protected:
+    void SetUp() override {
+        if (GetParam() == Transport::Direct) return;
+        HttpServerOptions options;
+        if (GetParam() == Transport::TLS) {
+            options.TLSIdentity = folder / "identity.pem";
+            Testing::WriteTLSIdentity(options.TLSIdentity);
+        }
+        server = std::make_unique<HttpServer>(options, router);
+        const Mirel::Result_t bound = server->Bind();
+        ASSERT_TRUE(bound.Success()) << bound.Message();
+        ASSERT_TRUE(server->Serve().Success());
+        client = std::make_unique<Testing::HttpClient>(server->Port(), GetParam() == Transport::TLS);
+    }
+    HttpResponse Exchange(const std::string& method, const std::string& target, const std::string& body,
+                          const std::string& tag) override {
+        if (!client) return RouterTest::Exchange(method, target, body, tag);
+        const Testing::HttpClient::Answer answer = client->Call(method, target, body, tag);
+        HttpResponse response;
+        response.Status = static_cast<Status_t>(answer.result_int());
+        response.ContentType = std::string(answer[Testing::http::field::content_type]);
+        response.Body = answer.body();
+        for (const auto& field : answer) response.Headers.emplace_back(field.name_string(), field.value());
+        return response;
+    }
+
+    Testing::TemporaryFolder folder;
+    std::unique_ptr<HttpServer> server;
+    std::unique_ptr<Testing::HttpClient> client;
+};
+
+std::string TransportName(const ::testing::TestParamInfo<Transport>& transport) {
+    constexpr std::array<const char*, 3> words = {"Direct", "Plain", "TLS"};
+    return words[transport.index];
+}
+INSTANTIATE_TEST_SUITE_P(Transports, RestTest,
+                         ::testing::Values(Transport::Direct, Transport::Plain, Transport::TLS),
+                         TransportName);
+
 // ------------------------------------------------------------------------------------------- routes
 
-TEST_F(RestTest, TheDescriptionCoversEveryRouteAndNothingElse) {
+TEST_F(RouterTest, TheDescriptionCoversEveryRouteAndNothingElse) {
     std::set<std::string> routes, described;
     for (const RouteInfo& route : Router::Routes()) {
         routes.insert(route.Method + " " + route.Pattern);
@@ -147,7 +195,7 @@ TEST_F(RestTest, TheDescriptionCoversEveryRouteAndNothingElse) {
     EXPECT_EQ(document.GetDict("info").GetData("version").Text(), VELMORA_VERSION);
 }
 
-TEST_F(RestTest, PathsMethodsAndQueriesThatAreNotServed) {
+TEST_P(RestTest, PathsMethodsAndQueriesThatAreNotServed) {
     const std::pair<std::string, int> cases[] = {
         {"GET /api/v1/nothing", 404},
         {"GET /api/v1/events/", 404},
@@ -177,7 +225,7 @@ TEST_F(RestTest, PathsMethodsAndQueriesThatAreNotServed) {
     EXPECT_EQ(Call("HEAD /api/v1/config"), 200);
 }
 
-TEST_F(RestTest, OnlyWhatMayWaitForTheQueueSaysSo) {
+TEST_F(RouterTest, OnlyWhatMayWaitForTheQueueSaysSo) {
     const auto may_block = [&](const char* method, const char* path) {
         HttpRequest request;
         request.Method = MethodNamed(method);
@@ -193,7 +241,7 @@ TEST_F(RestTest, OnlyWhatMayWaitForTheQueueSaysSo) {
 }
 
 // Every body that is refused, and that it changed nothing.
-TEST_F(RestTest, WrongBodiesAreRefusedAtTheirPlace) {
+TEST_P(RestTest, WrongBodiesAreRefusedAtTheirPlace) {
     struct Case {
         std::string line, body;
         int status;
@@ -245,7 +293,7 @@ TEST_F(RestTest, WrongBodiesAreRefusedAtTheirPlace) {
 
 // ------------------------------------------------------------------------------------------- resources
 
-TEST_F(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {
+TEST_P(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {
     EXPECT_EQ(Call("GET /api/v1/events/a%2Fb%20%C3%A9"), 404);
     EXPECT_EQ(Call("POST /api/v1/events/a%2Fb%20%C3%A9"), 404);
     EXPECT_EQ(Call("POST /api/v1/events", "{\"event_name\": \"a/b \xC3\xA9\", \"event_data\": {\"k\": [1]}}"),
@@ -253,47 +301,47 @@ TEST_F(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {
     const std::string location = Header("Location");
     EXPECT_EQ(location, "/api/v1/events/a%2Fb%20%C3%A9");
     const PListDict created = Body();
-    EXPECT_EQ(Call("GET", location), 200);
+    EXPECT_EQ(Send("GET", location), 200);
     EXPECT_EQ(Body(), created);
     EXPECT_EQ(Call("POST /api/v1/events", "{\"event_name\": \"a/b \xC3\xA9\"}"), 412);
     EXPECT_EQ(Count("/api/v1/events", "event_list"), 1u);
 
-    EXPECT_EQ(Call("POST", location, R"({"n": 12345678901234})"), 202);
+    EXPECT_EQ(Send("POST", location, R"({"n": 12345678901234})"), 202);
     EXPECT_EQ(last.Body, "{\"event_name\":\"a/b \xC3\xA9\",\"posted\":true}");
-    EXPECT_EQ(Call("POST", location), 202);
+    EXPECT_EQ(Send("POST", location), 202);
     EXPECT_EQ(Call("GET /api/v1/history?event_name=a/b+%C3%A9"), 200);
     const PListArray history = Body().GetArray("history");
     ASSERT_EQ(history.Size(), 2u);
     EXPECT_EQ(AsDict(history.GetItem(0))->GetDict("post_data").GetData("n").Text(), "12345678901234");
     EXPECT_FALSE(AsDict(history.GetItem(1))->HasItem("post_data"));
 
-    EXPECT_EQ(Call("DELETE", location), 204);
-    EXPECT_EQ(Call("DELETE", location), 404);
+    EXPECT_EQ(Send("DELETE", location), 204);
+    EXPECT_EQ(Send("DELETE", location), 404);
 }
 
-TEST_F(RestTest, ListenersComeAndGoAndTheLimitHolds) {
+TEST_P(RestTest, ListenersComeAndGoAndTheLimitHolds) {
     const std::string listeners = "/api/v1/events/e/listeners";
-    for (const char* method : {"GET", "DELETE"}) EXPECT_EQ(Call(method, listeners), 404);
-    EXPECT_EQ(Call("POST", listeners, R"({"callback": "/x"})"), 404);
+    for (const char* method : {"GET", "DELETE"}) EXPECT_EQ(Send(method, listeners), 404);
+    EXPECT_EQ(Send("POST", listeners, R"({"callback": "/x"})"), 404);
     Call("POST /api/v1/events", R"({"event_name": "e"})");
-    EXPECT_EQ(Call("POST", listeners, R"({"callback": "/x", "listener_data": {"a": 1}})"), 201);
+    EXPECT_EQ(Send("POST", listeners, R"({"callback": "/x", "listener_data": {"a": 1}})"), 201);
     const std::string location = Header("Location");
     EXPECT_EQ(location, listeners + "/" + Body().GetData("id").Text());
-    EXPECT_EQ(Call("POST", listeners, R"({"callback": "/x"})"), 412);
+    EXPECT_EQ(Send("POST", listeners, R"({"callback": "/x"})"), 412);
     EXPECT_EQ(Call("PATCH /api/v1/config", R"({"max_listeners": 1})"), 200);
-    EXPECT_EQ(Call("POST", listeners, R"({"callback": "/y"})"), 201);  // one more than the limit
-    EXPECT_EQ(Call("POST", listeners, R"({"callback": "/z"})"), 409);
+    EXPECT_EQ(Send("POST", listeners, R"({"callback": "/y"})"), 201);  // one more than the limit
+    EXPECT_EQ(Send("POST", listeners, R"({"callback": "/z"})"), 409);
     EXPECT_EQ(Call("POST /api/v1/events", R"({"event_name": "f"})"), 409);
     EXPECT_EQ(Count(listeners.c_str(), "listener_list"), 2u);
 
-    EXPECT_EQ(Call("DELETE", listeners + "/no-uuid"), 404);
-    EXPECT_EQ(Call("DELETE", location), 204);
-    EXPECT_EQ(Call("DELETE", location), 404);
-    EXPECT_EQ(Call("DELETE", listeners), 204);
+    EXPECT_EQ(Send("DELETE", listeners + "/no-uuid"), 404);
+    EXPECT_EQ(Send("DELETE", location), 204);
+    EXPECT_EQ(Send("DELETE", location), 404);
+    EXPECT_EQ(Send("DELETE", listeners), 204);
     EXPECT_EQ(Count(listeners.c_str(), "listener_list"), 0u);
 }
 
-TEST_F(RestTest, TimersAreTakenWithNumbersAndTexts) {
+TEST_P(RestTest, TimersAreTakenWithNumbersAndTexts) {
     const std::pair<std::string, std::string> cases[] = {
         {R"("interval_sec": 60)", "60"},
         {R"("interval_sec": "600")", "600"},
@@ -303,7 +351,7 @@ TEST_F(RestTest, TimersAreTakenWithNumbersAndTexts) {
         ASSERT_EQ(Call("POST /api/v1/timers", R"({"event_name": "e", )" + members + "}"), 201);
         const std::string id = Body().GetData("id").Text();
         EXPECT_EQ(Header("Location"), "/api/v1/timers/" + id);
-        ASSERT_EQ(Call("GET", "/api/v1/timers/" + id), 200);
+        ASSERT_EQ(Send("GET", "/api/v1/timers/" + id), 200);
         const PListDict entry = Body();
         EXPECT_EQ(entry.GetData("interval_sec").Text() + entry.GetData("start_time").Text(), kept);
         EXPECT_EQ(entry.GetData("id").Text(), id);
@@ -314,14 +362,13 @@ TEST_F(RestTest, TimersAreTakenWithNumbersAndTexts) {
     EXPECT_EQ(Call("DELETE /api/v1/timers/none"), 404);
     Call("GET /api/v1/timers");
     const std::string first = AsDict(Body().GetArray("timer_list").GetItem(0))->GetData("id").Text();
-    EXPECT_EQ(Call("DELETE", "/api/v1/timers/" + first), 204);
-    EXPECT_EQ(Call("DELETE", "/api/v1/timers/" + first), 404);
+    EXPECT_EQ(Send("DELETE", "/api/v1/timers/" + first), 204);
+    EXPECT_EQ(Send("DELETE", "/api/v1/timers/" + first), 404);
     EXPECT_EQ(Call("DELETE /api/v1/timers"), 204);
     EXPECT_EQ(Count("/api/v1/timers", "timer_list"), 0u);
 }
 
-TEST_F(RestTest, WatchesWarnAndSayWhyTheyAreRefused) {
-    const Testing::TemporaryFolder folder;
+TEST_P(RestTest, WatchesWarnAndSayWhyTheyAreRefused) {
     const std::string watch = R"({"event_name": "e", "path": ")" + folder.Path();
     EXPECT_EQ(Call("POST /api/v1/watches", watch + R"(", "once": true, "watch_data": {"k": 1}})"), 201);
     EXPECT_EQ(Body().GetArray("warnings").Size(), 0u);
@@ -334,11 +381,11 @@ TEST_F(RestTest, WatchesWarnAndSayWhyTheyAreRefused) {
     EXPECT_NE(Body().GetData("detail").Text().find("max_watches"), std::string::npos);
 
     EXPECT_EQ(Call("DELETE /api/v1/watches?path="), 404);
-    EXPECT_EQ(Call("DELETE", "/api/v1/watches?path=" + PercentEncode(folder.Path())), 204);
+    EXPECT_EQ(Send("DELETE", "/api/v1/watches?path=" + PercentEncode(folder.Path())), 204);
     EXPECT_TRUE(Testing::Eventually([&] { return Count("/api/v1/watches", "watch_list") == 0; }));
 }
 
-TEST_F(RestTest, TheDocumentIsAppliedWholeOrNotAtAll) {
+TEST_P(RestTest, TheDocumentIsAppliedWholeOrNotAtAll) {
     const std::string document = R"({"event_list": [{"event_name": "e", "listener_list": [
         {"callback": "/1"}, {"callback": "/2"}, {"callback": "/3"}]}], "timer_list": [{"event_name": "e", "interval_sec": 9}],
         "watch_list": [{"path": "/", "event_name": "e"}]})";
@@ -352,15 +399,15 @@ TEST_F(RestTest, TheDocumentIsAppliedWholeOrNotAtAll) {
 
     EXPECT_EQ(Call("GET /api/v1/queue"), 200);
     const std::string tag = Header("ETag"), state = last.Body;
-    EXPECT_EQ(Call("GET", "/api/v1/queue", "", "\"other\", W/" + tag), 304);
+    EXPECT_EQ(Send("GET", "/api/v1/queue", "", "\"other\", W/" + tag), 304);
     EXPECT_EQ(last.Body, "");
     EXPECT_EQ(Call("POST /api/v1/queue", state),
               200);  // what is there already is no fault, and not beyond the limit
-    EXPECT_EQ(Call("GET", "/api/v1/queue", "", tag), 200);
+    EXPECT_EQ(Send("GET", "/api/v1/queue", "", tag), 200);
     EXPECT_NE(Header("ETag"), tag);
 }
 
-TEST_F(RestTest, HistoryAnswersTheLastOnesOldestFirst) {
+TEST_P(RestTest, HistoryAnswersTheLastOnesOldestFirst) {
     for (const char* name : {"h1", "h2"})
         Call("POST /api/v1/events", R"({"event_name": ")" + std::string(name) + "\"}");
     for (int i = 0; i < 6; ++i) {
@@ -368,7 +415,7 @@ TEST_F(RestTest, HistoryAnswersTheLastOnesOldestFirst) {
              R"({"i": )" + std::to_string(i) + "}");
     }
     const auto numbers = [&](const std::string& query) {
-        EXPECT_EQ(Call("GET", "/api/v1/history" + query), 200);
+        EXPECT_EQ(Send("GET", "/api/v1/history" + query), 200);
         std::string text;
         const PListDict body = Body();
         for (const PListItem& item : body.GetArray("history")) {
@@ -383,7 +430,7 @@ TEST_F(RestTest, HistoryAnswersTheLastOnesOldestFirst) {
     EXPECT_EQ(numbers("?event_name=none"), "");
 }
 
-TEST_F(RestTest, DeliveriesTellHowCallsEnded) {
+TEST_P(RestTest, DeliveriesTellHowCallsEnded) {
     Call("POST /api/v1/events", R"({"event_name": "d"})");
     Call("POST /api/v1/events/d/listeners", R"({"callback": "http://127.0.0.1:1/refused"})");
     Call("POST /api/v1/events/d");
@@ -399,7 +446,7 @@ TEST_F(RestTest, DeliveriesTellHowCallsEnded) {
 
 // ------------------------------------------------------------------------------------------- operations
 
-TEST_F(RestTest, ReadinessSaysWhatIsWrong) {
+TEST_F(RouterTest, ReadinessSaysWhatIsWrong) {
     EXPECT_EQ(Call("GET /healthz"), 200);
     EXPECT_TRUE(Testing::Eventually([&] { return Call("GET /readyz") == 200; })) << last.Body;
 
@@ -419,7 +466,7 @@ TEST_F(RestTest, ReadinessSaysWhatIsWrong) {
     EXPECT_FALSE(CheckStateFile(queue, folder / "state.json").Ok);
 }
 
-TEST_F(RestTest, MetricsAreWellFormedAndCountPostings) {
+TEST_F(RouterTest, MetricsAreWellFormedAndCountPostings) {
     router.CountersFrom([] { return HttpServerCounters{.Requests = 7}; });
     const auto sample = [&](const std::string& name) {
         EXPECT_EQ(Call("GET /metrics"), 200);
