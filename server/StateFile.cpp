@@ -1,0 +1,57 @@
+#include "StateFile.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "EventManager.h"
+#include "MR_util.h"
+
+namespace Server {
+
+namespace {
+
+constexpr std::size_t StateFileLimit = std::size_t{1} << 30;
+
+Mirel::Result_t unusable(const std::string& path, const std::string& reason) {
+    return Mirel::RESULT_READFAIL.WithMessage("Cannot use the state file \"" + path + "\": " + reason +
+                                              ". It was left as it is; move it away to start without it.");
+}
+
+// What is wrong with the document, or nothing. Entries inside the lists are the queue's to judge.
+std::string fault_of(const Velmora::PListDict& document) {
+    namespace Keys = EventManager::Strings;
+    bool any = false;
+    for (const std::string& key : {Keys::event_list, Keys::timer_list, Keys::watch_list}) {
+        const Velmora::PListItem* const list = document.GetItem(key);
+        if (!list) continue;
+        if (!list->HasType(Velmora::IT_ARRAY)) return "its \"" + key + "\" is not a list";
+        any = true;
+    }
+    return any ? "" : "it is not a queue state document";
+}
+
+}  // namespace
+
+Mirel::Result_t ReadStateFile(const std::string& path, std::optional<Velmora::PListDict>& document) {
+    document.reset();
+    struct stat status {};
+    if (path.empty() || (stat(path.c_str(), &status) != 0 && errno == ENOENT)) return Mirel::RESULT_OK;
+    std::string text;
+    const Mirel::Result_t read = Mirel::ReadFileIntoString(path, text, StateFileLimit);
+    if (read.Failure()) return unusable(path, read.Message());
+
+    Mirel::Result_t why;
+    const std::unique_ptr<Velmora::PListItem> item = Velmora::PListItem::CreateFromJSON(text, &why);
+    if (!item) return unusable(path, why.Message());
+    const auto* const dict = dynamic_cast<const Velmora::PListDict*>(item.get());
+    if (!dict) return unusable(path, "it is not a queue state document");
+    const std::string fault = fault_of(*dict);
+    if (!fault.empty()) return unusable(path, fault);
+    document = *dict;
+    return Mirel::RESULT_OK;
+}
+
+}  // namespace Server

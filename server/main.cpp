@@ -1,0 +1,191 @@
+// velmora-server: starts everything in order, waits for a signal, and ends everything in order.
+#include "VL_Python.h"
+// (Python wants to be first)
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include "CommandLine.h"
+#include "Config.h"
+#include "ConnectionStream.h"
+#include "EventManager.h"
+#include "HttpServer.h"
+#include "MR_log.h"
+#include "Router.h"
+#include "StateFile.h"
+#include "VL_HTTP.h"
+#include "VL_WebSocket.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Mirel::Result_t;
+using Server::Config;
+using Server::ConfigFault;
+
+constexpr Mirel::ui32_t RequestsLimit_ms = 5000;  // for requests in progress, when the server ends
+constexpr unsigned EndLimit_sec = 60;             // for the whole end
+
+int fail(const std::string& reason) {
+    std::fprintf(stderr, "velmora-server: %s\n", reason.c_str());
+    return 1;
+}
+
+std::string fault_text(const ConfigFault& fault) {
+    return (fault.Pointer.empty() ? "" : fault.Pointer + ": ") + fault.What;
+}
+
+int refuse(const std::vector<ConfigFault>& faults) {
+    const std::string more =
+        faults.size() > 1 ? " (and " + std::to_string(faults.size() - 1) + " more: see --check)" : "";
+    return fail("Cannot use the configuration: " + fault_text(faults[0]) + more);
+}
+
+// Everything that can be found out without serving; one line for each fault.
+int check(const Config& config, std::vector<ConfigFault> faults) {
+    if (faults.empty()) {
+        Server::TlsIdentity identity;
+        const Result_t loaded =
+            config.Http.TLSIdentity.empty() ? Mirel::RESULT_OK : identity.Load(config.Http.TLSIdentity);
+        if (loaded.Failure()) faults.push_back({"/BindAddress/TLSIdentity", loaded.Message()});
+        std::optional<Velmora::PListDict> document;
+        const Result_t read = Server::ReadStateFile(config.StateFile, document);
+        if (read.Failure()) faults.push_back({"/StateFile", read.Message()});
+    }
+    for (const ConfigFault& fault : faults) fail(fault_text(fault));
+    if (faults.empty()) std::puts("The configuration is fine.");
+    return faults.empty() ? 0 : 1;
+}
+
+void set_up_log(const Config& config) {
+    // Lives as long as any thread may log, which is longer than main().
+    static Mirel::ILogSink* sink = nullptr;
+    if (config.LogAsJSON) {
+        sink = new Mirel::JSONLogSink(STDERR_FILENO);
+        Mirel::SetDefaultLogSink(sink);
+    }
+    Mirel::DefaultLogSink().Level(config.LogLevel);
+}
+
+// As many descriptors as the system allows this process: every client is one.
+void raise_descriptor_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        Mirel::DefaultLogSink().Warn("Cannot raise the limit of descriptors: %s\n", std::strerror(errno));
+    }
+}
+
+sigset_t ending_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    return signals;
+}
+
+// Before any thread is started, so that all of them leave these signals to the main thread.
+void set_up_signals() {
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGHUP, SIG_IGN);
+    const sigset_t signals = ending_signals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void wait_for_signal() {
+    const sigset_t signals = ending_signals();
+    int number = 0;
+    while (sigwait(&signals, &number) != 0) {
+    }
+    Mirel::DefaultLogSink().Notice("Ending on signal %d (%s)\n", number, strsignal(number));
+    // The next one ends the process at once.
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+// The end takes too long: a Python handler that never returns holds what the rest waits for.
+void on_end_limit(int) {
+    static constexpr char text[] = "velmora-server: the orderly end took too long, giving up\n";
+    const ssize_t written = write(STDERR_FILENO, text, sizeof text - 1);
+    _exit(written < 0 ? 2 : 1);
+}
+
+void wait_for_callers(Mirel::i32_t timeout_ms) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms) + 1s;
+    while (Velmora::GetRequestCounters().Running > 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(5ms);
+    }
+}
+
+// The order is that of who might still cause work for whom.
+int end(Server::HttpServer& server, const Config& config) {
+    signal(SIGALRM, on_end_limit);
+    alarm(EndLimit_sec);
+    server.Stop(RequestsLimit_ms);
+    const Result_t stopped = EventManager::StopEventQueue();
+    if (stopped.Failure())
+        Mirel::DefaultLogSink().Error("Stopping the queue failed: %s\n", stopped.Message());
+    wait_for_callers(config.Timeout_ms);
+    Velmora::CloseAllWebSocketClients();
+    const Result_t saved = EventManager::SaveEventQueue();
+    if (saved.Failure()) return fail(std::string("Saving the state failed: ") + saved.Message());
+    Mirel::DefaultLogSink().Notice("Ended\n");
+    return stopped.Success() ? 0 : 1;
+}
+
+// Bind, restore the queue, serve: a restored timer that calls the server itself finds it.
+int run(const Config& config) {
+    Server::Router router(config);
+    Server::HttpServer server(config.Http, router);
+    router.CountersFrom([&server] { return server.Counters(); });
+    const Result_t bound = server.Bind();
+    if (bound.Failure()) return fail(bound.Message());
+
+    std::optional<Velmora::PListDict> document;
+    const Result_t read = Server::ReadStateFile(config.StateFile, document);
+    if (read.Failure()) return fail(read.Message());
+    InitPython(config.PythonPath);
+    const Velmora::PListDict& restored = document ? *document : config.EventManager;
+    const Result_t started = EventManager::InitEventQueue(config.ForEventQueue(server.Port(), restored));
+    if (started.Failure()) return fail(std::string("Cannot start the event queue: ") + started.Message());
+
+    const Result_t serving = server.Serve();
+    if (serving.Failure()) {
+        const Result_t stopped = EventManager::StopEventQueue();
+        return fail(stopped.Success() ? serving.Message() : stopped.Message());
+    }
+    std::printf("Listening on %s\n", server.Url().c_str());
+    std::fflush(stdout);
+    wait_for_signal();
+    return end(server, config);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Server::CommandLine command_line;
+    if (const std::optional<int> status = Server::ReadCommandLine(argc, argv, command_line)) return *status;
+    std::vector<ConfigFault> faults;
+    Config config = Server::LoadConfig(command_line.ConfigFile, faults);
+    command_line.ApplyTo(config);
+    if (command_line.Check) return check(config, std::move(faults));
+    if (!faults.empty()) return refuse(faults);
+    if (command_line.PrintConfig) {
+        std::puts(Server::PrintConfig(config).c_str());
+        return 0;
+    }
+    set_up_log(config);
+    set_up_signals();
+    raise_descriptor_limit();
+    const int status = run(config);
+    std::fflush(stdout);
+    // Threads that were left behind (a caller that does not end) must not find the process half taken down.
+    if (Velmora::GetRequestCounters().Running > 0) _exit(status);
+    return status;
+}
