@@ -1,0 +1,226 @@
+// Inside of property lists: what the handles point to. Private to the library.
+//
+// A PListDict or PListArray is a handle to a body with a reference count. Copying the handle shares the body;
+// before a change, a body with other owners is replaced by a copy of one level, whose children are shared
+// handles again.
+//
+// A body (or chunk) from which a caller may hold an item to change is marked handed_out. It has exactly one
+// owner from then on: copying its handle copies the level, and marked levels below it, at once. So nothing
+// that is shared can change.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "VL_PList.h"
+
+namespace Velmora {
+
+using Mirel::byte_t;
+using Mirel::ui16_t;
+using Mirel::ui32_t;
+using Mirel::ui64_t;
+
+enum class BodyKind : byte_t { Dict, Array, Chunk };
+
+struct PListExtra;  // VL_PListIndex.h
+
+/// The head of everything that is shared.
+struct PListShared {
+    explicit PListShared(BodyKind body_kind) : kind(body_kind), extra(nullptr) {}
+    PListShared(const PListShared&) = delete;
+    PListShared& operator=(const PListShared&) = delete;
+
+    /// Whether the caller is the only owner; what the others did to it has then happened before.
+    bool Unique() const noexcept { return refs.load(std::memory_order_acquire) == 1; }
+
+    std::atomic<ui32_t> refs{1};
+    const BodyKind kind;
+    bool handed_out = false;
+    union {
+        PListExtra* extra;       // what only a larger dictionary has
+        PListShared* next_dead;  // once nobody owns it: the list of what is yet to be destroyed
+    };
+};
+
+/// An item made by a caller, where a stored item is expected; or nothing, where one was removed.
+class ExternalItem final : public PListItem {
+  public:
+    static constexpr ItemType_t kType = static_cast<ItemType_t>(15);
+
+    explicit ExternalItem(PListItem* item) : PListItem(kType), m_Item(item) {}
+    PListItem* Get() const noexcept { return m_Item.get(); }
+    PListItem* Release() noexcept { return m_Item.release(); }
+
+    std::string CreateXMLElement() const override { return {}; }
+    PListItem* Copy() const override { return nullptr; }
+    Result_t EncodeJSON(std::string&) const override { return Mirel::RESULT_STATE; }
+
+  private:
+    std::unique_ptr<PListItem> m_Item;
+};
+
+/// Access to what the lists keep to themselves.
+struct PListInside {
+    static PListDictBody*& Body(PListDict& dict) noexcept { return dict.m_Body; }
+    static PListArrayBody*& Body(PListArray& array) noexcept { return array.m_Body; }
+    /// The body of a list; null for an empty one and for a scalar.
+    static PListShared* BodyOf(const PListItem& item) noexcept;
+    /// Takes the body out of a list, which is then empty; null as above.
+    static PListShared* TakeBody(PListItem& item) noexcept;
+    /// Gives a body to an empty list of its kind.
+    static void PutBody(PListItem& item, PListShared* body) noexcept;
+};
+
+/// Another owner of `body` (may be null): the same body, or a copy where it is marked handed_out.
+PListShared* ShareBody(PListShared* body);
+/// A copy of one level, with room for `spare` more entries, and of the marked levels below it.
+PListShared* CloneBody(const PListShared& body, std::size_t spare);
+/// Gives up one owner's share of `body` (may be null) and, with the last one, destroys it and all it alone
+/// owns.
+void ReleaseBody(PListShared* body) noexcept;
+
+/// Where a stored item stands: in place, or outside when a caller made it. Holds nothing when
+/// default-constructed.
+class PListSlot {
+  public:
+    PListSlot() noexcept : PListSlot(static_cast<PListItem*>(nullptr)) {}
+    /// Takes over an item made with new.
+    explicit PListSlot(PListItem* item) noexcept { Place<ExternalItem>(item); }
+    explicit PListSlot(PListData&& data) noexcept { Place<PListData>(std::move(data)); }
+    /// An empty list.
+    explicit PListSlot(ItemType_t list) noexcept;
+    /// A copy.
+    explicit PListSlot(const PListItem& item);
+    PListSlot(PListSlot&& other) noexcept;
+    PListSlot& operator=(PListSlot&& other) noexcept;
+    ~PListSlot() { std::destroy_at(Held()); }
+
+    /// Null when nothing is held.
+    PListItem* Get() noexcept {
+        return Held()->HasType(ExternalItem::kType) ? As<ExternalItem>()->Get() : Held();
+    }
+    const PListItem* Get() const noexcept { return const_cast<PListSlot*>(this)->Get(); }
+
+  private:
+    static constexpr std::size_t kSize = 32;
+
+    template <class T>
+    T* As() noexcept {
+        return std::launder(reinterpret_cast<T*>(m_Storage));
+    }
+    template <class T, class... Arguments>
+    void Place(Arguments&&... arguments) {
+        static_assert(sizeof(T) <= kSize && alignof(T) <= alignof(PListItem));
+        ::new (static_cast<void*>(m_Storage)) T(std::forward<Arguments>(arguments)...);
+    }
+    // Every kind of item has its PListItem at its start.
+    PListItem* Held() noexcept { return As<PListItem>(); }
+
+    alignas(PListItem) std::byte m_Storage[kSize];
+};
+
+/// A key and its item. A removed entry keeps its place until its block is gone; its slot holds nothing.
+struct PListEntry {
+    CompactText<16> key;
+    PListSlot slot;
+};
+
+/// Entries in the order in which they were added; their addresses never change.
+struct PListBlock {
+    static constexpr std::size_t kMaxEntries = 1024;
+
+    explicit PListBlock(std::size_t room) : capacity(static_cast<ui16_t>(room)) {}
+
+    /// A block on its own; destroyed with Delete.
+    static PListBlock* New(std::size_t room);
+    static void Delete(PListBlock* block) noexcept;
+
+    // They stand right behind the block.
+    PListEntry* Entries() noexcept { return std::launder(reinterpret_cast<PListEntry*>(this + 1)); }
+    const PListEntry* Entries() const noexcept { return const_cast<PListBlock*>(this)->Entries(); }
+
+    PListBlock* next = nullptr;
+    PListBlock* previous = nullptr;
+    const ui16_t capacity;
+    ui16_t used = 0;  // entries constructed, removed ones included
+    ui16_t live = 0;
+};
+
+struct PListDictBody : PListShared {
+    struct Place {
+        PListBlock* block = nullptr;
+        PListEntry* entry = nullptr;  // null: not found
+    };
+
+    /// A body whose first block has room for `room` entries (at most kMaxEntries).
+    static PListDictBody* New(std::size_t room);
+    static void Delete(PListDictBody* body) noexcept;
+
+    std::size_t Size() const noexcept;
+    Place Find(std::string_view key) const noexcept;
+    /// Appends an entry whose key is not yet there.
+    PListEntry& Add(CompactText<16>&& key, PListSlot&& slot);
+    void Remove(const Place& place) noexcept;
+
+    PListBlock first;  // the last member: its entries follow
+
+  private:
+    explicit PListDictBody(std::size_t room) : PListShared(BodyKind::Dict), first(room) {}
+    PListBlock& BlockWithRoom();
+    PListExtra& Extra();
+    void BuildIndex();
+    void Unlink(PListBlock* block) noexcept;
+};
+
+/// Consecutive items of an array, shared by copies of it.
+struct PListChunk : PListShared {
+    static PListChunk* New(std::size_t room);
+    static void Delete(PListChunk* chunk) noexcept;
+
+    PListSlot* Slots() noexcept { return std::launder(reinterpret_cast<PListSlot*>(this + 1)); }
+    const PListSlot* Slots() const noexcept { return const_cast<PListChunk*>(this)->Slots(); }
+
+    const ui32_t capacity;
+    ui32_t begin = 0;  // the constructed slots
+    ui32_t end = 0;
+
+  private:
+    explicit PListChunk(std::size_t room)
+        : PListShared(BodyKind::Chunk), capacity(static_cast<ui32_t>(room)) {}
+};
+
+/// The items stand at the positions [begin, end), which only grow; a position's chunk follows from its number
+/// alone: chunks of 4, 4, 8, 16 ... items, from position 512 on of 512 items each.
+struct PListArrayBody : PListShared {
+    static constexpr std::size_t kChunkItems = 512;
+
+    static std::size_t ChunkOf(ui64_t position) noexcept;
+    static ui64_t ChunkStart(std::size_t chunk) noexcept;
+    static std::size_t ChunkRoom(std::size_t chunk) noexcept;
+    /// The place of a position in its chunk.
+    static ui32_t Within(ui64_t position) noexcept;
+
+    PListArrayBody() : PListShared(BodyKind::Array) {}
+
+    PListChunk*& ChunkAt(ui64_t position) noexcept { return chunks[ChunkOf(position) - first_chunk]; }
+    PListSlot& SlotAt(ui64_t position) noexcept {
+        const std::size_t chunk = ChunkOf(position);
+        return chunks[chunk - first_chunk]->Slots()[position - ChunkStart(chunk)];
+    }
+
+    ui64_t begin = 0;
+    ui64_t end = 0;
+    std::size_t first_chunk = 0;      // the number of chunks[0]
+    std::vector<PListChunk*> chunks;  // one share each; null in front where the items are gone
+};
+
+/// Appends to the array with the handle `handle`; `handed_out` where a caller holds the item, to change it.
+void AppendSlot(PListArrayBody*& handle, PListSlot&& slot, bool handed_out);
+
+}  // namespace Velmora

@@ -1,0 +1,191 @@
+#include <array>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+
+#include "VL_PListWalk.h"
+
+namespace Velmora {
+
+namespace {
+
+bool IsDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+std::size_t SkipDigits(std::string_view text, std::size_t at) {
+    while (at < text.size() && IsDigit(text[at])) ++at;
+    return at;
+}
+
+// Whether `text` is a number as JSON writes it: -? int frac? exp?
+bool IsJSONNumber(std::string_view text) {
+    std::size_t at = !text.empty() && text[0] == '-';
+    const std::size_t integer = SkipDigits(text, at);
+    if (integer == at || (text[at] == '0' && integer - at > 1)) return false;
+    at = integer;
+    if (at < text.size() && text[at] == '.') {
+        const std::size_t end = SkipDigits(text, ++at);
+        if (end == at) return false;
+        at = end;
+    }
+    if (at < text.size() && (text[at] | 0x20) == 'e') {
+        if (++at < text.size() && (text[at] == '+' || text[at] == '-')) ++at;
+        const std::size_t end = SkipDigits(text, at);
+        if (end == at) return false;
+        at = end;
+    }
+    return at == text.size();
+}
+
+constexpr std::array<bool, 256> PlainBytes() {
+    std::array<bool, 256> plain{};
+    for (std::size_t i = 0x20; i < 0x80; ++i) plain[i] = i != '"' && i != '\\';
+    return plain;
+}
+constexpr std::array<bool, 256> kPlain = PlainBytes();
+
+// How many bytes at the front stand for themselves. Looks at eight bytes at a time while there are as many.
+std::size_t PlainPrefix(std::string_view text) {
+    constexpr ui64_t ones = 0x0101010101010101;
+    constexpr ui64_t tops = 0x8080808080808080;
+    std::size_t at = 0;
+    for (; at + 8 <= text.size(); at += 8) {
+        ui64_t word;
+        std::memcpy(&word, text.data() + at, 8);
+        const ui64_t quote = word ^ (ones * '"');
+        const ui64_t backslash = word ^ (ones * '\\');
+        // A top bit for a byte below 0x20, equal to one of the two, or above 0x7F.
+        if (((word - ones * 0x20) | (quote - ones) | (backslash - ones) | word) & tops) break;
+    }
+    while (at < text.size() && kPlain[static_cast<byte_t>(text[at])]) ++at;
+    return at;
+}
+
+class JSONWriter {
+  public:
+    explicit JSONWriter(std::string& out) : m_Out(out) {}
+    ~JSONWriter() { m_Out.Flush(); }
+    JSONWriter(const JSONWriter&) = delete;
+    JSONWriter& operator=(const JSONWriter&) = delete;
+
+    void Open(ItemType_t type) {
+        m_Out.Put(type == IT_DICT ? '{' : '[');
+        m_First = true;
+    }
+    void Close(ItemType_t type) {
+        m_Out.Put(type == IT_DICT ? '}' : ']');
+        m_First = false;
+    }
+    void Entry() {
+        if (!m_First) m_Out.Put(',');
+        m_First = false;
+    }
+    void Key(std::string_view key) {
+        String(key);
+        m_Out.Put(':');
+    }
+    void Scalar(const PListData& data) {
+        switch (data.GetType()) {
+            case IT_TRUE:
+            case IT_FALSE:
+                return m_Out.Put(data.TextView());
+            case IT_NULL:
+                return m_Out.Put("null");
+            case IT_INT:
+            case IT_INT64:
+            case IT_REAL:
+                return Number(data);
+            default:
+                return String(data.TextView());
+        }
+    }
+
+  private:
+    void Number(const PListData& data) {
+        if (IsJSONNumber(data.TextView())) return m_Out.Put(data.TextView());
+        long long integer = 0;
+        double real = 0;
+        if (!data.HasType(IT_REAL) && data.GetValue(integer)) return m_Out.Put(std::to_string(integer));
+        if (!data.GetValue(real) || !std::isfinite(real)) return m_Out.Put("null");
+        m_Out.Put(PListData(real).TextView());
+    }
+
+    void String(std::string_view text) {
+        m_Out.Put('"');
+        for (;;) {
+            const std::size_t plain = PlainPrefix(text);
+            m_Out.Put(text.substr(0, plain));
+            text.remove_prefix(plain);
+            if (text.empty()) break;
+            text.remove_prefix(Special(text));
+        }
+        m_Out.Put('"');
+    }
+
+    /// Writes what stands at the front and returns how many bytes that was.
+    std::size_t Special(std::string_view text) {
+        const auto c = static_cast<byte_t>(text[0]);
+        if (c < 0x80) {
+            Escape(text[0]);
+            return 1;
+        }
+        const auto [size, valid] = ReadUtf8(text);
+        m_Out.Put(valid ? text.substr(0, size) : kReplacementCharacter);
+        return size;
+    }
+
+    void Escape(char c) {
+        constexpr std::string_view named = "\"\\\b\f\n\r\t";
+        constexpr std::string_view names = "\"\\bfnrt";
+        m_Out.Put('\\');
+        if (const std::size_t at = named.find(c); at != named.npos) return m_Out.Put(names[at]);
+        constexpr std::string_view digits = "0123456789abcdef";
+        m_Out.Put("u00");
+        m_Out.Put(digits[static_cast<byte_t>(c) >> 4]);
+        m_Out.Put(digits[static_cast<byte_t>(c) & 15]);
+    }
+
+    TextOutput m_Out;
+    bool m_First = true;
+};
+
+Result_t Encode(const PListItem& item, std::string& out) {
+    out.clear();
+    JSONWriter writer(out);
+    TreeWalk<JSONWriter>(writer).Run(item);
+    return Mirel::RESULT_OK;
+}
+
+}  // namespace
+
+Utf8Lead ReadUtf8(std::string_view text) noexcept {
+    const auto at = [text](std::size_t i) {
+        return i < text.size() ? static_cast<byte_t>(text[i]) : byte_t{0};
+    };
+    const byte_t lead = at(0);
+    if (lead < 0x80) return {1, true};
+    if (lead < 0xC2 || lead > 0xF4) return {1, false};
+    const std::size_t size = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    // The second byte's range shuts out what is too long, too large, or half of a pair.
+    const byte_t lowest = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+    const byte_t highest = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+    if (at(1) < lowest || at(1) > highest) return {1, false};
+    for (std::size_t i = 2; i < size; ++i) {
+        if ((at(i) & 0xC0) != 0x80) return {i, false};
+    }
+    return {size, true};
+}
+
+Result_t PListData::EncodeJSON(std::string& out) const {
+    return Encode(*this, out);
+}
+Result_t PListDict::EncodeJSON(std::string& out) const {
+    return Encode(*this, out);
+}
+Result_t PListArray::EncodeJSON(std::string& out) const {
+    return Encode(*this, out);
+}
+
+}  // namespace Velmora
