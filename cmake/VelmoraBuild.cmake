@@ -43,7 +43,7 @@ function(velmora_library name)
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/EventManager>)
 endfunction()
 
-# velmora_link_what_it_includes(TARGET SOURCE): the module and the server's parts for a test or a fuzz target whose
+# velmora_link_what_it_includes(TARGET SOURCE): the module and the server's parts for a test, benchmark or fuzz target whose
 # source includes their headers. One that has the module's source inside (support/QueueProbe.h), to reach what is local
 # to it, is not linked with the module as well.
 function(velmora_link_what_it_includes target source)
