@@ -1,0 +1,176 @@
+#include <arpa/inet.h>
+
+#include <charconv>
+#include <string_view>
+#include <utility>
+
+#include "VL_HTTP.h"
+
+namespace Velmora {
+
+namespace {
+
+// Locale-independent, so that what is a URL does not depend on where the server runs.
+bool is_alpha(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+bool is_hex_digit(char c) {
+    return is_digit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+bool is_unreserved_or_delimiter(char c) {
+    return is_alpha(c) || is_digit(c) ||
+           std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos;
+}
+
+/// True where `text` is made of unreserved characters, sub-delimiters, well-formed percent escapes and the
+/// characters of `others`.
+bool is_made_of(std::string_view text, std::string_view others) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%') {
+            if (text.size() - i < 3 || !is_hex_digit(text[i + 1]) || !is_hex_digit(text[i + 2])) return false;
+            i += 2;
+        } else if (!is_unreserved_or_delimiter(text[i]) && others.find(text[i]) == std::string_view::npos) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool is_scheme(std::string_view text) {
+    if (text.empty() || !is_alpha(text.front())) return false;
+    for (const char c : text) {
+        if (!is_alpha(c) && !is_digit(c) && c != '+' && c != '-' && c != '.') return false;
+    }
+    return true;
+}
+
+bool equal_lowered(std::string_view text, std::string_view lower_case) {
+    if (text.size() != lower_case.size()) return false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) != lower_case[i]) return false;
+    }
+    return true;
+}
+
+/// The port that `scheme` stands for; 0 where it is neither http nor https.
+ui16_t scheme_port(std::string_view scheme) {
+    if (equal_lowered(scheme, "http")) return 80;
+    if (equal_lowered(scheme, "https")) return 443;
+    return 0;
+}
+
+/// Reads what follows "host:". Nothing at all stands for the scheme's own port, as 0; "0" itself is refused:
+/// no server listens there.
+bool read_port(std::string_view text, ui16_t& port) {
+    port = 0;
+    if (text.empty()) return true;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+    return error == std::errc() && end == text.data() + text.size() && port != 0;
+}
+
+/// Splits "user:password@" off the front of `authority`.
+bool read_user(std::string_view& authority, URL& url) {
+    const std::size_t at = authority.find('@');
+    if (at == std::string_view::npos) return true;
+    const std::string_view user = authority.substr(0, at);
+    authority.remove_prefix(at + 1);
+    if (!is_made_of(user, ":")) return false;
+    const std::size_t colon = user.find(':');
+    url.Username = user.substr(0, colon);
+    if (colon != std::string_view::npos) url.Password = user.substr(colon + 1);
+    return true;
+}
+
+/// Reads "[address]" off the front of `authority`. Zone names and future address forms are refused.
+bool read_ipv6(std::string_view& authority, URL& url) {
+    const std::size_t close = authority.find(']');
+    if (close == std::string_view::npos) return false;
+    url.Hostname = authority.substr(1, close - 1);
+    authority.remove_prefix(close + 1);
+    in6_addr address;
+    return inet_pton(AF_INET6, url.Hostname.c_str(), &address) == 1;
+}
+
+bool read_name(std::string_view& authority, URL& url) {
+    url.Hostname = authority.substr(0, authority.find(':'));
+    authority.remove_prefix(url.Hostname.size());
+    return !url.Hostname.empty() && is_made_of(url.Hostname, "");
+}
+
+bool read_authority(std::string_view authority, URL& url) {
+    if (!read_user(authority, url)) return false;
+    const bool ipv6 = !authority.empty() && authority.front() == '[';
+    if (!(ipv6 ? read_ipv6(authority, url) : read_name(authority, url))) return false;
+    if (authority.empty()) return true;
+    if (authority.front() != ':' || !read_port(authority.substr(1), url.Port)) return false;
+    if (url.Port == scheme_port(url.Scheme)) url.Port = 0;
+    return true;
+}
+
+/// Reads "/path?query", each part possibly absent.
+bool read_path_and_query(std::string_view text, URL& url) {
+    const std::size_t question = text.find('?');
+    url.Path = text.substr(0, question);
+    url.HasQueryToken = question != std::string_view::npos;
+    if (url.HasQueryToken) url.QueryString = text.substr(question + 1);
+    return is_made_of(url.Path, "/:@") && is_made_of(url.QueryString, "/:@?");
+}
+
+bool read_absolute(std::string_view text, URL& url) {
+    const std::size_t mark = text.find("://");
+    if (mark == std::string_view::npos || !is_scheme(text.substr(0, mark))) return false;
+    url.Scheme = text.substr(0, mark);
+    text.remove_prefix(mark + 3);
+    const std::size_t end = text.find_first_of("/?#");
+    if (!read_authority(text.substr(0, end), url)) return false;
+    return end == std::string_view::npos || read_path_and_query(text.substr(end), url);
+}
+
+}  // namespace
+
+bool URL::Parse(const std::string& text) {
+    URL read;
+    read.m_Empty = false;
+    const bool good = read_absolute(text, read);
+    *this = good ? std::move(read) : URL();
+    return good;
+}
+
+bool URL::ParsePath(const std::string& text) {
+    URL read;
+    read.m_Empty = false;
+    const bool good = text.starts_with('/') && !text.starts_with("//") && read_path_and_query(text, read);
+    *this = good ? std::move(read) : URL();
+    return good;
+}
+
+std::string URL::ComposeAbsolute() const {
+    std::string text = ComposeSchemeAndHost(true) + Path;
+    if (HasQueryToken || !QueryString.empty()) text += '?' + QueryString;
+    return text;
+}
+
+std::string URL::ComposeSchemeAndHost(bool with_credentials) const {
+    std::string text;
+    if (!Scheme.empty() || !Hostname.empty()) text = Scheme + "://";
+    if (with_credentials && !(Username.empty() && Password.empty())) {
+        text += Username;
+        if (!Password.empty()) text += ':' + Password;
+        text += '@';
+    }
+    const bool ipv6 = Hostname.find(':') != std::string::npos;
+    text += ipv6 ? '[' + Hostname + ']' : Hostname;
+    if (Port != 0 && Port != scheme_port(Scheme)) text += ':' + std::to_string(Port);
+    return text;
+}
+
+bool URL::Empty() const {
+    return m_Empty && Hostname.empty() && Path.empty();
+}
+
+}  // namespace Velmora
