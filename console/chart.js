@@ -28,8 +28,8 @@ export class RateChart {
   draw() {
     const second = Math.floor(serverNow() / 1000);
     const counts = this.rates.all.until(second);
-    const peak = Math.max(...counts, 1);
-    const points = outline(counts.slice(0, -1), peak, 70);
+    const peak = Math.max(...counts);
+    const points = outline(thin(counts.slice(0, -1)), 70);
     this.line.setAttribute("d", points);
     this.area.setAttribute("d", `${points}L${WIDTH} 72L0 72Z`);
     const now = rateText(counts);
@@ -53,7 +53,7 @@ export class RateChart {
 }
 
 function update(element, { counts, total }) {
-  element.querySelector("path").setAttribute("d", outline(thin(counts.slice(0, -1)), 0, 18));
+  element.querySelector("path").setAttribute("d", outline(thin(counts.slice(0, -1)), 18));
   setText(element.querySelector(".value"), rateText(counts));
   element.firstElementChild.setAttribute("aria-description", `${total} postings in 5 minutes`);
 }
@@ -65,8 +65,8 @@ function thin(counts) {
   return points;
 }
 
-function outline(counts, peak, height) {
-  const top = peak || Math.max(...counts, 1);
+function outline(counts, height) {
+  const top = Math.max(...counts, 1);
   const step = WIDTH / (counts.length - 1);
   return counts.map((n, i) => `${i ? "L" : "M"}${(i * step).toFixed(1)} ${(height + 1 - (n / top) * height).toFixed(1)}`).join("");
 }

@@ -134,9 +134,10 @@ function locate(text, at, message) {
   };
 }
 
-/// One line of at most `limit` characters that shows what a value holds.
+/// One line of at most `limit` characters that shows what a value holds; nothing for an empty dictionary.
 export function preview(value, limit = 160) {
   const text = JSON.stringify(value) ?? "";
+  if (text === "{}") return "";
   return text.length > limit ? `${text.slice(0, limit)}…` : text;
 }
 

@@ -87,7 +87,7 @@ export class JsonEditor {
     this.numbered = signature;
     this.text.rows = Math.min(18, Math.max(4, lines + 1));
     this.numbers.replaceChildren(...Array.from({ length: lines }, (_, i) =>
-      h("span", { class: this.fault?.line === i + 1 ? "wrong" : null }, `${i + 1}\n`)));
+      h("span", { class: this.fault?.line === i + 1 ? "wrong" : null }, `${i + 1}`)));
     this.follow();
   }
 

@@ -15,9 +15,10 @@ export function startViews() {
   turnTo(fromAddress(), false);
 }
 
+/// Turns to an area for something that will take the focus there itself.
 export function go(name) {
-  if (fromAddress() === name) turnTo(name, true);
-  else location.hash = `#/${name}`;
+  if (fromAddress() !== name) history.pushState(null, "", `#/${name}`);
+  turnTo(name, false);
 }
 
 export function setCount(name, number, alarming = false) {
