@@ -79,9 +79,8 @@ CurlHandle::CurlHandle() : m_Handle(stock().Take()) {
 }
 
 CurlHandle::~CurlHandle() {
-    if (m_Handle == nullptr) return;
-    curl_easy_reset(m_Handle);
-    if (!stock().Put(m_Handle)) curl_easy_cleanup(m_Handle);
+    if (m_Reusable) curl_easy_reset(m_Handle);
+    if (!m_Reusable || !stock().Put(m_Handle)) curl_easy_cleanup(m_Handle);
 }
 
 CURLSH* SharedCurlStore(const std::string& authority) {

@@ -23,8 +23,12 @@ class CurlHandle {
     /// Null where libcurl found no memory for one.
     CURL* Get() const { return m_Handle; }
 
+    /// The exchange went well: the handle may serve another one.
+    void KeepForReuse() { m_Reusable = true; }
+
   private:
     CURL* m_Handle;
+    bool m_Reusable = false;
 };
 
 /// The store of DNS results and TLS sessions that exchanges with `authority` ("host:port") use. It locks

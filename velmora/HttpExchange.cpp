@@ -94,7 +94,7 @@ class Exchange {
 
     const HttpExchangeRequest& m_Request;
     const bool m_Tls;
-    const CurlHandle m_Handle;
+    CurlHandle m_Handle;
     std::string m_Url;
     std::unique_ptr<curl_slist, FreeHeaders> m_Headers;
     CURLcode m_SetUp = CURLE_OK;  // the first failure of setting the handle up
@@ -244,7 +244,10 @@ HttpExchangeEnd Exchange::Perform() {
     SetHooks();
     if (m_SetUp != CURLE_OK) return Failed(m_SetUp);
     const CURLcode code = curl_easy_perform(m_Handle.Get());
-    if (code == CURLE_OK) return Answered();
+    if (code == CURLE_OK) {
+        m_Handle.KeepForReuse();
+        return Answered();
+    }
     const bool cut_off = m_BodyBytes > TLSHTTPRequestHandle::ResponseBodyLimit;
     return cut_off ? Answered("Answered; the response body was cut off at the limit.") : Failed(code);
 }

@@ -1,0 +1,379 @@
+// The HTTP(S) client and the background caller, against servers that answer, fail and misbehave.
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "HttpTestServer.h"
+#include "Testing.h"
+#include "VL_HTTP.h"
+
+using namespace Velmora;
+using Testing::Eventually;
+using Testing::HttpTestServer;
+using Testing::TestConnection;
+
+namespace {
+
+using Caller = BackgroundHTTPRequestHandle<TLSHTTPRequestHandle>;
+
+/// Name look-ups of the process for "slow.test" take until the gate is opened.
+std::mutex gate_lock;
+std::condition_variable gate_opened;
+bool gate_open = false;
+
+}  // namespace
+
+extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**) {
+    std::unique_lock<std::mutex> lock(gate_lock);
+    gate_opened.wait(lock, [] { return gate_open; });
+    return EAI_NONAME;
+}
+
+namespace {
+
+URL url_of(const std::string& text) {
+    URL url;
+    EXPECT_TRUE(url.Parse(text)) << text;
+    return url;
+}
+
+BasicRestEntryCall call_of(const std::string& text, Method_t method = METH_GET) {
+    return {method, url_of(text), {{Strings::ContentType, Strings::MIME_json}}};
+}
+
+/// One exchange with room for a slow machine.
+struct Client : TLSHTTPRequestHandle {
+    Client() {
+        Timeout_ms(20000);
+        VerifyPeer(false);
+    }
+    Result_t Get(const std::string& url) { return Exec(url_of(url), {}, METH_GET, HTTP_1_1); }
+};
+
+RequestOutcome last_outcome() {
+    return GetRequestOutcomes().at(0);
+}
+
+TEST(Client, SendsRequestsAsGiven) {
+    HttpTestServer server(HttpTestServer::Answers("200 OK"));
+    Client client;
+    const HeaderSet headers{{"Content-Type", "application/json"}, {"X-Empty", ""}};
+    const std::string body("{\"a\":\"\0\r\n\"}", 11);
+    const URL url = url_of(server.Url("/a/../b%20c?x=%2F&y"));
+    EXPECT_EQ(client.Exec(url, headers, METH_GET, HTTP_1_1), Mirel::RESULT_OK);
+    EXPECT_EQ(client.Exec(url, headers, body, METH_POST, HTTP_1_1), Mirel::RESULT_OK);
+    EXPECT_EQ(client.Exec(url, headers, body, METH_GET, HTTP_1_1),
+              Mirel::RESULT_OK);  // the body changes no method
+    EXPECT_EQ(client.Exec(url, {{"Connection", "keep-alive"}, {"user-agent", "me"}}, METH_POST, HTTP_1_1),
+              Mirel::RESULT_OK);
+    const std::string target = " /a/../b%20c?x=%2F&y HTTP/1.1\r\nHost: " + server.Authority() + "\r\n";
+    const std::string agent = "User-Agent: Velmora-EventManager/1.0\r\n";
+    const std::string given = "Content-Type: application/json\r\nX-Empty:\r\nConnection: close\r\n";
+    const std::vector<std::string> requests = server.Requests();
+    ASSERT_EQ(requests.size(), 4u);
+    EXPECT_EQ(requests[0], "GET" + target + agent + given + "\r\n");
+    EXPECT_EQ(requests[1], "POST" + target + agent + given + "Content-Length: 11\r\n\r\n" + body);
+    EXPECT_EQ(requests[2], "GET" + target + agent + given + "Content-Length: 11\r\n\r\n" + body);
+    EXPECT_EQ(requests[3],
+              "POST" + target + "Connection: keep-alive\r\nuser-agent: me\r\nContent-Length: 0\r\n\r\n");
+}
+
+TEST(Client, SendsLargeBodiesAndEveryMethod) {
+    HttpTestServer server(HttpTestServer::Answers("200 OK"));
+    Client client;
+    const std::string body(3 << 20, 'x');
+    EXPECT_EQ(client.Exec(url_of(server.Url()), {}, body, METH_PUT, HTTP_1_1), Mirel::RESULT_OK);
+    EXPECT_TRUE(server.Requests().at(0).ends_with("\r\n\r\n" + body));
+    for (const Method_t method : {METH_OPTIONS, METH_HEAD, METH_DELETE, METH_TRACE, METH_PATCH}) {
+        EXPECT_EQ(client.Exec(url_of(server.Url()), {}, method, HTTP_1_0), Mirel::RESULT_OK);
+        EXPECT_TRUE(
+            server.Requests().back().starts_with(MethodToString(method) + std::string(" / HTTP/1.0\r\n")));
+    }
+}
+
+TEST(Client, EveryWholeAnswerIsASuccess) {
+    HttpTestServer elsewhere(HttpTestServer::Answers("200 OK"));
+    const std::string to = "Location: " + elsewhere.Url() + "\r\nSet-Cookie: a=b\r\n";
+    const std::pair<int, HttpTestServer::Script> cases[] = {
+        {404, HttpTestServer::Answers("404 Not Found")},
+        {302, HttpTestServer::Answers("302 Found", to)},
+        {307, HttpTestServer::Answers("307 Temporary Redirect", "Location: http://[bad\r\n")},
+        {599, HttpTestServer::Answers("599")},
+        {204, HttpTestServer::Sends("HTTP/1.1 204 No Content\r\n\r\n")},
+        {200, HttpTestServer::Sends(
+                  "HTTP/1.1 103 Early Hints\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n")},
+        {201, HttpTestServer::Sends(
+                  "HTTP/1.1 201 Created\r\nTransfer-Encoding: chunked\r\n\r\n1\r\nx\r\n0\r\n\r\n")},
+        {200, HttpTestServer::Sends("HTTP/1.0 200 OK\r\n\r\nuntil the end")},
+        {200,
+         [](TestConnection& connection) {  // an endless body
+             connection.ReadRequest();
+             connection.Write("HTTP/1.1 200 OK\r\n\r\n");
+             while (connection.Write(std::string(65536, 'x'))) continue;
+         }},
+    };
+    for (const auto transport : {HttpTestServer::Plain, HttpTestServer::Tls}) {
+        for (const auto& [status, script] : cases) {
+            HttpTestServer server(script, transport);
+            Client client;
+            const RequestCounters before = GetRequestCounters();
+            const Result_t result = client.Get(server.Url());
+            EXPECT_EQ(result, Mirel::RESULT_OK) << status << result.Message();
+            EXPECT_EQ(client.Status(), status);
+            const auto status_class = static_cast<std::size_t>(status / 100);
+            EXPECT_EQ(GetRequestCounters().AnsweredByClass[status_class],
+                      before.AnsweredByClass[status_class] + 1);
+            EXPECT_EQ(last_outcome().Status, status);
+            EXPECT_EQ(last_outcome().Reason, "");
+        }
+    }
+    EXPECT_TRUE(elsewhere.Requests().empty());
+}
+
+std::string refusing_url() {
+    return HttpTestServer(HttpTestServer::Answers("200 OK")).Url();  // gone when the request is made
+}
+
+TEST(Client, FailuresSayWhy) {
+    const auto endless = [](const std::string& start, const std::string& line) {
+        return [=](TestConnection& connection) {
+            connection.ReadRequest();
+            connection.Write(start);
+            while (connection.Write(line)) continue;
+        };
+    };
+    const auto reset = [](TestConnection& connection) {
+        connection.ReadRequest();
+        connection.Reset();
+    };
+    const auto hang = [](TestConnection& connection) { connection.WaitForClose(); };
+    const auto stall = [](TestConnection& connection) {
+        connection.Write("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nab");
+        connection.WaitForClose();
+    };
+    const std::string line = "X-Header: " + std::string(80, 'x') + "\r\n";
+    HttpTestServer resets(reset), hangs(hang), stalls(stall), closes([](TestConnection&) {});
+    HttpTestServer talks_on(endless("HTTP/1.1 200 OK\r\n", line)),
+        promises(endless("", "HTTP/1.1 102 Processing\r\n\r\n"));
+    HttpTestServer trails(endless("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n", line));
+    HttpTestServer cuts(HttpTestServer::Sends("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nab"));
+    HttpTestServer babbles([](TestConnection&connection) { connection.Write("hello\r\n\r\n"); }),
+        self_signed(HttpTestServer::Answers("200 OK"), HttpTestServer::Tls);
+    struct {
+        const char* What;
+        std::string Url;
+        Result_t Result;
+        RequestFailure Failure;
+        ui64_t RequestCounters::*Counter;
+        ui32_t Timeout_ms;
+    } const cases[] = {
+        {"refuses", refusing_url(), Mirel::RESULT_NETWORK, RequestFailure::Connect,
+         &RequestCounters::FailedConnect, 20000},
+        {"resets", resets.Url(), Mirel::RESULT_NETWORK, RequestFailure::Transfer,
+         &RequestCounters::FailedTransfer, 20000},
+        {"closes", closes.Url(), Mirel::RESULT_NETWORK, RequestFailure::Transfer,
+         &RequestCounters::FailedTransfer, 20000},
+        {"headers", talks_on.Url(), Mirel::RESULT_NETWORK, RequestFailure::Transfer,
+         &RequestCounters::FailedTransfer, 20000},
+        {"interim", promises.Url(), Mirel::RESULT_NETWORK, RequestFailure::Transfer,
+         &RequestCounters::FailedTransfer, 20000},
+        {"trailers", trails.Url(), Mirel::RESULT_NETWORK, RequestFailure::Transfer,
+         &RequestCounters::FailedTransfer, 20000},
+        {"cuts", cuts.Url(), Mirel::RESULT_NETWORK, RequestFailure::Transfer,
+         &RequestCounters::FailedTransfer, 20000},
+        {"babbles", babbles.Url(), Mirel::RESULT_NETWORK, RequestFailure::Transfer,
+         &RequestCounters::FailedTransfer, 20000},
+        {"no TLS", "https://" + babbles.Authority(), Mirel::RESULT_NETWORK, RequestFailure::TLS,
+         &RequestCounters::FailedTLS, 20000},
+        {"untrusted", self_signed.Url(), Mirel::RESULT_NETWORK, RequestFailure::TLS,
+         &RequestCounters::FailedTLS, 20000},
+        {"hangs", hangs.Url(), Mirel::RESULT_TIMEOUT, RequestFailure::Timeout,
+         &RequestCounters::FailedTimeout, 50},
+        {"TLS hangs", "https://" + hangs.Authority(), Mirel::RESULT_TIMEOUT, RequestFailure::Timeout,
+         &RequestCounters::FailedTimeout, 50},
+        {"stalls", stalls.Url(), Mirel::RESULT_TIMEOUT, RequestFailure::Timeout,
+         &RequestCounters::FailedTimeout, 50},
+        {"resolves late", "http://slow.test/", Mirel::RESULT_TIMEOUT, RequestFailure::Timeout,
+         &RequestCounters::FailedTimeout, 50},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.What);
+        Client client;
+        client.VerifyPeer(true);
+        client.Timeout_ms(test.Timeout_ms);
+        const ui64_t before = GetRequestCounters().*test.Counter;
+        const Result_t result = client.Get(test.Url);
+        EXPECT_EQ(result, test.Result) << result.Message();
+        EXPECT_EQ(client.Status(), STATUS_NONE);
+        EXPECT_EQ(GetRequestCounters().*test.Counter, before + 1);
+        EXPECT_EQ(last_outcome().Failure, test.Failure);
+        EXPECT_EQ(last_outcome().Reason, result.Message());
+        EXPECT_STRNE(result.Message(), test.Result.Message());  // a reason of its own
+    }
+    {
+        std::lock_guard<std::mutex> lock(gate_lock);
+        gate_open = true;
+        gate_opened.notify_all();
+    }
+    EXPECT_EQ(Client().Get("http://slow.test/"), Mirel::RESULT_NETWORK);
+    EXPECT_EQ(last_outcome().Failure, RequestFailure::Resolve);
+}
+
+TEST(Client, SendsNothingOfAnUnusableRequest) {
+    HttpTestServer server(HttpTestServer::Answers("200 OK"));
+    const URL url = url_of(server.Url()), gopher = url_of("gopher://" + server.Authority());
+    Client client;
+    const auto refused = [&](const URL& target, const HeaderSet& headers, const std::string& body,
+                             Method_t method) {
+        const Result_t result = client.Exec(target, headers, body, method, HTTP_1_1);
+        return result == Mirel::RESULT_PARAM &&
+               std::string(result.Message()) != Mirel::RESULT_PARAM.Message();
+    };
+    EXPECT_TRUE(refused(URL(), {}, "", METH_GET));
+    EXPECT_TRUE(refused(gopher, {}, "", METH_GET));
+    EXPECT_TRUE(refused(url_of("http://%00/"), {}, "", METH_GET));
+    EXPECT_TRUE(refused(url, {}, "body", METH_HEAD));
+    EXPECT_TRUE(refused(url, {}, "", METH_CONNECT));
+    EXPECT_TRUE(refused(url, {}, "", static_cast<Method_t>(15)));
+    EXPECT_TRUE(refused(url, {{"X", "a\r\nEvil: b"}}, "", METH_GET));
+    EXPECT_TRUE(refused(url, {{"X: y\r\nEvil", "b"}}, "", METH_GET));
+    EXPECT_TRUE(refused(url, {{"content-length", "3"}}, "body", METH_POST));
+    EXPECT_TRUE(refused(url, {{"Transfer-Encoding", "chunked"}}, "body", METH_POST));
+    EXPECT_EQ(last_outcome().Failure, RequestFailure::Parameter);
+    EXPECT_TRUE(server.Requests().empty());
+}
+
+TEST(Client, CredentialsReachTheServerAndNobodyElse) {
+    HttpTestServer server(HttpTestServer::Answers("200 OK"));
+    Client client;
+    const std::string url = "http://us%3Aer:secret@" + server.Authority() + "/x?y";
+    EXPECT_EQ(client.Get(url), Mirel::RESULT_OK);
+    EXPECT_EQ(last_outcome().Url, server.Url("/x?y"));
+    EXPECT_EQ(client.Exec(url_of(url), {{Strings::Authorization, "Bearer t"}}, METH_GET, HTTP_1_1),
+              Mirel::RESULT_OK);
+    const std::vector<std::string> requests = server.Requests();
+    EXPECT_NE(requests.at(0).find("\r\nAuthorization: Basic dXM6ZXI6c2VjcmV0\r\n"), std::string::npos);
+    EXPECT_NE(requests.at(1).find("\r\nAuthorization: Bearer t\r\n"), std::string::npos);
+    EXPECT_EQ(requests.at(1).find("Basic"), std::string::npos);
+}
+
+TEST(Client, ResumesTlsSessions) {
+    std::atomic<int> resumed{0};
+    HttpTestServer server(
+        [&](TestConnection& connection) {
+            resumed += connection.SessionWasResumed();
+            HttpTestServer::Answers("200 OK")(connection);
+        },
+        HttpTestServer::Tls);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(Client().Get(server.Url()), Mirel::RESULT_OK);
+    EXPECT_EQ(resumed, 3);
+}
+
+TEST(Client, KeepsTheLastOutcomesNewestFirst) {
+    const ui64_t failed = GetRequestCounters().FailedResources;
+    for (std::size_t i = 0; i < RequestOutcomesKept + 10; ++i) {
+        CountRequestNotStarted(call_of("http://h/" + std::to_string(i)),
+                               Mirel::RESULT_THREAD.WithMessage("no thread"));
+    }
+    const std::vector<RequestOutcome> outcomes = GetRequestOutcomes();
+    ASSERT_EQ(outcomes.size(), RequestOutcomesKept);
+    for (std::size_t i = 0; i < outcomes.size(); ++i) {
+        EXPECT_EQ(outcomes[i].Url, "http://h/" + std::to_string(RequestOutcomesKept + 9 - i));
+        EXPECT_EQ(outcomes[i].Sequence, outcomes[0].Sequence - i);
+    }
+    EXPECT_EQ(outcomes[0].Reason, "no thread");
+    EXPECT_EQ(GetRequestCounters().FailedResources, failed + RequestOutcomesKept + 10);
+    EXPECT_EQ(GetRequestCounters().Running, 0u);
+}
+
+TEST(BackgroundCaller, PerformsItsRequestUnderItsSettings) {
+    HttpTestServer server(HttpTestServer::Answers("404 Not Found"), HttpTestServer::Tls);
+    Caller caller(call_of(server.Url("/hook"), METH_POST), "{}");
+    caller.Timeout_ms(20000);
+    caller.VerifyPeer(false);
+    ASSERT_EQ(caller.Start("caller"), Mirel::RESULT_OK);
+    ASSERT_TRUE(Eventually([&] { return caller.IsFinished(); }));
+    EXPECT_EQ(caller.Result(), Mirel::RESULT_OK);
+    EXPECT_EQ(caller.Status(), STATUS_404_NOT_FOUND);
+    EXPECT_TRUE(server.Requests().at(0).ends_with("\r\n\r\n{}"));
+
+    Caller strict(call_of(server.Url()));
+    strict.Timeout_ms(20000);
+    Caller nowhere{BasicRestEntryCall()};
+    ASSERT_EQ(strict.Start("caller"), Mirel::RESULT_OK);
+    ASSERT_EQ(nowhere.Start("caller"), Mirel::RESULT_OK);
+    ASSERT_TRUE(Eventually([&] { return strict.IsFinished() && nowhere.IsFinished(); }));
+    EXPECT_EQ(strict.Result(), Mirel::RESULT_NETWORK);
+    EXPECT_EQ(nowhere.Result(), Mirel::RESULT_PARAM);
+}
+
+TEST(BackgroundCaller, StopAndDestructionLetTheRequestEnd) {
+    std::atomic<bool> asked{false}, stopped{false};
+    HttpTestServer server([&](TestConnection& connection) {
+        connection.ReadRequest();
+        asked = true;
+        Eventually([&] { return stopped.load(); });
+        connection.Write("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    });
+    const ui64_t answered = GetRequestCounters().AnsweredByClass[2];
+    {
+        Caller caller(call_of(server.Url()));
+        caller.Timeout_ms(20000);
+        ASSERT_EQ(caller.Start("caller"), Mirel::RESULT_OK);
+        ASSERT_TRUE(Eventually([&] { return asked.load(); }));
+        EXPECT_EQ(caller.Stop(0, true), Mirel::RESULT_TIMEOUT);
+        EXPECT_FALSE(caller.IsFinished());
+        stopped = true;
+    }
+    EXPECT_EQ(GetRequestCounters().AnsweredByClass[2], answered + 1);
+}
+
+/// Lowers the number of descriptors that the process may have.
+class DescriptorLimit {
+  public:
+    explicit DescriptorLimit(rlim_t limit) {
+        getrlimit(RLIMIT_NOFILE, &m_Before);
+        const rlimit lowered{limit, m_Before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &lowered);
+    }
+    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &m_Before); }
+
+  private:
+    rlimit m_Before{};
+};
+
+TEST(BackgroundCaller, ABurstBeyondTheDescriptorsFailsInPartAndPasses) {
+    HttpTestServer silent([](TestConnection& connection) { connection.WaitForClose(); });
+    const RequestCounters before = GetRequestCounters();
+    {
+        DescriptorLimit limit(300);
+        std::vector<std::unique_ptr<Caller>> callers;
+        for (int i = 0; i < 500; ++i) {
+            callers.push_back(std::make_unique<Caller>(call_of(silent.Url())));
+            callers.back()->Timeout_ms(1500);
+            if (const Result_t started = callers.back()->Start("caller"); started.Failure()) {
+                CountRequestNotStarted(callers.back()->CallData(), started);
+            }
+        }
+        for (const auto& caller : callers) EXPECT_TRUE(Eventually([&] { return caller->IsFinished(); }));
+    }
+    const RequestCounters after = GetRequestCounters();
+    EXPECT_EQ(after.Started, before.Started + 500);
+    EXPECT_GT(after.FailedResources, before.FailedResources);
+    EXPECT_GT(after.FailedTimeout, before.FailedTimeout);
+    EXPECT_EQ(after.FailedResources + after.FailedTimeout,
+              before.FailedResources + before.FailedTimeout + 500);
+    EXPECT_EQ(after.Running, 0u);
+
+    HttpTestServer server(HttpTestServer::Answers("200 OK"));
+    EXPECT_EQ(Client().Get(server.Url()), Mirel::RESULT_OK);
+}
+
+}  // namespace
