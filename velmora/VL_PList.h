@@ -110,7 +110,7 @@ class MR_EXPORT PListData final : public PListItem {
     explicit PListData(const char* text) : PListData(std::string_view(text)) {}
     explicit PListData(int value);
     explicit PListData(long long value);
-    explicit PListData(double value);  ///< IT_REAL with the shortest text that reads back as the same number
+    explicit PListData(double value);  ///< the shortest text that reads back as the same real, as "5.0"
     explicit PListData(bool value);
     /// The text as it stands, whether it reads as the type or not; a boolean's text is always "true" or
     /// "false", null's is empty. A type that is no scalar's makes an IT_STRING.

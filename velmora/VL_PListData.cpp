@@ -11,15 +11,20 @@ namespace Velmora {
 namespace {
 
 template <class T>
-std::string_view NumberText(T value, std::array<char, 32>& buffer) {
-    const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value).ptr;
-    return {buffer.data(), static_cast<std::size_t>(end - buffer.data())};
+CompactText<20> IntegerText(T value) {
+    std::array<char, 24> buffer;
+    return CompactText<20>({buffer.data(), std::to_chars(buffer.begin(), buffer.end(), value).ptr});
 }
 
-template <class T>
-CompactText<20> NumberText(T value) {
+// The shortest text that reads back as the same number, and as a real.
+CompactText<20> RealText(double value) {
     std::array<char, 32> buffer;
-    return CompactText<20>(NumberText(value, buffer));
+    char* end = std::to_chars(buffer.begin(), buffer.end() - 2, value).ptr;
+    if (std::string_view(buffer.data(), end).find_first_of(".en") == std::string_view::npos) {
+        *end++ = '.';
+        *end++ = '0';
+    }
+    return CompactText<20>({buffer.data(), end});
 }
 
 template <class T>
@@ -71,9 +76,9 @@ bool ReadInteger(const PListData& data, T& value) {
 
 PListData::PListData() : PListItem(IT_STRING) {}
 PListData::PListData(std::string_view text) : PListItem(IT_STRING), m_Text(text) {}
-PListData::PListData(int value) : PListItem(IT_INT), m_Text(NumberText(value)) {}
-PListData::PListData(long long value) : PListItem(IT_INT64), m_Text(NumberText(value)) {}
-PListData::PListData(double value) : PListItem(IT_REAL), m_Text(NumberText(value)) {}
+PListData::PListData(int value) : PListItem(IT_INT), m_Text(IntegerText(value)) {}
+PListData::PListData(long long value) : PListItem(IT_INT64), m_Text(IntegerText(value)) {}
+PListData::PListData(double value) : PListItem(IT_REAL), m_Text(RealText(value)) {}
 PListData::PListData(bool value) : PListItem(value ? IT_TRUE : IT_FALSE), m_Text(value ? "true" : "false") {}
 
 PListData::PListData(ItemType_t type, std::string_view text)

@@ -104,7 +104,7 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
     bool Open(bool dict) {
         if (m_Levels.size() == kMaxDepth) {
             return Refuse("Lists are nested deeper than " + std::to_string(kMaxDepth) + " levels",
-                          m_Stream.Tell() - 1);
+                          m_Stream.Tell());
         }
         m_Levels.push_back({dict, m_Entries.size(), m_KeyOffsets.size()});
         return true;
