@@ -85,6 +85,7 @@ TEST(URL, RefusesAndIsLeftEmpty) {
                                     "http://[]/"s,
                                     "http://[1.2.3.4]/"s,
                                     "http://[::g]/"s,
+                                    "http://[::1\0]/"s,
                                     "http://[fe80::1%25eth0]/"s,
                                     "http://[::1]x/"s,
                                     "http://::1/"s,

@@ -93,7 +93,8 @@ bool read_ipv6(std::string_view& authority, URL& url) {
     url.Hostname = authority.substr(1, close - 1);
     authority.remove_prefix(close + 1);
     in6_addr address;
-    return inet_pton(AF_INET6, url.Hostname.c_str(), &address) == 1;
+    const bool whole_text = url.Hostname.find('\0') == std::string::npos;  // inet_pton reads up to a NUL
+    return whole_text && inet_pton(AF_INET6, url.Hostname.c_str(), &address) == 1;
 }
 
 bool read_name(std::string_view& authority, URL& url) {
