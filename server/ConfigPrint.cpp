@@ -81,9 +81,9 @@ std::string Indented(const std::string& json) {
     writer.SetIndent(' ', 2);
     rapidjson::StringStream in(json.c_str());
     rapidjson::Reader reader;
-    constexpr unsigned flags = rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseIterativeFlag;
+    constexpr unsigned flags = rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
     if (!reader.Parse<flags>(in, writer)) return json;
-    return std::string(out.GetString(), out.GetSize()) + '\n';
+    return std::string(out.GetString(), out.GetSize());
 }
 
 }  // namespace

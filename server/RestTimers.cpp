@@ -24,14 +24,20 @@ struct NewTimer {
     const PListDict* Data = nullptr;
 };
 
-// The start time's text is read here, so that a wrong one is refused also where an interval makes it unused.
-void ReadStart(Shape& shape, NewTimer& timer) {
+// When to fire. The start time's text is read here, so that a wrong one is refused also where an interval
+// makes it unused.
+void ReadTimes(Shape& shape, NewTimer& timer, const std::vector<Fault>& faults) {
+    const std::size_t before = faults.size();
+    timer.Interval_sec = shape
+                             .IntegerOrText(Keys::interval_sec, std::numeric_limits<i32_t>::min(),
+                                            std::numeric_limits<i32_t>::max())
+                             .value_or(0);
     const auto start = shape.NonEmptyText(Keys::start_time);
     const bool whole = start && start->find('\0') == std::string::npos;
     if (start && !(whole && timer.Start.DecodeString(start->c_str()))) {
         shape.Blame(Keys::start_time, "must be a time like \"2026-01-31T12:00:00+00:00\"");
     }
-    if (!start && timer.Interval_sec == 0) {
+    if (!start && timer.Interval_sec == 0 && faults.size() == before) {
         shape.Blame("", "needs a \"start_time\", or an \"interval_sec\" other than 0");
     }
 }
@@ -40,11 +46,7 @@ NewTimer ReadTimer(const PListDict& body, std::vector<Fault>& faults) {
     NewTimer timer;
     Shape shape(body, "", faults);
     timer.EventName = shape.NonEmptyText(Keys::event_name, Need::Required).value_or("");
-    timer.Interval_sec = shape
-                             .IntegerOrText(Keys::interval_sec, std::numeric_limits<i32_t>::min(),
-                                            std::numeric_limits<i32_t>::max())
-                             .value_or(0);
-    ReadStart(shape, timer);
+    ReadTimes(shape, timer, faults);
     timer.Data = shape.Dict(Keys::timer_data);
     shape.NothingElse();
     return timer;

