@@ -21,7 +21,7 @@ TEST_F(WorkerTest, FiresTimersAndWatchesAndTrimsUntilItIsStopped) {
     queue.CreateWatch(folder.Path(), "watch", nullptr, false);
     ASSERT_TRUE(queue.Start("EventQueue::Main").Success());
     EXPECT_EQ(queue.Name(), "EventQueue::Main");
-    EXPECT_TRUE(Testing::Eventually([&] { return log.Has("watch.handle="); }));
+    EXPECT_TRUE(Testing::Eventually([&] { return log.Has("watch.handle=") && Posted() == "timer"; }));
     Testing::WriteFile(folder / "x", "");
     EXPECT_TRUE(Testing::Eventually([&] { return Posted() == "timer watch"; })) << Posted();
     clock.Step(31);
