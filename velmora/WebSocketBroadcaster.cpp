@@ -1,6 +1,7 @@
 #include "WebSocketBroadcaster.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "MR_log.h"
@@ -65,8 +66,13 @@ std::unique_ptr<FeedClient> Broadcaster::MakeClient(Connection& from) {
 }
 
 void Broadcaster::Send(std::string_view json) {
-    Count(Counters.Postings);
-    if (m_Log.Append(json)) PresentLoop()->Wake();
+    try {
+        if (m_Log.Append(json)) PresentLoop()->Wake();
+        Count(Counters.Postings);
+    } catch (const std::bad_alloc&) {
+        Mirel::DefaultLogSink().Error("No memory to broadcast %zu bytes: no WebSocket client gets them.\n",
+                                      json.size());
+    }
 }
 
 std::uint64_t Broadcaster::AskClose() {

@@ -16,10 +16,14 @@ namespace Velmora::Feed {
 /// A piece of the log: whole frames, one after the other. Bytes that have once been written never change
 /// while anyone reads the segment.
 struct LogSegment {
-    explicit LogSegment(std::size_t capacity) : Capacity(capacity), Bytes(new char[capacity]) {}
+    /// Takes its memory from the system at once. std::bad_alloc where there is none.
+    explicit LogSegment(std::size_t capacity);
+    ~LogSegment();
+    LogSegment(const LogSegment&) = delete;
+    LogSegment& operator=(const LogSegment&) = delete;
 
     const std::size_t Capacity;
-    const std::unique_ptr<char[]> Bytes;
+    char* const Bytes;
     std::uint64_t Number = 0;  // consecutive over the life of the log
     // Changed under the log's lock, and final once a later segment exists. Others learn what they may read of
     // the last segment from a LogEnd.
@@ -46,7 +50,7 @@ struct LogCursor {
     std::uint64_t Frames = 0;  // frames of the segment that the client has taken whole
 
     bool InsideFrame() const { return Offset != Boundary; }
-    const char* Data() const { return Segment->Bytes.get() + Offset; }
+    const char* Data() const { return Segment->Bytes + Offset; }
     /// End of the frame that the offset is inside of.
     std::size_t FrameEnd() const;
     /// What of the cursor's segment may be read by `end`.

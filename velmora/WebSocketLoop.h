@@ -77,6 +77,8 @@ class FeedLoop final : private Mirel::Thread {
     LogEnd m_End;                      // of the log, when last looked at
     Time m_Now;
     Time m_TickAt;
+    Time m_AsleepSince;   // with the log to wake it
+    bool m_Naps = false;  // frames come so fast that it looks for them itself
     bool m_AnyGone = false;
     std::uint64_t m_Closing = 0;  // the last order to close that is being carried out; 0 when none is
     std::vector<char> m_Room;     // for what a client sends
