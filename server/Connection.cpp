@@ -584,7 +584,13 @@ void ServeConnection(ConnectionShared& shared, int descriptor) {
         auto connection = std::make_unique<Connection>(shared, descriptor);
         error_code error;
         connection->Open(error);
-        if (!error) return Connection::Run(std::move(connection));
+        if (!error) {
+            // Not here and now: a request that blocks would keep the next connections from being accepted.
+            asio::post(shared.Io, [connection = std::move(connection)]() mutable {
+                Connection::Run(std::move(connection));
+            });
+            return;
+        }
         Mirel::DefaultLogSink().Error("Cannot serve a connection: %s\n", error.message().c_str());
     } catch (const std::bad_alloc&) {
         Mirel::DefaultLogSink().Error("Cannot serve a connection: out of memory\n");

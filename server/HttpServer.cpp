@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -28,6 +27,7 @@ constexpr std::size_t LeastThreads = 4;  // so that three slow requests leave on
 constexpr unsigned AcceptsPerTurn = 64;  // then open connections have their turn
 constexpr std::chrono::milliseconds AcceptPause{200};  // after the system refused a descriptor
 constexpr Mirel::i64_t RefusalLogInterval_ms = 10000;
+constexpr std::chrono::milliseconds StopInterval{100};
 
 unsigned thread_count(const HttpServerOptions& options) {
     const std::size_t cores = std::max(1u, std::thread::hardware_concurrency());
@@ -87,7 +87,6 @@ class HttpServer::Impl {
     Mirel::ui16_t m_Port = 0;
     int m_Listener = -1;  // the acceptor's descriptor, to be shut down from another thread
     bool m_Serving = false;
-    std::optional<asio::executor_work_guard<asio::io_context::executor_type>> m_Work;
 
     // Each with at most one operation under way, and used by its handler only.
     std::optional<asio::posix::stream_descriptor> m_Acceptor;
@@ -120,7 +119,6 @@ std::string HttpServer::Impl::Url() const {
 
 Mirel::Result_t HttpServer::Impl::Serve() {
     if (m_Serving || !m_Acceptor->is_open()) return Mirel::RESULT_STATE;
-    m_Work.emplace(m_Io->get_executor());
     AwaitConnections();
     AwaitSweep();
     const Mirel::Result_t started = m_Shared.Crew.Start([this] { m_Io->stop(); });
@@ -135,7 +133,6 @@ void HttpServer::Impl::AwaitConnections() {
 }
 
 void HttpServer::Impl::AcceptConnections() {
-    if (m_Shared.Stopping.load()) return;
     for (unsigned i = 0; i < AcceptsPerTurn; ++i) {
         const int descriptor =
             accept4(m_Acceptor->native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -145,8 +142,9 @@ void HttpServer::Impl::AcceptConnections() {
         }
         // A client that has gone again while it waited is no reason to stop.
         if (errno == ECONNABORTED || errno == EINTR || errno == EPROTO) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) return PauseAccepting(errno);
-        break;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+        if (m_Shared.Stopping.load()) return;  // the socket was shut down
+        return PauseAccepting(errno);
     }
     AwaitConnections();
 }
@@ -179,8 +177,13 @@ void HttpServer::Impl::Stop(Mirel::ui32_t limit_ms) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
     m_Shared.Stopping.store(true);
     shutdown(m_Listener, SHUT_RDWR);
-    m_Shared.Registry.EndIdle(false);
-    if (!m_Shared.Registry.WaitUntilEmpty(deadline)) {
+    // Again and again: requests end, and what they leave is idle.
+    std::chrono::steady_clock::time_point until;
+    do {
+        m_Shared.Registry.EndIdle(false);
+        until = std::min(deadline, std::chrono::steady_clock::now() + StopInterval);
+    } while (!m_Shared.Registry.WaitUntilEmpty(until) && until < deadline);
+    if (m_Shared.Registry.Size() > 0) {
         Mirel::DefaultLogSink().Notice("Closing %zu connections that are still in use\n",
                                        m_Shared.Registry.Size());
         m_Shared.Registry.EndIdle(true);
