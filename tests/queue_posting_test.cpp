@@ -1,7 +1,7 @@
 // Posting: payloads, Python handlers, HTTP callers and the broadcast.
 #include "support/QueueProbe.h"
 
-#include <sys/socket.h>
+#include "HttpTestServer.h"
 
 namespace EventManager {
 
@@ -173,6 +173,106 @@ TEST_F(PostingTest, EveryClientSeesTheHistorysOrderWhoeverPosts) {
     for (const PListItem& record : History()) history += Text(dynamic_cast<const PListDict&>(record));
     EXPECT_EQ(orders[0], history);
     EXPECT_EQ(orders[1], history);
+}
+
+// ---- HTTP listeners
+
+using Testing::HttpTestServer;
+
+class CallerTest : public PostingTest {
+  protected:
+    CallerTest() { Event("e", R"({"d":1})"); }
+
+    /// Reaps what has finished until nothing runs any more.
+    void AwaitCallers() {
+        EXPECT_TRUE(Testing::Eventually([&] {
+            Probe::Reap(queue);
+            return Probe::Callers(queue) == 0;
+        }));
+    }
+    /// The one request that the server has received.
+    static std::string Request(const HttpTestServer& server) {
+        EXPECT_TRUE(Testing::Eventually([&] { return server.Requests().size() == 1; }));
+        return server.Requests().empty() ? "" : server.Requests()[0];
+    }
+    static std::string Body(const std::string& request) {
+        return request.substr(request.find("\r\n\r\n") + 4);
+    }
+    static bool Has(const std::string& request, const std::string& part) {
+        return request.find(part) != std::string::npos;
+    }
+};
+
+TEST_F(CallerTest, AListenerWithoutDataIsFetchedAndOneWithDataPostedTo) {
+    HttpTestServer get(HttpTestServer::Answers("200 OK"));
+    HttpTestServer post(HttpTestServer::Answers("204 No Content"), HttpTestServer::Tls);  // self-signed
+    Listen("e", get.Url("/hook?x=1"));
+    Listen("e", post.Url("/hook"), R"({"l":1})");
+    EXPECT_TRUE(Post("e", R"({"x":"\u00e9"})"));
+    EXPECT_EQ(Request(get).find("GET /hook?x=1 HTTP/1.1\r\n"), 0u);
+    EXPECT_TRUE(Has(Request(get), "Content-Type: application/json\r\n"));
+    EXPECT_EQ(Body(Request(get)), "");
+    EXPECT_EQ(Request(post).find("POST /hook HTTP/1.1\r\n"), 0u);
+    EXPECT_TRUE(Has(Request(post), "Content-Type: application/json\r\n"));
+    EXPECT_TRUE(
+        Dict(Body(Request(post))) ==
+        Dict(R"({"event_name":"e","timestamp":"2026-03-01T12:00:00+00:00","post_data":{"x":"\u00e9"},)"
+             R"("event_data":{"d":1},"listener_data":{"l":1}})"));
+    AwaitCallers();
+    EXPECT_TRUE(log.Errors().empty());
+}
+
+TEST_F(CallerTest, APathIsCalledOnTheServerItselfWithItsOwnCredential) {
+    HttpTestServer server(HttpTestServer::Answers("202 Accepted"));
+    URL own;
+    ASSERT_TRUE(own.Parse(server.Url()));
+    own.Path.clear();
+    Probe::EndPoint(queue) = own;
+    Listen("e", "/api/v1/events/b?x", R"({"l":1})");
+    Post("e");
+    const std::string request = Request(server);
+    EXPECT_EQ(request.find("POST /api/v1/events/b?x HTTP/1.1\r\n"), 0u);
+    const std::string name = "Authorization: ";
+    const std::size_t at = request.find(name) + name.size();
+    EXPECT_TRUE(LocalAccessManager::IsSelfAuthorized(request.substr(at, request.find("\r\n", at) - at)));
+    AwaitCallers();
+}
+
+TEST_F(CallerTest, OnlyAnErrorStatusIsLoggedOnceAndTheUnfinishedStay) {
+    HttpTestServer hanging([](Testing::TestConnection& connection) { connection.WaitForClose(); });
+    HttpTestServer missing(HttpTestServer::Answers("404 Not Found"));
+    HttpTestServer resetting([](Testing::TestConnection& connection) { connection.Reset(); });
+    const ui64_t timeouts = Velmora::GetRequestCounters().FailedTimeout;
+    Listen("e", hanging.Url());
+    Listen("e", missing.Url("/a/path"));
+    Listen("e", resetting.Url());
+    Post("e");
+    EXPECT_EQ(Probe::Callers(queue), 3u);
+    AwaitCallers();
+    EXPECT_EQ(log.Errors(), (std::vector<std::string>{"Callback to \"http://" + missing.Authority() +
+                                                      "\" failed: 404 (Not Found)\n"}));
+    EXPECT_EQ(Velmora::GetRequestCounters().FailedTimeout, timeouts + 1);
+}
+
+TEST_F(CallerTest, DestroyingAQueueWaitsForItsRunningCallers) {
+    HttpTestServer hanging([](Testing::TestConnection& connection) { connection.WaitForClose(); });
+    {
+        EventQueue other(300);
+        UUID id;
+        other.CreateEvent("e", nullptr);
+        other.CreateEventListener("e", hanging.Url(), nullptr, id);
+        other.CreateTimer("e", Timestamp(), 60, nullptr, id);
+        for (int i = 0; i < 20; ++i) other.PostEvent("e", nullptr);
+    }
+    EXPECT_EQ(Velmora::GetRequestCounters().Running, 0u);
+}
+
+TEST_F(CallerTest, ACallerWithoutATargetSendsNothing) {
+    BackgroundHTTPRequestHandle<TLSHTTPRequestHandle> caller(BasicRestEntryCall{});
+    ASSERT_TRUE(caller.Start("test").Success());
+    EXPECT_TRUE(Testing::Eventually([&] { return caller.IsFinished(); }));
+    EXPECT_EQ(caller.Result().Value(), Mirel::RESULT_PARAM.Value());
+    EXPECT_EQ(caller.Status(), Velmora::STATUS_NONE);
 }
 
 }  // namespace EventManager
