@@ -65,7 +65,7 @@ export class Events {
     const card = h("article", { class: "panel card", "aria-label": `Event ${name}` },
       h("div", { class: "bar" }, h("h3", { class: "name" }, name || "(empty name)"), meta, last, h("span", { class: "gap" }),
         button("Post…", "Post", () => this.prepare(name)),
-        button("Add listener", "Add a listener to", () => listeners.openForm()),
+        button("Add listener", "Add listener to", () => listeners.openForm()),
         button("Delete…", "Delete", () => this.remove(name), "danger")),
       dataDetails("Event data", event.event_data), listeners.element);
     card.parts = { listeners, time, last, meta };
