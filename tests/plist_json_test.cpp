@@ -163,7 +163,7 @@ class RandomTree {
             case 1:
                 return PListData(static_cast<int>(bits));
             case 2:
-                return PListData(bits % 2 ? LLONG_MAX - bits : LLONG_MIN + (bits & INT_MAX));
+                return PListData(bits | LLONG_MIN);
             case 3:
                 return PListData(
                     std::ldexp(static_cast<double>(bits), static_cast<int>(m_Random() % 600) - 300) + 0.5);

@@ -252,7 +252,7 @@ TEST(PListData, IsForcedIntoOtherTypes) {
 }
 
 // Recursion would not survive as many levels.
-constexpr int kLevels = 200000;
+constexpr int kLevels = 100000;
 
 template <class Wrap>
 PListDict DeepTree(Wrap wrap) {

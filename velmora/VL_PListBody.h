@@ -99,7 +99,14 @@ class PListSlot {
     explicit PListSlot(const PListItem& item);
     PListSlot(PListSlot&& other) noexcept;
     PListSlot& operator=(PListSlot&& other) noexcept;
-    ~PListSlot() { std::destroy_at(Held()); }
+    ~PListSlot() {
+        // Most items are scalars; a virtual call for each would be felt.
+        if (Held()->GetType() <= IT_NULL) {
+            As<PListData>()->PListData::~PListData();
+        } else {
+            std::destroy_at(Held());
+        }
+    }
 
     /// Null when nothing is held.
     PListItem* Get() noexcept {
@@ -164,14 +171,22 @@ struct PListDictBody : PListShared {
 
     std::size_t Size() const noexcept;
     Place Find(std::string_view key) const noexcept;
-    /// Appends an entry whose key is not yet there.
-    PListEntry& Add(CompactText<16>&& key, PListSlot&& slot);
+    /// Appends an entry whose key is not yet there. What it is made of may be views into this body.
+    template <class Key, class Value>
+    PListEntry& Add(Key&& key, Value&& value) {
+        PListBlock& block = PrepareAdd();
+        void* memory = block.Entries() + block.used;
+        return FinishAdd(block, ::new (memory) PListEntry{CompactText<16>(std::forward<Key>(key)),
+                                                          PListSlot(std::forward<Value>(value))});
+    }
     void Remove(const Place& place) noexcept;
 
     PListBlock first;  // the last member: its entries follow
 
   private:
     explicit PListDictBody(std::size_t room) : PListShared(BodyKind::Dict), first(room) {}
+    PListBlock& PrepareAdd();
+    PListEntry& FinishAdd(PListBlock& block, PListEntry* entry);
     PListBlock& BlockWithRoom();
     PListExtra& Extra();
     void BuildIndex();

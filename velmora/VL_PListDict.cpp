@@ -39,14 +39,16 @@ PListDictBody& MakeOwn(PListDictBody*& body, ReplacedBody& replaced) {
     return *body;
 }
 
-void Store(PListDictBody*& body, std::string_view key, PListSlot&& slot) {
+/// `value` is what a slot is made of: a scalar, another slot, or an item that is not a list.
+template <class Value>
+void Store(PListDictBody*& body, std::string_view key, Value&& value) {
     ReplacedBody replaced;
     PListDictBody& own = MakeOwn(body, replaced);
     if (PListEntry* entry = own.Find(key).entry) {
         // The old item is destroyed when the new one is in its place.
-        const PListSlot old = std::exchange(entry->slot, std::move(slot));
+        const PListSlot old = std::exchange(entry->slot, PListSlot(std::forward<Value>(value)));
     } else {
-        own.Add(CompactText<16>(key), std::move(slot));
+        own.Add(key, std::forward<Value>(value));
     }
 }
 
@@ -129,19 +131,19 @@ void PListDict::SetItem(std::string_view key, const PListItem& item) {
 }
 
 void PListDict::SetValue(std::string_view key, std::string_view text) {
-    Store(m_Body, key, PListSlot(PListData(text)));
+    Store(m_Body, key, PListData(text));
 }
 void PListDict::SetValue(std::string_view key, const int& value) {
-    Store(m_Body, key, PListSlot(PListData(value)));
+    Store(m_Body, key, PListData(value));
 }
 void PListDict::SetValue(std::string_view key, const long long& value) {
-    Store(m_Body, key, PListSlot(PListData(value)));
+    Store(m_Body, key, PListData(value));
 }
 void PListDict::SetValue(std::string_view key, const double& value) {
-    Store(m_Body, key, PListSlot(PListData(value)));
+    Store(m_Body, key, PListData(value));
 }
 void PListDict::SetValue(std::string_view key, const bool& value) {
-    Store(m_Body, key, PListSlot(PListData(value)));
+    Store(m_Body, key, PListData(value));
 }
 
 void PListDict::DeleteItem(std::string_view key) {

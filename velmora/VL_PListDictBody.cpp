@@ -20,7 +20,7 @@ std::size_t PListDictBody::Size() const noexcept {
 PListDictBody::Place PListDictBody::Find(std::string_view key) const noexcept {
     if (extra && extra->indexed) {
         const auto found = extra->index.find(key);
-        return found == extra->index.end() ? Place{} : *found;
+        return found == extra->index.end() ? Place{} : found->place;
     }
     for (auto* block = const_cast<PListBlock*>(&first); block; block = block->next) {
         PListEntry* entry = block->Entries();
@@ -56,20 +56,22 @@ void PListDictBody::BuildIndex() {
     extra->index.reserve(2 * kWalkLimit);
     for (PListBlock* block = &first; block; block = block->next) {
         for (PListEntry* entry = block->Entries(); entry != block->Entries() + block->used; ++entry) {
-            if (entry->slot.Get()) extra->index.insert({block, entry});
+            if (entry->slot.Get()) extra->Insert(block, entry);
         }
     }
     extra->indexed = true;
 }
 
-PListEntry& PListDictBody::Add(CompactText<16>&& key, PListSlot&& slot) {
+PListBlock& PListDictBody::PrepareAdd() {
     PListBlock& block = BlockWithRoom();
     if (Size() >= kWalkLimit && !Extra().indexed) BuildIndex();
-    auto* entry =
-        ::new (static_cast<void*>(block.Entries() + block.used)) PListEntry{std::move(key), std::move(slot)};
+    return block;
+}
+
+PListEntry& PListDictBody::FinishAdd(PListBlock& block, PListEntry* entry) {
     if (extra && extra->indexed) {
         try {
-            extra->index.insert({&block, entry});
+            extra->Insert(&block, entry);
         } catch (...) {
             std::destroy_at(entry);
             throw;

@@ -12,25 +12,29 @@ namespace Velmora {
 /// A hash with a secret of this process, so that nobody outside can choose keys that collide.
 std::size_t HashKey(std::string_view key) noexcept;
 
-struct PListPlaceHash {
+/// An entry with its hash, so that a growing index need not visit the keys.
+struct PListIndexed {
+    std::size_t hash;
+    PListDictBody::Place place;
+};
+
+struct PListIndexHash {
     using is_transparent = void;
     using is_avalanching = void;
     std::size_t operator()(std::string_view key) const noexcept { return HashKey(key); }
-    std::size_t operator()(const PListDictBody::Place& place) const noexcept {
-        return HashKey(place.entry->key.View());
-    }
+    std::size_t operator()(const PListIndexed& indexed) const noexcept { return indexed.hash; }
 };
 
-struct PListPlaceEqual {
+struct PListIndexEqual {
     using is_transparent = void;
-    bool operator()(const PListDictBody::Place& lhs, const PListDictBody::Place& rhs) const noexcept {
-        return lhs.entry->key.View() == rhs.entry->key.View();
+    bool operator()(const PListIndexed& lhs, const PListIndexed& rhs) const noexcept {
+        return lhs.place.entry == rhs.place.entry;
     }
-    bool operator()(std::string_view key, const PListDictBody::Place& place) const noexcept {
-        return key == place.entry->key.View();
+    bool operator()(std::string_view key, const PListIndexed& indexed) const noexcept {
+        return key == indexed.place.entry->key.View();
     }
-    bool operator()(const PListDictBody::Place& place, std::string_view key) const noexcept {
-        return key == place.entry->key.View();
+    bool operator()(const PListIndexed& indexed, std::string_view key) const noexcept {
+        return key == indexed.place.entry->key.View();
     }
 };
 
@@ -41,7 +45,11 @@ struct PListExtra {
     PListBlock* last;
     std::size_t live;
     bool indexed = false;  // stays true once set
-    boost::unordered_flat_set<PListDictBody::Place, PListPlaceHash, PListPlaceEqual> index;
+    boost::unordered_flat_set<PListIndexed, PListIndexHash, PListIndexEqual> index;
+
+    void Insert(PListBlock* block, PListEntry* entry) {
+        index.insert({HashKey(entry->key.View()), {block, entry}});
+    }
 };
 
 }  // namespace Velmora
