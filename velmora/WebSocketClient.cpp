@@ -207,8 +207,8 @@ void SocketClient::FallBehind(Time now) {
 
 void SocketClient::StartClosing(std::uint16_t code, const char* reason, Time deadline) {
     AppendCloseFrame(m_Control, code, reason);
+    m_Deadline = m_Phase == Phase::Draining ? std::min(m_Deadline, deadline) : deadline;
     m_Phase = Phase::Closing;
-    m_Deadline = deadline;
 }
 
 void SocketClient::EndSlow(const char* why) {

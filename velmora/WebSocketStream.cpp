@@ -151,6 +151,8 @@ StreamState Stream::JudgeTLS(int result, bool writing) {
     }
     char text[256];
     if (const unsigned long code = ERR_get_error()) {
+        // A client that hangs up without TLS's own goodbye, as browsers do.
+        if (ERR_GET_REASON(code) == SSL_R_UNEXPECTED_EOF_WHILE_READING) return StreamState::Closed;
         ERR_error_string_n(code, text, sizeof(text));
         m_LastError = text;
         ERR_clear_error();
