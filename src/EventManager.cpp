@@ -246,7 +246,9 @@ Result_t EventQueue::SaveState() const {
 }
 
 /// The change that asks for it has taken effect, so a failure is logged and goes no further.
-void EventQueue::WriteState() const { (void)SaveState(); }
+void EventQueue::WriteState() const {
+    (void)SaveState();
+}
 
 // ---------------------------------------------------------------- EventQueue: events and listeners
 
@@ -870,9 +872,20 @@ static bool is_transient(int error) {
     return error == EAGAIN || error == EINTR;
 }
 
-static void event_stream_proc_stream(int fd, watch_map& watches, Mutex& lock) {
+/// Waits until the stream can be read, for a descriptor of any number. Above 0: it can; 0: not in time; below
+/// 0: the wait failed, errno says why.
+static int event_stream_wait(int fd) {
     pollfd waiting{fd, POLLIN, 0};
     const int ready = poll(&waiting, 1, WatchWait_ms);
+    if (ready > 0 && (waiting.revents & POLLNVAL)) {
+        errno = EBADF;
+        return -1;
+    }
+    return ready;
+}
+
+static void event_stream_proc_stream(int fd, watch_map& watches, Mutex& lock) {
+    const int ready = event_stream_wait(fd);
     if (ready < 0 && !is_transient(errno)) DefaultLogSink().Error("IdleWaitPend: %s\n", strerror(errno));
     if (ready <= 0) return;
 

@@ -224,10 +224,13 @@ TEST_F(WatchTest, AnOverflowFiresEveryRunningWatchAndNoOther) {
 }
 
 TEST_F(WatchTest, ABrokenStreamIsLoggedAndThePassGoesOn) {
-    Probe::WaitForChanges(queue,
-                          -1 & 0x7ffffff0);  // no such descriptor: ready with an error, and not readable
+    Probe::WaitForChanges(queue, 0x7ffffff0);  // no such descriptor
+    const int folder_descriptor = open(folder.Path().c_str(), O_RDONLY);
+    Probe::WaitForChanges(queue, folder_descriptor);  // always ready, never readable
+    close(folder_descriptor);
     EXPECT_EQ(log.Errors(),
-              (std::vector<std::string>{std::string("Read watch failed: ") + strerror(EBADF) + "\n"}));
+              (std::vector<std::string>{std::string("IdleWaitPend: ") + strerror(EBADF) + "\n",
+                                        std::string("Read watch failed: ") + strerror(EISDIR) + "\n"}));
 }
 
 }  // namespace EventManager
