@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <filesystem>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -335,12 +337,13 @@ TEST(BackgroundCaller, StopAndDestructionLetTheRequestEnd) {
     EXPECT_EQ(GetRequestCounters().AnsweredByClass[2], answered + 1);
 }
 
-/// Lowers the number of descriptors that the process may have.
+/// Leaves the process only a few more descriptors than it has.
 class DescriptorLimit {
   public:
-    explicit DescriptorLimit(rlim_t limit) {
+    explicit DescriptorLimit(rlim_t more) {
         getrlimit(RLIMIT_NOFILE, &m_Before);
-        const rlimit lowered{limit, m_Before.rlim_max};
+        const std::filesystem::directory_iterator open("/proc/self/fd"), end;
+        const rlimit lowered{static_cast<rlim_t>(std::distance(open, end)) + more, m_Before.rlim_max};
         setrlimit(RLIMIT_NOFILE, &lowered);
     }
     ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &m_Before); }
@@ -353,11 +356,11 @@ TEST(BackgroundCaller, ABurstBeyondTheDescriptorsFailsInPartAndPasses) {
     HttpTestServer silent([](TestConnection& connection) { connection.WaitForClose(); });
     const RequestCounters before = GetRequestCounters();
     {
-        DescriptorLimit limit(300);
+        DescriptorLimit limit(40);
         std::vector<std::unique_ptr<Caller>> callers;
-        for (int i = 0; i < 500; ++i) {
+        for (int i = 0; i < 100; ++i) {
             callers.push_back(std::make_unique<Caller>(call_of(silent.Url())));
-            callers.back()->Timeout_ms(1500);
+            callers.back()->Timeout_ms(2000);
             if (const Result_t started = callers.back()->Start("caller"); started.Failure()) {
                 CountRequestNotStarted(callers.back()->CallData(), started);
             }
@@ -365,11 +368,11 @@ TEST(BackgroundCaller, ABurstBeyondTheDescriptorsFailsInPartAndPasses) {
         for (const auto& caller : callers) EXPECT_TRUE(Eventually([&] { return caller->IsFinished(); }));
     }
     const RequestCounters after = GetRequestCounters();
-    EXPECT_EQ(after.Started, before.Started + 500);
+    EXPECT_EQ(after.Started, before.Started + 100);
     EXPECT_GT(after.FailedResources, before.FailedResources);
     EXPECT_GT(after.FailedTimeout, before.FailedTimeout);
     EXPECT_EQ(after.FailedResources + after.FailedTimeout,
-              before.FailedResources + before.FailedTimeout + 500);
+              before.FailedResources + before.FailedTimeout + 100);
     EXPECT_EQ(after.Running, 0u);
 
     HttpTestServer server(HttpTestServer::Answers("200 OK"));
