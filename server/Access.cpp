@@ -22,13 +22,8 @@ std::string lowered(std::string_view text) {
     return result;
 }
 
-bool same_letters(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](char x, char y) { return lower(x) == lower(y); });
-}
-
 bool starts_with_letters(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && same_letters(text.substr(0, prefix.size()), prefix);
+    return text.size() >= prefix.size() && SameLetters(text.substr(0, prefix.size()), prefix);
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -79,6 +74,11 @@ HttpResponse unauthorized() {
 
 }  // namespace
 
+bool SameLetters(std::string_view a, std::string_view b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](char x, char y) { return lower(x) == lower(y); });
+}
+
 std::optional<std::pair<std::string_view, std::string_view>> SplitAuthority(std::string_view authority) {
     std::size_t end;
     std::string_view host;
@@ -101,7 +101,7 @@ std::optional<std::pair<std::string_view, std::string_view>> SplitAuthority(std:
 }
 
 bool IsLoopbackName(std::string_view host) {
-    if (same_letters(host, "localhost")) return true;
+    if (SameLetters(host, "localhost")) return true;
     const std::string text(host);
     in_addr v4{};
     if (inet_pton(AF_INET, text.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
@@ -110,7 +110,7 @@ bool IsLoopbackName(std::string_view host) {
 }
 
 bool ListHas(std::string_view list, std::string_view element) {
-    return any_element(list, [element](std::string_view one) { return same_letters(one, element); });
+    return any_element(list, [element](std::string_view one) { return SameLetters(one, element); });
 }
 
 std::optional<std::string> DecodeBase64Url(std::string_view text) {
@@ -137,7 +137,7 @@ AccessPolicy::AccessPolicy(const HttpServerOptions& options, Mirel::ui16_t port)
     : m_Token(options.AccessToken), m_Hosts(known_hosts(options)), m_Port(std::to_string(port)) {}
 
 bool AccessPolicy::HostAllowed(std::string_view host) const {
-    const auto same = [host](const std::string& known) { return same_letters(known, host); };
+    const auto same = [host](const std::string& known) { return SameLetters(known, host); };
     return std::any_of(m_Hosts.begin(), m_Hosts.end(), same) || IsLoopbackName(host);
 }
 
@@ -151,7 +151,7 @@ bool AccessPolicy::OriginAllowed(std::string_view origin, std::string_view autho
     if (!split || !HostAllowed(split->first)) return false;
     // Another port of the same machine is another site, unless the client knows this one by it (a tunnel, a
     // proxy).
-    return split->second.empty() || split->second == m_Port || same_letters(origin, authority);
+    return split->second.empty() || split->second == m_Port || SameLetters(origin, authority);
 }
 
 bool AccessPolicy::TokenMatches(std::string_view token) const {

@@ -45,6 +45,9 @@ std::optional<std::pair<std::string_view, std::string_view>> SplitAuthority(std:
 /// Whether the text is "localhost", an address in 127.0.0.0/8 or ::1.
 bool IsLoopbackName(std::string_view host);
 
+/// Equality in any letter case (ASCII).
+bool SameLetters(std::string_view a, std::string_view b);
+
 /// Whether a comma-separated list has the element, in any letter case.
 bool ListHas(std::string_view list, std::string_view element);
 

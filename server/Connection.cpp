@@ -17,8 +17,10 @@
 #include <utility>
 
 #include "ConnectionBuffer.h"
+#include "ConnectionOutput.h"
 #include "ConnectionParser.h"
 #include "ConnectionReply.h"
+#include "ConnectionTarget.h"
 #include "Feed.h"
 #include "MR_log.h"
 
@@ -31,58 +33,11 @@ using Progress = RequestParser::Progress;
 
 namespace {
 
-constexpr std::size_t FirstRoom = 8u << 10;  // a connection's buffer at first; nearly every request fits
-constexpr std::size_t BodyRoom = 32u << 10;  // while a long body comes in
-constexpr std::size_t CopiedBody =
-    16u << 10;  // bodies up to this are put behind their head, longer ones sent from where they are
-constexpr std::size_t OutputBatch = 64u << 10;  // answers to pipelined requests that go out in one write
-constexpr unsigned RequestsPerTurn = 64;        // then other connections have their turn
-constexpr Mirel::i64_t DrainLimit_ms = 2000;    // for the peer to close after the last answer
+constexpr std::size_t FirstRoom = 8u << 10;   // a connection's buffer at first; nearly every request fits
+constexpr std::size_t BodyRoom = 32u << 10;   // while a long body comes in
+constexpr unsigned RequestsPerTurn = 64;      // then other connections have their turn
+constexpr Mirel::i64_t DrainLimit_ms = 2000;  // for the peer to close after the last answer
 constexpr std::size_t DrainBytes = 16u << 20;
-
-std::string peer_name(int descriptor) {
-    sockaddr_storage address{};
-    socklen_t length = sizeof address;
-    char text[INET6_ADDRSTRLEN] = "";
-    if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) return "unknown";
-    if (address.ss_family == AF_INET6) {
-        const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
-        inet_ntop(AF_INET6, &v6.sin6_addr, text, sizeof text);
-        return "[" + std::string(text) + "]:" + std::to_string(ntohs(v6.sin6_port));
-    }
-    const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
-    inet_ntop(AF_INET, &v4.sin_addr, text, sizeof text);
-    return std::string(text) + ":" + std::to_string(ntohs(v4.sin_port));
-}
-
-// A target in its parts: "/path?query", "http://authority/path?query", or "*".
-struct Target {
-    std::string_view Authority, Path, Query;
-};
-
-std::optional<Target> split_target(std::string_view text) {
-    Target target;
-    for (const std::string_view scheme : {"http://", "https://"}) {
-        if (text.substr(0, scheme.size()) != scheme) continue;
-        text.remove_prefix(scheme.size());
-        target.Authority = text.substr(0, text.find_first_of("/?"));
-        text.remove_prefix(target.Authority.size());
-        if (target.Authority.empty()) return std::nullopt;
-        if (text.empty() || text[0] == '?') target.Path = "/";
-        break;
-    }
-    if (target.Path.empty() && text != "*" && (text.empty() || text[0] != '/')) return std::nullopt;
-    const std::size_t mark = std::min(text.find('?'), text.size());
-    if (mark > 0) target.Path = text.substr(0, mark);
-    if (mark < text.size()) target.Query = text.substr(mark + 1);
-    return target;
-}
-
-bool is_json(std::string_view content_type) {
-    content_type = content_type.substr(0, content_type.find(';'));
-    while (!content_type.empty() && content_type.back() == ' ') content_type.remove_suffix(1);
-    return ListHas(content_type, Velmora::Strings::MIME_json);
-}
 
 HttpResponse busy() {
     HttpResponse response = Problem(Velmora::STATUS_503_NO_SERVICE,
@@ -132,7 +87,6 @@ class Connection : public AdmissionWaiter {
     void Idle();
     void Begin();
 
-    std::optional<HttpResponse> CheckHead();
     Next HeadComplete();
     Next RequestComplete();
     Next Answer();
@@ -150,7 +104,6 @@ class Connection : public AdmissionWaiter {
     void Resume(std::unique_ptr<AdmissionWaiter> self, bool admitted) override;
     static void Continue(Owner self, bool admitted);
     void Deregister();
-    bool Pending() const { return !m_Out.empty() || m_Large; }
 
     ConnectionShared& m_Shared;
     ConnectionLife m_Life;
@@ -168,10 +121,7 @@ class Connection : public AdmissionWaiter {
     unsigned m_Answered = 0;  // in this turn
 
     // The answers that are going out.
-    std::string m_Out;
-    std::optional<HttpResponse> m_Large;  // whose body follows m_Out
-    std::size_t m_Written = 0;
-    std::size_t m_Renewed = 0;  // as of when the time to take the answer began anew
+    ConnectionOutput m_Output;
     bool m_CloseAfter = false;
     bool m_UpgradeAfter = false;
     std::size_t m_Drained = 0;
@@ -260,13 +210,13 @@ void Connection::Begin() {
 // Uses what is there and reads on. Answers go out before anything is waited for.
 Connection::Next Connection::ReadRequests() {
     while (m_Buffer.View().size() > m_Parsed) {
-        if (m_Answered >= RequestsPerTurn) return Pending() ? Flush() : Next::Turn;
+        if (m_Answered >= RequestsPerTurn) return m_Output.Pending() ? Flush() : Next::Turn;
         const Next next = UseBuffer();
         if (next == Next::Read) break;
         if (next != Next::Again) return next;
-        if (m_Out.size() >= OutputBatch || m_Large || m_CloseAfter || m_UpgradeAfter) return Flush();
+        if (m_Output.Full() || m_CloseAfter || m_UpgradeAfter) return Flush();
     }
-    return Pending() ? Flush() : Receive();
+    return m_Output.Pending() ? Flush() : Receive();
 }
 
 Connection::Next Connection::Receive() {
@@ -339,28 +289,13 @@ Connection::Next Connection::UseBuffer() {
     return Next::Read;
 }
 
-// What can be refused without the body is.
-std::optional<HttpResponse> Connection::CheckHead() {
-    const RequestHead& head = m_Parser.Head();
-    const std::optional<Target> target = split_target(head.Target);
-    if (!target) return Problem(Velmora::STATUS_400_BAD_REQ, "The request's target must be a path.");
-    if (auto refusal = m_Shared.Policy->Check(head, target->Path, target->Authority)) return refusal;
-    if (!head.Method) return Problem(Velmora::STATUS_501_NOT_IMPLEMENTED, "This method is not known.");
-    if (head.HasBody && !is_json(head[Field::ContentType])) {
-        return Problem(Velmora::STATUS_415_MEDIA_TYPE, "A body must be application/json.");
-    }
-    if (head.Has(Field::Expect) && !ListHas(head[Field::Expect], "100-continue")) {
-        return Problem(Velmora::STATUS_417_EXPECTATION, "Only 100-continue can be expected.");
-    }
-    return std::nullopt;
-}
-
 Connection::Next Connection::HeadComplete() {
     m_HeadSize = m_Parsed;
-    if (auto refusal = CheckHead()) return RefuseAndClose(std::move(*refusal));
+    if (auto refusal = RefuseHead(m_Parser.Head(), *m_Shared.Policy))
+        return RefuseAndClose(std::move(*refusal));
     const RequestHead& head = m_Parser.Head();
     if (head.Has(Field::Expect) && !head.Http10 && m_Buffer.View().size() == m_Parsed) {
-        m_Out.append("HTTP/1.1 100 Continue\r\n\r\n");
+        m_Output.Append("HTTP/1.1 100 Continue\r\n\r\n");
     }
     return Next::Again;
 }
@@ -369,10 +304,10 @@ Connection::Next Connection::RequestComplete() {
     const bool checked = m_HeadSize > 0;
     if (!checked) {
         m_HeadSize = m_Parsed;
-        if (auto refusal = CheckHead()) return Respond(std::move(*refusal));
+        if (auto refusal = RefuseHead(m_Parser.Head(), *m_Shared.Policy)) return Respond(std::move(*refusal));
     }
     const RequestHead& head = m_Parser.Head();
-    const Target target = *split_target(head.Target);
+    const RequestTarget target = *SplitTarget(head.Target);
     m_Request.Method = *head.Method;
     m_Request.Path = target.Path;
     m_Request.Query = target.Query;
@@ -439,19 +374,12 @@ Connection::Next Connection::Respond(HttpResponse response) {
     const int status_class = response.Status / 100;
     m_Shared.AnsweredByClass[status_class < 6 ? status_class : 0].fetch_add(1, std::memory_order_relaxed);
     if (Mirel::DefaultLogSink().Logs(Mirel::LOG_DEBUG)) {
-        Mirel::DefaultLogSink().Debug("%s: \"%s\" answered with %d\n", peer_name(m_Life.Descriptor).c_str(),
+        Mirel::DefaultLogSink().Debug("%s: \"%s\" answered with %d\n", m_Stream.Peer().c_str(),
                                       Mirel::EscapeForLog(head.Target).c_str(),
                                       static_cast<int>(response.Status));
     }
 
-    AppendReplyHead(m_Out, response, form);
-    if (!form.HeadOnly && !StatusHasNoBody(response.Status)) {
-        if (ReplyBody(response).size() <= CopiedBody) {
-            m_Out.append(ReplyBody(response));
-        } else {
-            m_Large = std::move(response);
-        }
-    }
+    m_Output.Append(std::move(response), form);
     return FinishRequest();
 }
 
@@ -470,7 +398,7 @@ Connection::Next Connection::RefuseAndClose(HttpResponse response) {
 
 Connection::Next Connection::Upgrade() {
     if (auto refusal = RefuseUpgrade(m_Parser.Head())) return Respond(std::move(*refusal));
-    m_Out.append(SwitchingProtocols(m_Parser.Head()));
+    m_Output.Append(SwitchingProtocols(m_Parser.Head()));
     m_Shared.Requests.fetch_add(1, std::memory_order_relaxed);
     m_Shared.AnsweredByClass[1].fetch_add(1, std::memory_order_relaxed);
     m_UpgradeAfter = true;
@@ -478,7 +406,7 @@ Connection::Next Connection::Upgrade() {
 }
 
 void Connection::HandOver() {
-    const std::string peer = peer_name(m_Life.Descriptor);
+    const std::string peer = m_Stream.Peer();
     Deregister();
     const int descriptor = m_Descriptor.release();
     HandOverToFeed(descriptor, m_Stream.ReleaseTls(), peer, m_Buffer.View());
@@ -486,31 +414,14 @@ void Connection::HandOver() {
 
 // Writes what is to go out.
 Connection::Next Connection::Flush() {
-    while (Pending()) {
-        const std::string_view body = m_Large ? ReplyBody(*m_Large) : std::string_view();
-        iovec pieces[2];
-        std::size_t count = 0;
-        if (m_Written < m_Out.size()) pieces[count++] = {m_Out.data() + m_Written, m_Out.size() - m_Written};
-        const std::size_t sent = m_Written > m_Out.size() ? m_Written - m_Out.size() : 0;
-        if (sent < body.size()) pieces[count++] = {const_cast<char*>(body.data()) + sent, body.size() - sent};
-        if (count == 0) {
-            m_Out.clear();
-            if (m_Out.capacity() > OutputBatch) m_Out.shrink_to_fit();
-            m_Large.reset();
-            m_Written = m_Renewed = 0;
-            break;
-        }
-        const IoResult result = m_Stream.Write(pieces, count);
-        if (result.Status == IoStatus::Closed || result.Status == IoStatus::Failed) return Next::Gone;
-        m_Written += result.Bytes;
-        if (result.Status == IoStatus::Done) continue;
-        if (m_Life.Now.load() != Phase::Writing || m_Written - m_Renewed >= OutputBatch) {
-            m_Renewed = m_Written;
-            m_Life.Enter(Phase::Writing, m_Shared.Options.RequestTimeout_ms);
-        }
-        return result.Status == IoStatus::WantRead ? Next::Read : Next::Write;
+    const IoStatus status = m_Output.Write(m_Stream);
+    if (status == IoStatus::Done) return AllWritten();
+    if (status == IoStatus::Closed || status == IoStatus::Failed) return Next::Gone;
+    // The peer has to go on taking it.
+    if (m_Output.Progressed() || m_Life.Now.load(std::memory_order_relaxed) != Phase::Writing) {
+        m_Life.Enter(Phase::Writing, m_Shared.Options.RequestTimeout_ms);
     }
-    return AllWritten();
+    return status == IoStatus::WantRead ? Next::Read : Next::Write;
 }
 
 Connection::Next Connection::AllWritten() {

@@ -1,5 +1,7 @@
 #include "ConnectionStream.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
@@ -147,6 +149,21 @@ void ConnectionStream::EndWriting() {
 IoResult ConnectionStream::Discard() {
     char scratch[16384];
     return socket_outcome(recv(m_Descriptor, scratch, sizeof scratch, 0));
+}
+
+std::string ConnectionStream::Peer() const {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    char text[INET6_ADDRSTRLEN] = "";
+    if (getpeername(m_Descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) return "unknown";
+    if (address.ss_family == AF_INET6) {
+        const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
+        inet_ntop(AF_INET6, &v6.sin6_addr, text, sizeof text);
+        return "[" + std::string(text) + "]:" + std::to_string(ntohs(v6.sin6_port));
+    }
+    const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
+    inet_ntop(AF_INET, &v4.sin_addr, text, sizeof text);
+    return std::string(text) + ":" + std::to_string(ntohs(v4.sin_port));
 }
 
 ssl_st* ConnectionStream::ReleaseTls() {

@@ -43,6 +43,8 @@ class ConnectionStream {
     ConnectionStream(const ConnectionStream&) = delete;
     ConnectionStream& operator=(const ConnectionStream&) = delete;
 
+    /// The client's address and port, for the log.
+    std::string Peer() const;
     bool Secure() const { return m_Tls != nullptr; }
     /// The server's part of the TLS handshake; Done at once on a plain stream.
     IoResult Handshake();
