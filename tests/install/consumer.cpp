@@ -1,6 +1,7 @@
 // A program of somebody else: every library's interface is used through what was installed.
 #include <EventManager.h>
 #include <LocalAccessManager.h>
+#include <MR_log.h>
 
 int main() {
     Velmora::PListDict config;
@@ -10,6 +11,6 @@ int main() {
     EventManager::IEventQueue& queue = EventManager::GlobalEventQueue();
     const bool posted = queue.CreateEvent("greeting", &config) == Velmora::STATUS_201_CREATED &&
                         queue.PostEvent("greeting", nullptr);
-    EventManager::StopEventQueue();
-    return ok && posted && !LocalAccessManager::IsSelfAuthorized("") ? 0 : 1;
+    const bool stopped = EventManager::StopEventQueue().Success();
+    return ok && stopped && posted && !LocalAccessManager::IsSelfAuthorized("") ? 0 : 1;
 }
