@@ -1,0 +1,117 @@
+"""What is measured: each function makes one measurement of one contestant and answers its figures by key."""
+
+import re
+import time
+
+from contestants import BUILD, HERE, LOAD, QUEUE, computed_sec, figures, output_of, pinned, resident_bytes
+
+BURST_MESSAGES = {1: 100_000, 10: 60_000, 100: 15_000, 1000: 1_500}
+REST_MESSAGES = {1: 25_000, 10: 20_000, 100: 8_000, 1000: 1_500}
+NODE_REST_MESSAGES = {1: 10_000, 10: 6_000, 100: 1_000, 1000: 100}
+
+
+def queue(*arguments):
+    return lambda run: figures(QUEUE, *arguments)
+
+
+def node_posting(run):
+    return figures(*pinned(0, "node", HERE / "peers/posting.mjs", "time"))
+
+
+def node_history(run):
+    return figures(*pinned(0, "node", "--expose-gc", HERE / "peers/posting.mjs", "memory"))
+
+
+def burst(clients):
+    return queue("fanout", clients, BURST_MESSAGES[clients])
+
+
+def broker_burst(name, protocol, clients):
+    return lambda run: figures(LOAD, "fanout", protocol, run.ports[name], clients, 1, 1024, BURST_MESSAGES[clients])
+
+
+def rest_fan_out(name, clients):
+    messages = (NODE_REST_MESSAGES if name == "node" else REST_MESSAGES)[clients]
+    return lambda run: figures(LOAD, "fanout", "ws", run.ports[name], clients, 8, 64, messages)
+
+
+def bare_fan_out(run):
+    """The bare loop of 64 messages a system call with 100 clients: the fourth column of the feed's own program."""
+    for line in output_of([BUILD / "bench/feed_bench", "4000000"]).splitlines():
+        fields = line.split()
+        if fields[:1] == ["100"]:
+            return {"deliveries_per_s": float(fields[3]) * 1e6}
+    return {}
+
+
+def latency(name, clients, rate):
+    protocol = "redis" if name == "redis" else "ws"
+    return lambda run: figures(LOAD, "latency", protocol, run.ports[name], clients, rate, 1000)
+
+
+def wrk(name):
+    def measure(run):
+        script = run.folder / "post.lua"
+        script.write_text('wrk.method = "POST"\nwrk.body = \'{"sensor":"door-17","state":"open","reading":21.5}\'\n'
+                          'wrk.headers["Content-Type"] = "application/json"\n')
+        text = output_of(pinned(1, "wrk", "-t1", "-c32", "-d1s", "-s", script,
+                                f"http://127.0.0.1:{run.ports[name]}/api/v1/events/bench.event"))
+        if "Non-2xx" in text:
+            return {}
+        return {"requests_per_s": float(re.search(r"Requests/sec:\s*([\d.]+)", text).group(1))}
+    return measure
+
+
+def listener_url(run):
+    return f"http://127.0.0.1:{run.ports['listener']}/hook"
+
+
+def callers(run):
+    return figures(QUEUE, "callers", listener_url(run), 4000, 64)
+
+
+def node_callers(run):
+    return figures(*pinned(0, "node", HERE / "peers/callers.mjs", listener_url(run), 3000, 64))
+
+
+def listener_cost(run):
+    return figures(QUEUE, "listener-cost", listener_url(run))
+
+
+def bare_callers(run):
+    """The callers' own program: ratios to bare libcurl."""
+    found = {}
+    for line in output_of([BUILD / "bench/httpcaller_bench", "2000", "1"]).splitlines():
+        parts = re.match(r"(https?)\s+(\d+)\s+(\d+)\s+(.*?)\s+[\d.]+ \(wanted", line)
+        if parts:
+            key = parts[1] + (" new" if "new" in parts[4] else " shared")
+            found[key + " ours"], found[key + " bare"] = float(parts[2]), float(parts[3])
+    return found
+
+
+def waiting_callers(run):
+    return figures(QUEUE, "waiting-callers", f"http://127.0.0.1:{run.ports['silent']}/hook", 10_000)
+
+
+def waiting_threads(run):
+    return figures(QUEUE, "waiting-threads", run.ports["silent"], 10_000)
+
+
+def watch(run):
+    return figures(LOAD, "watch", run.ports["ours"], run.folder / "watched", 150)
+
+
+def bare_watch(run):
+    return figures(LOAD, "bare-watch", run.folder / "bare-watched", 150)
+
+
+def idle(name):
+    """A server of its own that nobody talks to, for ten seconds."""
+    def measure(run):
+        process = run.ours("idle") if name == "ours" else run.node()
+        time.sleep(1)
+        before = computed_sec(process)
+        time.sleep(9)
+        return {"resident_mb": resident_bytes(process) / 2**20,
+                "cpu_ms_per_minute": (computed_sec(process) - before) * 1000 * 60 / 9}
+    return measure
