@@ -23,7 +23,7 @@ LD_LIBRARY_PATH="$libraries" "$scratch/through_pkgconfig"
 # Every installed header stands on its own.
 for header in "$prefix"/include/EventManager/*.h; do
     [[ "$header" != */VL_Python.h ]] || continue # needs Python's own headers
-    "$compiler" -fsyntax-only -x c++ "${flags[@]}" "$header"
+    "$compiler" -fsyntax-only "${flags[@]}" -include "$header" -x c++ /dev/null
 done
 
 "$prefix/bin/velmora-server" --version >/dev/null
