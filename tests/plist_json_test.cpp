@@ -74,6 +74,7 @@ TEST(PListJSON, RefusesWithReasonAndPosition) {
              {"[1e999]"s, "too big to be stored in double at byte 1."},
              {"[\"a\xFF\"]"s, "at byte 3."},
              {"[\"\xED\xA0\x80\"]"s, "at byte 2."},
+             {"\"long enough to stand on the heap\xF0"s, "at byte 33."},
              {R"(["\ud800x"])"s, "at byte 2."},
              {R"([1,"\udc00"])"s, "surrogate pair in string is invalid at byte 3."},
              {R"({"\udc00":1})"s, "surrogate pair in string is invalid at byte 1."},
