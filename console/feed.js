@@ -8,8 +8,11 @@ import { token, tokenProtocol } from "./session.js";
 const FIRST_PAUSE_MS = 500;
 const LONGEST_PAUSE_MS = 10000;
 const SETTLED_MS = 5000; // a connection that lasts this long starts the pauses anew
+const GATHER_MS = 40; // postings that come within it are handled together
 const FILL = 2000; // postings taken from the history at most
 const HISTORY_MS = 30000; // how far the server's history reaches back
+
+const readAll = (texts) => texts.map(readPosting).filter(Boolean);
 
 /// Events: "postings" ({detail: [posting…]}, in order), "gap" ({detail: text}), "change" (see `state`).
 export class Feed extends EventTarget {
@@ -47,23 +50,29 @@ export class Feed extends EventTarget {
   }
 
   listen(socket) {
-    let early = []; // what comes before the history has been read
-    const take = (postings) => this.take(postings);
+    let texts = []; // what came and was not taken yet
+    let filled = false; // the history, which goes before it, has been read
+    let due = null;
+    const drain = () => {
+      due = null;
+      if (!filled) return;
+      this.take(readAll(texts));
+      texts = [];
+    };
     socket.onopen = async () => {
       this.settle = setTimeout(() => (this.pause = FIRST_PAUSE_MS), SETTLED_MS);
-      await this.fill(() => early);
-      take(early);
-      early = null;
-      this.become("open");
+      await this.fill(() => readAll(texts));
+      filled = true;
+      drain();
+      if (socket.readyState === WebSocket.OPEN) this.become("open");
     };
     socket.onmessage = ({ data }) => {
-      const posting = readPosting(data);
-      if (!posting) return;
-      if (early) early.push(posting);
-      else take([posting]);
+      texts.push(data);
+      due ??= setTimeout(drain, GATHER_MS);
     };
     socket.onclose = () => {
       clearTimeout(this.settle);
+      drain();
       if (this.state === "open") this.lostAt = Date.now();
       this.wait();
     };

@@ -36,7 +36,7 @@ async function live(seconds) {
 }
 
 async function picture(page, area, name) {
-  await page.locator(".rail a", { hasText: area }).click();
+  await page.locator(`.rail a[href="#/${area}"]`).click();
   await page.waitForFunction(() => document.querySelector("#failing:not([hidden])"));
   await page.screenshot({ path: join(directory, `${name}.png`) });
 }
@@ -50,9 +50,9 @@ const narrow = await openConsole(browser, server, { viewport: { width: 390, heig
 await live(25);
 await light.locator("#post-name").fill("door.opened");
 await light.locator("#post-form textarea").fill('{\n  "door": "B3",\n  "card": 4711\n}');
-await picture(light, "Live", "live-light");
-await picture(dark, "Events", "events-dark");
-await picture(narrow, "Live", "live-narrow");
+await picture(light, "live", "live-light");
+await picture(dark, "events", "events-dark");
+await picture(narrow, "live", "live-narrow");
 await browser.close();
 await server.close();
 hooks.close();

@@ -27,7 +27,9 @@ export class Server {
 
   async start() {
     this.process = spawn(process.env.VELMORA_SERVER, ["--config", this.file, "--listen", this.listen, "--log-level", "error"],
-      { stdio: ["ignore", "pipe", "inherit"] });
+      { stdio: ["ignore", "pipe", "pipe"] });
+    this.log = "";
+    this.process.stderr.setEncoding("utf8").on("data", (text) => (this.log += text));
     for await (const line of createInterface({ input: this.process.stdout })) {
       const url = /^Listening on (http\S+)/.exec(line)?.[1];
       if (!url) continue;
@@ -36,7 +38,7 @@ export class Server {
       this.process.stdout.resume();
       return this;
     }
-    throw new Error("The server ended before it listened.");
+    throw new Error(`The server ended before it listened: ${this.log}`);
   }
 
   async stop(signal = "SIGTERM") {
