@@ -15,7 +15,8 @@ namespace {
 
 constexpr std::size_t StateFileLimit = std::size_t{1} << 30;
 
-Mirel::Result_t unusable(const std::string& path, const std::string& reason) {
+Mirel::Result_t unusable(const std::string& path, std::string reason) {
+    if (!reason.empty() && reason.back() == '.') reason.pop_back();
     return Mirel::RESULT_READFAIL.WithMessage("Cannot use the state file \"" + path + "\": " + reason +
                                               ". It was left as it is; move it away to start without it.");
 }
