@@ -70,8 +70,8 @@ class HttpServer::Impl {
     HttpServerCounters Counters() const;
 
   private:
-    // One thread at a time serves connections as long as requests do not block: measured, two that wake each
-    // other answer fewer requests than one that is left alone.
+    // One thread at a time serves connections as long as requests do not block: the posting behind most of
+    // them runs under one lock anyway, and a thread that is left alone wakes no other with every request.
     static constexpr unsigned WorkingThreads = 1;
 
     void AwaitConnections();
