@@ -53,7 +53,7 @@ endfunction()
 # to it, is not linked with the module as well.
 function(velmora_link_what_it_includes target source)
   file(STRINGS ${source} includes REGEX "^#include \"")
-  if(includes MATCHES "QueueProbe")
+  if(includes MATCHES "QueueProbe|EventManager\\.cpp")
     target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/src)
   elseif(includes MATCHES "EventManager\\.h")
     target_link_libraries(${target} PRIVATE EventManager)
