@@ -1,5 +1,7 @@
 #include "Config.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <utility>
@@ -183,6 +185,19 @@ Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults) {
     std::error_code ignored;  // an empty current directory leaves the path relative, which serves as well
     Loader(config, std::filesystem::absolute(path, ignored).parent_path(), faults).Load(*dict);
     return config;
+}
+
+void CheckExposure(const Config& config, std::vector<ConfigFault>& faults) {
+    const std::string& host = config.Http.Host;
+    in_addr v4{};
+    in6_addr v6{};
+    const bool beyond =
+        (inet_pton(AF_INET, host.c_str(), &v4) == 1 && ntohl(v4.s_addr) >> 24 != IN_LOOPBACKNET) ||
+        (inet_pton(AF_INET6, host.c_str(), &v6) == 1 && !IN6_IS_ADDR_LOOPBACK(&v6));
+    if (beyond && config.Http.AccessToken.empty()) {
+        faults.push_back(
+            {"/BindAddress/Host", "needs an \"AccessToken\" or \"AccessTokenFile\" beyond loopback"});
+    }
 }
 
 PListDict Config::ForEventQueue(ui16_t port, const PListDict& document) const {

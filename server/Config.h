@@ -35,6 +35,10 @@ struct Config {
 /// directory.
 Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults);
 
+/// The fault of a numeric address beyond loopback without an access token, where nothing would be served.
+/// What a host name stands for is found out when the server binds.
+void CheckExposure(const Config& config, std::vector<ConfigFault>& faults);
+
 /// Faults of a queue state document: every entry that applying it would skip, and every member that it would
 /// not look at. `base` is put before the pointers.
 void CheckQueueDocument(const Velmora::PListDict& document, const std::string& base,

@@ -49,6 +49,7 @@ int refuse(const std::vector<ConfigFault>& faults) {
 
 // Everything that can be found out without serving; one line for each fault.
 int check(const Config& config, std::vector<ConfigFault> faults) {
+    Server::CheckExposure(config, faults);
     if (faults.empty()) {
         Server::TlsIdentity identity;
         const Result_t loaded =

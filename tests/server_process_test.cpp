@@ -238,6 +238,9 @@ TEST_F(ServerProcessTest, WhatKeepsItFromStartingIsOneLineAndStatusOne) {
         EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
     }
     EXPECT_EQ(Start(R"({"BindAddress": {"ListenPort": 0}})", {"--check"})->End(0), 0);
+    const std::string open = R"({"BindAddress": {"Host": "::"}})";
+    EXPECT_EQ(Start(open, {"--check"})->End(0), 1);
+    EXPECT_EQ(Start(open, {"--check", "--listen", "[::1]:0"})->End(0), 0);
     EXPECT_EQ(Start(R"({"Timeout_ms": 0, "BindAddress": {"Hos": ""}})", {"--check"})->End(0), 1);
 }
 

@@ -3,6 +3,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -11,7 +14,8 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
-#include <cstdlib>
+#include <cstdio>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -98,11 +102,20 @@ class FeedClient {
 
 /// Writes a new self-signed certificate for localhost and its key into one PEM file.
 inline void WriteTLSIdentity(const std::string& path) {
-    const std::string command =
-        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 "
-        "-subj /CN=localhost -keyout '" +
-        path + ".key' -out '" + path + "' 2>/dev/null && cat '" + path + ".key' >> '" + path + "'";
-    ASSERT_EQ(std::system(command.c_str()), 0) << "openssl could not make a certificate";
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), EVP_PKEY_free);
+    const std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), X509_free);
+    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 3600);
+    X509_set_pubkey(certificate.get(), key.get());
+    const unsigned char name[] = "localhost";
+    X509_NAME* subject = X509_get_subject_name(certificate.get());
+    X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC, name, -1, -1, 0);
+    X509_set_issuer_name(certificate.get(), subject);
+    ASSERT_GT(X509_sign(certificate.get(), key.get(), EVP_sha256()), 0);
+
+    const std::unique_ptr<FILE, decltype(&fclose)> file(fopen(path.c_str(), "w"), fclose);
+    ASSERT_EQ(PEM_write_X509(file.get(), certificate.get()), 1);
+    ASSERT_EQ(PEM_write_PrivateKey(file.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr), 1);
 }
 
 }  // namespace Testing
