@@ -212,12 +212,12 @@ TEST_F(HttpServerTest, AnswersPipelinedRequestsInOrder) {
         Start();
         RawClient client(Port(), tls);
         std::string requests;
-        for (int i = 0; i < 1000; ++i) {
+        for (int i = 0; i < 300; ++i) {
             requests +=
                 Post("/" + std::to_string(i), std::to_string(i) + std::string(i % 100 == 0 ? 20000 : 1, 'x'));
         }
         std::thread sender([&] { client.Send(requests + Get("/large") + Get("/last")); });
-        for (int i = 0; i < 1000; ++i) {
+        for (int i = 0; i < 300; ++i) {
             const std::string number = std::to_string(i);
             EXPECT_THAT(client.ReadAnswer().Body,
                         ::testing::StartsWith("POST /" + number + "? " + number + "x"));
@@ -225,7 +225,7 @@ TEST_F(HttpServerTest, AnswersPipelinedRequestsInOrder) {
         EXPECT_EQ(client.ReadAnswer().Body.size(), EchoHandler::Large);
         EXPECT_EQ(client.ReadAnswer().Body, "GET /last? ");
         sender.join();
-        EXPECT_EQ(m_Server->Counters().AnsweredByClass[2], 1002u);
+        EXPECT_EQ(m_Server->Counters().AnsweredByClass[2], 302u);
         m_Server->Stop(1000);
     }
 }
@@ -421,8 +421,8 @@ TEST_F(HttpServerTest, RefusesConnectionsBeyondTheCap) {
 }
 
 TEST_F(HttpServerTest, WaitsForDescriptorsWhenThereAreNone) {
-    Start();
     Testing::CapturedLog log;
+    Start();
     RawClient clients[2];  // have their descriptors already
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
