@@ -61,7 +61,7 @@ export class Status {
   showUptime() {
     const { startedAt, reachable } = this.store.server;
     const known = reachable && startedAt !== undefined;
-    setText(byId("uptime"), known ? duration(serverNow() - startedAt) : "–");
+    setText(byId("uptime"), known ? coarse(serverNow() - startedAt) : "–");
     byId("uptime").title = known ? `Since ${exactUTC(startedAt)}` : "";
   }
 
@@ -106,5 +106,8 @@ export class Status {
     }
   }
 }
+
+/// Whole minutes from the first one on.
+const coarse = (ms) => duration(ms < 60000 ? ms : ms - (ms % 60000));
 
 const use = (used, limit) => `${digits(used)} / ${limit < 0 ? "no limit" : Number.isNaN(limit) ? "–" : digits(limit)}`;

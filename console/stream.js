@@ -14,7 +14,8 @@ const KEPT = 5000; // postings that can be read back while paused or through a f
 const ROWS = 150; // in the page at once
 const PAGE = 100; // further ones on demand
 const MOMENT_MS = 500; // between two changes of the list while it is busy
-const PER_MOMENT = 5; // shown of one moment
+const CROWD = 24; // in one moment: more than anyone reads
+const PER_MOMENT = 8; // shown of a moment that is crowded
 
 export class Stream {
   ring = new Ring(KEPT);
@@ -108,7 +109,7 @@ export class Stream {
 
   /// The first postings of a page that was just opened are a batch, not a crowd.
   crowded() {
-    return this.list.children.length > 0 && this.fresh.length + this.freshLeftOut > 2 * PER_MOMENT;
+    return this.list.children.length > 0 && this.fresh.length + this.freshLeftOut > CROWD;
   }
 
   rebuild() {
@@ -206,6 +207,6 @@ export class Stream {
       return `${why} ${count(this.missedWhilePaused, "new posting")} since. The last ${digits(KEPT)} can be read back.`;
     }
     if (!this.leftOut) return "";
-    return `More comes in than can be read: ${digits(this.leftOut)} left out so far. Pause to read the last ${digits(KEPT)}.`;
+    return `${count(this.leftOut, "posting")} left out so far, which came faster than anyone reads. Pause to read back the last ${digits(KEPT)}.`;
   }
 }
