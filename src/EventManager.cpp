@@ -488,6 +488,14 @@ void EventQueue::DestroyTrimmedHistory() {
 
 // ---------------------------------------------------------------- EventQueue: posting
 
+/// The text of now. All postings of a second share one text.
+const PListData& EventQueue::CurrentTime() {
+    char text[TextBufferSize];
+    Timestamp().EncodeString(text, TextBufferSize);
+    if (m_PostingTime.TextView() != text) m_PostingTime = PListData(text);
+    return m_PostingTime;
+}
+
 bool EventQueue::PostEvent(const std::string& event_name, const PListDict* value) {
     AutoMutex lock(m_EventLock);
     DefaultLogSink().Debug("Posting event \"%s\".\n", event_name.c_str());
@@ -495,10 +503,9 @@ bool EventQueue::PostEvent(const std::string& event_name, const PListDict* value
     if (found == m_Events.end()) return false;
     const EventDistributor& event = found->second;
 
-    char timestamp[TextBufferSize];
     PListDict payload;
     payload.SetValue(Strings::event_name, event_name);
-    payload.SetValue(Strings::timestamp, Timestamp().EncodeString(timestamp, TextBufferSize));
+    payload.SetItem(Strings::timestamp, CurrentTime());
     if (value) payload.SetItem(Strings::post_data, *value);
     payload.SetItem(Strings::event_data, event.data);
 

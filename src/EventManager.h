@@ -35,6 +35,7 @@ using Mirel::UUID;
 using Velmora::BackgroundHTTPRequestHandle;
 using Velmora::ci_comp;
 using Velmora::PListArray;
+using Velmora::PListData;
 using Velmora::PListDict;
 using Velmora::Status_t;
 using Velmora::TCPSession;
@@ -350,6 +351,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     void IndexHistory() REQUIRES(m_HistoryLock);
     void DestroyTrimmedHistory();
 
+    const PListData& CurrentTime() REQUIRES(m_EventLock);
     void CallListener(const Listener& listener, const PListDict& payload) REQUIRES(m_EventLock);
     void StartCaller(const Velmora::BasicRestEntryCall& call, const std::string& body) REQUIRES(m_EventLock);
 
@@ -388,6 +390,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     std::string m_StateFile GUARDED_BY(m_SaveLock);  // empty: nothing is saved
 
     mutable Mutex m_SaveLock ACQUIRED_BEFORE(m_TimerLock, m_WatchLock, m_EventLock);  // keeps saves apart
+    PListData m_PostingTime GUARDED_BY(m_EventLock);  // text of the last posting's second
     std::deque<HistoryRun> m_HistoryRuns
         GUARDED_BY(m_HistoryLock);                               // index of m_EventHistory, see TrimHistory
     std::size_t m_HistoryIndexed GUARDED_BY(m_HistoryLock) = 0;  // records that the index covers
