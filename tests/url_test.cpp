@@ -36,12 +36,18 @@ TEST(URL, ComposesWhatItRead) {
         EXPECT_TRUE(url.Parse(text)) << text;
         EXPECT_EQ(url.ComposeAbsolute(), text);
     }
-    for (const char* text :
-         {"http://h:80/", "http://h:/", "http://h:00080/", "http://@h/"}) {  // other ways to say it
+    // Other ways to say it; the port stays as it was given.
+    const std::pair<const char*, int> others[] = {{"http://h:80/", 80},
+                                                  {"http://h:/", 0},
+                                                  {"http://h:00080/", 80},
+                                                  {"http://@h/", 0},
+                                                  {"http://h:0/", 0}};
+    for (const auto& [text, port] : others) {
         URL url;
         EXPECT_TRUE(url.Parse(text)) << text;
         EXPECT_EQ(url.ComposeAbsolute(), "http://h/");
-        EXPECT_EQ(url.Port, 0);
+        EXPECT_EQ(url.ComposeSchemeAndHost(true), "http://h");
+        EXPECT_EQ(url.Port, port);
     }
 }
 
@@ -70,7 +76,6 @@ TEST(URL, RefusesAndIsLeftEmpty) {
                                     "http://h:70000/"s,
                                     "http://h:8x/"s,
                                     "http://h:-1/"s,
-                                    "http://h:0/"s,
                                     "http://h:1:2/"s,
                                     "http://a@b@c/"s,
                                     "http://h/%"s,

@@ -64,13 +64,12 @@ ui16_t scheme_port(std::string_view scheme) {
     return 0;
 }
 
-/// Reads what follows "host:". Nothing at all stands for the scheme's own port, as 0; "0" itself is refused:
-/// no server listens there.
+/// Reads what follows "host:". Nothing at all stands for the scheme's own port, as 0.
 bool read_port(std::string_view text, ui16_t& port) {
     port = 0;
     if (text.empty()) return true;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-    return error == std::errc() && end == text.data() + text.size() && port != 0;
+    return error == std::errc() && end == text.data() + text.size();
 }
 
 /// Splits "user:password@" off the front of `authority`.
@@ -108,9 +107,7 @@ bool read_authority(std::string_view authority, URL& url) {
     const bool ipv6 = !authority.empty() && authority.front() == '[';
     if (!(ipv6 ? read_ipv6(authority, url) : read_name(authority, url))) return false;
     if (authority.empty()) return true;
-    if (authority.front() != ':' || !read_port(authority.substr(1), url.Port)) return false;
-    if (url.Port == scheme_port(url.Scheme)) url.Port = 0;
-    return true;
+    return authority.front() == ':' && read_port(authority.substr(1), url.Port);
 }
 
 /// Reads "/path?query", each part possibly absent.
