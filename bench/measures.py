@@ -1,6 +1,7 @@
 """What is measured: each function makes one measurement of one contestant and answers its figures by key."""
 
 import re
+import resource
 import time
 
 from contestants import BUILD, HERE, LOAD, QUEUE, computed_sec, figures, output_of, pinned, resident_bytes
@@ -89,12 +90,17 @@ def bare_callers(run):
     return found
 
 
+def waiting_count():
+    """10,000, or what the limit of descriptors leaves room for: libcurl holds up to three of them a request."""
+    return min(10_000, (resource.getrlimit(resource.RLIMIT_NOFILE)[1] - 500) // 3)
+
+
 def waiting_callers(run):
-    return figures(QUEUE, "waiting-callers", f"http://127.0.0.1:{run.ports['silent']}/hook", 10_000)
+    return figures(QUEUE, "waiting-callers", f"http://127.0.0.1:{run.ports['silent']}/hook", waiting_count())
 
 
 def waiting_threads(run):
-    return figures(QUEUE, "waiting-threads", run.ports["silent"], 10_000)
+    return figures(QUEUE, "waiting-threads", run.ports["silent"], waiting_count())
 
 
 def watch(run):

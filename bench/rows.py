@@ -31,6 +31,10 @@ def below(number):
     return ("value", "<=", number)
 
 
+def plural(clients):
+    return f"{clients:,} client{'s' if clients > 1 else ''}"
+
+
 # Names of measurements: what is run, in this order, in every round; contestants of a row stand together.
 MEASUREMENTS: dict[str, Callable] = {
     "posting": m.queue("posting", 1, 0),
@@ -99,19 +103,19 @@ ROWS = [
     Row("posting, nobody there", ("posting", "posting_ns"), ("node posting", "references_ns"), "Node.js, references",
         None, at_most(1), "ns"),
     Row("posting, 1 feed client", ("posting 1", "posting_ns"), None, "900 ns", below(900), None, "ns"),
-    *(Row(f"posting, {n} feed clients", ("posting " + str(n), "posting_ns"), ("posting 1", "posting_ns"),
+    *(Row(f"posting, {n:,} feed clients", ("posting " + str(n), "posting_ns"), ("posting 1", "posting_ns"),
           "with 1 client", at_most(1.2), None, "ns") for n in (100, 1000)),
-    *(Row(f"feed burst, {n} clients, deliveries", (f"burst {n}", "deliveries_per_s"),
+    *(Row(f"feed burst, {plural(n)}, deliveries", (f"burst {n}", "deliveries_per_s"),
           [(f"redis burst {n}", "deliveries_per_s"), (f"nats burst {n}", "deliveries_per_s")],
           "better of Redis and NATS", at_least(BURST_MUST[n]), None, "M/s", 1e-6) for n in (1, 10, 100, 1000)),
     Row("feed burst, 100 clients, deliveries", ("burst 100", "deliveries_per_s"), ("bare burst", "deliveries_per_s"),
         "bare loop, 64 a call", None, at_least(1), "M/s", 1e-6),
-    *(Row(f"feed over REST, {n} clients, deliveries", (f"rest {n}", "deliveries_per_s"),
+    *(Row(f"feed over REST, {plural(n)}, deliveries", (f"rest {n}", "deliveries_per_s"),
           (f"node rest {n}", "deliveries_per_s"), "Node.js with ws", at_least(REST_MUST[n]), None, "k/s", 1e-3)
       for n in (1, 10, 100, 1000)),
-    *(Row(f"POST to delivery, 500/s, {n} clients, p50", (f"ours latency {n} 500", "p50_us"),
+    *(Row(f"POST to delivery, 500/s, {plural(n)}, p50", (f"ours latency {n} 500", "p50_us"),
           (f"redis latency {n} 500", "p50_us"), "Redis", at_most(1), None, "us") for n in (1, 100)),
-    *(Row(f"POST to delivery, 500/s, {n} clients, p99", (f"ours latency {n} 500", "p99_us"),
+    *(Row(f"POST to delivery, 500/s, {plural(n)}, p99", (f"ours latency {n} 500", "p99_us"),
           (f"node latency {n} 500", "p99_us"), "Node.js with ws", at_most(0.5), None, "us") for n in (1, 100)),
     Row("POST to delivery, 5,000/s, 100 clients, p50", ("ours latency 100 5000", "p50_us"),
         ("redis latency 100 5000", "p50_us"), "Redis", None, at_most(1.2), "us"),

@@ -11,7 +11,7 @@ import time
 from contestants import BUILD, Contestants, ProgramFailed
 from rows import GROWTH, MEASUREMENTS, ONCE, ROWS
 
-BUDGET_SEC = 570  # after this no further round begins a measurement
+BUDGET_SEC = 570  # after this no measurement begins any more
 
 
 def start_all(run):

@@ -58,7 +58,7 @@ PListDict Dict(const std::string& json) {
 
 PListDict TypicalData() {
     return Dict(R"({"sensor":"door-17","state":"open","reading":21.5,"battery_percent":87,)"
-                R"("note":"opened from outside by badge","badge":4711})");
+                R"("note":"opened by outside badge","badge":4711})");
 }
 
 PListDict DataForPostingOf(std::size_t bytes) {
