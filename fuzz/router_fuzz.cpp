@@ -54,9 +54,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     request.Body = input.substr(std::min(line.size() + 2, input.size()));
     request.HasBody = !request.Body.empty();
 
+    Server::Router& router = TheRouter();
     Reset();
-    (void)TheRouter().MayBlock(request);
-    const Server::HttpResponse response = TheRouter().Handle(request);
+    (void)router.MayBlock(request);
+    const Server::HttpResponse response = router.Handle(request);
     if (response.Status < 200 || response.Status == STATUS_500_SERVER_ERROR) std::abort();
     if (response.Status >= 400 && response.ContentType == "application/problem+json") CheckProblem(response);
     return 0;
