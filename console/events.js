@@ -1,8 +1,8 @@
 // Events and their listeners: create, look into, delete.
 
 import { path, post, remove } from "./api.js";
+import { dataDetails } from "./datadetails.js";
 import { byId, count, h, setText, show, syncList } from "./dom.js";
-import { pretty } from "./json.js";
 import { JsonEditor } from "./jsoneditor.js";
 import { ListenerList } from "./listeners.js";
 import { attempt, confirmed, say } from "./notices.js";
@@ -134,9 +134,3 @@ export class Events {
 
 const matches = (event, wanted) => !wanted || event.event_name.toLowerCase().includes(wanted) ||
   event.listener_list.some((listener) => listener.callback.toLowerCase().includes(wanted));
-
-/// A dictionary to look into; nothing where there is none.
-export function dataDetails(label, data) {
-  if (!data || Object.keys(data).length === 0) return null;
-  return h("details", { class: "data" }, h("summary", {}, label), h("pre", { class: "code" }, pretty(data)));
-}

@@ -1,8 +1,8 @@
 // The listeners of one event: what is called, how the last call ended.
 
 import { path, post, remove } from "./api.js";
+import { dataDetails } from "./datadetails.js";
 import { h, setText, show, syncList } from "./dom.js";
-import { dataDetails } from "./events.js";
 import { JsonEditor } from "./jsoneditor.js";
 import { attempt, confirmed, say } from "./notices.js";
 import { addressKey, failed, isPython, newestByAddress, outcomeLine } from "./outcome.js";

@@ -1,8 +1,8 @@
 // Timers: when each fires next, create, delete.
 
 import { path, post, remove } from "./api.js";
+import { dataDetails } from "./datadetails.js";
 import { byId, count, h, setText, show, syncList } from "./dom.js";
-import { dataDetails } from "./events.js";
 import { JsonEditor } from "./jsoneditor.js";
 import { attempt, confirmed, say } from "./notices.js";
 import { duration, exactUTC, parseTime, serverNow, setTime, timeElement, timestampText, zone } from "./time.js";

@@ -1,8 +1,8 @@
 // Watches: which files and folders post which event.
 
 import { PREFIX, path, post, remove } from "./api.js";
+import { dataDetails } from "./datadetails.js";
 import { byId, count, h, show, syncList } from "./dom.js";
-import { dataDetails } from "./events.js";
 import { JsonEditor } from "./jsoneditor.js";
 import { attempt, confirmed, say } from "./notices.js";
 import { setTime, timeElement } from "./time.js";
