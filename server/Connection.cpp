@@ -265,7 +265,7 @@ Connection::Next Connection::UseBuffer() {
     if (m_HeadSize == 0) {
         // Empty lines in front of a request are passed over (RFC 9112, 2.2).
         while (m_Buffer.View().substr(0, 2) == "\r\n") m_Buffer.Consume(2);
-        if (m_Buffer.Empty()) return Next::Read;
+        if (m_Buffer.Empty() || m_Buffer.View() == "\r") return Next::Read;
         Begin();
     }
     std::size_t consumed = 0;

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,6 +34,8 @@ class RawClient {
     RawClient() : m_Socket(socket(AF_INET, SOCK_STREAM, 0)) {
         const timeval limit{20, 0};
         setsockopt(m_Socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        const int at_once = 1;  // pieces are sent as pieces
+        setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
     }
     ~RawClient() {
         m_Tls.reset();
