@@ -140,6 +140,15 @@ int end(Server::HttpServer& server, const Config& config) {
     return stopped.Success() ? 0 : 1;
 }
 
+// A queue begins with the limits under which its state was saved: what went beyond the ordinary ones is not
+// lost.
+void keep_limits(const Velmora::PListDict& saved, Velmora::PListDict& dict) {
+    namespace Keys = EventManager::Strings;
+    int limit = 0;
+    if (saved.GetData(Keys::max_listeners).GetValue(limit)) dict.SetValue(Keys::MaxListeners, limit);
+    if (saved.GetData(Keys::max_watches).GetValue(limit)) dict.SetValue(Keys::MaxWatches, limit);
+}
+
 // Bind, restore the queue, serve: a restored timer that calls the server itself finds it.
 int run(const Config& config) {
     Server::Router router(config);
@@ -152,8 +161,9 @@ int run(const Config& config) {
     const Result_t read = Server::ReadStateFile(config.StateFile, document);
     if (read.Failure()) return fail(read.Message());
     InitPython(config.PythonPath);
-    const Velmora::PListDict& restored = document ? *document : config.EventManager;
-    const Result_t started = EventManager::InitEventQueue(config.ForEventQueue(server.Port(), restored));
+    Velmora::PListDict dict = config.ForEventQueue(server.Port(), document ? *document : config.EventManager);
+    if (document) keep_limits(*document, dict);
+    const Result_t started = EventManager::InitEventQueue(dict);
     if (started.Failure()) return fail(std::string("Cannot start the event queue: ") + started.Message());
 
     const Result_t serving = server.Serve();

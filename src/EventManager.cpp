@@ -51,6 +51,12 @@ PListDict copy_or_empty(const PListDict* dict) {
     return dict ? *dict : PListDict();
 }
 
+int integer_or(const PListDict& dict, const std::string& key, int default_value) {
+    int value = default_value;
+    dict.GetData(key).GetValue(value, default_value);
+    return value;
+}
+
 const PListDict* as_dict(const PListItem* item) {
     return dynamic_cast<const PListDict*>(item);
 }
@@ -162,8 +168,7 @@ EventQueue::~EventQueue() {
 
 Result_t EventQueue::InitEventQueue(const PListDict& events_config, const PListDict& end_point_cfg) {
     const bool uses_tls = !end_point_cfg.GetData("TLSIdentity").Text().empty();
-    int listen_port = 0;
-    end_point_cfg.GetData("ListenPort").GetValue(listen_port, 0);
+    int listen_port = integer_or(end_point_cfg, "ListenPort", 0);
     if (listen_port == 0) listen_port = uses_tls ? 443 : 80;
 
     m_ServiceEndPoint.m_Empty = false;
@@ -1106,8 +1111,7 @@ static std::atomic<EventQueue*> s_eventqueue{nullptr};  // written once, under s
 static NilEventQueue s_nil_eventqueue;
 
 Result_t InitEventQueue(const PListDict& dict) {
-    int write_timeout = DefaultTimeout_ms;
-    dict.GetData(Strings::Timeout_ms).GetValue(write_timeout, DefaultTimeout_ms);
+    const int write_timeout = integer_or(dict, Strings::Timeout_ms, DefaultTimeout_ms);
     if (s_eventqueue.load(std::memory_order_acquire)) return RESULT_OK;
 
     AutoMutex lock(s_lock);
@@ -1115,6 +1119,8 @@ Result_t InitEventQueue(const PListDict& dict) {
     auto* queue = new EventQueue(static_cast<ui32_t>(write_timeout));
     s_eventqueue.store(queue, std::memory_order_release);
 
+    queue->SetMaxListeners(integer_or(dict, Strings::MaxListeners, DefaultMaxListeners));
+    queue->SetMaxWatches(integer_or(dict, Strings::MaxWatches, DefaultMaxWatches));
     const PListDict& end_point_cfg = dict.GetDict(Velmora::Strings::Config::BindAddress);
     const Result_t configured = queue->InitEventQueue(dict.GetDict(Strings::EventManager), end_point_cfg);
     if (configured.Failure()) return configured;

@@ -77,6 +77,8 @@ inline const std::string watch_list = "watch_list";
 inline const std::string EventManager = "EventManager";
 inline const std::string Timeout_ms = "Timeout_ms";
 inline const std::string StateFile = "StateFile";
+inline const std::string MaxListeners = "MaxListeners";
+inline const std::string MaxWatches = "MaxWatches";
 }  // namespace Strings
 
 /// One registration of a callback on one event.
@@ -439,7 +441,8 @@ class MR_EXPORT NilEventQueue : public IEventQueue {
 
 /// Creates, configures and starts the live queue, once; later calls do nothing. `dict` is the server's
 /// configuration: "Timeout_ms", "BindAddress" ("ListenPort", "TLSIdentity"), "EventManager" (a queue state
-/// document, applied before anything is saved) and "StateFile".
+/// document, applied before anything is saved), "StateFile", and the limits to begin with, "MaxListeners" and
+/// "MaxWatches" (1024 each where they are absent).
 MR_EXPORT Result_t InitEventQueue(const PListDict& dict);
 
 /// The live queue, or before InitEventQueue the NilEventQueue. Takes no lock.

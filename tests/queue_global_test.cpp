@@ -89,10 +89,11 @@ TEST(GlobalQueue, RestoresBeforeItSavesAndSavesWhatHasEndedAway) {
     const std::string watched = folder / "watched";
     std::filesystem::create_directory(watched);
     in_process([&] {
-        PListDict config = dict(R"({"EventManager":{"event_list":[{"event_name":"a"},{"event_name":"b"}],
+        PListDict config =
+            dict(R"({"MaxWatches":7,"EventManager":{"event_list":[{"event_name":"a"},{"event_name":"b"}],
             "timer_list":[{"event_name":"a","interval_sec":"-1"}],
             "watch_list":[{"path":")" +
-                                watched + R"(","event_name":"a"}]}})");
+                 watched + R"(","event_name":"a"}]}})");
         config.SetValue("StateFile", path);
         EXPECT_TRUE(InitEventQueue(config).Success());
         EXPECT_EQ(GetQueueStatistics().Saves, 1u);
@@ -101,7 +102,7 @@ TEST(GlobalQueue, RestoresBeforeItSavesAndSavesWhatHasEndedAway) {
         GlobalEventQueue().DeleteWatch(watched);
         EXPECT_NE(Testing::ReadFile(path).find(watched), std::string::npos);
         EXPECT_TRUE(SaveEventQueue().Success());
-        EXPECT_EQ(Testing::ReadFile(path), R"({"max_listeners":1024,"max_watches":1024,"event_list":[)"
+        EXPECT_EQ(Testing::ReadFile(path), R"({"max_listeners":1024,"max_watches":7,"event_list":[)"
                                            R"({"event_name":"a","listener_list":[]},)"
                                            R"({"event_name":"b","listener_list":[]}],)"
                                            R"("timer_list":[],"watch_list":[]})");
