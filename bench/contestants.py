@@ -138,7 +138,7 @@ class Contestants:
         self.start_on_port("nats", port, ["nats-server", "-a", "127.0.0.1", "-p", port])
 
     def nginx(self, name="nginx", core=0):
-        """Answers 200 and two bytes, on one core; "listener" on the load's core is what HTTP callers call."""
+        """Answers 200 and two bytes (500 below /fail), on one core; "listener" on the load's core is what HTTP callers call."""
         port = free_port()
         config = self.folder / f"{name}.conf"
         config.write_text(f"""
@@ -148,7 +148,8 @@ http {{
     access_log off; client_body_temp_path {self.folder}/{name}-body; proxy_temp_path {self.folder}/{name}-proxy;
     fastcgi_temp_path {self.folder}/{name}-f; uwsgi_temp_path {self.folder}/{name}-u; scgi_temp_path {self.folder}/{name}-s;
     keepalive_requests 100000000;
-    server {{ listen 127.0.0.1:{port} backlog=4096; location / {{ return 200 "ok"; }} }}
+    server {{ listen 127.0.0.1:{port} backlog=4096; location / {{ return 200 "ok"; }}
+        location /fail {{ return 500; }} }}
 }}""")
         self.start_on_port(name, port, ["/usr/sbin/nginx", "-p", self.folder, "-c", config], core)
 

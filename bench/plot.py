@@ -1,4 +1,4 @@
-"""Draws how costs grow, as small SVG files, from the results of a run: plot.py [RESULTS [FOLDER]]."""
+"""Puts a run into docs/: its table into performance.md, and how costs grow as small SVG files. plot.py [RESULTS]"""
 
 import json
 import math
@@ -6,6 +6,7 @@ import sys
 from pathlib import Path
 
 from contestants import BUILD, HERE
+from run import footnote, table
 
 WIDTH, HEIGHT, LEFT, RIGHT, TOP, BOTTOM = 480, 280, 62, 14, 34, 44
 COLOURS = ["#1f6feb", "#d1570a", "#2da44e", "#8250df"]
@@ -99,13 +100,23 @@ def charts(results):
     yield "save", Chart("Saving the state document", "bytes", "us", {"a save": growth.get("save", [])})
 
 
+def put_table(page, results):
+    """Between the two marks of the page."""
+    text = page.read_text()
+    begin, end = "<!-- table of a run -->\n", "<!-- end of the table -->"
+    before, rest = text.split(begin)
+    after = rest.split(end)[1]
+    page.write_text(f"{before}{begin}\n{table(results['rows'])}\n\n{footnote(results)}\n\n{end}{after}")
+
+
 def main():
-    source = sys.argv[1] if len(sys.argv) > 1 else BUILD / "results.json"
-    folder = Path(sys.argv[2]) if len(sys.argv) > 2 else HERE.parent / "docs/plots"
-    results = json.loads(Path(source).read_text())
-    folder.mkdir(parents=True, exist_ok=True)
+    source = Path(sys.argv[1]) if len(sys.argv) > 1 else BUILD / "results.json"
+    docs = HERE.parent / "docs"
+    results = json.loads(source.read_text())
+    (docs / "plots").mkdir(exist_ok=True)
     for name, chart in charts(results):
-        (folder / f"{name}.svg").write_text(chart.svg())
+        (docs / f"plots/{name}.svg").write_text(chart.svg())
+    put_table(docs / "performance.md", results)
 
 
 if __name__ == "__main__":

@@ -139,6 +139,13 @@ def machine():
             "load_before": os.getloadavg()[0]}
 
 
+def footnote(results):
+    about = results["machine"]
+    return (f"{about['cores']} cores of {about['processor']}, Linux {about['kernel']}, commit {about['commit']}; load "
+            f"{about['load_before']:.1f} before and {about.get('load_after', 0):.1f} after the run; medians of up to "
+            f"{max(row['rounds'] for row in results['rows'])} rounds.")
+
+
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--rounds", type=int, default=5)
@@ -155,11 +162,11 @@ def main():
     curves = {} if wanted.no_growth or wanted.only else run_growth(deadline)
     samples, failures = run_rounds(names, wanted.rounds, deadline)
     results = [evaluate(row, samples) for row in ROWS if row.ours[0] in names]
-    (BUILD / "results.json").write_text(json.dumps({"machine": about, "rows": results, "growth": curves,
-                                                    "samples": samples, "failures": failures}, indent=1))
+    about["load_after"] = os.getloadavg()[0]
+    everything = {"machine": about, "rows": results, "growth": curves, "samples": samples, "failures": failures}
+    (BUILD / "results.json").write_text(json.dumps(everything, indent=1))
     print(table(results))
-    print(f"\n{about['cores']} cores, {about['processor']}, commit {about['commit']}, load before the run "
-          f"{about['load_before']:.1f}; medians of up to {wanted.rounds} rounds")
+    print("\n" + footnote(everything))
     for what, failure in failures.items():
         print(f"failed: {what}: {failure}")
     return 1 if failures else 0

@@ -6,7 +6,6 @@ import argparse
 import base64
 import collections
 import http.client
-import http.server
 import json
 import os
 import re
@@ -19,25 +18,7 @@ from contestants import Contestants, SERVER, resident_bytes
 
 EXPLAINED = re.compile(r'Callback to "http://127\.0\.0\.1:\d+" failed: 500')  # the listener that always fails
 GROWTH_ALLOWED = 1.10  # of resident memory, as what was freed is not all given back at once
-PAUSE_SEC = 0.002
-
-
-class Hook(http.server.BaseHTTPRequestHandler):
-    """Answers 200, and 500 below /fail."""
-
-    def do_POST(self):
-        self.rfile.read(int(self.headers.get("Content-Length", 0)))
-        self.send_response(500 if self.path.startswith("/fail") else 200)
-        self.send_header("Content-Length", "0")
-        self.end_headers()
-
-    def log_message(self, *_):
-        pass
-
-
-class Quiet(http.server.ThreadingHTTPServer):
-    daemon_threads = True
-    request_queue_size = 1024
+PAUSE_SEC = 0.01
 
 
 class Load:
@@ -125,10 +106,10 @@ def state_of(process):
             "threads": len(os.listdir(f"/proc/{process.pid}/task"))}
 
 
-def start_server(run, hook_port):
+def start_server(run):
     for number in range(20):
         (run.folder / f"watched-{number}").write_text("")
-    hook = f"http://127.0.0.1:{hook_port}"
+    hook = f"http://127.0.0.1:{run.ports['listener']}"
     listeners = [[{"callback": hook + "/ok", "listener_data": {"n": 1}}],
                  [{"callback": hook + "/fail", "listener_data": {"n": 2}}], []]
     (run.folder / "soak.json").write_text(json.dumps({
@@ -138,8 +119,8 @@ def start_server(run, hook_port):
     return run.start_saying_port("soak", [SERVER, "--config", run.folder / "soak.json", "--log-level", "warn"])
 
 
-def soak(run, hook_port, seconds, settle):
-    process = start_server(run, hook_port)
+def soak(run, seconds, settle):
+    process = start_server(run)
     load = Load(run.ports["soak"], run.folder)
     for deed in [load.post] * 4 + [load.listen] * 8 + [load.read, load.change]:
         load.run(deed)
@@ -173,10 +154,9 @@ def main():
     parser.add_argument("--seconds", type=int, default=300)
     parser.add_argument("--settle", type=int, default=60, help="seconds after which the first reading is taken")
     wanted = parser.parse_args()
-    hooks = Quiet(("127.0.0.1", 0), Hook)
-    threading.Thread(target=hooks.serve_forever, daemon=True).start()
     with Contestants() as run:
-        good = report(*soak(run, hooks.server_address[1], wanted.seconds, wanted.settle))
+        run.nginx("listener", core=1)
+        good = report(*soak(run, wanted.seconds, wanted.settle))
     return 0 if good else 1
 
 
