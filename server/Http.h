@@ -25,8 +25,8 @@ struct HttpRequest {
     bool HasBody = false;  // a Content-Length above 0 or chunks came with it
 };
 
-/// What is answered. Content-Length, Date, Connection and the security headers are the connection's to add; for HEAD
-/// the connection leaves the body out.
+/// What is answered. Content-Length, Date, Connection and the security headers are the connection's to add;
+/// for HEAD the connection leaves the body out.
 struct HttpResponse {
     Status_t Status = Velmora::STATUS_200_OK;
     std::string ContentType;  // empty: no body
@@ -45,7 +45,7 @@ HttpResponse Problem(Status_t status, const std::string& detail);
 
 /// Answers requests. Called on the I/O threads, from several at once; must not throw.
 class HttpHandler {
- public:
+  public:
     virtual ~HttpHandler() = default;
 
     /// Whether answering may wait for the event queue (and so for a slow Python handler). Such requests are

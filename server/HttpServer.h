@@ -14,17 +14,18 @@ namespace Server {
 /// What a server is told once, before it binds.
 struct HttpServerOptions {
     std::string Host = "127.0.0.1";
-    Mirel::ui16_t Port = 0;  // 0: any free port
-    std::string TLSIdentity;  // PEM file with certificate chain and key; empty: plain HTTP
-    std::string AccessToken;  // empty: none wanted
+    Mirel::ui16_t Port = 0;                 // 0: any free port
+    std::string TLSIdentity;                // PEM file with certificate chain and key; empty: plain HTTP
+    std::string AccessToken;                // empty: none wanted
     std::vector<std::string> AllowedHosts;  // names beside the bound one, localhost and loopback addresses
 
     std::size_t IOThreads = 0;  // 0: chosen from the number of cores
     std::size_t MaxConnections = 4096;
     std::size_t BodyLimit = 1u << 20;
     std::size_t HeaderLimit = 16u << 10;
-    Mirel::ui32_t IdleTimeout_ms = 75000;    // between requests
-    Mirel::ui32_t RequestTimeout_ms = 15000;  // from a request's first byte to its last, and to take the answer
+    Mirel::ui32_t IdleTimeout_ms = 75000;  // between requests
+    Mirel::ui32_t RequestTimeout_ms =
+        15000;  // from a request's first byte to its last, and to take the answer
 };
 
 struct HttpServerCounters {
@@ -36,10 +37,10 @@ struct HttpServerCounters {
     Mirel::ui64_t RefusedConnections = 0;
 };
 
-/// HTTP/1.1 (and TLS) server. Checks Host, Origin, token, sizes and times itself, upgrades "/api/v1/feed" to a WebSocket
-/// that it hands to the queue, and gives every other request to the handler.
+/// HTTP/1.1 (and TLS) server. Checks Host, Origin, token, sizes and times itself, upgrades "/api/v1/feed" to
+/// a WebSocket that it hands to the queue, and gives every other request to the handler.
 class HttpServer {
- public:
+  public:
     /// `handler` must outlive the server.
     HttpServer(HttpServerOptions options, HttpHandler& handler);
     ~HttpServer();
@@ -54,13 +55,13 @@ class HttpServer {
 
     /// Starts the I/O threads and begins to accept.
     Mirel::Result_t Serve();
-    /// Stops accepting, lets requests that are being answered finish (at most `limit_ms`), closes connections and
-    /// joins the threads. WebSocket clients that were handed over stay with the queue.
+    /// Stops accepting, lets requests that are being answered finish (at most `limit_ms`), closes connections
+    /// and joins the threads. WebSocket clients that were handed over stay with the queue.
     void Stop(Mirel::ui32_t limit_ms);
 
     HttpServerCounters Counters() const;
 
- private:
+  private:
     class Impl;
     std::unique_ptr<Impl> m_Impl;
 };

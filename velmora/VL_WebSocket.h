@@ -118,7 +118,8 @@ struct BroadcastCounters {
     ui64_t Postings = 0;         // encoded and put into the log
     ui64_t FramesDelivered = 0;  // handed to the kernel whole, added up over clients
     ui64_t BytesDelivered = 0;
-    ui64_t SlowDisconnects = 0;  // left behind by the log, no progress within the time-out, no answer to a ping
+    ui64_t SlowDisconnects =
+        0;  // left behind by the log, no progress within the time-out, no answer to a ping
     ui64_t ProtocolErrors = 0;
     ui64_t LogBytes = 0;  // now: the memory of all logs
 };
