@@ -1,6 +1,8 @@
 // Posting: payloads, Python handlers, HTTP callers and the broadcast.
 #include "support/QueueProbe.h"
 
+#include <dlfcn.h>
+
 #include "HttpTestServer.h"
 
 namespace EventManager {
@@ -274,5 +276,36 @@ TEST_F(CallerTest, ACallerWithoutATargetSendsNothing) {
     EXPECT_EQ(caller.Result().Value(), Mirel::RESULT_PARAM.Value());
     EXPECT_EQ(caller.Status(), Velmora::STATUS_NONE);
 }
+
+#if !defined(__SANITIZE_THREAD__) && \
+    !defined(__SANITIZE_ADDRESS__)  // these stand in for pthread_create themselves
+
+static std::atomic<bool> s_no_threads{false};
+
+extern "C" MR_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                        void* (*run)(void*), void* argument) noexcept {
+    using create_t = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static const auto create = reinterpret_cast<create_t>(dlsym(RTLD_NEXT, "pthread_create"));
+    return s_no_threads ? EAGAIN : create(thread, attributes, run, argument);
+}
+
+TEST_F(CallerTest, WithoutThreadsACallFailsWithItsReasonAndIsReaped) {
+    HttpTestServer server(HttpTestServer::Answers("200 OK"));
+    Listen("e", server.Url());
+    const ui64_t failed = Velmora::GetRequestCounters().FailedResources;
+    s_no_threads = true;
+    EXPECT_TRUE(Post("e"));
+    s_no_threads = false;
+    EXPECT_EQ(Probe::Callers(queue), 1u);
+    Probe::Reap(queue);
+    EXPECT_EQ(Probe::Callers(queue), 0u);
+    EXPECT_EQ(Velmora::GetRequestCounters().FailedResources, failed + 1);
+    EXPECT_NE(Velmora::GetRequestOutcomes().front().Reason.find(strerror(EAGAIN)), std::string::npos);
+    Post("e");
+    EXPECT_EQ(Request(server).find("GET / "), 0u);
+    AwaitCallers();
+}
+
+#endif
 
 }  // namespace EventManager
