@@ -223,6 +223,23 @@ TEST_F(WatchTest, AnOverflowFiresEveryRunningWatchAndNoOther) {
     close(pipe_ends[1]);
 }
 
+TEST_F(WatchTest, WhenTheKernelsQueueReallyOverflowsAQuietWatchFiresToo) {
+    int limit = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit;
+    if (limit == 0 || limit > 100000) GTEST_SKIP() << "the kernel's queue is too long: " << limit;
+    Testing::TemporaryFolder quiet;
+    Watch(folder.Path());
+    Watch(quiet.Path(), "f");
+    Register();
+    for (int i = 0; i < limit / 2 + 100; ++i) {
+        close(open((folder / "x").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        unlink((folder / "x").c_str());
+    }
+    std::string posted;
+    for (int pass = 0; pass < 1000 && !log.Has("Kernel queue overflow"); ++pass) posted = Pass();
+    EXPECT_NE(posted.find("f:" + quiet.Path()), std::string::npos) << posted;
+}
+
 TEST_F(WatchTest, ABrokenStreamIsLoggedAndThePassGoesOn) {
     Probe::WaitForChanges(queue, 0x7ffffff0);  // no such descriptor
     const int folder_descriptor = open(folder.Path().c_str(), O_RDONLY);
