@@ -171,11 +171,13 @@ Result_t EventQueue::InitEventQueue(const PListDict& events_config, const PListD
     int listen_port = integer_or(end_point_cfg, "ListenPort", 0);
     if (listen_port == 0) listen_port = uses_tls ? 443 : 80;
 
-    m_ServiceEndPoint.m_Empty = false;
-    m_ServiceEndPoint.Scheme = uses_tls ? "https" : "http";
-    m_ServiceEndPoint.Hostname = "localhost";
-    m_ServiceEndPoint.Port = static_cast<Mirel::ui16_t>(listen_port);
-
+    {
+        AutoMutex lock(m_EventLock);
+        m_ServiceEndPoint.m_Empty = false;
+        m_ServiceEndPoint.Scheme = uses_tls ? "https" : "http";
+        m_ServiceEndPoint.Hostname = "localhost";
+        m_ServiceEndPoint.Port = static_cast<Mirel::ui16_t>(listen_port);
+    }
     IEventQueue& queue = *this;
     queue.SetQueueState(events_config);
     return RESULT_OK;

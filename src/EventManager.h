@@ -369,8 +369,8 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     QueueStatistics Statistics() const;
     void MeasureSizes() const;
 
-    URL m_ServiceEndPoint;  // the server itself, for callbacks that are paths; set before the worker starts
-    i32_t m_Timeout_ms;     // never changed
+    URL m_ServiceEndPoint GUARDED_BY(m_EventLock);  // the server itself, for callbacks that are paths
+    i32_t m_Timeout_ms;                             // never changed
 
     mutable Mutex m_EventLock ACQUIRED_BEFORE(m_HistoryLock);
     event_map m_Events GUARDED_BY(m_EventLock);
@@ -393,10 +393,11 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
 
     mutable Mutex m_SaveLock ACQUIRED_BEFORE(m_TimerLock, m_WatchLock, m_EventLock);  // keeps saves apart
     PListData m_PostingTime GUARDED_BY(m_EventLock);  // text of the last posting's second
-    std::deque<HistoryRun> m_HistoryRuns
-        GUARDED_BY(m_HistoryLock);                               // index of m_EventHistory, see TrimHistory
-    std::size_t m_HistoryIndexed GUARDED_BY(m_HistoryLock) = 0;  // records that the index covers
-    PListArray m_TrimmedHistory GUARDED_BY(m_HistoryLock);       // trimmed, to be destroyed without a lock
+    // An index of m_EventHistory, how many records it covers, and what was trimmed and awaits its
+    // destruction.
+    std::deque<HistoryRun> m_HistoryRuns GUARDED_BY(m_HistoryLock);
+    std::size_t m_HistoryIndexed GUARDED_BY(m_HistoryLock) = 0;
+    PListArray m_TrimmedHistory GUARDED_BY(m_HistoryLock);
     mutable Counters m_Counters;
 };
 

@@ -13,7 +13,7 @@
 namespace EventManager {
 
 struct EventQueueProbe {
-    static URL& EndPoint(EventQueue& queue) { return queue.m_ServiceEndPoint; }
+    static URL& EndPoint(EventQueue& queue) NO_THREAD_SAFETY_ANALYSIS { return queue.m_ServiceEndPoint; }
     static void UseStateFile(EventQueue& queue, const std::string& path) { queue.UseStateFile(path); }
     static Result_t Save(EventQueue& queue) { return queue.SaveState(); }
     static void AppendHistory(EventQueue& queue, const PListDict& record) { queue.AppendHistory(record); }
