@@ -183,7 +183,7 @@ int main(int argc, char** argv) {
     std::printf("payload %zu bytes, one sending and one reading thread\n", PayloadSize);
     std::printf("%8s %10s %18s %18s %12s %14s %14s\n", "clients", "postings", "feed, M/s", "bare loop, M/s",
                 "posting, ns", "at once, ns", "after 1 ms, ns");
-    for (const std::size_t clients : {1, 10, 100, 1000}) {
+    for (const std::size_t clients : {1u, 10u, 100u, 1000u}) {
         const std::size_t postings = std::clamp<std::size_t>(deliveries / clients, 1, MostPostings);
         const Rates feed = fan_out(clients, postings);
         const double bare = bare_loop(clients, postings);
