@@ -82,7 +82,7 @@ inline const std::string MaxWatches = "MaxWatches";
 }  // namespace Strings
 
 /// One registration of a callback on one event.
-class Listener {
+class MR_EXPORT Listener {
   public:
     UUID id;  // random, given at construction; the handle by which the listener is deleted
     std::string callback;
@@ -96,7 +96,7 @@ class Listener {
 using listener_list_t = std::list<Listener>;
 
 /// One named event with its data and its listeners.
-class EventDistributor {
+class MR_EXPORT EventDistributor {
   public:
     std::string name;
     PListDict data;  // never changed after construction
@@ -110,7 +110,7 @@ class EventDistributor {
 using event_map = std::map<std::string, EventDistributor>;
 
 /// Posts an event at a time, and again at an interval.
-class Timer {
+class MR_EXPORT Timer {
   public:
     UUID id;  // random, given at construction
     std::string event_name;
@@ -140,7 +140,7 @@ enum WatchMode_t {
 };
 
 /// Posts an event when a filesystem path changes.
-class Watch {
+class MR_EXPORT Watch {
   public:
     bool once;  // kept and reported; firing does not consult it
     std::string path;
