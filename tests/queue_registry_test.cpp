@@ -1,10 +1,6 @@
 // Events, listeners, limits, the state document, the state file and the history.
 #include "support/QueueProbe.h"
 
-#include <sys/stat.h>
-
-#include <set>
-
 namespace EventManager {
 
 using Velmora::STATUS_201_CREATED;
@@ -164,11 +160,8 @@ TEST_F(RegistryTest, TheEndPointFollowsTheConfiguration) {
 class StateFileTest : public QueueTest {
   protected:
     StateFileTest() { Probe::UseStateFile(queue, path); }
-    ui64_t Inode() {
-        struct stat info {};
-        return stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
-    }
-    /// Whether `operation` saved (the file is another one) and what it saved is the whole current document.
+    /// Whether `operation` saved (the file is no longer the old text) and what it saved is the whole current
+    /// document.
     bool Saves(const std::function<void()>& operation) {
         Testing::WriteFile(path, "old");
         operation();
