@@ -131,7 +131,7 @@ void GenRandomBytes(byte_t* bytes, std::size_t size) {
 }
 
 void GenRandomValue(UUID& id) {
-    GenRandomBytes(id.m_Value.data(), id.m_Value.size());
+    GenRandomBytes(id.m_Value, UUID::Size);
     id.m_HasValue = true;
 }
 

@@ -1,9 +1,9 @@
 // Time, identifiers and files.
 #pragma once
 
-#include <array>
 #include <compare>
 #include <cstddef>
+#include <cstring>
 #include <string>
 
 #include "MR_error.h"
@@ -65,20 +65,22 @@ class Identifier {
     static constexpr ui32_t Size = SIZE;
 
     bool HasValue() const { return m_HasValue; }
-    const byte_t* Value() const { return m_Value.data(); }
+    const byte_t* Value() const { return m_Value; }
     void Set(const byte_t* value) {
-        for (std::size_t i = 0; i < SIZE; ++i) m_Value[i] = value[i];
+        std::memmove(m_Value, value, SIZE);
         m_HasValue = true;
     }
 
     bool m_HasValue = false;
-    std::array<byte_t, SIZE> m_Value{};
+    byte_t m_Value[SIZE] = {};
 };
 
 /// A 16-byte identifier; no value when constructed. Equal when the 16 bytes are.
 class UUID : public Identifier<16> {
   public:
-    friend bool operator==(const UUID& lhs, const UUID& rhs) { return lhs.m_Value == rhs.m_Value; }
+    friend bool operator==(const UUID& lhs, const UUID& rhs) {
+        return std::memcmp(lhs.m_Value, rhs.m_Value, Size) == 0;
+    }
 };
 
 /// Length of a UUID's text, 8-4-4-4-12 hexadecimal digits.

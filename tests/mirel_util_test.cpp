@@ -88,6 +88,8 @@ TEST(UUID, IsRandomAndKeepsItsValueThroughItsText) {
     EXPECT_FALSE(first == second);
     EXPECT_TRUE(UUIDFromText(UUIDText(first), back));
     EXPECT_TRUE(back == first);
+    char text_of_first[64];
+    EXPECT_EQ(bin2UUIDhex(first.m_Value, sizeof first.m_Value, text_of_first, 64), UUIDText(back));
 
     EXPECT_TRUE(UUIDFromText("01234567-89ab-cdef-FEDC-ba9876543210", back));
     EXPECT_EQ(UUIDText(back), "01234567-89ab-cdef-fedc-ba9876543210");
