@@ -96,6 +96,37 @@ TEST(PListDict, PointersToItemsStayWhileOthersComeAndGo) {
     EXPECT_FALSE(dict.HasItem("first"));
 }
 
+// A list of the program's own that counts what has been destroyed.
+struct Counted : PListDict {
+    explicit Counted(int& count) : m_Count(count) {}
+    ~Counted() override { ++m_Count; }
+    int& m_Count;
+};
+
+TEST(PListDict, DestroysWhatItOwnsOnce) {
+    int gone = 0;
+    {
+        PListDict dict;
+        dict.SetItem("k", new Counted(gone));
+        dict.SetItem("k", new Counted(gone));
+        EXPECT_EQ(gone, 1);
+        dict.SetValue("k", "text");
+        EXPECT_EQ(gone, 2);
+        dict.SetItem("k", new Counted(gone));
+        dict.DeleteItem("k");
+        EXPECT_EQ(gone, 3);
+        auto* list = new PListArray;
+        dict.SetItem("list", list);
+        list->Append(new Counted(gone));
+        list->Append(new Counted(gone));
+        const PListDict copy = dict;
+        list->DeleteFirst();
+        EXPECT_EQ(gone, 4);
+        EXPECT_EQ(copy.GetArray("list").Size(), 2U);
+    }
+    EXPECT_EQ(gone, 5);
+}
+
 TEST(PListDict, MayStoreItselfAndPartsOfItself) {
     PListDict dict = Dict(R"({"k":{"j":"a text that is too long to stand inside its item"}})");
     dict.SetItem("self", dict);

@@ -56,6 +56,9 @@ struct PListInside;
 /// share their content may be read, changed and destroyed by different threads at the same time.
 ///
 /// Trees of any depth are copied, compared, written and destroyed without deep recursion.
+///
+/// A program may derive from the three (to follow an item's life, say) and store what it derived by pointer;
+/// copies are plain items again.
 class MR_EXPORT PListItem {
   public:
     virtual ~PListItem();
@@ -101,7 +104,7 @@ class MR_EXPORT PListItem {
 
 /// A scalar, held as text; the getters read that text as the type asked for. The text of IT_DATA is base64,
 /// and that of IT_DATE is a date, as whoever made the item wrote it.
-class MR_EXPORT PListData final : public PListItem {
+class MR_EXPORT PListData : public PListItem {
   public:
     /// Empty text.
     PListData();
@@ -155,7 +158,7 @@ class MR_EXPORT PListData final : public PListItem {
 
 /// A sequence, appended at the end and removed from the front. Items are held in chunks which copies share: a
 /// change to an array of which there are copies costs one pointer per chunk and at most one chunk of items.
-class MR_EXPORT PListArray final : public PListItem {
+class MR_EXPORT PListArray : public PListItem {
   public:
     PListArray();
     PListArray(const PListArray& other);
@@ -232,7 +235,7 @@ class MR_EXPORT PListArray final : public PListItem {
 
 /// A dictionary. Keys keep the order in which they were added; a replaced item keeps its key's place. Look-up
 /// and removal cost the same in large dictionaries as in small ones, whoever chose the keys.
-class MR_EXPORT PListDict final : public PListItem {
+class MR_EXPORT PListDict : public PListItem {
   public:
     PListDict();
     PListDict(const PListDict& other);
