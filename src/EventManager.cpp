@@ -455,10 +455,20 @@ void EventQueue::AppendHistory(const PListDict& event_data) {
     ++m_HistoryIndexed;
 }
 
+static std::string_view record_time(const PListItem& record) {
+    return static_cast<const PListDict&>(record).GetData(Strings::timestamp).TextView();
+}
+
+/// Whether the index is as long as the history and begins with its first record.
+bool EventQueue::HistoryIsIndexed() const {
+    if (m_HistoryIndexed != m_EventHistory.Size()) return false;
+    return m_HistoryIndexed == 0 || record_time(m_EventHistory.Front()) == m_HistoryRuns.front().timestamp;
+}
+
 void EventQueue::IndexHistory() {
     m_HistoryRuns.clear();
     for (const PListItem& item : std::as_const(m_EventHistory)) {
-        const std::string text = static_cast<const PListDict&>(item).GetData(Strings::timestamp).Text();
+        const std::string text(record_time(item));
         if (m_HistoryRuns.empty() || m_HistoryRuns.back().timestamp != text)
             m_HistoryRuns.push_back({text, 0});
         ++m_HistoryRuns.back().count;
@@ -474,7 +484,7 @@ void EventQueue::TrimHistory() {
     horizon.AddSeconds(-HistoryRetention_sec);
 
     AutoMutex lock(m_HistoryLock);
-    if (m_HistoryIndexed != m_EventHistory.Size()) IndexHistory();
+    if (!HistoryIsIndexed()) IndexHistory();
     std::size_t expired = 0;
     while (!m_HistoryRuns.empty()) {
         Timestamp time;

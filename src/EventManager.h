@@ -350,6 +350,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
 
     void AppendHistory(const PListDict& event_data);
     void TrimHistory();
+    bool HistoryIsIndexed() const REQUIRES(m_HistoryLock);
     void IndexHistory() REQUIRES(m_HistoryLock);
     void DestroyTrimmedHistory();
 

@@ -289,6 +289,8 @@ TEST_F(HistoryTest, WhatDoesNotDecodeGoesOnceItIsFirstAndAnOlderRecordWaitsBehin
     Probe::PutIntoHistory(queue, record);  // past the index
     Append("2026-03-01T12:00:29+00:00");
     EXPECT_EQ(Trimmed(), 1u);
+    Probe::DateFirstRecord(queue, "2026-03-01T12:00:00+00:00");
+    EXPECT_EQ(Trimmed(), 0u);
 }
 
 TEST_F(HistoryTest, ReadingIsIndependentOfWhatFollows) {

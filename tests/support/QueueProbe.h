@@ -22,6 +22,10 @@ struct EventQueueProbe {
         AutoMutex lock(queue.m_HistoryLock);
         queue.m_EventHistory.Append(record);
     }
+    static void DateFirstRecord(EventQueue& queue, const std::string& timestamp) {
+        AutoMutex lock(queue.m_HistoryLock);
+        static_cast<PListDict*>(queue.m_EventHistory.GetItem(0))->SetValue(Strings::timestamp, timestamp);
+    }
     static void MaintainWatches(EventQueue& queue, int stream) { queue.MaintainWatches(stream); }
     static void WaitForChanges(EventQueue& queue, int stream) { queue.WaitForChanges(stream); }
     static void FireWatches(EventQueue& queue) { queue.FireWatches(); }
