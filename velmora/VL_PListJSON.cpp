@@ -66,9 +66,7 @@ std::size_t PlainPrefix(std::string_view text) {
 class JSONWriter {
   public:
     explicit JSONWriter(std::string& out) : m_Out(out) {}
-    ~JSONWriter() { m_Out.Flush(); }
-    JSONWriter(const JSONWriter&) = delete;
-    JSONWriter& operator=(const JSONWriter&) = delete;
+    void Finish() { m_Out.Flush(); }  // not the destructor's work, which must not fail for want of memory
 
     void Open(ItemType_t type) {
         m_Out.Put(type == IT_DICT ? '{' : '[');
@@ -155,6 +153,7 @@ Result_t Encode(const PListItem& item, std::string& out) {
     out.clear();
     JSONWriter writer(out);
     TreeWalk<JSONWriter>(writer).Run(item);
+    writer.Finish();
     return Mirel::RESULT_OK;
 }
 

@@ -12,8 +12,10 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <optional>
 
 #include "VL_PListBody.h"
@@ -21,6 +23,20 @@
 namespace Velmora {
 
 namespace {
+
+// The reader writes through what it is given without a look, so that no memory must not be a null pointer.
+struct ThrowingAllocator {
+    static constexpr bool kNeedFree = true;  // the reader's own name for it
+    static void* Malloc(std::size_t size) { return Realloc(nullptr, 0, size); }
+    static void* Realloc(void* memory, std::size_t, std::size_t size) {
+        if (size == 0) return Free(memory), nullptr;
+        void* const larger = std::realloc(memory, size);
+        if (!larger) throw std::bad_alloc();
+        return larger;
+    }
+    static void Free(void* memory) { std::free(memory); }
+};
+using JSONReader = rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, ThrowingAllocator>;
 
 // Ends with the text: the check of a character that is cut off there reads on.
 struct BoundedStream : rapidjson::MemoryStream {
@@ -189,7 +205,7 @@ std::unique_ptr<PListItem> Read(const std::string& json, std::optional<Refusal>&
     }
     BoundedStream stream(json);
     TreeBuilder builder(stream);
-    const rapidjson::ParseResult result = rapidjson::Reader().Parse<kParseFlags>(stream, builder);
+    const rapidjson::ParseResult result = JSONReader().Parse<kParseFlags>(stream, builder);
     if (builder.Refused()) {
         refusal = builder.Refused();
     } else if (result.IsError()) {

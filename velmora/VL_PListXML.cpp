@@ -7,9 +7,7 @@ namespace {
 class XMLWriter {
   public:
     explicit XMLWriter(std::string& out) : m_Out(out) {}
-    ~XMLWriter() { m_Out.Flush(); }
-    XMLWriter(const XMLWriter&) = delete;
-    XMLWriter& operator=(const XMLWriter&) = delete;
+    void Finish() { m_Out.Flush(); }  // not the destructor's work, which must not fail for want of memory
 
     void Open(ItemType_t type) { m_Out.Put(type == IT_DICT ? "<dict>" : "<array>"); }
     void Close(ItemType_t type) { m_Out.Put(type == IT_DICT ? "</dict>" : "</array>"); }
@@ -81,6 +79,7 @@ std::string Element(const PListItem& item) {
     {
         XMLWriter writer(out);
         TreeWalk<XMLWriter>(writer).Run(item);
+        writer.Finish();
     }
     return out;
 }
