@@ -9,6 +9,7 @@
 #include <cassert>
 #include <chrono>
 #include <exception>
+#include <new>
 #include <optional>
 #include <system_error>
 
@@ -38,7 +39,11 @@ std::string kernel_name(const std::string& name) {
 
 Result_t exception_result(const char* hook, const char* reason) {
     DefaultLogSink().Error("%s ended with an exception: %s\n", hook, reason);
-    return RESULT_FAIL.WithMessage(std::string(hook) + " ended with an exception: " + reason);
+    try {
+        return RESULT_FAIL.WithMessage(std::string(hook) + " ended with an exception: " + reason);
+    } catch (const std::bad_alloc&) {
+        return RESULT_FAIL;
+    }
 }
 
 template <class Hook>

@@ -1,5 +1,6 @@
 #include "VL_WebSocket.h"
 
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -65,8 +66,12 @@ void WebSocketBroadcastManager::AdoptWsClient(TCPSession& session) {
 void WebSocketBroadcastManager::SendToListeners(const PListDict& dict) {
     if (!m_Broadcaster->HasClients()) return;
     static thread_local std::string text;
-    static_cast<void>(dict.EncodeJSON(text));  // always succeeds
-    m_Broadcaster->Send(text);
+    try {
+        static_cast<void>(dict.EncodeJSON(text));  // succeeds where there is memory
+        m_Broadcaster->Send(text);
+    } catch (const std::bad_alloc&) {
+        m_Broadcaster->LoseClients();
+    }
     if (text.capacity() > KeptTextRoom) std::string().swap(text);
 }
 

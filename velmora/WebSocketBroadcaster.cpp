@@ -70,9 +70,14 @@ void Broadcaster::Send(std::string_view json) {
         if (m_Log.Append(json)) PresentLoop()->Wake();
         Count(Counters.Postings);
     } catch (const std::bad_alloc&) {
-        Mirel::DefaultLogSink().Error("No memory to broadcast %zu bytes: no WebSocket client gets them.\n",
-                                      json.size());
+        LoseClients();
     }
+}
+
+void Broadcaster::LoseClients() {
+    Mirel::DefaultLogSink().Error(
+        "No memory to broadcast a posting: the WebSocket clients are disconnected.\n");
+    AskClose();
 }
 
 std::uint64_t Broadcaster::AskClose() {

@@ -36,6 +36,8 @@ class Broadcaster {
     bool HasClients() const { return m_Log.HasReaders(); }
     void Adopt(Connection& connection);
     void Send(std::string_view json);
+    /// For a posting that cannot be broadcast: nobody is passed over without noticing it.
+    void LoseClients();
 
     /// Has all present clients leave; what AwaitClose() waits for, 0 where there was never a client.
     std::uint64_t AskClose();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "MR_log.h"
@@ -153,7 +154,11 @@ void SocketClient::Receive(std::span<char> room, Time now) {
         if (state != StreamState::Moved) return Drop(state == StreamState::Failed ? "read" : nullptr);
         m_Heard = now;
         m_Pinged = false;
-        Digest({room.data(), done}, now);
+        try {
+            Digest({room.data(), done}, now);
+        } catch (const std::bad_alloc&) {  // the rest of what it sent is lost
+            EndSlow("no memory to answer it");
+        }
     } while (m_Stream.HasBuffered() && m_Phase != Phase::Gone);
 }
 

@@ -156,10 +156,12 @@ LogEnd FrameLog::EndLocked() const {
 }
 
 void FrameLog::Push(SegmentPtr segment) {
-    segment->Number = m_NextNumber++;
-    m_Bytes += segment->Capacity;
-    Count(Counters.LogBytes, segment->Capacity);
-    m_Segments.push_back(std::move(segment));
+    const std::size_t capacity = segment->Capacity;
+    segment->Number = m_NextNumber;
+    m_Segments.push_back(std::move(segment));  // may fail, and then nothing has been counted
+    ++m_NextNumber;
+    m_Bytes += capacity;
+    Count(Counters.LogBytes, capacity);
 }
 
 FrameLog::SegmentPtr FrameLog::PopFront() {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -23,6 +24,7 @@ constexpr std::size_t ThreadStack = 256u << 10;
 /// has gone to sleep, it naps instead, and sleeps until it is woken once a nap has brought nothing.
 constexpr std::chrono::microseconds SoonWoken{100};
 constexpr std::chrono::microseconds Nap{50};
+constexpr Milliseconds AfterFailure{10};
 constexpr int EventsAtOnce = 256;
 /// How finely a time-out is kept, as a part of it, and at most.
 constexpr int TicksInLimit = 4;
@@ -116,15 +118,27 @@ Mirel::Result_t FeedLoop::ThreadStop() {
 Mirel::Result_t FeedLoop::ThreadBody() {
     m_End = m_Log.End();
     for (;;) {
-        m_Now = std::chrono::steady_clock::now();
-        if (m_HasOrders && !TakeOrders()) return Mirel::RESULT_OK;
-        LookAtLog();
-        GiveTurns();
-        if (m_Now >= m_TickAt) TickClients();
-        if (m_AnyGone) BuryGone();
-        if (m_Closing != 0) AnswerClosers();
-        Await();
+        try {
+            if (!MakePass()) return Mirel::RESULT_OK;
+        } catch (const std::exception& failure) {
+            Mirel::DefaultLogSink().Error("WebSocket feed: %s; trying again.\n", failure.what());
+            m_HasOrders = true;  // some may not have been carried out
+            std::this_thread::sleep_for(AfterFailure);
+        }
     }
+}
+
+/// False when the loop is to end.
+bool FeedLoop::MakePass() {
+    m_Now = std::chrono::steady_clock::now();
+    if (m_HasOrders && !TakeOrders()) return false;
+    LookAtLog();
+    GiveTurns();
+    if (m_Now >= m_TickAt) TickClients();
+    if (m_AnyGone) BuryGone();
+    if (m_Closing != 0) AnswerClosers();
+    Await();
+    return true;
 }
 
 Mirel::Result_t FeedLoop::ThreadFini(Mirel::Result_t result) {
@@ -149,7 +163,13 @@ bool FeedLoop::TakeOrders() {
         if (m_CloseAsked > std::max(m_CloseDone, m_Closing)) ticket = m_CloseAsked;
     }
     LookAtLog();  // the places of the newcomers are at most there
-    for (auto& client : newcomers) Welcome(std::move(client));
+    for (auto& client : newcomers) {
+        try {
+            Welcome(std::move(client));
+        } catch (const std::exception& failure) {
+            Mirel::DefaultLogSink().Error("A WebSocket client can't be served: %s.\n", failure.what());
+        }
+    }
     if (ticket == 0) return true;
     m_Closing = ticket;
     for (auto& client : m_Clients) {
@@ -162,6 +182,12 @@ bool FeedLoop::TakeOrders() {
 }
 
 void FeedLoop::Welcome(std::unique_ptr<FeedClient> client) {
+    if (m_Clients.size() == m_Clients.capacity()) {  // no client is lost between the lists for want of memory
+        const std::size_t room = std::max<std::size_t>(16, 2 * m_Clients.size());
+        m_Ready.reserve(room);
+        m_Turn.reserve(room);
+        m_Clients.reserve(room);
+    }
     if (!client->Begin(m_Now)) return;
     if (client->Descriptor() >= 0) {
         epoll_event event{};
@@ -210,7 +236,12 @@ void FeedLoop::GiveTurns() {
 
 /// To a client that is not in the list of those that are ready.
 void FeedLoop::GiveTurn(FeedClient& client) {
-    client.Standing = client.TakeTurn(m_End, m_Now);
+    try {
+        client.Standing = client.TakeTurn(m_End, m_Now);
+    } catch (const std::exception& failure) {
+        Mirel::DefaultLogSink().Error("WebSocket client %s is lost: %s.\n", client.Name(), failure.what());
+        client.Standing = Turn::Gone;
+    }
     if (client.Standing == Turn::Gone) {
         m_AnyGone = true;
         return;

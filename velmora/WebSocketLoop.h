@@ -42,6 +42,7 @@ class FeedLoop final : private Mirel::Thread {
     Mirel::Result_t ThreadFini(Mirel::Result_t result) override;
     Mirel::Result_t ThreadStop() override;
 
+    bool MakePass();
     bool TakeOrders();
     void Welcome(std::unique_ptr<FeedClient> client);
     void LookAtLog();
