@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <set>
 #include <utility>
 
@@ -230,17 +231,23 @@ static Result_t replace_file(const std::string& path, const std::string& text) {
     return RESULT_OK;
 }
 
+static Result_t encode_state(const IEventQueue& queue, std::string& json) {
+    try {
+        PListDict state;
+        queue.GetQueueState(state);
+        return state.EncodeJSON(json);
+    } catch (const std::bad_alloc&) {
+        return Result_t(Mirel::RESULT_FAIL.Value(), Mirel::RESULT_FAIL.Symbol(), "Out of memory.");
+    }
+}
+
 /// The lock covers building the document too: otherwise a thread that built an older one could write it last.
 Result_t EventQueue::SaveState() const {
     AutoMutex lock(m_SaveLock);
     if (m_StateFile.empty()) return RESULT_OK;
 
-    PListDict state;
-    const IEventQueue& queue = *this;
-    queue.GetQueueState(state);
-
     std::string json;
-    Result_t result = state.EncodeJSON(json);
+    Result_t result = encode_state(*this, json);
     if (result.Failure()) {
         DefaultLogSink().Error("Unable to encode queue state for \"%s\": %s\n", m_StateFile.c_str(),
                                result.Message());
@@ -530,9 +537,13 @@ bool EventQueue::PostEvent(const std::string& event_name, const PListDict* value
     m_WsManager.SendToListeners(payload);
     m_Counters.postings.fetch_add(1, std::memory_order_relaxed);
     for (const Listener& listener : event.listeners) {
-        payload.DeleteItem(Strings::listener_data);
-        payload.SetItem(Strings::listener_data, listener.data);
-        CallListener(listener, payload);
+        try {
+            payload.DeleteItem(Strings::listener_data);
+            payload.SetItem(Strings::listener_data, listener.data);
+            CallListener(listener, payload);
+        } catch (const std::bad_alloc&) {  // the event is posted, and the other listeners are to know
+            DefaultLogSink().Error("Out of memory calling \"%s\".\n", listener.callback.c_str());
+        }
     }
     return true;
 }
@@ -627,9 +638,10 @@ void EventQueue::StartCaller(const BasicRestEntryCall& call, const std::string& 
     if (DefaultLogSink().Logs(Mirel::LOG_DEBUG)) {
         DefaultLogSink().Debug("Event dispatched to \"%s\".\n", call.TargetUrl.ComposeAbsolute().c_str());
     }
-    auto* caller = new caller_t(call, body);
+    auto made = std::make_unique<caller_t>(call, body);
+    m_CallerThreads.push_back(made.get());
+    caller_t* const caller = made.release();
     caller->Timeout_ms(static_cast<ui32_t>(m_Timeout_ms));
-    m_CallerThreads.push_back(caller);
     caller->VerifyPeer(false);
     const Result_t started = caller->Start("EventQueue::PostEvent");
     if (started.Failure())
@@ -949,13 +961,17 @@ Result_t EventQueue::ThreadBody() {
     if (event_stream < 0) return RESULT_FILEOPEN;
     m_Counters.pass_ended_ms = steady_ms();
     while (m_RunOK) {
-        MaintainWatches(event_stream);
-        WaitForChanges(event_stream);
-        const auto began = steady_now();
-        FireWatches();
-        FireTimers();
-        ReapCallersAndTrimHistory();
-        CountPass(began);
+        try {
+            MaintainWatches(event_stream);
+            WaitForChanges(event_stream);
+            const auto began = steady_now();
+            FireWatches();
+            FireTimers();
+            ReapCallersAndTrimHistory();
+            CountPass(began);
+        } catch (const std::bad_alloc&) {  // what was not posted is posted in a later pass
+            DefaultLogSink().Error("Out of memory in a pass of the worker.\n");
+        }
     }
     event_stream_close(event_stream);
     return RESULT_OK;
