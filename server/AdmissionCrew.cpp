@@ -3,7 +3,10 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <exception>
 #include <system_error>
+
+#include "MR_log.h"
 
 namespace Server {
 
@@ -53,7 +56,14 @@ void AdmissionCrew::Serve(std::size_t index) {
     pthread_setname_np(pthread_self(), "Http::Serve");
     t_sequence = &m_Places[index].Sequence;
     if (index >= m_Working) Rest();
-    m_Loop.Run();
+    for (bool ended = false; !ended;) {
+        try {
+            m_Loop.Run();
+            ended = true;
+        } catch (const std::exception& failure) {  // ends what it happened to, not the thread
+            Mirel::DefaultLogSink().Error("Serving failed: %s\n", failure.what());
+        }
+    }
 }
 
 bool AdmissionCrew::Enter() {
@@ -124,8 +134,13 @@ void AdmissionCrew::Watch() {
     std::vector<unsigned> seen(m_Places.size(), 0);
     for (;;) {
         bool quiet = true;
-        Staff(m_Working + CountStuck(seen, quiet));
-        m_Admission.Expire(std::chrono::steady_clock::now());
+        try {
+            Staff(m_Working + CountStuck(seen, quiet));
+            m_Admission.Expire(std::chrono::steady_clock::now());
+        } catch (const std::exception& failure) {  // looked at again a little later
+            Mirel::DefaultLogSink().Error("Watching the requests failed: %s\n", failure.what());
+            quiet = false;
+        }
         if (m_Admission.HasWaiters()) quiet = false;
 
         Mirel::AutoMutex held(m_Lock);

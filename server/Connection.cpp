@@ -63,11 +63,10 @@ class Connection : public AdmissionWaiter {
 
     // Takes the descriptor over, unless there is an error.
     void Open(error_code& error) {
-        m_Descriptor.assign(m_Life.Descriptor, error);
-        if (error) return;
         m_Life.Enter(Phase::Handshake, m_Shared.Options.RequestTimeout_ms);
         m_Shared.Registry.Add(m_Life);
         m_Registered = true;
+        m_Descriptor.assign(m_Life.Descriptor, error);
     }
 
     // Does what can be done without waiting, then waits for one thing, or ends with `self`.
@@ -78,6 +77,8 @@ class Connection : public AdmissionWaiter {
     enum class Next { Again, Read, Write, Admission, Turn, Gone };
 
     Next Advance();
+    Next Proceed();
+    Next GiveUp(const std::exception& failure);
     Next Handshake();
     Next ReadRequests();
     Next Receive();
@@ -91,6 +92,7 @@ class Connection : public AdmissionWaiter {
     Next RequestComplete();
     Next Answer();
     HttpResponse CallHandler();
+    HttpResponse CallHandlerAndLeave();
     Next Respond(HttpResponse response);
     Next RefuseAndClose(HttpResponse response);
     Next FinishRequest();
@@ -158,6 +160,30 @@ void Connection::Run(Owner self) {
 }
 
 Connection::Next Connection::Advance() {
+    try {
+        return Proceed();
+    } catch (const std::exception& failure) {
+        return GiveUp(failure);
+    }
+}
+
+// There is no memory for what comes in, or for the answer: the peer is told where nothing of one has gone
+// out.
+Connection::Next Connection::GiveUp(const std::exception& failure) {
+    Mirel::DefaultLogSink().Error("A connection is closed: %s\n", failure.what());
+    if (m_Life.Now.load(std::memory_order_relaxed) != Phase::Reading) return Next::Gone;
+    try {
+        m_Buffer.Release();
+        m_Parsed = m_HeadSize = 0;
+        m_Parser.Reset();
+        RefuseAndClose(NoMemory());
+        return Proceed();
+    } catch (const std::exception&) {
+        return Next::Gone;
+    }
+}
+
+Connection::Next Connection::Proceed() {
     for (;;) {
         Next next = Next::Gone;
         switch (m_Life.Now.load(std::memory_order_relaxed)) {
@@ -323,9 +349,14 @@ Connection::Next Connection::Answer() {
     if (!m_Shared.Handler.MayBlock(m_Request)) return Respond(CallHandler());
     m_Life.Enter(Phase::Handling, 0);
     if (!m_Shared.Crew.Enter()) return Next::Admission;
-    HttpResponse response = CallHandler();
-    m_Shared.Crew.Leave();
-    return Respond(std::move(response));
+    return Respond(CallHandlerAndLeave());
+}
+
+// For a request that is inside the crew.
+HttpResponse Connection::CallHandlerAndLeave() {
+    const std::unique_ptr<AdmissionCrew, void (*)(AdmissionCrew*)> inside(
+        &m_Shared.Crew, [](AdmissionCrew* crew) { crew->Leave(); });
+    return CallHandler();
 }
 
 HttpResponse Connection::CallHandler() {
@@ -342,17 +373,23 @@ HttpResponse Connection::CallHandler() {
 // The turn of a request that waited has come, or its time is over.
 void Connection::Resume(std::unique_ptr<AdmissionWaiter> self, bool admitted) {
     Owner owner(static_cast<Connection*>(self.release()));
-    asio::post(m_Shared.Io,
-               [owner = std::move(owner), admitted]() mutable { Continue(std::move(owner), admitted); });
+    ConnectionShared& shared = m_Shared;
+    try {
+        asio::post(shared.Io,
+                   [owner = std::move(owner), admitted]() mutable { Continue(std::move(owner), admitted); });
+    } catch (const std::bad_alloc&) {
+        Mirel::DefaultLogSink().Error("A waiting request is dropped: out of memory\n");
+        if (!admitted) return;
+        shared.Crew.Resumed();
+        shared.Crew.Leave();
+    }
 }
 
 void Connection::Continue(Owner self, bool admitted) {
     Connection& connection = *self;
     if (admitted) {
         connection.m_Shared.Crew.Resumed();
-        HttpResponse response = connection.CallHandler();
-        connection.m_Shared.Crew.Leave();
-        connection.Respond(std::move(response));
+        connection.Respond(connection.CallHandlerAndLeave());
     } else {
         connection.m_Shared.RefusedBusy.fetch_add(1, std::memory_order_relaxed);
         connection.Respond(busy());
@@ -459,6 +496,17 @@ void Connection::Deregister() {
     if (std::exchange(m_Registered, false)) m_Shared.Registry.Remove(m_Life);
 }
 
+void serve_connection(ConnectionShared& shared, int descriptor, bool& taken_over) {
+    auto connection = std::make_unique<Connection>(shared, descriptor);
+    error_code error;
+    connection->Open(error);
+    if (error) throw boost::system::system_error(error);
+    taken_over = true;
+    // Not here and now: a request that blocks would keep the next connections from being accepted.
+    asio::post(shared.Io,
+               [connection = std::move(connection)]() mutable { Connection::Run(std::move(connection)); });
+}
+
 // More connections than may be: said in one write where that can be done, for there is no place to wait.
 void refuse_connection(ConnectionShared& shared, int descriptor) {
     shared.RefusedConnections.fetch_add(1, std::memory_order_relaxed);
@@ -486,27 +534,17 @@ void ServeConnection(ConnectionShared& shared, int descriptor) {
     const int on = 1;
     setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     shared.Accepted.fetch_add(1, std::memory_order_relaxed);
-    if (shared.Registry.Size() >= shared.Options.MaxConnections) {
-        refuse_connection(shared, descriptor);
-        close(descriptor);
-        return;
-    }
+    bool taken_over = false;
     try {
-        auto connection = std::make_unique<Connection>(shared, descriptor);
-        error_code error;
-        connection->Open(error);
-        if (!error) {
-            // Not here and now: a request that blocks would keep the next connections from being accepted.
-            asio::post(shared.Io, [connection = std::move(connection)]() mutable {
-                Connection::Run(std::move(connection));
-            });
-            return;
+        if (shared.Registry.Size() < shared.Options.MaxConnections) {
+            serve_connection(shared, descriptor, taken_over);
+        } else {
+            refuse_connection(shared, descriptor);
         }
-        Mirel::DefaultLogSink().Error("Cannot serve a connection: %s\n", error.message().c_str());
-    } catch (const std::bad_alloc&) {
-        Mirel::DefaultLogSink().Error("Cannot serve a connection: out of memory\n");
+    } catch (const std::exception& failure) {
+        Mirel::DefaultLogSink().Error("Cannot serve a connection: %s\n", failure.what());
     }
-    close(descriptor);
+    if (!taken_over) close(descriptor);
 }
 
 }  // namespace Server

@@ -11,12 +11,18 @@ constexpr std::size_t CopiedBody = 16u << 10;
 }  // namespace
 
 void ConnectionOutput::Append(HttpResponse response, ReplyForm form) {
-    AppendReplyHead(m_Text, response, form);
-    if (form.HeadOnly || StatusHasNoBody(response.Status)) return;
-    if (ReplyBody(response).size() <= CopiedBody) {
-        m_Text.append(ReplyBody(response));
-    } else {
-        m_Large = std::move(response);
+    const std::size_t before = m_Text.size();
+    try {
+        AppendReplyHead(m_Text, response, form);
+        if (form.HeadOnly || StatusHasNoBody(response.Status)) return;
+        if (ReplyBody(response).size() <= CopiedBody) {
+            m_Text.append(ReplyBody(response));
+        } else {
+            m_Large = std::move(response);
+        }
+    } catch (...) {
+        m_Text.resize(before);  // no answer goes out in part
+        throw;
     }
 }
 

@@ -1,13 +1,6 @@
 #include "Http.h"
 
-#if defined(__clang__)  // the library adds to null pointers where it asks whether there is room
-#pragma clang attribute push(__attribute__((no_sanitize("pointer-overflow"))), apply_to = function)
-#endif
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-#if defined(__clang__)
-#pragma clang attribute pop
-#endif
+#include "VL_PList.h"
 
 namespace Server {
 
@@ -18,25 +11,6 @@ int hex_value(char c) {
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
     return -1;
-}
-
-using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>,
-                                     rapidjson::CrtAllocator, rapidjson::kWriteValidateEncodingFlag>;
-
-bool write_problem(rapidjson::StringBuffer& json, Status_t status, const std::string& detail) {
-    JsonWriter writer(json);
-    const char* const title = Velmora::StatusToString(status);
-    writer.StartObject();
-    writer.Key("type");
-    writer.String("about:blank");
-    writer.Key("title");
-    writer.String(title);
-    writer.Key("status");
-    writer.Int(status);
-    writer.Key("detail");
-    const bool valid = writer.String(detail.data(), static_cast<rapidjson::SizeType>(detail.size()));
-    writer.EndObject();
-    return valid;
 }
 
 }  // namespace
@@ -59,18 +33,22 @@ std::optional<std::string> PercentDecode(std::string_view text) {
 }
 
 HttpResponse Problem(Status_t status, const std::string& detail) {
-    rapidjson::StringBuffer json;
-    if (!write_problem(json, status, detail)) {
-        // The detail quotes bytes from outside that are no UTF-8.
-        std::string ascii = detail;
-        for (char& c : ascii) c = static_cast<unsigned char>(c) < 0x80 ? c : '?';
-        json.Clear();
-        write_problem(json, status, ascii);
-    }
+    Velmora::PListDict problem;
+    problem.SetValue("type", "about:blank");
+    problem.SetValue("title", Velmora::StatusToString(status));
+    problem.SetValue("status", static_cast<int>(status));
+    problem.SetValue("detail", detail);
     HttpResponse response;
     response.Status = status;
     response.ContentType = "application/problem+json";
-    response.Body.assign(json.GetString(), json.GetSize());
+    (void)problem.EncodeJSON(response.Body);  // succeeds for every text
+    return response;
+}
+
+HttpResponse NoMemory() {
+    HttpResponse response =
+        Problem(Velmora::STATUS_503_NO_SERVICE, "There is not enough memory for this request at the moment.");
+    response.Headers.emplace_back("Retry-After", "1");
     return response;
 }
 

@@ -43,6 +43,9 @@ std::optional<std::string> PercentDecode(std::string_view text);
 /// The answer to a failed request: application/problem+json (RFC 9457) with type, title, status and detail.
 HttpResponse Problem(Status_t status, const std::string& detail);
 
+/// What is answered where the memory does not suffice for a request.
+HttpResponse NoMemory();
+
 /// Answers requests. Called on the I/O threads, from several at once; must not throw.
 class HttpHandler {
   public:

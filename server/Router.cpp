@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "Console.h"
@@ -222,6 +223,10 @@ HttpResponse Router::Dispatch(const HttpRequest& request) {
 HttpResponse Router::Handle(const HttpRequest& request) {
     try {
         return Dispatch(request);
+    } catch (const std::bad_alloc& failure) {
+        Mirel::DefaultLogSink().Error("Request %s %s failed: %s\n", MethodToString(request.Method),
+                                      std::string(request.Path).c_str(), failure.what());
+        return NoMemory();
     } catch (const std::exception& failure) {
         Mirel::DefaultLogSink().Error("Request %s %s failed: %s\n", MethodToString(request.Method),
                                       std::string(request.Path).c_str(), failure.what());

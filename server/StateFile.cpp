@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "EventManager.h"
 #include "MR_util.h"
@@ -34,12 +35,7 @@ std::string fault_of(const Velmora::PListDict& document) {
     return any ? "" : "it is not a queue state document";
 }
 
-}  // namespace
-
-Mirel::Result_t ReadStateFile(const std::string& path, std::optional<Velmora::PListDict>& document) {
-    document.reset();
-    struct stat status {};
-    if (path.empty() || (stat(path.c_str(), &status) != 0 && errno == ENOENT)) return Mirel::RESULT_OK;
+Mirel::Result_t read_document(const std::string& path, std::optional<Velmora::PListDict>& document) {
     std::string text;
     const Mirel::Result_t read = Mirel::ReadFileIntoString(path, text, StateFileLimit);
     if (read.Failure()) return unusable(path, read.Message());
@@ -53,6 +49,19 @@ Mirel::Result_t ReadStateFile(const std::string& path, std::optional<Velmora::PL
     if (!fault.empty()) return unusable(path, fault);
     document = *dict;
     return Mirel::RESULT_OK;
+}
+
+}  // namespace
+
+Mirel::Result_t ReadStateFile(const std::string& path, std::optional<Velmora::PListDict>& document) {
+    document.reset();
+    struct stat status {};
+    if (path.empty() || (stat(path.c_str(), &status) != 0 && errno == ENOENT)) return Mirel::RESULT_OK;
+    try {
+        return read_document(path, document);
+    } catch (const std::bad_alloc&) {
+        return unusable(path, "there is not enough memory for it");
+    }
 }
 
 }  // namespace Server
