@@ -1,13 +1,16 @@
 // velmora-server: starts everything in order, waits for a signal, and ends everything in order.
 #include "VL_Python.h"
 // (Python wants to be first)
+#include <semaphore.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <thread>
 
@@ -84,30 +87,39 @@ void raise_descriptor_limit() {
     }
 }
 
-sigset_t ending_signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    return signals;
+sem_t ending;
+std::atomic<int> ending_signal{0};
+
+void on_ending(int number) {
+    ending_signal = number;
+    sem_post(&ending);
 }
 
-// Before any thread is started, so that all of them leave these signals to the main thread.
+void on_nothing(int) {}
+
+void handle(int number, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    sigaction(number, &action, nullptr);
+}
+
+// Nothing is blocked or ignored: programs that Python handlers start would inherit that, and could not be
+// ended.
 void set_up_signals() {
-    signal(SIGPIPE, SIG_IGN);
-    signal(SIGHUP, SIG_IGN);
-    const sigset_t signals = ending_signals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    sem_init(&ending, 0, 0);
+    // A peer that has gone and a file that may not grow are found where they are written to.
+    for (const int number : {SIGPIPE, SIGXFSZ, SIGHUP}) handle(number, on_nothing);
+    for (const int number : {SIGINT, SIGTERM}) handle(number, on_ending);
 }
 
 void wait_for_signal() {
-    const sigset_t signals = ending_signals();
-    int number = 0;
-    while (sigwait(&signals, &number) != 0) {
+    while (sem_wait(&ending) != 0) {
     }
+    const int number = ending_signal;
     Mirel::DefaultLogSink().Notice("Ending on signal %d (%s)\n", number, strsignal(number));
     // The next one ends the process at once.
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    for (const int next : {SIGINT, SIGTERM}) handle(next, SIG_DFL);
 }
 
 // The end takes too long: a Python handler that never returns holds what the rest waits for.
@@ -194,7 +206,12 @@ int main(int argc, char** argv) {
     set_up_log(config);
     set_up_signals();
     raise_descriptor_limit();
-    const int status = run(config);
+    int status = 1;
+    try {
+        status = run(config);
+    } catch (const std::exception& failure) {
+        fail(std::string("Given up: ") + failure.what());
+    }
     std::fflush(stdout);
     // Threads that were left behind (a caller that does not end) must not find the process half taken down.
     if (Velmora::GetRequestCounters().Running > 0) _exit(status);
