@@ -108,6 +108,9 @@ void handle(int number, void (*handler)(int)) {
 // ended.
 void set_up_signals() {
     sem_init(&ending, 0, 0);
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);  // whatever this process has inherited itself
     // A peer that has gone and a file that may not grow are found where they are written to.
     for (const int number : {SIGPIPE, SIGXFSZ, SIGHUP}) handle(number, on_nothing);
     for (const int number : {SIGINT, SIGTERM}) handle(number, on_ending);
