@@ -2,8 +2,6 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
 
 #include <limits>
 #include <string>
@@ -51,16 +49,6 @@ TEST(Files, FailWithPathAndReason) {
     expect_failure(ReadFileIntoString(missing, text, 100), RESULT_FILEOPEN, missing, ENOENT);
     expect_failure(ReadFileIntoString(folder.Path(), text, 100), RESULT_READFAIL, folder.Path(), EISDIR);
     EXPECT_EQ(text, "");
-
-    const auto handler = signal(SIGXFSZ, SIG_IGN);
-    rlimit before{};
-    getrlimit(RLIMIT_FSIZE, &before);
-    const rlimit limit{4096, before.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    const std::string path = folder / "limited";
-    expect_failure(WriteStringIntoFile(path, std::string(5000, 'x')), RESULT_WRITEFAIL, path, EFBIG);
-    setrlimit(RLIMIT_FSIZE, &before);
-    signal(SIGXFSZ, handler);
 }
 
 TEST(Files, APathEndsNowhereButAtItsEnd) {

@@ -269,14 +269,6 @@ TEST_F(CallerTest, DestroyingAQueueWaitsForItsRunningCallers) {
     EXPECT_EQ(Velmora::GetRequestCounters().Running, 0u);
 }
 
-TEST_F(CallerTest, ACallerWithoutATargetSendsNothing) {
-    BackgroundHTTPRequestHandle<TLSHTTPRequestHandle> caller(BasicRestEntryCall{});
-    ASSERT_TRUE(caller.Start("test").Success());
-    EXPECT_TRUE(Testing::Eventually([&] { return caller.IsFinished(); }));
-    EXPECT_EQ(caller.Result().Value(), Mirel::RESULT_PARAM.Value());
-    EXPECT_EQ(caller.Status(), Velmora::STATUS_NONE);
-}
-
 #if !defined(__SANITIZE_THREAD__) && \
     !defined(__SANITIZE_ADDRESS__)  // these stand in for pthread_create themselves
 

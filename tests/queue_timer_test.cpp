@@ -53,6 +53,24 @@ TEST_F(TimerTest, AnIntervalCountsFromCreationAndThenFromEachPass) {
     EXPECT_EQ(Timers().Size(), 0u);
 }
 
+TEST_F(TimerTest, AClockThatIsFarOffAndSetRightDelaysAndLosesNoMoreThanItMust) {
+    Create(60, 0);
+    clock.Set("1970-01-01T00:00:00+00:00");
+    Create(0, 60);
+    EXPECT_EQ(FiredAfter(60), 1u);
+    const std::string state = State();
+    queue.DeleteAllTimers();
+    queue.SetQueueState(Dict(state));
+    clock.Set("2026-03-01T12:01:00+00:00");
+    EXPECT_EQ(FiredAfter(0), 1u);  // the first one; what began in 1970 is over
+    EXPECT_EQ(Timers().Size(), 0u);
+    Probe::TrimHistory(queue);
+    EXPECT_EQ(History().Size(), 1u);
+    clock.Set("2099-01-01T00:00:00+00:00");
+    Probe::TrimHistory(queue);
+    EXPECT_TRUE(History().Empty());
+}
+
 TEST_F(TimerTest, OnlyTheLowBitsOfAnIntervalCount) {
     Create(0, 4294967306);  // 2^32 + 10
     EXPECT_EQ(FiredAfter(9), 0u);
