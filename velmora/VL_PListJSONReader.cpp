@@ -26,7 +26,6 @@ namespace {
 
 // The reader writes through what it is given without a look, so that no memory must not be a null pointer.
 struct ThrowingAllocator {
-    static constexpr bool kNeedFree = true;  // the reader's own name for it
     static void* Malloc(std::size_t size) { return Realloc(nullptr, 0, size); }
     static void* Realloc(void* memory, std::size_t, std::size_t size) {
         if (size == 0) return Free(memory), nullptr;
