@@ -159,9 +159,8 @@ Result_t Thread::Start(const std::string& name) {
 }
 
 Result_t Thread::Stop(ui32_t limit_ms, bool wait) {
-    if (IsFinished()) return RESULT_OK;
     const Result_t asked = run_hook("ThreadStop", [this] { return ThreadStop(); });
-    if (!wait) return asked;
+    if (!wait || IsFinished()) return asked;
     if (m_Run->IsOwnThread()) return RESULT_STATE;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
     return m_Run->WaitUntilFinished(deadline) ? asked : RESULT_TIMEOUT;

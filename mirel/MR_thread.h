@@ -35,9 +35,9 @@ class MR_EXPORT Thread {
 
     /// Asks the thread to end (ThreadStop, on the calling thread, possibly at the same time as the other
     /// hooks and more than once) and, where `wait` is true, waits at most `limit_ms` milliseconds for its
-    /// hooks to return. RESULT_TIMEOUT when they had not in time, else what ThreadStop answered; RESULT_OK
-    /// without asking when the run is over already. Before Start() it asks and does not wait. A thread that
-    /// waits for itself is answered RESULT_STATE, after it was asked.
+    /// hooks to return. RESULT_TIMEOUT when they had not in time, else what ThreadStop answered. Before
+    /// Start() and after the run it asks and does not wait. A thread that waits for itself is answered
+    /// RESULT_STATE, after it was asked.
     Result_t Stop(ui32_t limit_ms, bool wait);
 
     /// True once the hooks have returned, or the start failed. False before Start().

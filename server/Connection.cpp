@@ -8,12 +8,12 @@
 
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <new>
+#include <system_error>
 #include <utility>
 
 #include "ConnectionBuffer.h"
@@ -27,7 +27,6 @@
 namespace Server {
 
 namespace asio = boost::asio;
-using boost::system::error_code;
 using Phase = ConnectionLife::Phase;
 using Progress = RequestParser::Progress;
 
@@ -48,25 +47,28 @@ HttpResponse busy() {
 
 // Serves one connection. It has at most one operation under way at any time, and that operation owns it; so
 // only one thread at a time is here, and no lock is needed.
-class Connection : public AdmissionWaiter {
+class Connection : public AdmissionWaiter, public SocketWaiter {
   public:
     using Owner = std::unique_ptr<Connection>;
 
     Connection(ConnectionShared& shared, int descriptor)
         : m_Shared(shared),
           m_Life(descriptor),
-          m_Descriptor(shared.Io),
           m_Stream(descriptor, shared.Identity.get()),
           m_Parser(shared.Options.HeaderLimit, shared.Options.BodyLimit) {}
 
-    ~Connection() override { Deregister(); }
+    ~Connection() override {
+        Deregister();
+        if (m_Owning) close(m_Life.Descriptor);
+    }
 
-    // Takes the descriptor over, unless there is an error.
-    void Open(error_code& error) {
+    // To be called once, before Run(). Throws where the system refuses.
+    void Open() {
         m_Life.Enter(Phase::Handshake, m_Shared.Options.RequestTimeout_ms);
         m_Shared.Registry.Add(m_Life);
         m_Registered = true;
-        m_Descriptor.assign(m_Life.Descriptor, error);
+        m_Polled = m_Shared.Poll.Add(m_Life.Descriptor, m_PollPlace);
+        if (!m_Polled) throw std::system_error(errno, std::generic_category());
     }
 
     // Does what can be done without waiting, then waits for one thing, or ends with `self`.
@@ -103,16 +105,20 @@ class Connection : public AdmissionWaiter {
     Next AllWritten();
     Next Drain();
 
+    static Owner WaitFor(Owner self, SocketPoll::For what);
+    void Ready(std::unique_ptr<SocketWaiter> self) override;
     void Resume(std::unique_ptr<AdmissionWaiter> self, bool admitted) override;
     static void Continue(Owner self, bool admitted);
     void Deregister();
 
     ConnectionShared& m_Shared;
     ConnectionLife m_Life;
-    asio::posix::stream_descriptor m_Descriptor;
     ConnectionStream m_Stream;
     RequestParser m_Parser;
+    bool m_Owning = true;  // the descriptor
     bool m_Registered = false;
+    bool m_Polled = false;
+    std::size_t m_PollPlace = 0;  // while it is
 
     // The request that is coming in.
     ConnectionBuffer m_Buffer;
@@ -130,33 +136,45 @@ class Connection : public AdmissionWaiter {
 };
 
 void Connection::Run(Owner self) {
-    Connection& connection = *self;
-    asio::posix::stream_descriptor& descriptor = connection.m_Descriptor;
-    switch (connection.Advance()) {
-        case Next::Read:
-            descriptor.async_wait(descriptor.wait_read, [self = std::move(self)](error_code) mutable {
-                self->m_Readable = true;
-                self->m_Answered = 0;
-                Run(std::move(self));
-            });
-            return;
-        case Next::Write:
-            descriptor.async_wait(descriptor.wait_write,
-                                  [self = std::move(self)](error_code) mutable { Run(std::move(self)); });
-            return;
-        case Next::Turn:
-            connection.m_Answered = 0;
-            asio::post(connection.m_Shared.Io, [self = std::move(self)]() mutable { Run(std::move(self)); });
-            return;
-        case Next::Admission: {
-            std::unique_ptr<AdmissionWaiter> waiter = std::move(self);
-            if (!connection.m_Shared.Crew.Wait(waiter)) connection.Resume(std::move(waiter), false);
-            return;
+    while (self) {
+        Connection& connection = *self;
+        switch (connection.Advance()) {
+            case Next::Read:
+                self = WaitFor(std::move(self), SocketPoll::For::Read);
+                break;
+            case Next::Write:
+                self = WaitFor(std::move(self), SocketPoll::For::Write);
+                break;
+            case Next::Turn:
+                connection.m_Answered = 0;
+                asio::post(connection.m_Shared.Io,
+                           [self = std::move(self)]() mutable { Run(std::move(self)); });
+                return;
+            case Next::Admission: {
+                std::unique_ptr<AdmissionWaiter> waiter = std::move(self);
+                if (!connection.m_Shared.Crew.Wait(waiter)) connection.Resume(std::move(waiter), false);
+                return;
+            }
+            case Next::Again:
+            case Next::Gone:
+                return;
         }
-        case Next::Again:
-        case Next::Gone:
-            return;
     }
+}
+
+// Answers `self` where there is nothing to wait for, since the socket has become ready in the meantime.
+Connection::Owner Connection::WaitFor(Owner self, SocketPoll::For what) {
+    Connection& connection = *self;
+    std::unique_ptr<SocketWaiter> waiter = std::move(self);
+    if (connection.m_Shared.Poll.Wait(connection.m_PollPlace, what, waiter)) return nullptr;
+    connection.m_Readable = true;
+    return Owner(static_cast<Connection*>(waiter.release()));
+}
+
+void Connection::Ready(std::unique_ptr<SocketWaiter> self) {
+    m_Readable = true;
+    m_Answered = 0;
+    Run(Owner(static_cast<Connection*>(self.release())));
 }
 
 Connection::Next Connection::Advance() {
@@ -445,8 +463,8 @@ Connection::Next Connection::Upgrade() {
 void Connection::HandOver() {
     const std::string peer = m_Stream.Peer();
     Deregister();
-    const int descriptor = m_Descriptor.release();
-    HandOverToFeed(descriptor, m_Stream.ReleaseTls(), peer, m_Buffer.View());
+    m_Owning = false;
+    HandOverToFeed(m_Life.Descriptor, m_Stream.ReleaseTls(), peer, m_Buffer.View());
 }
 
 // Writes what is to go out.
@@ -494,14 +512,13 @@ Connection::Next Connection::Drain() {
 
 void Connection::Deregister() {
     if (std::exchange(m_Registered, false)) m_Shared.Registry.Remove(m_Life);
+    if (std::exchange(m_Polled, false)) m_Shared.Poll.Remove(m_Life.Descriptor, m_PollPlace);
 }
 
 void serve_connection(ConnectionShared& shared, int descriptor, bool& taken_over) {
     auto connection = std::make_unique<Connection>(shared, descriptor);
-    error_code error;
-    connection->Open(error);
-    if (error) throw boost::system::system_error(error);
     taken_over = true;
+    connection->Open();
     // Not here and now: a request that blocks would keep the next connections from being accepted.
     asio::post(shared.Io,
                [connection = std::move(connection)]() mutable { Connection::Run(std::move(connection)); });
@@ -528,7 +545,8 @@ ConnectionShared::ConnectionShared(const HttpServerOptions& options, HttpHandler
       Handler(handler),
       Io(io),
       Crew(threads, working,
-           {[&io] { io.run(); }, [&io](std::function<void()> call) { asio::post(io, std::move(call)); }}) {}
+           {[&io] { io.run(); }, [&io](std::function<void()> call) { asio::post(io, std::move(call)); }}),
+      Poll(io) {}
 
 void ServeConnection(ConnectionShared& shared, int descriptor) {
     const int on = 1;

@@ -11,6 +11,7 @@
 #include "ConnectionStream.h"
 #include "Http.h"
 #include "HttpServer.h"
+#include "SocketPoll.h"
 
 namespace boost::asio {
 class io_context;
@@ -33,6 +34,7 @@ struct ConnectionShared {
     // Self-synchronised.
     AdmissionCrew Crew;
     ConnectionRegistry Registry;
+    SocketPoll Poll;
     std::atomic<bool> Stopping{false};
     std::atomic<Mirel::ui64_t> Accepted{0};
     std::atomic<Mirel::ui64_t> Requests{0};

@@ -128,7 +128,10 @@ IoResult ConnectionStream::Write(const iovec* pieces, std::size_t count) {
         msghdr message{};
         message.msg_iov = const_cast<iovec*>(pieces);
         message.msg_iovlen = count;
-        IoResult result = socket_outcome(sendmsg(m_Descriptor, &message, MSG_NOSIGNAL));
+        // One piece, as nearly always: the simpler call costs the kernel less.
+        IoResult result = socket_outcome(
+            count == 1 ? send(m_Descriptor, pieces[0].iov_base, pieces[0].iov_len, MSG_NOSIGNAL)
+                       : sendmsg(m_Descriptor, &message, MSG_NOSIGNAL));
         if (result.Status == IoStatus::WantRead) result.Status = IoStatus::WantWrite;
         return result;
     }

@@ -59,6 +59,7 @@ class HttpServer::Impl {
         m_Acceptor.reset();
         m_Pause.reset();
         m_Sweep.reset();
+        m_Shared.Poll.Close();
         m_Io.reset();
     }
 
@@ -109,6 +110,9 @@ Mirel::Result_t HttpServer::Impl::Bind() {
     if (bound.Failure()) return bound;
     m_Listener = descriptor;
     m_Acceptor->assign(descriptor);
+    if (!m_Shared.Poll.Open())
+        return Mirel::RESULT_FILEOPEN.WithMessage(std::string("Cannot wait for connections: ") +
+                                                  std::strerror(errno));
     m_Shared.Policy = std::make_unique<AccessPolicy>(options, m_Port);
     return Mirel::RESULT_OK;
 }

@@ -1,6 +1,7 @@
 // velmora-server: starts everything in order, waits for a signal, and ends everything in order.
 #include "VL_Python.h"
 // (Python wants to be first)
+#include <malloc.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -192,9 +193,16 @@ int run(const Config& config) {
     return end(server, config);
 }
 
+// All threads share one arena: the history is written by whoever posts and freed by the worker, and the main
+// arena grows in larger steps, and into huge pages where they are asked for, than those of other threads do.
+void set_up_memory() {
+    mallopt(M_ARENA_MAX, 1);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    set_up_memory();
     Server::CommandLine command_line;
     if (const std::optional<int> status = Server::ReadCommandLine(argc, argv, command_line)) return *status;
     std::vector<ConfigFault> faults;

@@ -201,6 +201,12 @@ TEST_F(HttpServerTest, AnswersWhateverWayTheBytesCome) {
         for (std::size_t i = 0; i < requests.size(); i += piece) client.Send(requests.substr(i, piece));
         for (const std::string& body : bodies)
             EXPECT_EQ(client.ReadAnswer().Body, body) << "in pieces of " << piece;
+        // The last request and the end of all may be heard of as one.
+        client.Send(Get("/large") + Get("/last"));
+        client.EndSending();
+        EXPECT_EQ(client.ReadAnswer().Body.size(), EchoHandler::Large);
+        EXPECT_EQ(client.ReadAnswer().Body, "GET /last? ");
+        EXPECT_TRUE(client.Ends());
     }
 }
 

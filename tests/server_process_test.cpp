@@ -250,7 +250,7 @@ TEST_F(ServerProcessTest, ProgramsOfHandlersCanBeEnded) {
 // The memory for a large request ends at every place on its way through the server, one after the other.
 TEST_F(ServerProcessTest, ARequestWithoutMemoryFailsAlone) {
     // What is freed goes back to the system, so that the limit is met where it is meant to be.
-    setenv("GLIBC_TUNABLES", "glibc.malloc.arena_max=1:glibc.malloc.mmap_threshold=65536", 1);
+    setenv("GLIBC_TUNABLES", "glibc.malloc.mmap_threshold=65536", 1);
     const auto server = Serve(R"({"BindAddress": {"ListenPort": 0}, "StateFile": "state.json",
                                   "Limits": {"MaxBodyBytes": 8000000}})");
     unsetenv("GLIBC_TUNABLES");
