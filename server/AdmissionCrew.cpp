@@ -14,6 +14,8 @@ namespace {
 
 // How long a thread may stay inside one request before another takes over.
 constexpr std::chrono::milliseconds WatchInterval{2};
+// How many quiet looks before the watch sleeps: waking it is a part of the request that does.
+constexpr unsigned QuietLooks = 50;
 
 // The calling thread's place in its crew.
 thread_local std::atomic<unsigned>* t_sequence = nullptr;
@@ -128,10 +130,12 @@ void AdmissionCrew::Staff(unsigned wanted) {
     for (; surplus > 0; --surplus) m_Loop.Post([this] { Rest(); });
 }
 
-// Looks at the places every few milliseconds while requests come in, and sleeps while none do.
+// Looks at the places every few milliseconds while requests come in, and sleeps when none have come for a
+// while.
 void AdmissionCrew::Watch() {
     pthread_setname_np(pthread_self(), "Http::Watch");
     std::vector<unsigned> seen(m_Places.size(), 0);
+    unsigned quiet_looks = 0;
     for (;;) {
         bool quiet = true;
         try {
@@ -142,10 +146,11 @@ void AdmissionCrew::Watch() {
             quiet = false;
         }
         if (m_Admission.HasWaiters()) quiet = false;
+        quiet_looks = quiet ? quiet_looks + 1 : 0;
 
         Mirel::AutoMutex held(m_Lock);
         if (m_Ending) return;
-        if (quiet && m_AtWork <= m_Wanted) {
+        if (quiet_looks >= QuietLooks && m_AtWork <= m_Wanted) {
             // Announced first, looked at again after: whoever enters in between sees the one or is seen by
             // the other.
             m_WatchAsleep.store(true);

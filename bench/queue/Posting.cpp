@@ -12,7 +12,8 @@ using EventManager::IEventQueue;
 
 namespace {
 
-constexpr std::size_t Warmup = 2000;
+constexpr std::size_t Warmup =
+    10'000;  // until the heap has grown into huge pages: a fault on every small one costs more
 constexpr std::size_t Block =
     16;  // postings timed together: reading the clock costs as much as a third of one
 constexpr std::size_t Postings = 300'000;
