@@ -16,6 +16,7 @@
 #include <memory>
 #include <new>
 #include <set>
+#include <thread>
 #include <utility>
 
 #include "LocalAccessManager.h"
@@ -44,6 +45,7 @@ constexpr i32_t HistoryRetention_sec = 30;
 constexpr i32_t TimerExpiry_sec = 10;
 
 constexpr int WatchWait_ms = 500;
+constexpr std::chrono::milliseconds AfterFailedPass{100};  // or the log would fill with one line
 constexpr std::size_t WatchReadSize = 8192;
 
 const std::string PythonScheme = "python://";
@@ -971,6 +973,7 @@ Result_t EventQueue::ThreadBody() {
             CountPass(began);
         } catch (const std::bad_alloc&) {  // what was not posted is posted in a later pass
             DefaultLogSink().Error("Out of memory in a pass of the worker.\n");
+            std::this_thread::sleep_for(AfterFailedPass);
         }
     }
     event_stream_close(event_stream);
