@@ -47,7 +47,11 @@ def bare_fan_out(run):
 
 def latency(name, clients, rate):
     protocol = "redis" if name == "redis" else "ws"
-    return lambda run: figures(LOAD, "latency", protocol, run.ports[name], clients, rate, 1000)
+
+    def measure(run):
+        run.settle()
+        return figures(LOAD, "latency", protocol, run.ports[name], clients, rate, 1000)
+    return measure
 
 
 def wrk(name):

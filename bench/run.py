@@ -143,25 +143,28 @@ def footnote(results):
     about = results["machine"]
     return (f"{about['cores']} cores of {about['processor']}, Linux {about['kernel']}, commit {about['commit']}; load "
             f"{about['load_before']:.1f} before and {about.get('load_after', 0):.1f} after the run; medians of up to "
-            f"{max(row['rounds'] for row in results['rows'])} rounds.")
+            f"{max((row['rounds'] for row in results['rows']), default=0)} rounds.")
 
 
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--only", default="", help="measurements whose name holds this text")
+    parser.add_argument("--only", default="", help="measurements whose name holds one of these texts (TEXT,TEXT)")
     parser.add_argument("--no-growth", action="store_true", help="leave out what is measured for the plots")
-    return parser.parse_args()
+    wanted = parser.parse_args()
+    wanted.names = [name for name in MEASUREMENTS if any(text in name for text in wanted.only.split(","))]
+    if not wanted.names:
+        parser.error(f"no measurement's name holds {wanted.only!r}; there are: {', '.join(MEASUREMENTS)}")
+    return wanted
 
 
 def main():
     wanted = arguments()
     deadline = time.monotonic() + BUDGET_SEC
     about = machine()
-    names = [name for name in MEASUREMENTS if wanted.only in name]
     curves = {} if wanted.no_growth or wanted.only else run_growth(deadline)
-    samples, failures = run_rounds(names, wanted.rounds, deadline)
-    results = [evaluate(row, samples) for row in ROWS if row.ours[0] in names]
+    samples, failures = run_rounds(wanted.names, wanted.rounds, deadline)
+    results = [evaluate(row, samples) for row in ROWS if row.ours[0] in wanted.names]
     about["load_after"] = os.getloadavg()[0]
     everything = {"machine": about, "rows": results, "growth": curves, "samples": samples, "failures": failures}
     (BUILD / "results.json").write_text(json.dumps(everything, indent=1))

@@ -283,29 +283,31 @@ static ui32_t queue_size(const event_map& queue) {
     return static_cast<ui32_t>(size);
 }
 
-static PListDict* listener_entry(const Listener& listener) {
-    auto* entry = new PListDict;
-    entry->SetValue(Strings::id, id_text(listener.id));
-    entry->SetValue(Strings::callback, listener.callback);
-    if (!listener.data.Empty()) entry->SetItem(Strings::listener_data, listener.data);
+static PListDict listener_entry(const Listener& listener) {
+    PListDict entry;
+    entry.SetValue(Strings::id, id_text(listener.id));
+    entry.SetValue(Strings::callback, listener.callback);
+    if (!listener.data.Empty()) entry.SetItem(Strings::listener_data, listener.data);
     return entry;
 }
 
-static PListDict* event_entry(const EventDistributor& event) {
-    auto* entry = new PListDict;
-    entry->SetValue(Strings::event_name, event.name);
-    if (!event.data.Empty()) entry->SetItem(Strings::event_data, event.data);
-    auto* listeners = new PListArray;
-    entry->SetItem(Strings::listener_list, listeners);
-    for (const Listener& listener : event.listeners) listeners->Append(listener_entry(listener));
+static PListDict event_entry(const EventDistributor& event) {
+    PListDict entry;
+    entry.SetValue(Strings::event_name, event.name);
+    if (!event.data.Empty()) entry.SetItem(Strings::event_data, event.data);
+    PListArray listeners;
+    for (const Listener& listener : event.listeners) listeners.Append(listener_entry(listener));
+    entry.SetItem(Strings::listener_list, listeners);
     return entry;
 }
 
 void EventQueue::GetEventState(PListDict& state) const {
-    auto* events = new PListArray;
+    PListArray events;
+    {
+        AutoMutex lock(m_EventLock);
+        for (const auto& [name, event] : m_Events) events.Append(event_entry(event));
+    }
     state.SetItem(Strings::event_list, events);
-    AutoMutex lock(m_EventLock);
-    for (const auto& [name, event] : m_Events) events->Append(event_entry(event));
 }
 
 /// Offers every listener of a state document's event to the queue.
@@ -652,24 +654,26 @@ void EventQueue::StartCaller(const BasicRestEntryCall& call, const std::string& 
 
 // ---------------------------------------------------------------- EventQueue: timers
 
-static PListDict* timer_entry(const Timer& timer) {
-    auto* entry = new PListDict;
-    entry->SetValue(Strings::id, id_text(timer.id));
-    entry->SetValue(Strings::event_name, timer.event_name);
-    if (!timer.data.Empty()) entry->SetItem(Strings::timer_data, timer.data);
+static PListDict timer_entry(const Timer& timer) {
+    PListDict entry;
+    entry.SetValue(Strings::id, id_text(timer.id));
+    entry.SetValue(Strings::event_name, timer.event_name);
+    if (!timer.data.Empty()) entry.SetItem(Strings::timer_data, timer.data);
     if (timer.interval_sec != 0) {
-        entry->SetValue(Strings::interval_sec, std::to_string(timer.interval_sec));
+        entry.SetValue(Strings::interval_sec, std::to_string(timer.interval_sec));
     } else {
-        entry->SetValue(Strings::start_time, time_text(timer.start_time));
+        entry.SetValue(Strings::start_time, time_text(timer.start_time));
     }
     return entry;
 }
 
 void EventQueue::GetTimerState(PListDict& state) const {
-    auto* timers = new PListArray;
+    PListArray timers;
+    {
+        AutoMutex lock(m_TimerLock);
+        for (const Timer* timer : m_Timers) timers.Append(timer_entry(*timer));
+    }
     state.SetItem(Strings::timer_list, timers);
-    AutoMutex lock(m_TimerLock);
-    for (const Timer* timer : m_Timers) timers->Append(timer_entry(*timer));
 }
 
 /// Offers one timer of a state document to the queue.
@@ -757,20 +761,22 @@ void EventQueue::SetMaxWatches(i32_t max) {
     m_MaxWatches = max;
 }
 
-static PListDict* watch_entry(const Watch& watch) {
-    auto* entry = new PListDict;
-    entry->SetValue(Strings::path, watch.path);
-    entry->SetValue(Strings::event_name, watch.event_name);
-    entry->SetValue(Strings::once, watch.once);
-    if (!watch.data.Empty()) entry->SetItem(Strings::watch_data, watch.data);
+static PListDict watch_entry(const Watch& watch) {
+    PListDict entry;
+    entry.SetValue(Strings::path, watch.path);
+    entry.SetValue(Strings::event_name, watch.event_name);
+    entry.SetValue(Strings::once, watch.once);
+    if (!watch.data.Empty()) entry.SetItem(Strings::watch_data, watch.data);
     return entry;
 }
 
 void EventQueue::GetWatchState(PListDict& state) const {
-    auto* watches = new PListArray;
+    PListArray watches;
+    {
+        AutoMutex lock(m_WatchLock);
+        for (const auto& [path, watch] : m_Watches) watches.Append(watch_entry(watch));
+    }
     state.SetItem(Strings::watch_list, watches);
-    AutoMutex lock(m_WatchLock);
-    for (const auto& [path, watch] : m_Watches) watches->Append(watch_entry(watch));
 }
 
 /// Offers one watch of a state document to the queue.
