@@ -89,8 +89,8 @@ bool SocketPoll::Wait(std::size_t place, For what, std::unique_ptr<SocketWaiter>
     return true;
 }
 
-// Hands a waiter to the loop instead of calling it: one that stays inside its request must not keep the
-// others from being served by another thread.
+// Hands a waiter to the loop instead of calling it: of several, one that stays inside its request must not
+// keep the others from being served by another thread.
 void SocketPoll::Resume(std::unique_ptr<SocketWaiter> waiter) {
     try {
         asio::post(m_Io, [waiter = std::move(waiter)]() mutable {
@@ -122,10 +122,15 @@ void SocketPoll::Collect() {
             place.Ready = !waiters[i];
         }
     }
+    Await();
+    if (count == 1 && waiters[0]) {  // keeps nobody waiting
+        SocketWaiter& ready = *waiters[0];
+        ready.Ready(std::move(waiters[0]));
+        return;
+    }
     for (int i = 0; i < count; ++i) {
         if (waiters[i]) Resume(std::move(waiters[i]));
     }
-    Await();
 }
 
 }  // namespace Server

@@ -1,8 +1,10 @@
 #include "WebSocketLoop.h"
 
+#include <sched.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,6 +31,31 @@ constexpr int EventsAtOnce = 256;
 /// How finely a time-out is kept, as a part of it, and at most.
 constexpr int TicksInLimit = 4;
 constexpr Milliseconds LongestHurriedTick{250};
+
+/// How long the thread may compute before others have their turn. Whoever wants little at a time is let in at
+/// once: the frames leave before what posted them goes on, which is 5 to 10 us sooner.
+constexpr std::chrono::nanoseconds Slice = std::chrono::microseconds(100);
+
+/// As the kernel wants them (sched_setattr(2)); the C library has no name for them yet.
+struct SchedulingAttributes {
+    std::uint32_t Size;
+    std::uint32_t Policy;
+    std::uint64_t Flags;
+    std::int32_t Nice;
+    std::uint32_t Priority;
+    std::uint64_t Runtime_ns;
+    std::uint64_t Deadline_ns;
+    std::uint64_t Period_ns;
+};
+
+/// A wish: Linux knows it since 6.12, earlier ones take no notice. Policies other than the usual are kept.
+void ask_for_short_slices() {
+    SchedulingAttributes attributes{};
+    if (syscall(SYS_sched_getattr, 0, &attributes, sizeof(attributes), 0) != 0) return;
+    if (attributes.Policy != SCHED_OTHER) return;
+    attributes.Runtime_ns = static_cast<std::uint64_t>(Slice.count());
+    static_cast<void>(syscall(SYS_sched_setattr, 0, &attributes, 0));
+}
 
 Milliseconds tick_of(Milliseconds limit, Milliseconds longest) {
     return std::clamp(limit / TicksInLimit, Milliseconds(1), longest);
@@ -97,6 +124,7 @@ void FeedLoop::AwaitClose(std::uint64_t ticket) {
 }
 
 Mirel::Result_t FeedLoop::ThreadInit() {
+    ask_for_short_slices();
     // OpenSSL writes to its socket in a way that raises the signal when the client has gone.
     sigset_t set;
     sigemptyset(&set);
