@@ -2,6 +2,7 @@
 
 import re
 import resource
+import statistics
 import time
 
 from contestants import BUILD, HERE, LOAD, QUEUE, computed_sec, figures, output_of, pinned, resident_bytes
@@ -9,6 +10,7 @@ from contestants import BUILD, HERE, LOAD, QUEUE, computed_sec, figures, output_
 BURST_MESSAGES = {1: 100_000, 10: 60_000, 100: 15_000, 1000: 1_500}
 REST_MESSAGES = {1: 25_000, 10: 20_000, 100: 8_000, 1000: 1_500}
 NODE_REST_MESSAGES = {1: 10_000, 10: 6_000, 100: 1_000, 1000: 100}
+HISTORY_SEC = 32  # until the first records have been dropped
 
 
 def queue(*arguments):
@@ -65,6 +67,17 @@ def wrk(name):
             return {}
         return {"requests_per_s": float(re.search(r"Requests/sec:\s*([\d.]+)", text).group(1))}
     return measure
+
+
+def wrk_long(run):
+    """The same for longer than the history keeps its records: from then on their memory is used again, where
+    before every posting took memory that had to be found and cleared first."""
+    began = time.monotonic()
+    while time.monotonic() < began + HISTORY_SEC:
+        wrk("ours")(run)
+        wrk("beast")(run)
+    turns = [{name: wrk(name)(run).get("requests_per_s", 0) for name in ("ours", "beast", "nginx")} for _ in range(5)]
+    return {name: statistics.median(turn[name] for turn in turns) for name in turns[0]}
 
 
 def listener_url(run):

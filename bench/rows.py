@@ -57,6 +57,7 @@ for n, rate in ((1, 500), (100, 500), (100, 5000)):
 for name in ("ours", "node", "beast", "nginx"):
     MEASUREMENTS[f"wrk {name}"] = m.wrk(name)
 MEASUREMENTS |= {
+    "wrk long": m.wrk_long,
     "callers": m.callers,
     "node callers": m.node_callers,
     "bare callers": m.bare_callers,
@@ -76,7 +77,7 @@ MEASUREMENTS |= {
     "idle": m.idle("ours"),
     "node idle": m.idle("node"),
 }
-ONCE = {"waiting callers", "waiting threads", "idle", "node idle", "node history", "history"}
+ONCE = {"wrk long", "waiting callers", "waiting threads", "idle", "node idle", "node history", "history"}
 
 # Measured once, for the plots: name, axis, and for each size the measurement.
 GROWTH: dict[str, tuple] = {
@@ -125,6 +126,10 @@ ROWS = [
         at_least(1), None, "k/s", 1e-3),
     Row("POST /api/v1/events/NAME", ("wrk ours", "requests_per_s"), ("wrk nginx", "requests_per_s"),
         "nginx return 200", None, at_least(1), "k/s", 1e-3),
+    Row("the same after half a minute of it", ("wrk long", "ours"), ("wrk long", "beast"), "bare Beast", at_least(1), None,
+        "k/s", 1e-3),
+    Row("the same after half a minute of it", ("wrk long", "ours"), ("wrk long", "nginx"), "nginx return 200", None,
+        at_least(1), "k/s", 1e-3),
     Row("HTTP callers", ("callers", "calls_per_s"), ("node callers", "calls_per_s"), "Node.js, new connections",
         at_least(1.2), at_least(2.2), "k/s", 1e-3),
     Row("HTTP callers", ("bare callers", "http shared ours"), ("bare callers", "http shared bare"),

@@ -1,0 +1,169 @@
+// How a connection's requests are answered.
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <exception>
+#include <new>
+#include <utility>
+
+#include "ConnectionState.h"
+#include "ConnectionTarget.h"
+#include "Feed.h"
+#include "MR_log.h"
+
+namespace Server {
+
+namespace asio = boost::asio;
+
+namespace {
+
+HttpResponse busy() {
+    HttpResponse response = Problem(Velmora::STATUS_503_NO_SERVICE,
+                                    "As many requests as may be are waiting for the event queue; try again.");
+    response.Headers.emplace_back("Retry-After", "1");
+    return response;
+}
+
+}  // namespace
+
+// Parses on; Read where more is needed.
+Connection::Next Connection::UseInput() {
+    if (!m_Input.HeadKnown()) {
+        if (!m_Input.SkipEmptyLines()) return Next::Read;
+        Begin();
+    }
+    switch (m_Input.Parse()) {
+        case ConnectionInput::Progress::HeadComplete:
+            return HeadComplete();
+        case ConnectionInput::Progress::Complete:
+            return RequestComplete();
+        case ConnectionInput::Progress::Failed:
+            return RefuseAndClose(m_Input.Error());
+        case ConnectionInput::Progress::NeedMore:
+            break;
+    }
+    return Next::Read;
+}
+
+Connection::Next Connection::HeadComplete() {
+    if (auto refusal = RefuseHead(m_Input.Head(), *m_Shared.Policy))
+        return RefuseAndClose(std::move(*refusal));
+    const RequestHead& head = m_Input.Head();
+    if (head.Has(Field::Expect) && !head.Http10 && !m_Input.HasUnparsed()) {
+        m_Output.Append("HTTP/1.1 100 Continue\r\n\r\n");
+    }
+    return Next::Again;
+}
+
+Connection::Next Connection::RequestComplete() {
+    if (!m_Input.HeadKnown()) {
+        if (auto refusal = RefuseHead(m_Input.Head(), *m_Shared.Policy)) return Respond(std::move(*refusal));
+    }
+    const RequestHead& head = m_Input.Head();
+    const RequestTarget target = *SplitTarget(head.Target);
+    m_Request.Method = *head.Method;
+    m_Request.Path = target.Path;
+    m_Request.Query = target.Query;
+    m_Request.ContentType = head[Field::ContentType];
+    m_Request.IfNoneMatch = head[Field::IfNoneMatch];
+    m_Request.Body = m_Input.Body();
+    m_Request.HasBody = head.HasBody;
+    if (m_Request.Method == Velmora::METH_GET && m_Request.Path == FeedPath) return Upgrade();
+    return Answer();
+}
+
+Connection::Next Connection::Answer() {
+    if (!m_Shared.Handler.MayBlock(m_Request)) return Respond(CallHandler());
+    m_Life.Enter(Phase::Handling, 0);
+    if (!m_Shared.Crew.Enter()) return Next::Admission;
+    return Respond(CallHandlerAndLeave());
+}
+
+// For a request that is inside the crew.
+HttpResponse Connection::CallHandlerAndLeave() {
+    const std::unique_ptr<AdmissionCrew, void (*)(AdmissionCrew*)> inside(
+        &m_Shared.Crew, [](AdmissionCrew* crew) { crew->Leave(); });
+    return CallHandler();
+}
+
+HttpResponse Connection::CallHandler() {
+    try {
+        return m_Shared.Handler.Handle(m_Request);
+    } catch (const std::exception& error) {
+        Mirel::DefaultLogSink().Error("Answering %s \"%s\" failed: %s\n",
+                                      Velmora::MethodToString(m_Request.Method),
+                                      Mirel::EscapeForLog(m_Request.Path).c_str(), error.what());
+        return Problem(Velmora::STATUS_500_SERVER_ERROR, "The server could not answer this request.");
+    }
+}
+
+// The turn of a request that waited has come, or its time is over.
+void Connection::Resume(std::unique_ptr<AdmissionWaiter> self, bool admitted) {
+    Owner owner(static_cast<Connection*>(self.release()));
+    ConnectionShared& shared = m_Shared;
+    try {
+        asio::post(shared.Io,
+                   [owner = std::move(owner), admitted]() mutable { Continue(std::move(owner), admitted); });
+    } catch (const std::bad_alloc&) {
+        Mirel::DefaultLogSink().Error("A waiting request is dropped: out of memory\n");
+        if (!admitted) return;
+        shared.Crew.Resumed();
+        shared.Crew.Leave();
+    }
+}
+
+void Connection::Continue(Owner self, bool admitted) {
+    Connection& connection = *self;
+    if (admitted) {
+        connection.m_Shared.Crew.Resumed();
+        connection.Respond(connection.CallHandlerAndLeave());
+    } else {
+        connection.m_Shared.RefusedBusy.fetch_add(1, std::memory_order_relaxed);
+        connection.Respond(busy());
+    }
+    Run(std::move(self));
+}
+
+Connection::Next Connection::Respond(HttpResponse response) {
+    const RequestHead& head = m_Input.Head();
+    ReplyForm form;
+    form.HeadOnly = head.Method == Velmora::METH_HEAD;
+    form.Http10 = head.Http10;
+    form.KeepAlive =
+        !m_CloseAfter && m_Input.KeepAlive() && !m_Shared.Stopping.load(std::memory_order_relaxed);
+    m_CloseAfter = !form.KeepAlive;
+
+    ++m_Answered;
+    m_Shared.Requests.fetch_add(1, std::memory_order_relaxed);
+    const int status_class = response.Status / 100;
+    m_Shared.AnsweredByClass[status_class < 6 ? status_class : 0].fetch_add(1, std::memory_order_relaxed);
+    if (Mirel::DefaultLogSink().Logs(Mirel::LOG_DEBUG)) {
+        Mirel::DefaultLogSink().Debug("%s: \"%s\" answered with %d\n", m_Stream.Peer().c_str(),
+                                      Mirel::EscapeForLog(head.Target).c_str(),
+                                      static_cast<int>(response.Status));
+    }
+
+    m_Output.Append(std::move(response), form);
+    return FinishRequest();
+}
+
+Connection::Next Connection::FinishRequest() {
+    m_Input.FinishRequest();
+    m_Life.Enter(Phase::Handling, 0);  // until the answer is written
+    return Next::Again;
+}
+
+Connection::Next Connection::RefuseAndClose(HttpResponse response) {
+    m_CloseAfter = true;
+    return Respond(std::move(response));
+}
+
+Connection::Next Connection::Upgrade() {
+    if (auto refusal = RefuseUpgrade(m_Input.Head())) return Respond(std::move(*refusal));
+    m_Output.Append(SwitchingProtocols(m_Input.Head()));
+    m_Shared.Requests.fetch_add(1, std::memory_order_relaxed);
+    m_Shared.AnsweredByClass[1].fetch_add(1, std::memory_order_relaxed);
+    m_UpgradeAfter = true;
+    return FinishRequest();
+}
+
+}  // namespace Server
