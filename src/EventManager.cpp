@@ -8,6 +8,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <chrono>
@@ -864,10 +865,17 @@ static void event_stream_close(int fd) {
     close(fd);
 }
 
+/// As inotify_add_watch(2); it would take a path with a NUL for what stands before that.
+static int event_stream_add(int fd, const std::string& path, ui32_t mask) {
+    if (path.find('\0') == std::string::npos) return inotify_add_watch(fd, path.c_str(), mask);
+    errno = EINVAL;
+    return -1;
+}
+
 static void event_stream_init_item(int fd, Watch& watch) {
     const ui32_t mask = Mirel::PathIsDirectory(watch.path) ? IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_ISDIR
                                                            : IN_MODIFY | IN_CREATE;
-    watch.handle = inotify_add_watch(fd, watch.path.c_str(), mask);
+    watch.handle = event_stream_add(fd, watch.path, mask);
     if (watch.handle < 0) {
         DefaultLogSink().Error("Init watch failed for %s: %s\n", watch.path.c_str(), strerror(errno));
         watch.mode = WM_END;
@@ -986,6 +994,13 @@ Result_t EventQueue::ThreadBody() {
     return RESULT_OK;
 }
 
+/// Whether another watch has the same kernel watch: there is one for each file, however its path is written.
+static bool shares_kernel_watch(const watch_map& watches, const Watch& watch) {
+    return watch.handle >= 0 && std::any_of(watches.begin(), watches.end(), [&](const auto& entry) {
+               return &entry.second != &watch && entry.second.handle == watch.handle;
+           });
+}
+
 void EventQueue::MaintainWatches(int event_stream) {
     AutoMutex lock(m_WatchLock);
     for (auto it = m_Watches.begin(); it != m_Watches.end();) {
@@ -995,7 +1010,10 @@ void EventQueue::MaintainWatches(int event_stream) {
             continue;
         }
         if (watch.mode == WM_CREATE) event_stream_init_item(event_stream, watch);
-        if (watch.mode == WM_DESTROY) event_stream_fini_item(event_stream, watch);
+        if (watch.mode == WM_DESTROY) {
+            if (shares_kernel_watch(m_Watches, watch)) watch.handle = -1;  // the other one keeps it
+            event_stream_fini_item(event_stream, watch);
+        }
         ++it;
     }
 }

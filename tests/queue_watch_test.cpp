@@ -140,6 +140,28 @@ TEST_F(WatchTest, RemovalTakesTwoPassesWithAndWithoutAKernelWatch) {
     EXPECT_TRUE(log.Errors().empty());
 }
 
+TEST_F(WatchTest, AFolderWrittenInTwoWaysIsWatchedUntilBothWatchesAreGone) {
+    const std::string plain = folder.Path();
+    const std::string slash = plain + "/";
+    Watch(plain, "e");
+    Watch(slash, "f");
+    Watch(plain + std::string("\0x", 2), "f");  // names no folder
+    Register();
+    EXPECT_EQ(log.Errors(),
+              (std::vector<std::string>{"Init watch failed for " + plain + ": " + strerror(EINVAL) + "\n"}));
+    Testing::WriteFile(folder / "x", "");
+    EXPECT_EQ(Pass(), "e:" + plain + " f:" + slash + " ");
+    queue.DeleteWatch(plain);
+    Register();
+    Testing::WriteFile(folder / "y", "");
+    EXPECT_EQ(Pass(), "f:" + slash + " ");
+    queue.DeleteWatch(slash);
+    Register();
+    Testing::WriteFile(folder / "z", "");
+    EXPECT_EQ(Pass(), "");
+    EXPECT_EQ(log.Errors().size(), 1u);
+}
+
 TEST_F(WatchTest, ARemovalAskedForBetweenWalkAndMarkingIsNotLost) {
     Watch(folder.Path());
     Register();
