@@ -59,6 +59,7 @@ void MeasurePosting(std::size_t events, std::size_t clients) {
 void MeasureFanOut(std::size_t clients, std::size_t messages) {
     FeedClients readers(clients, messages);
     UseCore(0);
+    WarmHeap(messages * RecordBytes);
     EventQueue queue(30000);
     CreateEvent(queue);
     readers.AdoptBy(queue);

@@ -50,6 +50,7 @@ PyObject* import_handler() {
 
 void MeasurePython() {
     UseCore(0);
+    WarmHeap(2 * Turns * Calls * RecordBytes);
     const Folder folder;
     std::ofstream(folder / "bench_handler.py") << "def event_handler(posting):\n    pass\n";
     InitPython({folder.Path()});

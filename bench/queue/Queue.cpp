@@ -1,11 +1,13 @@
 #include "Queue.h"
 
+#include <malloc.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <limits>
 #include <memory>
 #include <thread>
 
@@ -65,6 +67,15 @@ PListDict DataForPostingOf(std::size_t bytes) {
     PListDict data;
     data.SetValue("text", std::string(bytes - BytesAround, 'x'));
     return data;
+}
+
+void WarmHeap(std::size_t bytes) {
+    constexpr std::size_t piece = 64u << 10;  // of the heap's own memory, not mapped by itself
+    mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
+    std::vector<std::unique_ptr<char[]>> pieces;
+    for (std::size_t taken = 0; taken < bytes; taken += piece) {
+        pieces.push_back(std::make_unique<char[]>(piece));  // zeroed, and so written to
+    }
 }
 
 void CreateEvent(EventQueue& queue) {

@@ -47,6 +47,12 @@ PListDict TypicalData();
 /// Such that a posting is as many bytes of JSON.
 PListDict DataForPostingOf(std::size_t bytes);
 
+/// Takes memory, writes to all of it and gives it back to the heap, which keeps it: what follows finds memory
+/// as a process does that has run for a while. A page that the machine has to find first costs up to 12 us.
+void WarmHeap(std::size_t bytes);
+/// What a posting leaves in the history, at most.
+constexpr std::size_t RecordBytes = 400;
+
 /// Creates the event `EventName`.
 void CreateEvent(EventQueue& queue);
 std::string CreateListener(EventQueue& queue, const std::string& callback, const std::string& data);
