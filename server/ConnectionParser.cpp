@@ -176,6 +176,7 @@ class RequestParser::Impl {
     Progress Parse(std::string_view bytes, std::size_t& consumed) {
         consumed = 0;
         if (bytes.empty()) return Progress::NeedMore;
+        if (m_Parser->is_header_done() && IsPartOfLastChunk(bytes)) return Progress::NeedMore;
         if (!m_Parser->is_header_done() && !WholeHead(bytes))
             return m_Failure ? Progress::Failed : Progress::NeedMore;
         m_Parser->Bytes = bytes;
@@ -184,6 +185,8 @@ class RequestParser::Impl {
         m_Parser->eager(m_Parser->is_header_done());
         consumed = m_Parser->put(boost::asio::const_buffer(bytes.data(), bytes.size()), error);
         if (error && error != http::error::need_more) return Fail(bytes, error);
+        if (!m_Parser->is_header_done())  // Beast hopes for more, but this was all of it
+            return Refuse(Velmora::STATUS_400_BAD_REQ, NotARequest);
         if (m_Parser->is_done()) return Progress::Complete;
         if (!m_HeadReported) {
             m_HeadReported = true;
@@ -206,17 +209,23 @@ class RequestParser::Impl {
     // Whether the bytes hold all of a head. Heads are parsed whole, so that their size can be limited exactly
     // and nothing of them has to be copied; what cannot be the beginning of one is refused at once.
     bool WholeHead(std::string_view bytes) {
-        const std::size_t end = bytes.find("\r\n\r\n", m_Searched < 3 ? 0 : m_Searched - 3);
-        m_Searched = bytes.size();
+        const std::size_t end = bytes.find("\r\n\r\n", m_Searched);
+        m_Searched = bytes.size() < 3 ? 0 : bytes.size() - 3;  // the end may be there in part
         const std::size_t line = std::min(bytes.find('\n'), bytes.size());
         if (line > TargetLimit) {
             Refuse(Velmora::STATUS_414_URI_TOO_LONG, "The request's target is too long.");
-        } else if (std::min(end, bytes.size()) > m_HeaderLimit) {
+        } else if (std::min(end, m_Searched) > m_HeaderLimit) {
             Refuse(Velmora::STATUS_431_HEADERS_TOO_LARGE, "The request's header fields are too large.");
         } else if (end == bytes.npos && !MayBeginRequest(bytes, line)) {
-            Refuse(Velmora::STATUS_400_BAD_REQ, "This is not an HTTP request.");
+            Refuse(Velmora::STATUS_400_BAD_REQ, NotARequest);
         }
         return end != bytes.npos && !m_Failure;
+    }
+
+    // Beast asserts that it is not asked again about a last chunk before that can be whole.
+    bool IsPartOfLastChunk(std::string_view bytes) const {
+        constexpr std::string_view whole = "0\r\n\r\n";
+        return m_Parser->chunked() && bytes[0] == whole[0] && bytes.size() < whole.size();
     }
 
     static bool MayBeginRequest(std::string_view bytes, std::size_t line) {
@@ -240,13 +249,14 @@ class RequestParser::Impl {
         return Refuse(Velmora::STATUS_400_BAD_REQ, "Malformed request: " + error.message() + ".");
     }
 
+    static constexpr const char* NotARequest = "This is not an HTTP request.";
     static constexpr std::size_t CollectedKept = 64u << 10;
 
     const std::size_t m_HeaderLimit;
     const std::size_t m_BodyLimit;
 
     std::string m_Collected;     // a body that did not come in one piece
-    std::size_t m_Searched = 0;  // bytes of an incomplete head that were searched for its end
+    std::size_t m_Searched = 0;  // bytes of an incomplete head in which it does not end
     bool m_HeadReported = false;
     std::optional<BeastParser> m_Parser;
     std::optional<HttpResponse> m_Failure;

@@ -140,6 +140,7 @@ TEST_F(HttpServerTest, RefusesMalformedRequestsAndServesOn) {
         {"GET / FTP/1.1\r\nHost: localhost\r\n\r\n", 400},
         {"GET  / HTTP/1.1\r\nHost: localhost\r\n\r\n", 400},
         {"GET elsewhere HTTP/1.1\r\nHost: localhost\r\n\r\n", 400},
+        {"GET / x\r\n\r\n", 400},
         {"BREW / HTTP/1.1\r\nHost: localhost\r\n\r\n", 501},
         {"GET /" + std::string(9000, 'a'), 414},
         {Get("/", "X: " + std::string(17000, 'a') + "\r\n"), 431},
@@ -193,9 +194,12 @@ TEST_F(HttpServerTest, AnswersWhateverWayTheBytesCome) {
         "Transfer-Encoding: chunked\r\n\r\n4\r\nabcd\r\n3;ext=1\r\nefg\r\n0\r\nHost: evil\r\nContent-Type: "
         "x\r\n\r\n" +
         "GET http://127.0.0.1/abs?q HTTP/1.1\r\nHost: ignored.example\r\n\r\n" +
+        "POST /none HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\nTransfer-Encoding: "
+        "chunked\r\n\r\n"
+        "0\r\nX: y\r\n\r\n"
         "OPTIONS * HTTP/1.1\r\nHost: [::1]\r\n\r\n";
     const std::vector<std::string> bodies = {"GET /a?b=c ", "POST /p? {\"x\":1}", "POST /c? abcdefg",
-                                             "GET /abs?q ", "OPTIONS *? "};
+                                             "GET /abs?q ", "POST /none? ",       "OPTIONS *? "};
     for (std::size_t piece : {std::size_t{1}, std::size_t{2}, std::size_t{37}, requests.size()}) {
         RawClient client(Port());
         for (std::size_t i = 0; i < requests.size(); i += piece) client.Send(requests.substr(i, piece));

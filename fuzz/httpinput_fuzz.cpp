@@ -1,0 +1,79 @@
+// What a client may send as requests: found alike however the bytes are cut up, within bounds, and never
+// after an error. Whether they are let in is asked as well.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ConnectionInput.h"
+#include "ConnectionTarget.h"
+#include "Feed.h"
+
+namespace {
+
+using namespace Server;
+using Progress = ConnectionInput::Progress;
+
+constexpr std::size_t HeaderLimit = 1u << 10;
+constexpr std::size_t BodyLimit = 2u << 10;
+
+void require(bool condition) {
+    if (!condition) std::abort();
+}
+
+void check_refusal(const std::optional<HttpResponse>& refusal) {
+    require(!refusal || refusal->Status >= 400);
+}
+
+/// The request in one text. Asks for it to be let in, as a connection does.
+std::string described(const ConnectionInput& input) {
+    static const AccessPolicy policy({.AccessToken = "token", .AllowedHosts = {"events.example"}}, 80);
+    const RequestHead& head = input.Head();
+    check_refusal(RefuseHead(head, policy));
+    check_refusal(RefuseUpgrade(head));
+    require(input.Body().size() <= BodyLimit);
+    std::string text = head.Method ? Velmora::MethodToString(*head.Method) : "?";
+    text.append(" ").append(head.Target).append(head.Http10 ? " 1.0" : " 1.1");
+    text.append(input.KeepAlive() ? " stays" : " ends").append(head.HasBody ? " with " : " without ");
+    for (const std::string_view field : head.Fields) text.append(field).append("|");
+    return text.append(input.Body()).append("\n");
+}
+
+/// All that is found when the bytes come in pieces of at most `piece`.
+std::string requests_in(std::string_view bytes, std::size_t piece) {
+    ConnectionInput input(HeaderLimit, BodyLimit);
+    std::string found;
+    for (;;) {
+        while (input.HasUnparsed() && (input.HeadKnown() || input.SkipEmptyLines())) {
+            const Progress progress = input.Parse();
+            if (progress == Progress::Failed) {
+                require(input.Error().Status >= 400);
+                return found;
+            }
+            if (progress == Progress::NeedMore) break;
+            found += described(input);
+            if (progress == Progress::Complete) input.FinishRequest();
+        }
+        if (bytes.empty()) return found;
+        input.MakeRoom();
+        const std::size_t size = std::min({piece, input.Room(), bytes.size()});
+        require(size > 0);
+        std::memcpy(input.Free(), bytes.data(), size);
+        input.Commit(size);
+        bytes.remove_prefix(size);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string_view input(reinterpret_cast<const char*>(data), size);
+    const std::string whole = requests_in(input, input.size() + 1);
+    require(whole == requests_in(input, 1));
+    require(whole == requests_in(input, 7));
+    return 0;
+}
