@@ -42,7 +42,9 @@ endif()
 function(velmora_library name)
   add_library(${name} SHARED ${ARGN})
   add_library(EventManager::${name} ALIAS ${name})
-  set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  set_target_properties(${name} PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    INTERPROCEDURAL_OPTIMIZATION_RELEASE ON)  # calls from one source file to the next are inlined, too
   target_link_options(${name} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
   set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
   target_compile_features(${name} PUBLIC cxx_std_20)

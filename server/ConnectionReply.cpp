@@ -66,7 +66,8 @@ void AppendReplyHead(std::string& text, const HttpResponse& response, ReplyForm 
     }
     if (!cache_control) text.append("Cache-Control: no-store\r\n");
     text.append("X-Content-Type-Options: nosniff\r\n");
-    if (!response.ContentType.empty()) append_field(text, "Content-Type", response.ContentType);
+    if (!response.ContentType.empty())
+        text.append("Content-Type: ").append(response.ContentType).append("\r\n");
     if (!StatusHasNoBody(response.Status)) {
         text.append("Content-Length: ");
         append_number(text, ReplyBody(response).size());

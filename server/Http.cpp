@@ -16,6 +16,7 @@ int hex_value(char c) {
 }  // namespace
 
 std::optional<std::string> PercentDecode(std::string_view text) {
+    if (text.find('%') == text.npos) return std::string(text);
     std::string decoded;
     decoded.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {

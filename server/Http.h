@@ -29,7 +29,7 @@ struct HttpRequest {
 /// for HEAD the connection leaves the body out.
 struct HttpResponse {
     Status_t Status = Velmora::STATUS_200_OK;
-    std::string ContentType;  // empty: no body
+    std::string_view ContentType;  // lives as long as the program; empty: no body
     std::string Body;
     std::vector<std::pair<std::string, std::string>> Headers;  // Location, Allow, ETag, Retry-After …
 

@@ -116,9 +116,11 @@ HttpResponse PostEvent(RestCall& call) {
     HttpResponse response;
     response.Status = STATUS_202_ACCEPTED;
     response.ContentType = Velmora::Strings::MIME_json;
-    response.Body = "{\"event_name\":";
+    constexpr std::string_view before = "{\"event_name\":", after = ",\"posted\":true}";
+    response.Body.reserve(before.size() + name.size() + 2 + after.size());
+    response.Body += before;
     AppendJsonString(response.Body, name);
-    response.Body += ",\"posted\":true}";
+    response.Body += after;
     return response;
 }
 

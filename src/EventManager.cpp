@@ -234,8 +234,10 @@ static Result_t replace_file(const std::string& path, const std::string& text) {
     return RESULT_OK;
 }
 
-static Result_t encode_state(const IEventQueue& queue, std::string& json) {
+/// The text will hardly be longer than `expected_size`, so that its memory is taken once.
+static Result_t encode_state(const IEventQueue& queue, std::size_t expected_size, std::string& json) {
     try {
+        json.reserve(expected_size + expected_size / 8);
         PListDict state;
         queue.GetQueueState(state);
         return state.EncodeJSON(json);
@@ -250,11 +252,12 @@ Result_t EventQueue::SaveState() const {
     if (m_StateFile.empty()) return RESULT_OK;
 
     std::string json;
-    Result_t result = encode_state(*this, json);
+    Result_t result = encode_state(*this, m_SavedSize, json);
     if (result.Failure()) {
         DefaultLogSink().Error("Unable to encode queue state for \"%s\": %s\n", m_StateFile.c_str(),
                                result.Message());
     } else {
+        m_SavedSize = json.size();
         result = replace_file(m_StateFile, json);
     }
     ++(result.Success() ? m_Counters.saves : m_Counters.failed_saves);

@@ -390,7 +390,8 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     caller_list m_CallerThreads GUARDED_BY(m_EventLock);  // in order of starting; owned
     WebSocketBroadcastManager m_WsManager;                // synchronises itself
     std::atomic<bool> m_RunOK;
-    std::string m_StateFile GUARDED_BY(m_SaveLock);  // empty: nothing is saved
+    std::string m_StateFile GUARDED_BY(m_SaveLock);              // empty: nothing is saved
+    mutable std::size_t m_SavedSize GUARDED_BY(m_SaveLock) = 0;  // bytes of the last document
 
     mutable Mutex m_SaveLock ACQUIRED_BEFORE(m_TimerLock, m_WatchLock, m_EventLock);  // keeps saves apart
     PListData m_PostingTime GUARDED_BY(m_EventLock);  // text of the last posting's second

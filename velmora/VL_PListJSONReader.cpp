@@ -88,7 +88,10 @@ PListData NumberItem(std::string_view text) {
 // as large as it must be, when it is complete.
 class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeBuilder> {
   public:
-    explicit TreeBuilder(BoundedStream& stream) : m_Stream(stream) {}
+    explicit TreeBuilder(BoundedStream& stream) : m_Stream(stream) {
+        m_Entries.reserve(kUsualEntries);
+        m_Levels.reserve(kUsualLevels);
+    }
 
     bool Null() { return Add(PListSlot(PListData(IT_NULL, {}))); }
     bool Bool(bool value) { return Add(PListSlot(PListData(value))); }
@@ -101,62 +104,65 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
     }
     bool Key(const char* text, rapidjson::SizeType size, bool) {
         if (HasHalfPair({text, size})) return RefuseHalfPair();
-        m_Entries.push_back({CompactText<16>({text, size}), PListSlot()});
-        m_KeyOffsets.push_back(m_Stream.Tell());
+        m_Entries.push_back({{CompactText<16>({text, size}), PListSlot()}, m_Stream.Tell()});
         return true;
     }
     bool StartObject() { return Open(true); }
     bool StartArray() { return Open(false); }
 
     bool EndObject(rapidjson::SizeType) {
-        const Level level = m_Levels.back();
-        PListDict dict;
-        PListDictBody*& body = PListInside::Body(dict);
-        const std::size_t count = m_Entries.size() - level.first_entry;
+        PListSlot slot(IT_DICT);
+        PListDictBody*& body = PListInside::Body(static_cast<PListDict&>(*slot.Get()));
+        const std::size_t first = m_Levels.back().first_entry;
+        const std::size_t count = m_Entries.size() - first;
         if (count > 0) body = PListDictBody::New(std::min(count, PListBlock::kMaxEntries));
-        for (std::size_t i = 0; i < count; ++i) {
-            PListEntry& entry = m_Entries[level.first_entry + i];
-            if (body->Find(entry.key.View()).entry) {
-                return RefuseDuplicate(entry.key.View(), m_KeyOffsets[level.first_key + i]);
-            }
+        for (std::size_t i = first; i < m_Entries.size(); ++i) {
+            auto& [entry, key_offset] = m_Entries[i];
+            if (body->Find(entry.key.View()).entry) return RefuseDuplicate(entry.key.View(), key_offset);
             body->Add(std::move(entry.key), std::move(entry.slot));
         }
         Close();
-        return Add(PListSlot(dict));
+        return Add(std::move(slot));
     }
 
     bool EndArray(rapidjson::SizeType) {
-        PListArray array;
+        PListSlot slot(IT_ARRAY);
+        PListArrayBody*& body = PListInside::Body(static_cast<PListArray&>(*slot.Get()));
         for (std::size_t i = m_Levels.back().first_entry; i < m_Entries.size(); ++i) {
-            AppendSlot(PListInside::Body(array), std::move(m_Entries[i].slot), false);
+            AppendSlot(body, std::move(m_Entries[i].entry.slot), false);
         }
         Close();
-        return Add(PListSlot(array));
+        return Add(std::move(slot));
     }
 
     const std::optional<Refusal>& Refused() const { return m_Refusal; }
     std::unique_ptr<PListItem> Root() const { return std::unique_ptr<PListItem>(m_Root.Get()->Copy()); }
 
   private:
+    struct OpenEntry {
+        PListEntry entry;
+        std::size_t key_offset;  // of items without a key 0
+    };
     struct Level {
         bool dict;
         std::size_t first_entry;
-        std::size_t first_key;
     };
+    // A posting's data has no more of them, and needs these stacks once.
+    static constexpr std::size_t kUsualEntries = 16;
+    static constexpr std::size_t kUsualLevels = 4;
 
     bool Open(bool dict) {
         if (m_Levels.size() == kMaxDepth) {
             return Refuse("Lists are nested deeper than " + std::to_string(kMaxDepth) + " levels",
                           m_Stream.Tell());
         }
-        m_Levels.push_back({dict, m_Entries.size(), m_KeyOffsets.size()});
+        m_Levels.push_back({dict, m_Entries.size()});
         return true;
     }
 
     void Close() {
         const Level& level = m_Levels.back();
         m_Entries.erase(m_Entries.begin() + static_cast<std::ptrdiff_t>(level.first_entry), m_Entries.end());
-        m_KeyOffsets.resize(level.first_key);
         m_Levels.pop_back();
     }
 
@@ -164,9 +170,9 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
         if (m_Levels.empty()) {
             m_Root = std::move(slot);
         } else if (m_Levels.back().dict) {
-            m_Entries.back().slot = std::move(slot);
+            m_Entries.back().entry.slot = std::move(slot);
         } else {
-            m_Entries.push_back({{}, std::move(slot)});
+            m_Entries.push_back({{{}, std::move(slot)}, 0});
         }
         return true;
     }
@@ -184,8 +190,7 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
 
     // While a string or a key is handed over, it still stands in front of it.
     BoundedStream& m_Stream;
-    std::vector<PListEntry> m_Entries;
-    std::vector<std::size_t> m_KeyOffsets;
+    std::vector<OpenEntry> m_Entries;
     std::vector<Level> m_Levels;
     PListSlot m_Root;
     std::optional<Refusal> m_Refusal;
@@ -204,7 +209,8 @@ std::unique_ptr<PListItem> Read(const std::string& json, std::optional<Refusal>&
     }
     BoundedStream stream(json);
     TreeBuilder builder(stream);
-    const rapidjson::ParseResult result = JSONReader().Parse<kParseFlags>(stream, builder);
+    ThrowingAllocator allocator;  // the reader makes one with new otherwise
+    const rapidjson::ParseResult result = JSONReader(&allocator).Parse<kParseFlags>(stream, builder);
     if (builder.Refused()) {
         refusal = builder.Refused();
     } else if (result.IsError()) {
