@@ -301,7 +301,7 @@ static PListDict event_entry(const EventDistributor& event) {
     if (!event.data.Empty()) entry.SetItem(Strings::event_data, event.data);
     PListArray listeners;
     for (const Listener& listener : event.listeners) listeners.Append(listener_entry(listener));
-    entry.SetItem(Strings::listener_list, listeners);
+    entry.SetItem(Strings::listener_list, std::move(listeners));
     return entry;
 }
 
@@ -311,7 +311,7 @@ void EventQueue::GetEventState(PListDict& state) const {
         AutoMutex lock(m_EventLock);
         for (const auto& [name, event] : m_Events) events.Append(event_entry(event));
     }
-    state.SetItem(Strings::event_list, events);
+    state.SetItem(Strings::event_list, std::move(events));
 }
 
 /// Offers every listener of a state document's event to the queue.
@@ -522,8 +522,8 @@ void EventQueue::DestroyTrimmedHistory() {
 
 /// The text of now. All postings of a second share one text.
 const PListData& EventQueue::CurrentTime() {
-    char text[TextBufferSize];
-    Timestamp().EncodeString(text, TextBufferSize);
+    char buf[TextBufferSize];
+    const std::string_view text(Timestamp().EncodeString(buf, TextBufferSize), Mirel::DateTimeLen);
     if (m_PostingTime.TextView() != text) m_PostingTime = PListData(text);
     return m_PostingTime;
 }
@@ -677,7 +677,7 @@ void EventQueue::GetTimerState(PListDict& state) const {
         AutoMutex lock(m_TimerLock);
         for (const Timer* timer : m_Timers) timers.Append(timer_entry(*timer));
     }
-    state.SetItem(Strings::timer_list, timers);
+    state.SetItem(Strings::timer_list, std::move(timers));
 }
 
 /// Offers one timer of a state document to the queue.
@@ -780,7 +780,7 @@ void EventQueue::GetWatchState(PListDict& state) const {
         AutoMutex lock(m_WatchLock);
         for (const auto& [path, watch] : m_Watches) watches.Append(watch_entry(watch));
     }
-    state.SetItem(Strings::watch_list, watches);
+    state.SetItem(Strings::watch_list, std::move(watches));
 }
 
 /// Offers one watch of a state document to the queue.

@@ -176,6 +176,8 @@ class MR_EXPORT PListArray : public PListItem {
     void Append(PListItem* item);
     /// Stores a copy, which may be of the array itself or of an item in it.
     void Append(const PListItem& item);
+    /// As above, but takes a list's content over where nobody may hold any of it to change.
+    void Append(PListItem&& item);
 
     std::size_t Size() const;
     bool Empty() const { return Size() == 0; }
@@ -268,6 +270,8 @@ class MR_EXPORT PListDict : public PListItem {
     void SetItem(std::string_view key, PListItem* item);
     /// Stores a copy, which may be of the dictionary itself or of an item in it.
     void SetItem(std::string_view key, const PListItem& item);
+    /// As above, but takes a list's content over where nobody may hold any of it to change.
+    void SetItem(std::string_view key, PListItem&& item);
 
     /// Stores a scalar. Keys and texts may be views into what is being replaced.
     void SetValue(std::string_view key, std::string_view text);

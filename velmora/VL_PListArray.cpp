@@ -143,6 +143,9 @@ void PListArray::Append(PListItem* item) {
 void PListArray::Append(const PListItem& item) {
     AppendSlot(m_Body, PListSlot(item), false);
 }
+void PListArray::Append(PListItem&& item) {
+    AppendSlot(m_Body, PListSlot(std::move(item)), false);
+}
 
 std::size_t PListArray::Size() const {
     return m_Body ? static_cast<std::size_t>(m_Body->end - m_Body->begin) : 0;

@@ -58,6 +58,17 @@ PListSlot::PListSlot(const PListItem& item) {
     }
 }
 
+PListSlot::PListSlot(PListItem&& item) {
+    const PListShared* body = PListInside::BodyOf(item);
+    if (!body || body->handed_out) {
+        std::construct_at(this, std::as_const(item));
+    } else if (body->kind == BodyKind::Dict) {
+        Place<PListDict>(std::move(static_cast<PListDict&>(item)));
+    } else {
+        Place<PListArray>(std::move(static_cast<PListArray&>(item)));
+    }
+}
+
 PListSlot::PListSlot(PListSlot&& other) noexcept {
     if (other.Held()->HasType(ExternalItem::kType)) {
         Place<ExternalItem>(other.As<ExternalItem>()->Release());

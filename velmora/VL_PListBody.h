@@ -9,6 +9,7 @@
 // that is shared can change.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <memory>
@@ -97,6 +98,8 @@ class PListSlot {
     explicit PListSlot(ItemType_t list) noexcept;
     /// A copy.
     explicit PListSlot(const PListItem& item);
+    /// The item, which is left empty, unless its body is marked: then a copy.
+    explicit PListSlot(PListItem&& item);
     PListSlot(PListSlot&& other) noexcept;
     PListSlot& operator=(PListSlot&& other) noexcept;
     ~PListSlot() {
@@ -160,6 +163,9 @@ struct PListBlock {
 };
 
 struct PListDictBody : PListShared {
+    // Up to here a walk is faster than a hash.
+    static constexpr std::size_t kWalkLimit = 16;
+
     struct Place {
         PListBlock* block = nullptr;
         PListEntry* entry = nullptr;  // null: not found
@@ -174,10 +180,15 @@ struct PListDictBody : PListShared {
     /// Appends an entry whose key is not yet there. What it is made of may be views into this body.
     template <class Key, class Value>
     PListEntry& Add(Key&& key, Value&& value) {
-        PListBlock& block = PrepareAdd();
+        const bool small = !extra && first.used < std::min<std::size_t>(first.capacity, kWalkLimit);
+        PListBlock& block = small ? first : PrepareAdd();
         void* memory = block.Entries() + block.used;
-        return FinishAdd(block, ::new (memory) PListEntry{CompactText<16>(std::forward<Key>(key)),
-                                                          PListSlot(std::forward<Value>(value))});
+        auto* entry = ::new (memory)
+            PListEntry{CompactText<16>(std::forward<Key>(key)), PListSlot(std::forward<Value>(value))};
+        if (!small) FinishAdd(block, entry);
+        ++block.used;
+        ++block.live;
+        return *entry;
     }
     void Remove(const Place& place) noexcept;
 
@@ -186,7 +197,7 @@ struct PListDictBody : PListShared {
   private:
     explicit PListDictBody(std::size_t room) : PListShared(BodyKind::Dict), first(room) {}
     PListBlock& PrepareAdd();
-    PListEntry& FinishAdd(PListBlock& block, PListEntry* entry);
+    void FinishAdd(PListBlock& block, PListEntry* entry);
     PListBlock& BlockWithRoom();
     PListExtra& Extra();
     void BuildIndex();

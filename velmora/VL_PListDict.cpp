@@ -129,6 +129,9 @@ void PListDict::SetItem(std::string_view key, PListItem* item) {
 void PListDict::SetItem(std::string_view key, const PListItem& item) {
     Store(m_Body, key, PListSlot(item));
 }
+void PListDict::SetItem(std::string_view key, PListItem&& item) {
+    Store(m_Body, key, PListSlot(std::move(item)));
+}
 
 void PListDict::SetValue(std::string_view key, std::string_view text) {
     Store(m_Body, key, PListData(text));

@@ -7,8 +7,6 @@ namespace Velmora {
 
 namespace {
 
-// Up to here a walk is faster than a hash.
-constexpr std::size_t kWalkLimit = 16;
 constexpr std::size_t kSecondBlock = 8;
 
 }  // namespace
@@ -68,7 +66,7 @@ PListBlock& PListDictBody::PrepareAdd() {
     return block;
 }
 
-PListEntry& PListDictBody::FinishAdd(PListBlock& block, PListEntry* entry) {
+void PListDictBody::FinishAdd(PListBlock& block, PListEntry* entry) {
     if (extra && extra->indexed) {
         try {
             extra->Insert(&block, entry);
@@ -77,10 +75,7 @@ PListEntry& PListDictBody::FinishAdd(PListBlock& block, PListEntry* entry) {
             throw;
         }
     }
-    ++block.used;
-    ++block.live;
     if (extra) ++extra->live;
-    return *entry;
 }
 
 void PListDictBody::Remove(const Place& place) noexcept {
