@@ -92,10 +92,9 @@ TEST(PListJSON, RefusesWithReasonAndPosition) {
 TEST(PListJSON, FindsDuplicatesAmongManyKeys) {
     std::string text = "{";
     for (int i = 0; i < 3000; ++i) text += "\"key" + std::to_string(i) + "\":" + std::to_string(i) + ",";
-    const std::size_t end = text.size();
     EXPECT_EQ(Reread(text + "\"last\":0}"), text + "\"last\":0}");
     EXPECT_EQ(Reread(text + "\"key1500\":0}"),
-              "Duplicate key \"key1500\" at byte " + std::to_string(end) + ".");
+              "Duplicate key \"key1500\" at byte " + std::to_string(text.size()) + ".");
 }
 
 TEST(PListJSON, WritesValidTextWhateverIsStored) {
