@@ -43,6 +43,7 @@ class Loader {
     void TokenText(Shape& shape, const std::string& key, std::string token);
     void Log(const PListDict& dict);
     void Limits(const PListDict& dict);
+    void Timers(const PListDict& dict);
     void Document(const PListDict& dict);
 
     Config& m_Config;
@@ -61,6 +62,7 @@ void Loader::Load(const PListDict& dict) {
     for (const std::string& path : shape.Texts("PythonPath")) m_Config.PythonPath.push_back(Resolved(path));
     if (const PListDict* log = shape.Dict("Log")) Log(*log);
     if (const PListDict* limits = shape.Dict("Limits")) Limits(*limits);
+    if (const PListDict* timers = shape.Dict(Keys::Timers)) Timers(*timers);
     if (const PListDict* document = shape.Dict(Keys::EventManager)) Document(*document);
     shape.NothingElse();
 }
@@ -147,6 +149,12 @@ void Loader::Limits(const PListDict& dict) {
     shape.NothingElse();
 }
 
+void Loader::Timers(const PListDict& dict) {
+    Shape shape(dict, PointerTo("", Keys::Timers), m_Faults);
+    m_Config.KeepRepeatingTimers = shape.Boolean(Keys::KeepRepeating).value_or(false);
+    shape.NothingElse();
+}
+
 // The document with the watches' relative paths made to start at the configuration's directory.
 void Loader::Document(const PListDict& dict) {
     const std::string base = PointerTo("", Keys::EventManager);
@@ -204,9 +212,12 @@ PListDict Config::ForEventQueue(ui16_t port, const PListDict& document) const {
     PListDict address;
     address.SetValue("ListenPort", static_cast<int>(port));
     if (!Http.TLSIdentity.empty()) address.SetValue("TLSIdentity", Http.TLSIdentity);
+    PListDict timers;
+    timers.SetValue(Keys::KeepRepeating, KeepRepeatingTimers);
     PListDict dict;
     dict.SetValue(Keys::Timeout_ms, static_cast<int>(Timeout_ms));
     dict.SetItem(Velmora::Strings::Config::BindAddress, address);
+    dict.SetItem(Keys::Timers, timers);
     dict.SetItem(Keys::EventManager, document);
     if (!StateFile.empty()) dict.SetValue(Keys::StateFile, StateFile);
     return dict;

@@ -23,7 +23,8 @@ struct Config {
     std::vector<std::string> PythonPath;
     Mirel::LogType_t LogLevel = Mirel::LOG_INFO;
     bool LogAsJSON = false;
-    Velmora::PListDict EventManager;  // a queue state document
+    bool KeepRepeatingTimers = false;  // those found too late are set to their next time, not dropped
+    Velmora::PListDict EventManager;   // a queue state document
 
     /// The dictionary for EventManager::InitEventQueue, with the port that was really bound and the document
     /// that is to be restored.

@@ -98,6 +98,8 @@ std::string PrintConfig(const Config& config) {
     PListDict log;
     log.SetValue("Level", Mirel::LogTypeName(config.LogLevel));
     log.SetValue("Format", config.LogAsJSON ? "json" : "text");
+    PListDict timers;
+    timers.SetValue(Keys::KeepRepeating, config.KeepRepeatingTimers);
     PListDict dict;
     dict.SetValue(Keys::Timeout_ms, static_cast<int>(config.Timeout_ms));
     dict.SetItem(Velmora::Strings::Config::BindAddress, AddressInForce(config.Http));
@@ -106,6 +108,7 @@ std::string PrintConfig(const Config& config) {
     dict.SetItem("PythonPath", Texts(config.PythonPath));
     dict.SetItem("Log", log);
     dict.SetItem("Limits", LimitsInForce(config.Http));
+    dict.SetItem(Keys::Timers, timers);
     dict.SetItem(Keys::EventManager, DocumentWithoutPasswords(config.EventManager));
     std::string json;
     if (dict.EncodeJSON(json).Failure()) return std::string();

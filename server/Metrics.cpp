@@ -65,6 +65,8 @@ void Queue(MetricsText& text, const EventManager::QueueStatistics& queue) {
     text.Gauge("velmora_events", queue.Events, "Registered events.");
     text.Gauge("velmora_listeners", queue.Listeners, "Registered listeners, over all events.");
     text.Gauge("velmora_timers", queue.Timers, "Waiting timers.");
+    text.Counter("velmora_timers_expired_total", queue.ExpiredTimers,
+                 "Timers that were found more than 10 seconds late and did not fire.");
     text.Gauge("velmora_watches", queue.Watches, "Filesystem watches.");
     text.Gauge("velmora_history_records", queue.HistoryRecords, "Postings kept in the history.");
     text.Counter("velmora_saves_total", queue.Saves, "Saves of the state file that succeeded.");

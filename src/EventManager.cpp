@@ -16,6 +16,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <set>
 #include <thread>
 #include <utility>
@@ -137,9 +138,13 @@ Timer& Timer::operator=(const Timer& other) {
     return *this;
 }
 
-/// Moves a time by an interval, of which the low 32 bits count, as signed.
+/// What is added for an interval: the low 32 bits count, as signed.
+static i32_t added_interval(i64_t interval_sec) {
+    return static_cast<i32_t>(static_cast<ui32_t>(interval_sec));
+}
+
 static Timestamp later_by(Timestamp time, i64_t interval_sec) {
-    time.AddSeconds(static_cast<i32_t>(static_cast<ui32_t>(interval_sec)));
+    time.AddSeconds(added_interval(interval_sec));
     return time;
 }
 
@@ -576,6 +581,10 @@ static void log_pending_python_error() {
 
 /// A new reference to the loaded module, used as it is, or to the module imported now; null where that fails.
 static PyObject* find_python_module(const std::string& module_name) {
+    if (module_name.find('\0') != std::string::npos) {  // or the module of the name before it would be taken
+        PyErr_SetString(PyExc_ImportError, "the module's name holds a NUL");
+        return nullptr;
+    }
     PyObject* module = PyDict_GetItemString(PyImport_GetModuleDict(), module_name.c_str());
     if (!module) return PyImport_ImportModule(module_name.c_str());
     Py_INCREF(module);
@@ -1060,6 +1069,8 @@ void EventQueue::FireTimers() {
 /// Fires a due timer, or drops it where it is too late. True when the timer stays.
 bool EventQueue::FireTimer(Timer& timer, const Timestamp& now, const Timestamp& expiry_limit) {
     if (timer.start_time < expiry_limit) {
+        ++m_Counters.expired_timers;
+        if (KeepExpiredTimer(timer, now)) return true;
         DefaultLogSink().Notice("Deleted expired event %s at start time %s\n", id_text(timer.id).c_str(),
                                 time_text(timer.start_time).c_str());
         return false;
@@ -1071,6 +1082,10 @@ bool EventQueue::FireTimer(Timer& timer, const Timestamp& now, const Timestamp& 
     if (timer.interval_sec < 1) return false;
     timer.start_time = later_by(now, timer.interval_sec);
     return true;
+}
+
+bool EventQueue::KeepExpiredTimer(Timer&, const Timestamp&) {
+    return false;
 }
 
 /// Says why a finished caller failed to deliver; what never got an answer is in the client's counters.
@@ -1150,6 +1165,7 @@ QueueStatistics EventQueue::Statistics() const {
     statistics.Postings = m_Counters.postings;
     statistics.TimerPostings = m_Counters.timer_postings;
     statistics.WatchPostings = m_Counters.watch_postings;
+    statistics.ExpiredTimers = m_Counters.expired_timers;
     statistics.Saves = m_Counters.saves;
     statistics.FailedSaves = m_Counters.failed_saves;
     statistics.LastSaveFailed = m_Counters.last_save_failed;
@@ -1161,6 +1177,44 @@ QueueStatistics EventQueue::Statistics() const {
     statistics.CallersUnreaped = m_Counters.callers;
     return statistics;
 }
+
+// ---------------------------------------------------------------- the queue that keeps repeating timers
+
+namespace {
+
+/// A time that is passed, moved on by whole intervals to the first that is not. Nothing where the interval,
+/// as it is added, does not lead there.
+std::optional<Timestamp> next_due(const Timestamp& passed, i64_t interval_sec, const Timestamp& now) {
+    const i64_t step = added_interval(interval_sec) * i64_t{1000000};
+    if (interval_sec < 1 || step < 1) return std::nullopt;
+    const i64_t late = now.Microseconds() - passed.Microseconds();
+    return Timestamp::FromMicroseconds(now.Microseconds() - late % step + step);
+}
+
+class TimerKeepingQueue : public EventQueue {
+  public:
+    using EventQueue::EventQueue;
+
+  protected:
+    bool KeepExpiredTimer(Timer& timer, const Timestamp& now) override {
+        const std::optional<Timestamp> next = next_due(timer.start_time, timer.interval_sec, now);
+        if (!next) return false;
+        DefaultLogSink().Notice("Timer %s of event \"%s\" was not fired at %s: set to %s\n",
+                                id_text(timer.id).c_str(), timer.event_name.c_str(),
+                                time_text(timer.start_time).c_str(), time_text(*next).c_str());
+        timer.start_time = *next;
+        return true;
+    }
+};
+
+/// The queue that the configuration asks for.
+EventQueue* new_queue(const PListDict& dict, ui32_t timeout_ms) {
+    const PListItem* keep = dict.GetDict(Strings::Timers).GetItem(Strings::KeepRepeating);
+    if (keep && keep->HasType(Velmora::IT_TRUE)) return new TimerKeepingQueue(timeout_ms);
+    return new EventQueue(timeout_ms);
+}
+
+}  // namespace
 
 // ---------------------------------------------------------------- process-wide functions
 
@@ -1174,7 +1228,7 @@ Result_t InitEventQueue(const PListDict& dict) {
 
     AutoMutex lock(s_lock);
     if (s_eventqueue.load(std::memory_order_acquire)) return RESULT_OK;
-    auto* queue = new EventQueue(static_cast<ui32_t>(write_timeout));
+    EventQueue* const queue = new_queue(dict, static_cast<ui32_t>(write_timeout));
     s_eventqueue.store(queue, std::memory_order_release);
 
     queue->SetMaxListeners(integer_or(dict, Strings::MaxListeners, DefaultMaxListeners));

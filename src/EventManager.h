@@ -79,6 +79,8 @@ inline const std::string Timeout_ms = "Timeout_ms";
 inline const std::string StateFile = "StateFile";
 inline const std::string MaxListeners = "MaxListeners";
 inline const std::string MaxWatches = "MaxWatches";
+inline const std::string Timers = "Timers";
+inline const std::string KeepRepeating = "KeepRepeating";
 }  // namespace Strings
 
 /// One registration of a callback on one event.
@@ -248,6 +250,7 @@ struct QueueStatistics {
     ui64_t Postings = 0;          // of existing events
     ui64_t TimerPostings = 0;     // what timers and watches posted, existing event or not
     ui64_t WatchPostings = 0;
+    ui64_t ExpiredTimers = 0;  // found too late to fire
     ui64_t Saves = 0;
     ui64_t FailedSaves = 0;
     bool LastSaveFailed = false;
@@ -310,6 +313,13 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     void DeleteAllWatches() override;
     bool DeleteWatch(const std::string& path) override;
 
+  protected:
+    /// Called by the worker for a timer that is too late to fire. False (always, here) drops it; an override
+    /// that answers true has given it a new start time. The timer lock is held: no timer operation may be
+    /// called, and nothing saved. Whether a timer is there and its interval is all that is saved of a
+    /// repeating one, so a new start time needs no save.
+    virtual bool KeepExpiredTimer(Timer& timer, const Timestamp& now) REQUIRES(m_TimerLock);
+
   private:
     friend Result_t InitEventQueue(const PListDict& dict);
     friend Result_t SaveEventQueue();
@@ -328,7 +338,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     /// Counted without a lock, for GetQueueStatistics.
     struct Counters {
         std::atomic<ui64_t> passes{0}, last_pass_us{0}, pass_time_us{0}, pass_ended_ms{0};
-        std::atomic<ui64_t> postings{0}, timer_postings{0}, watch_postings{0};
+        std::atomic<ui64_t> postings{0}, timer_postings{0}, watch_postings{0}, expired_timers{0};
         std::atomic<ui64_t> saves{0}, failed_saves{0};
         std::atomic<bool> last_save_failed{false};
         std::atomic<ui64_t> events{0}, listeners{0}, timers{0}, watches{0}, history{0}, callers{0};
@@ -445,7 +455,8 @@ class MR_EXPORT NilEventQueue : public IEventQueue {
 /// Creates, configures and starts the live queue, once; later calls do nothing. `dict` is the server's
 /// configuration: "Timeout_ms", "BindAddress" ("ListenPort", "TLSIdentity"), "EventManager" (a queue state
 /// document, applied before anything is saved), "StateFile", and the limits to begin with, "MaxListeners" and
-/// "MaxWatches" (1024 each where they are absent).
+/// "MaxWatches" (1024 each where they are absent). "Timers" {"KeepRepeating": true} keeps repeating timers
+/// that are found too late: each fires next at the first of its times that is still to come.
 MR_EXPORT Result_t InitEventQueue(const PListDict& dict);
 
 /// The live queue, or before InitEventQueue the NilEventQueue. Takes no lock.

@@ -34,7 +34,7 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
     const std::string json = R"({
         "Timeout_ms": 700, "StateFile": "state/queue.json", "AccessTokenFile": "token", "PythonPath": ["py", "/opt/py"],
         "BindAddress": {"Host": "0.0.0.0", "ListenPort": 65535, "TLSIdentity": "identity.pem", "AllowedHosts": ["a.example"]},
-        "Log": {"Level": "debug", "Format": "json"}, "Limits": {"MaxBodyBytes": 4096, "IOThreads": 3},
+        "Log": {"Level": "debug", "Format": "json"}, "Timers": {"KeepRepeating": true}, "Limits": {"MaxBodyBytes": 4096, "IOThreads": 3},
         "EventManager": {
             "event_list": [{"event_name": "e", "listener_list": [{"callback": "http://me:pass-word@h/x"}]}],
             "watch_list": [{"path": "inbox", "event_name": "e"}, {"path": "/abs", "event_name": "e"}]}})";
@@ -49,6 +49,7 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
     EXPECT_EQ(config.Http.IOThreads, 3u);
     EXPECT_EQ(config.PythonPath, (std::vector<std::string>{folder / "py", "/opt/py"}));
     EXPECT_TRUE(config.LogAsJSON);
+    EXPECT_TRUE(config.KeepRepeatingTimers);
     EXPECT_EQ(config.LogLevel, Mirel::LOG_DEBUG);
 
     const std::string printed = PrintConfig(config);
@@ -58,6 +59,7 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
     EXPECT_EQ(PrintConfig(Load(printed)), printed) << Faults();
 
     const Velmora::PListDict dict = config.ForEventQueue(8443, config.EventManager);
+    EXPECT_TRUE(dict.GetDict("Timers").GetItem("KeepRepeating")->HasType(Velmora::IT_TRUE));
     int port = 0;
     EXPECT_TRUE(dict.GetDict("BindAddress").GetData("ListenPort").GetValue(port));
     EXPECT_EQ(port, 8443);
@@ -83,6 +85,9 @@ TEST_F(ConfigTest, NamesEveryFaultAtItsPointer) {
         {R"({"Log": {"Level": "loud", "Format": "xml"}})",
          "/Log/Level must be \"debug\", \"info\", \"notice\", \"warn\", \"error\", \"crit\" or \"alert\"\n"
          "/Log/Format must be \"text\" or \"json\"\n"},
+        {R"({"Timers": {"KeepRepeating": 1, "KeepRepeat": true}})",
+         "/Timers/KeepRepeating must be true or false\n"
+         "/Timers/KeepRepeat is not known; did you mean \"KeepRepeating\"?\n"},
         {R"({"EventManager": {"event_list": 5}})", "/EventManager/event_list must be an array\n"},
     };
     for (const auto& [json, expected] : cases) {

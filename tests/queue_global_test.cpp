@@ -109,6 +109,34 @@ TEST(GlobalQueue, RestoresBeforeItSavesAndSavesWhatHasEndedAway) {
     });
 }
 
+TEST(GlobalQueue, CountsWhatTimersAndWatchesPostAndKeepsLateTimersWhereAsked) {
+    Testing::TemporaryFolder folder;
+    for (const char* timers : {"{}", R"({"KeepRepeating":false})", R"({"KeepRepeating":true})"}) {
+        in_process([&] {
+            Testing::SteppedClock clock;
+            EXPECT_TRUE(
+                InitEventQueue(dict(R"({"EventManager":{"event_list":[{"event_name":"e"}],"timer_list":[
+                {"event_name":"e","interval_sec":"-1"},{"event_name":"e","interval_sec":"3600"}]},"Timers":)" +
+                                    std::string(timers) + "}"))
+                    .Success());
+            EXPECT_TRUE(Testing::Eventually([] { return GetQueueStatistics().TimerPostings == 1; }));
+            GlobalEventQueue().CreateWatch(folder.Path(), "e", nullptr, false);
+            int files = 0;
+            EXPECT_TRUE(Testing::Eventually([&] {
+                Testing::WriteFile(folder / std::to_string(files++), "");
+                return GetQueueStatistics().WatchPostings > 0;
+            }));
+            EXPECT_EQ(GetQueueStatistics().TimerPostings, 1u);
+            EXPECT_EQ(GetQueueStatistics().ExpiredTimers, 0u);
+            clock.Step(3700);
+            EXPECT_TRUE(Testing::Eventually([] { return GetQueueStatistics().ExpiredTimers == 1; }));
+            EXPECT_TRUE(StopEventQueue().Success());
+            const bool kept = std::string(timers).find("true") != std::string::npos;
+            EXPECT_EQ(state_text().find("3600") != std::string::npos, kept) << timers;
+        });
+    }
+}
+
 /// One answered operation of the process that is going to be killed.
 struct Answer {
     int thread;

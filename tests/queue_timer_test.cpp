@@ -53,6 +53,46 @@ TEST_F(TimerTest, AnIntervalCountsFromCreationAndThenFromEachPass) {
     EXPECT_EQ(Timers().Size(), 0u);
 }
 
+// Half a minute and an hour late, and a little: the times keep their rhythm. What does not repeat, and what
+// its interval does not lead into the future (only its low bits are added), is dropped as ever.
+TEST_F(TimerTest, AQueueThatKeepsRepeatingTimersSetsThemToTheirNextTime) {
+    TimerKeepingQueue keeping(500);
+    const auto create = [&](i64_t interval) {
+        UUID id;
+        keeping.CreateTimer("a \"b\"", Timestamp(), interval, nullptr, id);
+        return id;
+    };
+    const auto left = [&] {
+        PListDict state;
+        keeping.GetTimerState(state);
+        return state.GetArray("timer_list").Size();
+    };
+    const auto fire = [&](double seconds) {
+        clock.Step(seconds);
+        log.Clear();
+        Probe::FireTimers(keeping);
+        return log.At(Mirel::LOG_NOTICE);
+    };
+    const UUID timer = create(60);
+    UUID once;
+    keeping.CreateTimer("once", Timestamp(), 0, nullptr, once);
+    for (const i64_t interval : {i64_t{-1}, i64_t{1} << 32, (i64_t{1} << 32) + 0x80000001}) create(interval);
+    const std::vector<std::string> late = fire(3690.25);
+    ASSERT_EQ(late.size(), 5u);
+    EXPECT_EQ(late[0], "Timer " + Mirel::UUIDText(timer) +
+                           " of event \"a \"b\"\" was not fired at 2026-03-01T12:01:00+00:00: set to "
+                           "2026-03-01T13:02:00+00:00\n");
+    EXPECT_EQ(late[1].rfind("Deleted expired event ", 0), 0u);
+    EXPECT_EQ(left(), 1u);
+    EXPECT_TRUE(fire(29.5).empty());
+    EXPECT_TRUE(log.At(Mirel::LOG_DEBUG).empty());
+    EXPECT_TRUE(fire(0.25).empty());  // on the minute
+    EXPECT_EQ(log.At(Mirel::LOG_DEBUG).size(), 2u);
+    EXPECT_TRUE(fire(60).empty());
+    EXPECT_EQ(fire(3600).size(), 1u);
+    EXPECT_EQ(left(), 1u);
+}
+
 TEST_F(TimerTest, AClockThatIsFarOffAndSetRightDelaysAndLosesNoMoreThanItMust) {
     Create(60, 0);
     clock.Set("1970-01-01T00:00:00+00:00");

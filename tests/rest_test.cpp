@@ -476,6 +476,7 @@ TEST_F(RouterTest, MetricsAreWellFormedAndCountPostings) {
     Call("POST /api/v1/events/unknown");
     EXPECT_EQ(sample("velmora_postings_total{source=\"rest\"}"), before + 1);
     EXPECT_EQ(sample("velmora_http_requests_total"), 7);
+    EXPECT_EQ(sample("velmora_timers_expired_total"), 0);
 
     std::istringstream lines(last.Body);
     std::set<std::string> families;
