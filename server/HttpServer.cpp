@@ -14,6 +14,7 @@
 
 #include "Connection.h"
 #include "HttpServerBind.h"
+#include "LocalAccessManager.h"
 #include "MR_log.h"
 
 namespace Server {
@@ -114,7 +115,7 @@ Mirel::Result_t HttpServer::Impl::Bind() {
         return Mirel::RESULT_FILEOPEN.WithMessage(std::string("Cannot wait for connections: ") +
                                                   std::strerror(errno));
     m_Shared.Policy = std::make_unique<AccessPolicy>(options, m_Port);
-    return Mirel::RESULT_OK;
+    return LocalAccessManager::ServerListens(descriptor);
 }
 
 std::string HttpServer::Impl::Url() const {
@@ -180,6 +181,7 @@ void HttpServer::Impl::Stop(Mirel::ui32_t limit_ms) {
     m_Serving = false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
     m_Shared.Stopping.store(true);
+    LocalAccessManager::ServerEnded();  // before anybody else can take the port
     shutdown(m_Listener, SHUT_RDWR);
     // Again and again: requests end, and what they leave is idle.
     std::chrono::steady_clock::time_point until;

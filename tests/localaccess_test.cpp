@@ -2,14 +2,34 @@
 #include "LocalAccessManager.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <thread>
 #include <vector>
 
+#include "HttpTestServer.h"
+
 using LocalAccessManager::IsSelfAuthorized;
 using LocalAccessManager::SelfAuthRestCallback;
+using Testing::HttpTestServer;
 
-TEST(LocalAccessTest, OnlyTheWholeCredentialLetsIn) {
+class LocalAccessTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(LocalAccessManager::ServerListens(server.Listener()).Success()); }
+
+    HttpTestServer server{HttpTestServer::Answers("200 OK")};
+};
+
+TEST_F(LocalAccessTest, WithoutAServerThereIsNothingToTell) {
+    EXPECT_EQ(LocalAccessManager::ServerListens(STDIN_FILENO), Mirel::RESULT_PARAM);
+    LocalAccessManager::ServerEnded();
+    Velmora::BasicRestEntryCall call;
+    call.RequestHeaders["Authorization"] = "as given";
+    EXPECT_EQ(SelfAuthRestCallback().Call(call), Mirel::RESULT_STATE);
+    EXPECT_EQ(call.RequestHeaders["Authorization"], "as given");
+}
+
+TEST_F(LocalAccessTest, OnlyTheWholeCredentialLetsIn) {
     Velmora::BasicRestEntryCall call;
     call.RequestHeaders["authorization"] = "Bearer of another";
     ASSERT_TRUE(SelfAuthRestCallback().Call(call).Success());
@@ -30,7 +50,7 @@ TEST(LocalAccessTest, OnlyTheWholeCredentialLetsIn) {
     }
 }
 
-TEST(LocalAccessTest, EveryThreadHasTheSameCredential) {
+TEST_F(LocalAccessTest, EveryThreadHasTheSameCredential) {
     std::vector<std::string> credentials(8);
     std::vector<std::thread> threads;
     for (std::string& credential : credentials) {

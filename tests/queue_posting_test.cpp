@@ -224,20 +224,73 @@ TEST_F(CallerTest, AListenerWithoutDataIsFetchedAndOneWithDataPostedTo) {
     EXPECT_TRUE(log.Errors().empty());
 }
 
-TEST_F(CallerTest, APathIsCalledOnTheServerItselfWithItsOwnCredential) {
-    HttpTestServer server(HttpTestServer::Answers("202 Accepted"));
-    URL own;
-    ASSERT_TRUE(own.Parse(server.Url()));
-    own.Path.clear();
-    Probe::EndPoint(queue) = own;
-    Listen("e", "/api/v1/events/b?x", R"({"l":1})");
+/// The value of the header Authorization, empty where there is none.
+static std::string Authorization(const std::string& request) {
+    const std::string name = "\r\nAuthorization: ";
+    const std::size_t at = request.find(name);
+    if (at == std::string::npos) return "";
+    const std::size_t begin = at + name.size();
+    return request.substr(begin, request.find("\r\n", begin) - begin);
+}
+
+// Whatever else listens at the server's port on this machine, and whatever "localhost" stands for.
+TEST_F(CallerTest, APathIsCalledWhereTheServerListensAndNobodyElseSeesItsCredential) {
+    const std::pair<const char*, const char*> cases[] = {
+        // the server's address; another program's
+        {"127.0.0.1", "127.0.0.2"},
+        {"127.0.0.2", "127.0.0.1"},
+        {"::1", "127.0.0.1"},
+        {"0.0.0.0", nullptr},
+        {"::", nullptr},
+    };
+    for (const auto& [address, elsewhere] : cases) {
+        HttpTestServer server(HttpTestServer::Answers("202 Accepted"), HttpTestServer::Plain, address);
+        std::unique_ptr<HttpTestServer> other;
+        if (elsewhere != nullptr) {
+            other = std::make_unique<HttpTestServer>(HttpTestServer::Answers("200 OK"), HttpTestServer::Plain,
+                                                     elsewhere, server.Port());
+        }
+        const std::string authority = "localhost:" + std::to_string(server.Port());
+        URL& own = Probe::EndPoint(queue);
+        ASSERT_TRUE(own.Parse("http://" + authority));
+        ASSERT_TRUE(LocalAccessManager::ServerListens(server.Listener()).Success());
+        queue.DeleteAllEvents();
+        Event("e");
+        Listen("e", "/api/v1/events/b?x", R"({"l":1})");
+        Post("e");
+        const std::string request = Request(server);
+        EXPECT_EQ(request.find("POST /api/v1/events/b?x HTTP/1.1\r\nHost: " + authority + "\r\n"), 0u)
+            << address << request;
+        EXPECT_TRUE(LocalAccessManager::IsSelfAuthorized(Authorization(request))) << address;
+        AwaitCallers();
+        EXPECT_TRUE(!other || other->Requests().empty()) << address;
+    }
+}
+
+TEST_F(CallerTest, OnlyPathsBearTheCredentialAndOnlyWhileTheServerListens) {
+    HttpTestServer server(HttpTestServer::Answers("200 OK"));
+    ASSERT_TRUE(Probe::EndPoint(queue).Parse(server.Url("")));
+    ASSERT_TRUE(LocalAccessManager::ServerListens(server.Listener()).Success());
+    Velmora::BasicRestEntryCall prepared;
+    ASSERT_TRUE(LocalAccessManager::SelfAuthRestCallback().Call(prepared).Success());
+    Listen("e", server.Url("/absolute"));
     Post("e");
-    const std::string request = Request(server);
-    EXPECT_EQ(request.find("POST /api/v1/events/b?x HTTP/1.1\r\n"), 0u);
-    const std::string name = "Authorization: ";
-    const std::size_t at = request.find(name) + name.size();
-    EXPECT_TRUE(LocalAccessManager::IsSelfAuthorized(request.substr(at, request.find("\r\n", at) - at)));
+    EXPECT_EQ(Authorization(Request(server)), "");
+
+    LocalAccessManager::ServerEnded();
+    queue.DeleteAllEvents();
+    Event("e");
+    Listen("e", "/path");
+    Post("e");
     AwaitCallers();
+    ASSERT_EQ(server.Requests().size(), 2u);
+    EXPECT_EQ(server.Requests()[1].find("GET /path"), 0u);
+    EXPECT_EQ(Authorization(server.Requests()[1]), "");
+    TLSHTTPRequestHandle late;  // prepared before the end, sent after it
+    ASSERT_TRUE(prepared.TargetUrl.Parse(server.Url()));
+    EXPECT_TRUE(late.Exec(prepared.TargetUrl, prepared.RequestHeaders, Velmora::METH_GET, Velmora::HTTP_1_1)
+                    .Failure());
+    EXPECT_EQ(server.Requests().size(), 2u);
 }
 
 TEST_F(CallerTest, OnlyAnErrorStatusIsLoggedOnceAndTheUnfinishedStay) {

@@ -10,6 +10,7 @@
 #include <new>
 
 #include "CurlHandle.h"
+#include "LocalAccessManager.h"
 #include "MR_log.h"
 
 namespace Velmora {
@@ -71,9 +72,10 @@ class Exchange {
     HttpExchangeEnd Perform();
 
   private:
-    struct FreeHeaders {
+    struct FreeList {
         void operator()(curl_slist* list) const { curl_slist_free_all(list); }
     };
+    using List = std::unique_ptr<curl_slist, FreeList>;
 
     static std::size_t TakeHeader(char*, std::size_t size, std::size_t count, void* exchange);
     static std::size_t TakeBody(char*, std::size_t size, std::size_t count, void* exchange);
@@ -82,12 +84,13 @@ class Exchange {
     template <class Value>
     void Set(CURLoption option, Value value);
     void SetTarget();
+    bool PinToOwnServer();
     void SetLimits();
     void SetTls();
     void SetMethodAndBody();
     void SetHeaders();
     void SetHooks();
-    void AddHeader(const std::string& line);
+    static void Append(List& list, const std::string& text);
 
     HttpExchangeEnd Answered(const char* reason = "") const;
     HttpExchangeEnd Failed(CURLcode code) const;
@@ -96,7 +99,8 @@ class Exchange {
     const bool m_Tls;
     CurlHandle m_Handle;
     std::string m_Url;
-    std::unique_ptr<curl_slist, FreeHeaders> m_Headers;
+    List m_Headers;
+    List m_ConnectTo;
     CURLcode m_SetUp = CURLE_OK;  // the first failure of setting the handle up
     char m_Error[CURL_ERROR_SIZE] = {};
 
@@ -147,6 +151,20 @@ void Exchange::SetTarget() {
         static_cast<long>(m_Request.Proto == HTTP_1_0 ? CURL_HTTP_VERSION_1_0 : CURL_HTTP_VERSION_1_1));
 }
 
+/// The server's own credential is for the server alone: whatever the URL's name stands for, and whatever else
+/// listens at its port, the connection goes to the address that the server has bound. False where that is not
+/// known (any more).
+bool Exchange::PinToOwnServer() {
+    const auto authorization = m_Request.Headers.find(Strings::Authorization);
+    if (authorization == m_Request.Headers.end()) return true;
+    if (!LocalAccessManager::IsSelfAuthorized(authorization->second)) return true;
+    const std::string address = LocalAccessManager::OwnServerAddress();
+    if (address.empty()) return false;
+    Append(m_ConnectTo, "::" + address);  // for every host and port
+    Set(CURLOPT_CONNECT_TO, m_ConnectTo.get());
+    return true;
+}
+
 void Exchange::SetLimits() {
     const ui32_t timeout = m_Request.Timeout_ms;
     Set(CURLOPT_TIMEOUT_MS, static_cast<long>(timeout == 0 ? TLSHTTPRequestHandle::MaxTimeout_ms : timeout));
@@ -179,25 +197,25 @@ void Exchange::SetMethodAndBody() {
     Set(CURLOPT_CUSTOMREQUEST, MethodToString(method));
 }
 
-void Exchange::AddHeader(const std::string& line) {
-    curl_slist* const longer = curl_slist_append(m_Headers.get(), line.c_str());
+void Exchange::Append(List& list, const std::string& text) {
+    curl_slist* const longer = curl_slist_append(list.get(), text.c_str());
     if (longer == nullptr) throw std::bad_alloc();
-    (void)m_Headers.release();
-    m_Headers.reset(longer);
+    (void)list.release();
+    list.reset(longer);
 }
 
 void Exchange::SetHeaders() {
     // "Name: value" sends a header, "Name;" one without a value, "Name:" holds libcurl's own back.
     for (const auto& [name, value] : m_Request.Headers) {
         const bool blank = value.find_first_not_of(" \t") == std::string::npos;
-        AddHeader(blank ? name + ';' : name + ": " + value);
+        Append(m_Headers, blank ? name + ';' : name + ": " + value);
     }
     for (const char* own : {"Accept", "Expect", "Content-Type"}) {
-        if (m_Request.Headers.count(own) == 0) AddHeader(std::string(own) + ':');
+        if (m_Request.Headers.count(own) == 0) Append(m_Headers, std::string(own) + ':');
     }
     // The connection serves one exchange: the peer is told, and where it closes first keeps the port in
     // TIME_WAIT.
-    if (m_Request.Headers.count("Connection") == 0) AddHeader("Connection: close");
+    if (m_Request.Headers.count("Connection") == 0) Append(m_Headers, "Connection: close");
     Set(CURLOPT_HTTPHEADER, m_Headers.get());
     Set(CURLOPT_USERAGENT, "Velmora-EventManager/1.0");
 }
@@ -237,6 +255,9 @@ HttpExchangeEnd Exchange::Failed(CURLcode code) const {
 HttpExchangeEnd Exchange::Perform() {
     if (m_Handle.Get() == nullptr) throw std::bad_alloc();
     SetTarget();
+    if (!PinToOwnServer()) {
+        return {RequestFailure::Connect, STATUS_NONE, "The server itself takes no calls any more"};
+    }
     SetLimits();
     SetTls();
     SetMethodAndBody();

@@ -1,5 +1,6 @@
 #include "HttpTestServer.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
@@ -93,19 +94,24 @@ bool TestConnection::SessionWasResumed() const {
     return SSL_session_reused(m_Tls) == 1;
 }
 
-HttpTestServer::HttpTestServer(Script script, Transport transport)
+HttpTestServer::HttpTestServer(Script script, Transport transport, const char* address, int port)
     : m_Script(std::move(script)), m_Tls(transport == Tls ? self_signed_context() : nullptr) {
-    m_Listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof address;
+    sockaddr_in6 v6{};
+    v6.sin6_family = AF_INET6;
+    v6.sin6_port = htons(static_cast<uint16_t>(port));
+    sockaddr_in v4{};
+    v4.sin_family = AF_INET;
+    v4.sin_port = v6.sin6_port;
+    const bool is_v4 = inet_pton(AF_INET, address, &v4.sin_addr) == 1;
+    if (!is_v4) inet_pton(AF_INET6, address, &v6.sin6_addr);
+    auto* const generic = is_v4 ? reinterpret_cast<sockaddr*>(&v4) : reinterpret_cast<sockaddr*>(&v6);
+    socklen_t size = is_v4 ? sizeof v4 : sizeof v6;
+    m_Listener = socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (bind(m_Listener, generic, size) != 0 || listen(m_Listener, 4096) != 0 ||
         getsockname(m_Listener, generic, &size) != 0) {
         throw std::runtime_error("the test server cannot listen");
     }
-    m_Port = ntohs(address.sin_port);
+    m_Port = ntohs(is_v4 ? v4.sin_port : v6.sin6_port);
     m_Acceptor = std::thread([this] { Accept(); });
 }
 

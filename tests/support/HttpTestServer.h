@@ -41,14 +41,15 @@ class TestConnection {
     ssl_st* const m_Tls;  // null: plain
 };
 
-/// Listens on 127.0.0.1 from construction to destruction, which ends all connections. With TLS its
+/// Listens on an address from construction to destruction, which ends all connections. With TLS its
 /// certificate is self-signed and made anew.
 class HttpTestServer {
   public:
     using Script = std::function<void(TestConnection&)>;
     enum Transport { Plain, Tls };
 
-    explicit HttpTestServer(Script script, Transport transport = Plain);
+    explicit HttpTestServer(Script script, Transport transport = Plain, const char* address = "127.0.0.1",
+                            int port = 0);
     ~HttpTestServer();
     HttpTestServer(const HttpTestServer&) = delete;
     HttpTestServer& operator=(const HttpTestServer&) = delete;
@@ -58,6 +59,8 @@ class HttpTestServer {
     /// A script that reads a request and sends `text`, as it is.
     static Script Sends(const std::string& text);
 
+    int Listener() const { return m_Listener; }
+    int Port() const { return m_Port; }
     std::string Authority() const { return "127.0.0.1:" + std::to_string(m_Port); }
     std::string Url(const std::string& path = "/") const;
 
