@@ -54,13 +54,13 @@ function(velmora_library name)
 endfunction()
 
 # velmora_link_what_it_includes(TARGET SOURCE): the module and the server's parts for a test, benchmark or fuzz target whose
-# source includes their headers. One that has the module's source inside (support/QueueProbe.h), to reach what is local
-# to it, is not linked with the module as well.
+# source includes their headers. One that has the module's source inside, to reach what is local to it, is not linked
+# with the module as well.
 function(velmora_link_what_it_includes target source)
   file(STRINGS ${source} includes REGEX "^#include \"")
-  if(includes MATCHES "QueueProbe|EventManager\\.cpp")
+  if(includes MATCHES "EventManager\\.cpp")
     target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/src)
-  elseif(includes MATCHES "EventManager\\.h")
+  elseif(includes MATCHES "EventManager\\.h|QueueProbe\\.h")
     target_link_libraries(${target} PRIVATE EventManager)
   endif()
   foreach(include IN LISTS includes)

@@ -4,6 +4,7 @@
 
 #include "EventManager.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -868,6 +869,7 @@ static int event_stream_open() {
         DefaultLogSink().Error("Kernel queue: %s.\n", strerror(errno));
         return fd;
     }
+    static_cast<void>(fcntl(fd, F_SETFD, FD_CLOEXEC));  // programs that handlers start do not inherit it
     const Result_t non_blocking = Velmora::SetSockNonBlocking(fd);
     if (non_blocking.Failure()) DefaultLogSink().Error("Kernel queue: %s.\n", non_blocking.Message());
     return fd;

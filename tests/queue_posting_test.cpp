@@ -1,9 +1,11 @@
 // Posting: payloads, Python handlers, HTTP callers and the broadcast.
-#include "support/QueueProbe.h"
+#include "VL_Python.h"
 
 #include <dlfcn.h>
 
 #include "HttpTestServer.h"
+#include "LocalAccessManager.h"
+#include "support/QueueProbe.h"
 
 namespace EventManager {
 
@@ -28,20 +30,21 @@ class PostingTest : public QueueTest {
     }
     /// The text of a Python expression evaluated in a module.
     static std::string Ask(const std::string& module, const std::string& expression) {
+        using Reference = std::unique_ptr<PyObject, decltype(&Py_DecRef)>;
         const PythonContextLock context;
-        const PythonReference main(PyImport_ImportModule(module.c_str()));
+        const Reference main(PyImport_ImportModule(module.c_str()), Py_DecRef);
         if (!main) return "no module";
-        PyObject* globals = PyModule_GetDict(main.Get());
-        const PythonReference value(
-            PyRun_String(("str(" + expression + ")").c_str(), Py_eval_input, globals, globals));
+        PyObject* globals = PyModule_GetDict(main.get());
+        const Reference value(
+            PyRun_String(("str(" + expression + ")").c_str(), Py_eval_input, globals, globals), Py_DecRef);
         if (!value) {
             PyErr_Clear();
             return "no value";
         }
 #if PY_MAJOR_VERSION >= 3
-        return PyUnicode_AsUTF8(value.Get());
+        return PyUnicode_AsUTF8(value.get());
 #else
-        return PyString_AsString(value.Get());
+        return PyString_AsString(value.get());
 #endif
     }
 };

@@ -1,8 +1,11 @@
-// Watches: the registry, its section of the state document, and the watch phase on a real kernel stream.
-#include "support/QueueProbe.h"
+// Watches: the registry, its section of the state document, and the watch phase on a real kernel stream. With
+// the module's source inside, for the functions of the stream are local to it.
+#include "EventManager.cpp"
 
 #include <fcntl.h>
 #include <sys/resource.h>
+
+#include "support/QueueProbe.h"
 
 namespace EventManager {
 

@@ -1,8 +1,7 @@
-// The queue with its phases in reach: includes the module's source, so that its file-local functions can be
-// tested.
+// The queue of the shipped library with the phases of its passes in reach.
 #pragma once
 
-#include "EventManager.cpp"
+#include "EventManager.h"
 
 #include <memory>
 #include <string>
@@ -11,6 +10,9 @@
 #include "Testing.h"
 
 namespace EventManager {
+
+using Mirel::AutoMutex;
+using Velmora::PListItem;
 
 struct EventQueueProbe {
     static URL& EndPoint(EventQueue& queue) NO_THREAD_SAFETY_ANALYSIS { return queue.m_ServiceEndPoint; }
@@ -41,6 +43,7 @@ struct EventQueueProbe {
         for (const auto& entry : queue.m_Watches) modes.push_back(entry.second.mode);
         return modes;
     }
+    static ui64_t Passes(EventQueue& queue) { return queue.Statistics().Passes; }
     static Result_t Stop(EventQueue& queue) { return queue.Stop(10000, true); }
 };
 

@@ -2,6 +2,7 @@
 // folder.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -87,9 +88,18 @@ class CapturedLog : public Mirel::ILogSink {
     Mirel::ILogSink* m_Before;
 };
 
-/// Waits until `condition` holds; false when it does not within the deadline.
-inline bool Eventually(const std::function<bool()>& condition, int deadline_ms = 20000) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadline_ms);
+/// How many times longer than it promises something may take: the machine may be busy, but not asleep.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+inline constexpr int Patience = 20;
+#else
+inline constexpr int Patience = 5;
+#endif
+
+/// Waits until `condition` holds, which should be within `promised_ms`; false when it takes Patience times as
+/// long.
+inline bool Eventually(const std::function<bool()>& condition, int promised_ms = 1000) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(Patience * promised_ms);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -117,6 +127,19 @@ class TemporaryFolder {
   private:
     std::string m_Path;
 };
+
+/// The files that a program would inherit if it were started now, of those whose link has `part` in it.
+inline std::vector<std::string> Inherited(const std::string& part) {
+    std::vector<std::string> links;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const std::string link = std::filesystem::read_symlink(entry, gone).string();
+        const int flags = fcntl(std::stoi(entry.path().filename()), F_GETFD);
+        if (flags != -1 && (flags & FD_CLOEXEC) == 0 && link.find(part) != std::string::npos)
+            links.push_back(link);
+    }
+    return links;
+}
 
 inline void WriteFile(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "Testing.h"
 #include "VL_WebSocket.h"
 
 namespace Testing {
@@ -76,7 +77,7 @@ struct Frame {
     }
 };
 
-/// One client. Its reads block, but not for ever.
+/// One client. Its reads block, but no longer than postings and answers may take.
 class Peer {
   public:
     /// `kernel_room`: bytes of the server's socket buffer, 0 for the usual.
@@ -86,7 +87,7 @@ class Peer {
             setsockopt(m_Server, SOL_SOCKET, SO_SNDBUF, &kernel_room, sizeof(kernel_room));
             setsockopt(m_Socket, SOL_SOCKET, SO_RCVBUF, &kernel_room, sizeof(kernel_room));
         }
-        const timeval limit{60, 0};
+        const timeval limit{Patience, 0};
         setsockopt(m_Socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
         if (link == Link::TLS) ShakeHands();
     }

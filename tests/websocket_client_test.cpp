@@ -1,0 +1,192 @@
+// One client of the feed and the log it is written from, at times that the test chooses. With the sources
+// inside, for the library hides them.
+#include "WebSocketClient.cpp"
+#include "WebSocketFrame.cpp"
+#include "WebSocketLog.cpp"
+#include "WebSocketStream.cpp"
+
+#include <optional>
+#include <vector>
+
+#include "Testing.h"
+#include "WebSocketPeer.h"
+
+namespace Velmora::Feed {
+
+using Turn = FeedClient::Turn;
+
+class FeedClientTest : public ::testing::Test {
+  protected:
+    ~FeedClientTest() override {
+        client.reset();
+        close(peer);
+    }
+    SocketClient& Join() {
+        const auto [server, other] = Testing::Connected(false);
+        peer = other;
+        client.emplace(frames, Stream(server, nullptr), "peer", "", limits);
+        EXPECT_TRUE(client->Begin(now));
+        return *client;
+    }
+    void Tick(int after_ms) {
+        now += Milliseconds(after_ms);
+        client->Tick(now);
+    }
+    /// Gives turns until nothing more happens; how the last one ended.
+    Turn Work() {
+        Turn turn = Turn::More;
+        while (turn == Turn::More) turn = client->TakeTurn(frames.End(), now);
+        return turn;
+    }
+    /// What the server has sent, at most so many bytes.
+    std::string Sent(std::size_t size = 1000) {
+        std::string bytes(size, '\0');
+        const ssize_t got = recv(peer, bytes.data(), size, MSG_DONTWAIT);
+        return bytes.substr(0, got > 0 ? static_cast<std::size_t>(got) : 0);
+    }
+    void Receive(std::string_view bytes) {
+        ASSERT_EQ(send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+        char room[100];
+        client->Receive(room, now);
+    }
+    void FillUntilBlocked() {
+        for (int i = 0; i < 20; ++i) frames.Append(std::string(100000, 'x'));
+        ASSERT_EQ(Work(), Turn::Blocked);
+    }
+
+    Testing::CapturedLog log;
+    const ClientLimits limits{Milliseconds(100), Milliseconds(1000)};
+    FrameLog frames{64u << 20};
+    Time now{Milliseconds(5000)};
+    std::optional<SocketClient> client;
+    int peer = -1;
+};
+
+TEST_F(FeedClientTest, WhatTheKernelSendsOnIsProgressAndNothingElseIs) {
+    Join();
+    FillUntilBlocked();
+    Tick(0);
+    for (int i = 0; i < 4; ++i) {  // too little for the socket to take more
+        EXPECT_GT(Sent(40000).size(), 0u);
+        Tick(60);
+        EXPECT_TRUE(client->Hurried());
+    }
+    Tick(99);
+    EXPECT_TRUE(log.At(Mirel::LOG_NOTICE).empty());
+    const std::uint64_t slow = Counters.SlowDisconnects;
+    Tick(1);
+    EXPECT_TRUE(log.Has("peer is disconnected: takes nothing.\n"));
+    EXPECT_EQ(Counters.SlowDisconnects, slow + 1);
+    EXPECT_EQ(Work(), Turn::Gone);
+}
+
+TEST_F(FeedClientTest, APingIsDueAfterSilenceOnlyAndItsAnswerInTheSameTime) {
+    Join();
+    Tick(999);
+    EXPECT_FALSE(client->WantsTurn());
+    Receive(Testing::ClientFrame(0x81, "not silent"));
+    Tick(999);
+    EXPECT_FALSE(client->WantsTurn());
+    for (int round = 0; round < 2; ++round) {
+        Tick(round == 0 ? 1 : 1000);
+        EXPECT_EQ(Work(), Turn::CaughtUp);
+        EXPECT_EQ(Sent(), std::string("\x89\0", 2));
+        Tick(999);
+        EXPECT_FALSE(client->WantsTurn());  // one ping is enough
+        if (round == 0) Receive(Testing::ClientFrame(0x8A, ""));
+    }
+    EXPECT_TRUE(log.At(Mirel::LOG_NOTICE).empty());
+    Tick(1);
+    EXPECT_TRUE(log.Has("peer is disconnected: does not answer a ping.\n"));
+    EXPECT_EQ(Work(), Turn::Gone);
+}
+
+TEST_F(FeedClientTest, WhoLeavesHasUntilItsDeadlineToTakeWhatIsPendingAndToClose) {
+    Join();
+    frames.Append("pending");
+    client->Leave(frames.End(), now + Milliseconds(100));
+    frames.Append("later");
+    EXPECT_EQ(Work(), Turn::CaughtUp);
+    EXPECT_EQ(Sent(), "\x81\x07pending\x88\x02\x03\xE9");
+    Tick(99);
+    EXPECT_EQ(Work(), Turn::CaughtUp);  // lingers
+    Tick(1);
+    EXPECT_EQ(Work(), Turn::Gone);
+    EXPECT_TRUE(log.At(Mirel::LOG_NOTICE).empty());
+    client.reset();
+    close(peer);
+
+    Join();
+    FillUntilBlocked();
+    client->Leave(frames.End(), now + Milliseconds(100));
+    Sent(100000);  // progress helps no longer
+    Tick(99);
+    EXPECT_EQ(Work(), Turn::Blocked);
+    Tick(1);
+    EXPECT_TRUE(log.Has("peer is disconnected: did not take in time what was pending.\n"));
+    EXPECT_EQ(Work(), Turn::Gone);
+}
+
+TEST_F(FeedClientTest, AReaderThatIsLeftBehindIsLetGo) {
+    struct Nothing : BroadcastReader {
+        void OnPosting(std::string_view) override {}
+    };
+    FrameLog small(1000);
+    ReaderClient reader(small, std::make_unique<Nothing>(), "reader");
+    const std::uint64_t slow = Counters.SlowDisconnects;
+    small.Append(std::string(200, 'x'));
+    EXPECT_EQ(reader.TakeTurn(small.End(), now), Turn::CaughtUp);
+    for (int i = 0; i < 10; ++i) small.Append(std::string(200, 'x'));
+    reader.CheckPlace(small.End(), now);
+    EXPECT_EQ(reader.TakeTurn(small.End(), now), Turn::Gone);
+    EXPECT_EQ(log.At(Mirel::LOG_NOTICE),
+              std::vector<std::string>{"Reader reader of the feed is let go: too slow.\n"});
+    EXPECT_EQ(Counters.SlowDisconnects, slow + 1);
+}
+
+TEST(FrameLogTest, WhoWaitsIsWokenOnceByTheFirstFrameAndWhoComesTooLateDoesNotWait) {
+    FrameLog frames(1u << 20);
+    EXPECT_FALSE(frames.Append("for nobody"));
+    LogCursor cursor = frames.Attach();
+    const LogEnd seen = frames.End();
+    EXPECT_EQ(seen.Frames, 0u);
+    EXPECT_TRUE(frames.PrepareToWait(seen));
+    EXPECT_TRUE(frames.Append("first"));
+    EXPECT_FALSE(frames.Append("second"));
+    EXPECT_FALSE(frames.PrepareToWait(seen));
+    EXPECT_FALSE(frames.Append("third"));
+    EXPECT_TRUE(frames.PrepareToWait(frames.End()));
+    EXPECT_EQ(frames.End().Frames, 3u);  // looking ends the waiting
+    EXPECT_FALSE(frames.Append("fourth"));
+    frames.Detach(cursor);
+}
+
+TEST(FrameLogTest, WhatAllHaveTakenIsGivenBackAndMemoryStaysWithinItsLimit) {
+    const std::uint64_t before = Counters.LogBytes;
+    {
+        FrameLog frames(64u << 10);
+        LogCursor reader = frames.Attach(), idle = frames.Attach();
+        for (int i = 0; i < 1000; ++i) {
+            frames.Append(std::string(1000, 'x'));
+            EXPECT_LE(Counters.LogBytes, before + (64u << 10));
+        }
+        EXPECT_TRUE(FrameLog::FellOff(reader, frames.End()));
+        EXPECT_FALSE(frames.Advance(reader));
+        frames.Detach(reader);
+        frames.Detach(idle);
+        frames.Detach(idle);  // a second time is nothing
+        EXPECT_FALSE(frames.HasReaders());
+
+        reader = frames.Attach();
+        for (int i = 0; i < 100; ++i) {
+            frames.Append(std::string(1000, 'x'));
+            reader.Move(reader.Limit(frames.End()) - reader.Offset, frames.End());
+            EXPECT_TRUE(reader.Segment->Number == frames.End().Segment || frames.Advance(reader));
+        }
+        EXPECT_LE(Counters.LogBytes, before + (16u << 10));
+        frames.Detach(reader);
+    }
+    EXPECT_EQ(Counters.LogBytes, before);
+}
+
+}  // namespace Velmora::Feed
