@@ -1,4 +1,7 @@
 // Timers: the registry, its section of the state document, and the timer phase under a stepped clock.
+// With the module's source inside, for the queue that keeps repeating timers is local to it.
+#include "EventManager.cpp"
+
 #include "support/QueueProbe.h"
 
 namespace EventManager {
