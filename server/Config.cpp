@@ -1,6 +1,7 @@
 #include "Config.h"
 
 #include <arpa/inet.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -141,6 +142,7 @@ void Loader::Limits(const PListDict& dict) {
     HttpServerOptions& http = m_Config.Http;
     Shape shape(dict, "/Limits", m_Faults);
     TakeNumber(shape, "MaxConnections", 1, 1000000, http.MaxConnections);
+    TakeNumber(shape, "MaxCallers", 1, 1000000, m_Config.MaxCallers);
     TakeNumber(shape, "MaxBodyBytes", 1024, 1 << 30, http.BodyLimit);
     TakeNumber(shape, "MaxHeaderBytes", 1024, 1 << 20, http.HeaderLimit);
     TakeNumber(shape, "IdleTimeout_ms", 100, day_ms, http.IdleTimeout_ms);
@@ -173,6 +175,13 @@ void Loader::Document(const PListDict& dict) {
 }
 
 }  // namespace
+
+ui32_t DefaultMaxCallers() {
+    constexpr rlim_t for_callers = 2, for_each = 4, most = 4096;
+    rlimit limit{};  // the server raises it to what it may have
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return most;
+    return static_cast<ui32_t>(std::clamp<rlim_t>(limit.rlim_max / for_callers / for_each, 1, most));
+}
 
 Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults) {
     Config config;

@@ -15,11 +15,16 @@ namespace Server {
 /// One fault of a configuration, at a JSON pointer.
 using ConfigFault = Fault;
 
+/// Most calls to listeners that are under way at once where the configuration names no number: as many as
+/// half of the process's descriptors are enough for, at four for each, and no more than 4096.
+Mirel::ui32_t DefaultMaxCallers();
+
 /// A checked configuration.
 struct Config {
     HttpServerOptions Http;
     Mirel::i32_t Timeout_ms = 500;  // of requests to listeners and of WebSocket writes
-    std::string StateFile;          // empty: nothing is saved
+    Mirel::ui32_t MaxCallers = DefaultMaxCallers();
+    std::string StateFile;  // empty: nothing is saved
     std::vector<std::string> PythonPath;
     Mirel::LogType_t LogLevel = Mirel::LOG_INFO;
     bool LogAsJSON = false;

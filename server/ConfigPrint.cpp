@@ -38,10 +38,12 @@ PListDict AddressInForce(const HttpServerOptions& http) {
     return address;
 }
 
-PListDict LimitsInForce(const HttpServerOptions& http) {
+PListDict LimitsInForce(const Config& config) {
+    const HttpServerOptions& http = config.Http;
     const auto number = [](auto value) { return static_cast<long long>(value); };
     PListDict limits;
     limits.SetValue("MaxConnections", number(http.MaxConnections));
+    limits.SetValue("MaxCallers", number(config.MaxCallers));
     limits.SetValue("MaxBodyBytes", number(http.BodyLimit));
     limits.SetValue("MaxHeaderBytes", number(http.HeaderLimit));
     limits.SetValue("IdleTimeout_ms", number(http.IdleTimeout_ms));
@@ -107,7 +109,7 @@ std::string PrintConfig(const Config& config) {
     if (!config.StateFile.empty()) dict.SetValue(Keys::StateFile, config.StateFile);
     dict.SetItem("PythonPath", Texts(config.PythonPath));
     dict.SetItem("Log", log);
-    dict.SetItem("Limits", LimitsInForce(config.Http));
+    dict.SetItem("Limits", LimitsInForce(config));
     dict.SetItem(Keys::Timers, timers);
     dict.SetItem(Keys::EventManager, DocumentWithoutPasswords(config.EventManager));
     std::string json;

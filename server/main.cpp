@@ -176,6 +176,7 @@ int run(const Config& config) {
     std::optional<Velmora::PListDict> document;
     const Result_t read = Server::ReadStateFile(config.StateFile, document);
     if (read.Failure()) return fail(read.Message());
+    Velmora::SetMaxCallers(config.MaxCallers);
     InitPython(config.PythonPath);
     Velmora::PListDict dict = config.ForEventQueue(server.Port(), document ? *document : config.EventManager);
     if (document) keep_limits(*document, dict);

@@ -657,6 +657,10 @@ void EventQueue::StartCaller(const BasicRestEntryCall& call, const std::string& 
         DefaultLogSink().Debug("Event dispatched to \"%s\".\n", call.TargetUrl.ComposeAbsolute().c_str());
     }
     auto made = std::make_unique<caller_t>(call, body);
+    if (!made->TakePlace()) {
+        Velmora::CountRequestRefused(call);
+        return;
+    }
     m_CallerThreads.push_back(made.get());
     caller_t* const caller = made.release();
     caller->Timeout_ms(static_cast<ui32_t>(m_Timeout_ms));

@@ -312,6 +312,38 @@ TEST_F(CallerTest, OnlyAnErrorStatusIsLoggedOnceAndTheUnfinishedStay) {
     EXPECT_EQ(Velmora::GetRequestCounters().FailedTimeout, timeouts + 1);
 }
 
+TEST_F(CallerTest, BeyondTheLimitCallsFailAndAreCountedAndLoggedOnce) {
+    std::atomic<bool> hangs{true};
+    HttpTestServer server([&](Testing::TestConnection& connection) {
+        connection.ReadRequest();
+        Testing::Eventually([&] { return !hangs; });
+        connection.Write("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    });
+    EventQueue patient(20000);
+    patient.CreateEvent("e", nullptr);
+    patient.CreateEventListener("e", server.Url("/all"), nullptr, last_id);
+    Velmora::SetMaxCallers(3);
+    const auto before = Velmora::GetRequestCounters();
+    for (int i = 0; i < 10; ++i) patient.PostEvent("e", nullptr);
+    EXPECT_EQ(Probe::Callers(patient), 3u);
+    EXPECT_EQ(Velmora::GetRequestCounters().FailedResources, before.FailedResources + 7);
+    EXPECT_EQ(Velmora::GetRequestOutcomes().front().Url, server.Url("/all"));
+    EXPECT_EQ(Velmora::GetRequestOutcomes().front().Reason, "Too many calls at once");
+    EXPECT_EQ(log.Errors(), std::vector<std::string>{"Too many calls to listeners at once: 1 not made.\n"});
+
+    hangs = false;  // each that ends makes room for another, also before it is reaped
+    EXPECT_TRUE(Testing::Eventually([&] { return Velmora::GetRequestCounters().Running == 0; }));
+    EXPECT_TRUE(Testing::Eventually([&] {
+        patient.PostEvent("e", nullptr);
+        return Velmora::GetRequestCounters().AnsweredByClass[2] >= before.AnsweredByClass[2] + 6;
+    }));
+    EXPECT_GT(Probe::Callers(patient), 3u);
+    Velmora::SetMaxCallers(0);
+    const ui64_t refused = Velmora::GetRequestCounters().FailedResources;
+    for (int i = 0; i < 10; ++i) patient.PostEvent("e", nullptr);
+    EXPECT_EQ(Velmora::GetRequestCounters().FailedResources, refused);
+}
+
 TEST_F(CallerTest, DestroyingAQueueWaitsForItsRunningCallers) {
     HttpTestServer hanging([](Testing::TestConnection& connection) { connection.WaitForClose(); });
     {

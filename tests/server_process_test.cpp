@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "HttpClient.h"
+#include "HttpTestServer.h"
 #include "Testing.h"
 
 namespace Server {
@@ -23,7 +24,8 @@ using Testing::ReadFile;
 /// One run of velmora-server; killed with the object where it still runs.
 class Process {
   public:
-    Process(const std::string& errors, const std::vector<std::string>& arguments) {
+    /// `descriptors`: how many it may have, 0 for as many as this process.
+    Process(const std::string& errors, const std::vector<std::string>& arguments, rlim_t descriptors = 0) {
         int out[2];
         if (pipe2(out, O_CLOEXEC) != 0) ADD_FAILURE() << "no pipe";
         std::vector<char*> argv{const_cast<char*>(VELMORA_SERVER)};
@@ -31,6 +33,8 @@ class Process {
         argv.push_back(nullptr);
         m_Pid = fork();
         if (m_Pid == 0) {
+            const rlimit limit{descriptors, descriptors};
+            if (descriptors > 0 && setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
             dup2(out[1], STDOUT_FILENO);
             dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
             execv(argv[0], argv.data());
@@ -227,6 +231,39 @@ TEST_F(ServerProcessTest, AFileThatMayNotGrowIsAFailedSaveThatTheNextOneMakesUpF
     EXPECT_EQ(Status(client, "DELETE", "/api/v1/events/small"), 204u);
     EXPECT_EQ(Status(client, "GET", "/readyz"), 200u);
     EXPECT_NE(ReadFile(folder / "state.json").find("xxx"), std::string::npos);
+}
+
+// With few descriptors and a listener that never answers, callers leave enough for everything else.
+TEST_F(ServerProcessTest, AListenerThatHangsStopsNothingElse) {
+    auto hanging = std::make_unique<Testing::HttpTestServer>(
+        [](Testing::TestConnection& connection) { connection.WaitForClose(); });
+    Testing::WriteFile(folder / "config.json",
+                       R"({"BindAddress": {"ListenPort": 0}, "StateFile": "state.json", "Timeout_ms": 20000,
+                           "EventManager": {"event_list": [{"event_name": "e", "listener_list":
+                           [{"callback": ")" +
+                           hanging->Url() + R"("}]}]}})");
+    Process server(folder / "errors", {"--config", folder / "config.json"}, 256);
+    ASSERT_NE(server.Port(), 0);
+    HttpClient poster(server.Port(), false);
+    {
+        FeedClient feed(server.Port());
+        for (int i = 0; i < 300; ++i) {
+            ASSERT_EQ(Status(poster, "POST", "/api/v1/events/e"), 202u);
+            feed.Read();
+        }
+    }
+    for (int i = 0; i < 20; ++i) {
+        HttpClient client(server.Port(), false);
+        EXPECT_EQ(Status(client, "GET", "/healthz"), 200u);
+        const std::string event = R"({"event_name": "n)" + std::to_string(i) + R"("})";
+        EXPECT_EQ(Status(client, "POST", "/api/v1/events", event), 201u);
+        EXPECT_EQ(Status(client, "GET", "/readyz"), 200u);
+    }
+    const std::string metrics = poster.Call("GET", "/metrics").body();
+    EXPECT_NE(metrics.find("velmora_callers_running 32\n"), std::string::npos) << metrics;
+    EXPECT_NE(metrics.find("velmora_deliveries_total{outcome=\"resources\"} 268\n"), std::string::npos);
+    hanging.reset();
+    EXPECT_EQ(server.End(SIGTERM), 0);
 }
 
 // What a handler starts must not inherit how the server itself takes signals.

@@ -213,6 +213,31 @@ MR_EXPORT std::vector<RequestOutcome> GetRequestOutcomes();
 /// For a caller whose thread could not be started: counts and keeps it like a failed exchange.
 MR_EXPORT void CountRequestNotStarted(const BasicRestEntryCall& call, const Result_t& reason);
 
+/// How many callers with a place may be under way at once in this process; 0, as it is at first, sets no
+/// limit. A call holds three descriptors, and a few more while it looks a name up. Any thread; for callers
+/// yet to come.
+MR_EXPORT void SetMaxCallers(ui32_t most);
+
+/// A place among the callers that may be under way at once, given back at the latest when it is destroyed.
+class MR_EXPORT CallerPlace {
+  public:
+    CallerPlace() = default;
+    ~CallerPlace() { GiveBack(); }
+    CallerPlace(const CallerPlace&) = delete;
+    CallerPlace& operator=(const CallerPlace&) = delete;
+
+    /// False where SetMaxCallers() leaves none.
+    bool Take();
+    void GiveBack();
+
+  private:
+    bool m_Taken = false;
+};
+
+/// For a caller that got no place: counts and keeps it as failed for want of resources. Logs one Error line a
+/// second at most.
+MR_EXPORT void CountRequestRefused(const BasicRestEntryCall& call);
+
 /// A request on a thread of its own: built with a complete request, started once, and asked for its outcome
 /// when IsFinished(). The creator owns it.
 ///
@@ -225,9 +250,13 @@ class BackgroundHTTPRequestHandle : public HandleType, public Mirel::Thread {
     HandleType m_Handle;
     BasicRestEntryCall m_CallData;
     std::string m_RequestBody;
+    CallerPlace m_Place;
 
     Result_t ThreadInit() override { return Mirel::RESULT_OK; }
-    Result_t ThreadFini(Result_t result) override { return result; }
+    Result_t ThreadFini(Result_t result) override {
+        m_Place.GiveBack();
+        return result;
+    }
     Result_t ThreadStop() override { return Mirel::RESULT_OK; }
     Result_t ThreadBody() override {
         if (m_CallData.TargetUrl.Empty()) return Mirel::RESULT_PARAM;
@@ -261,6 +290,10 @@ class BackgroundHTTPRequestHandle : public HandleType, public Mirel::Thread {
         : BackgroundHTTPRequestHandle(BasicRestEntryCall{method, url, headers}, request_body) {}
 
     virtual ~BackgroundHTTPRequestHandle() { WaitUntilFinished(); }
+
+    /// Before Start(), for callers that are not to be without number: takes a place until the request has
+    /// ended. False where there is none (SetMaxCallers); the caller is then not to be started.
+    bool TakePlace() { return m_Place.Take(); }
 
     /// The status that was received; meaningful once IsFinished() is true.
     Status_t Status() const { return m_Handle.Status(); }
