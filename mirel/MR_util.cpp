@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string_view>
 #include <system_error>
 
@@ -19,14 +20,14 @@ namespace {
 // A descriptor that is closed when nobody has closed it before.
 class File {
   public:
-    // Check IsOpen(); errno is the reason where it is not.
-    File(const std::string& path, int flags) {
+    // Check IsOpen(); errno is the reason where it is not. A file that is created has `mode`.
+    File(const std::string& path, int flags, mode_t mode = 0644) {
         if (path.find('\0') != std::string::npos) {  // the system would take what stands before it
             errno = EINVAL;
             return;
         }
         do {
-            m_Descriptor = open(path.c_str(), flags | O_CLOEXEC, 0644);
+            m_Descriptor = open(path.c_str(), flags | O_CLOEXEC, mode);
         } while (m_Descriptor < 0 && errno == EINTR);
     }
     ~File() {
@@ -41,6 +42,7 @@ class File {
 
     // These answer false with the reason in errno.
     bool WriteAll(std::string_view text);
+    bool BeLike(const std::string& path);
     bool Sync();
     bool ReadAll(std::string& text, std::size_t limit);
     bool Close();
@@ -59,6 +61,26 @@ bool File::WriteAll(std::string_view text) {
         text.remove_prefix(static_cast<std::size_t>(written));
     }
     return true;
+}
+
+// Takes over mode, owner and group of the file at `path`, where there is one.
+bool File::BeLike(const std::string& path) {
+    struct stat like {};
+    struct stat own {};
+    if (lstat(path.c_str(), &like) != 0) return errno == ENOENT;
+    if (fstat(m_Descriptor, &own) != 0) return false;
+    if (!S_ISREG(like.st_mode)) return true;
+    mode_t mode = like.st_mode & 0777;
+    if ((like.st_uid != own.st_uid || like.st_gid != own.st_gid) &&
+        fchown(m_Descriptor, like.st_uid, like.st_gid) != 0) {
+        // Who may give nothing away becomes the owner. What was for another group is then for no other.
+        const bool same_group =
+            like.st_gid == own.st_gid || fchown(m_Descriptor, own.st_uid, like.st_gid) == 0;
+        if (!same_group) mode &= ~static_cast<mode_t>(0070);
+        DefaultLogSink().Warn("\"%s\" belonged to user %u and group %u, and will not any longer\n",
+                              path.c_str(), like.st_uid, like.st_gid);
+    }
+    return fchmod(m_Descriptor, mode) == 0;
 }
 
 bool File::Sync() {
@@ -173,6 +195,37 @@ Result_t WriteStringIntoFile(const std::string& path, const std::string& text) {
     if (!file.IsOpen()) return file_failure(RESULT_FILEOPEN, path);
     if (!file.WriteAll(text) || !file.Sync() || !file.Close()) return file_failure(RESULT_WRITEFAIL, path);
     return RESULT_OK;
+}
+
+Result_t WriteStringIntoNewFile(const std::string& path, const std::string& text, const std::string& like) {
+    if (path.find('\0') == std::string::npos && unlink(path.c_str()) != 0 && errno != ENOENT) {
+        return file_failure(RESULT_FILEOPEN, path);
+    }
+    File file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+    if (!file.IsOpen()) return file_failure(RESULT_FILEOPEN, path);
+    if (!file.BeLike(like) || !file.WriteAll(text) || !file.Sync() || !file.Close()) {
+        return file_failure(RESULT_WRITEFAIL, path);
+    }
+    return RESULT_OK;
+}
+
+Result_t SyncFolderOf(const std::string& path) {
+    const std::string folder = std::filesystem::path(path).parent_path().string();
+    File file(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
+    if (!file.IsOpen()) return file_failure(RESULT_FILEOPEN, folder);
+    return file.Sync() ? RESULT_OK : file_failure(RESULT_WRITEFAIL, folder);
+}
+
+std::string FollowLinks(const std::string& path) {
+    constexpr int most = 40;  // as many as the kernel follows, path_resolution(7)
+    std::string target = path;
+    for (int i = 0; i < most && path.find('\0') == std::string::npos; ++i) {
+        std::error_code no_link;
+        const std::filesystem::path next = std::filesystem::read_symlink(target, no_link);
+        if (no_link) return target;
+        target = (std::filesystem::path(target).parent_path() / next).string();
+    }
+    return path;
 }
 
 Result_t ReadFileIntoString(const std::string& path, std::string& text, std::size_t limit) {

@@ -106,6 +106,21 @@ MR_EXPORT bool UUIDFromText(const std::string& text, UUID& id);
 /// reason on failure; errno is that reason. A failed write leaves a file with part of the text.
 MR_EXPORT Result_t WriteStringIntoFile(const std::string& path, const std::string& text);
 
+/// The same into a file that is created for it, so that nobody else can have prepared it: whatever stands at
+/// `path` is removed first, a link and not what it points to. The file has mode, owner and group of the one
+/// at `like`, as far as the system lets this process give them (else a Warn line says so), and mode 0600
+/// where there is none.
+MR_EXPORT Result_t WriteStringIntoNewFile(const std::string& path, const std::string& text,
+                                          const std::string& like);
+
+/// Returns once the folder of `path`, and with it what was created or renamed there, is on the disk.
+/// RESULT_FILEOPEN or RESULT_WRITEFAIL with folder and reason on failure; errno is that reason.
+MR_EXPORT Result_t SyncFolderOf(const std::string& path);
+
+/// The path that a symbolic link at `path` leads to in the end, whether there is a file or not; `path` itself
+/// where it is no link, or the links lead nowhere.
+MR_EXPORT std::string FollowLinks(const std::string& path);
+
 /// Reads a whole file of at most `limit` bytes. RESULT_FILEOPEN or RESULT_READFAIL with path and reason on
 /// failure (EFBIG: more than `limit` bytes); errno is that reason and `text` then empty.
 MR_EXPORT Result_t ReadFileIntoString(const std::string& path, std::string& text, std::size_t limit);

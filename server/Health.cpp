@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "EventManager.h"
+#include "MR_util.h"
 #include "Rest.h"
 
 namespace Server {
@@ -36,7 +37,7 @@ CheckOutcome CheckWorker(const EventManager::QueueStatistics& queue) {
 CheckOutcome CheckStateFile(const EventManager::QueueStatistics& queue, const std::string& path) {
     if (path.empty()) return {true, "none is configured: nothing is saved"};
     if (queue.LastSaveFailed) return {false, "the last save failed; the log says why"};
-    if (::faccessat(AT_FDCWD, DirectoryOf(path).c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+    if (::faccessat(AT_FDCWD, DirectoryOf(Mirel::FollowLinks(path)).c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
         return {false, std::string("its directory is not writable: ") + std::strerror(errno)};
     }
     return {true, "writable"};

@@ -50,6 +50,7 @@ constexpr i32_t TimerExpiry_sec = 10;
 constexpr int WatchWait_ms = 500;
 constexpr std::chrono::milliseconds AfterFailedPass{100};  // or the log would fill with one line
 constexpr std::size_t WatchReadSize = 8192;
+constexpr std::chrono::milliseconds SaveAgainAfter{1000};  // passes can follow each other faster
 
 const std::string PythonScheme = "python://";
 
@@ -217,26 +218,26 @@ void EventQueue::SetQueueState(const PListDict& config) {
 void EventQueue::UseStateFile(const std::string& path) {
     {
         AutoMutex lock(m_SaveLock);
-        m_StateFile = path;
+        m_StateFile = Mirel::FollowLinks(path);
     }
     WriteState();
 }
 
-/// Replaces the file at `path` by `text` in one step; `what` failed is logged.
+/// `code` with the reason that errno holds, in the words of the log.
+static Result_t save_failure(const Result_t& code, const std::string& what) {
+    const int reason = errno;
+    return code.WithMessage(what + ": " + strerror(reason));
+}
+
+/// Replaces the file at `path` by `text` in one step, and returns once that is on the disk.
 static Result_t replace_file(const std::string& path, const std::string& text) {
     const std::string temporary = path + ".temp";
-    const Result_t written = Mirel::WriteStringIntoFile(temporary, text);
-    if (written.Failure()) {
-        const int reason = errno;
-        DefaultLogSink().Error("Unable to write queue state to \"%s\": %s\n", temporary.c_str(),
-                               strerror(reason));
-        return written;
-    }
-    if (rename(temporary.c_str(), path.c_str()) == -1) {
-        const int reason = errno;
-        DefaultLogSink().Error("%s: %s\n", path.c_str(), strerror(reason));
-        return Mirel::RESULT_WRITEFAIL.WithMessage(path + ": " + strerror(reason));
-    }
+    const Result_t written = Mirel::WriteStringIntoNewFile(temporary, text, path);
+    if (written.Failure())
+        return save_failure(written, "Unable to write queue state to \"" + temporary + "\"");
+    if (rename(temporary.c_str(), path.c_str()) == -1) return save_failure(Mirel::RESULT_WRITEFAIL, path);
+    const Result_t lasting = Mirel::SyncFolderOf(path);
+    if (lasting.Failure()) return save_failure(lasting, "Unable to write the folder of \"" + path + "\"");
     return RESULT_OK;
 }
 
@@ -252,23 +253,44 @@ static Result_t encode_state(const IEventQueue& queue, std::size_t expected_size
     }
 }
 
+/// A failure's message is the line for the log.
+Result_t EventQueue::WriteStateFile() const {
+    std::string json;
+    const Result_t encoded = encode_state(*this, m_SavedSize, json);
+    if (encoded.Failure()) {
+        return encoded.WithMessage("Unable to encode queue state for \"" + m_StateFile +
+                                   "\": " + encoded.Message());
+    }
+    m_SavedSize = json.size();
+    return replace_file(m_StateFile, json);
+}
+
 /// The lock covers building the document too: otherwise a thread that built an older one could write it last.
-Result_t EventQueue::SaveState() const {
+Result_t EventQueue::SaveState(SaveReason reason) const {
     AutoMutex lock(m_SaveLock);
     if (m_StateFile.empty()) return RESULT_OK;
 
-    std::string json;
-    Result_t result = encode_state(*this, m_SavedSize, json);
+    const Result_t result = WriteStateFile();
     if (result.Failure()) {
-        DefaultLogSink().Error("Unable to encode queue state for \"%s\": %s\n", m_StateFile.c_str(),
-                               result.Message());
+        ++m_Counters.failed_saves;
+        if (reason != SaveReason::Failure || m_SaveFailure != result.Message()) {
+            DefaultLogSink().Error("%s\n", result.Message());
+        }
+        m_SaveFailure = result.Message();
     } else {
-        m_SavedSize = json.size();
-        result = replace_file(m_StateFile, json);
+        ++m_Counters.saves;
+        if (!m_SaveFailure.empty()) DefaultLogSink().Notice("The queue state is saved again\n");
+        m_SaveFailure.clear();
     }
-    ++(result.Success() ? m_Counters.saves : m_Counters.failed_saves);
     m_Counters.last_save_failed = result.Failure();
     return result;
+}
+
+/// Makes up for a save that failed, without waiting for the next change.
+void EventQueue::RepeatFailedSave() {
+    if (!m_Counters.last_save_failed || steady_now() < m_NextSave) return;
+    (void)SaveState(SaveReason::Failure);
+    m_NextSave = steady_now() + SaveAgainAfter;
 }
 
 /// The change that asks for it has taken effect, so a failure is logged and goes no further.
@@ -993,15 +1015,16 @@ Result_t EventQueue::ThreadStop() {
 Result_t EventQueue::ThreadBody() {
     const int event_stream = event_stream_open();
     if (event_stream < 0) return RESULT_FILEOPEN;
-    m_Counters.pass_ended_ms = steady_ms();
     while (m_RunOK) {
         try {
             MaintainWatches(event_stream);
+            if (m_Counters.pass_ended_ms == 0) m_Counters.pass_ended_ms = steady_ms();
             WaitForChanges(event_stream);
             const auto began = steady_now();
             FireWatches();
             FireTimers();
             ReapCallersAndTrimHistory();
+            RepeatFailedSave();
             CountPass(began);
         } catch (const std::bad_alloc&) {  // what was not posted is posted in a later pass
             DefaultLogSink().Error("Out of memory in a pass of the worker.\n");
@@ -1164,7 +1187,8 @@ QueueStatistics EventQueue::Statistics() const {
     QueueStatistics statistics;
     statistics.Installed = true;
     statistics.Passes = m_Counters.passes;
-    statistics.WorkerRunning = m_Counters.pass_ended_ms != 0 && !IsFinished();
+    statistics.WorkerEnded = IsFinished();
+    statistics.WorkerRunning = m_Counters.pass_ended_ms != 0 && !statistics.WorkerEnded;
     if (statistics.WorkerRunning) statistics.SinceLastPass_ms = steady_ms() - m_Counters.pass_ended_ms;
     statistics.LastPass_us = m_Counters.last_pass_us;
     statistics.PassTime_us = m_Counters.pass_time_us;
@@ -1228,7 +1252,7 @@ static Mutex s_lock;                                    // serialises creation a
 static std::atomic<EventQueue*> s_eventqueue{nullptr};  // written once, under s_lock; never deleted
 static NilEventQueue s_nil_eventqueue;
 
-Result_t InitEventQueue(const PListDict& dict) {
+Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored) {
     const int write_timeout = integer_or(dict, Strings::Timeout_ms, DefaultTimeout_ms);
     if (s_eventqueue.load(std::memory_order_acquire)) return RESULT_OK;
 
@@ -1242,12 +1266,18 @@ Result_t InitEventQueue(const PListDict& dict) {
     const PListDict& end_point_cfg = dict.GetDict(Velmora::Strings::Config::BindAddress);
     const Result_t configured = queue->InitEventQueue(dict.GetDict(Strings::EventManager), end_point_cfg);
     if (configured.Failure()) return configured;
+    const Result_t accepted = restored ? restored() : RESULT_OK;
+    if (accepted.Failure()) return accepted;
 
     // Only now, and with one save: a crash while starting cannot leave half of the document in place of the
     // whole.
     const std::string state_file = dict.GetData(Strings::StateFile).Text();
     if (!state_file.empty()) queue->UseStateFile(state_file);
     return queue->Start("EventQueue::Main");
+}
+
+Result_t InitEventQueue(const PListDict& dict) {
+    return RestoreEventQueue(dict, nullptr);
 }
 
 IEventQueue& GlobalEventQueue() {

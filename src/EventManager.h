@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <string>
@@ -241,8 +242,9 @@ class MR_EXPORT IEventQueue {
 /// What the queue has done so far and holds now, for the process that runs it. Sizes are read without
 /// waiting: while a posting keeps a registry busy, they are those of an earlier reading.
 struct QueueStatistics {
-    bool Installed = false;  // there is a live queue
-    bool WorkerRunning = false;
+    bool Installed = false;      // there is a live queue
+    bool WorkerRunning = false;  // from when the restored watches are the kernel's, to its end
+    bool WorkerEnded = false;
     ui64_t Passes = 0;
     ui64_t SinceLastPass_ms = 0;  // since the end of the last pass, or since the start of the worker
     ui64_t LastPass_us = 0;       // its work, without the wait
@@ -321,7 +323,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     virtual bool KeepExpiredTimer(Timer& timer, const Timestamp& now) REQUIRES(m_TimerLock);
 
   private:
-    friend Result_t InitEventQueue(const PListDict& dict);
+    friend Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored);
     friend Result_t SaveEventQueue();
     friend QueueStatistics GetQueueStatistics();
     friend struct EventQueueProbe;  // the tests' way to the phases of a pass
@@ -334,6 +336,9 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
         std::string timestamp;
         std::size_t count;
     };
+
+    /// A save because of an earlier one's failure is logged only where it fails otherwise than that one.
+    enum class SaveReason { Change, Failure };
 
     /// Counted without a lock, for GetQueueStatistics.
     struct Counters {
@@ -354,7 +359,9 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     Result_t ThreadStop() override;
 
     void UseStateFile(const std::string& path);
-    Result_t SaveState() const;
+    Result_t WriteStateFile() const REQUIRES(m_SaveLock);
+    Result_t SaveState(SaveReason reason = SaveReason::Change) const;
+    void RepeatFailedSave();
     void WriteState() const;
     void DropEndedWatches();
 
@@ -400,8 +407,10 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     caller_list m_CallerThreads GUARDED_BY(m_EventLock);  // in order of starting; owned
     WebSocketBroadcastManager m_WsManager;                // synchronises itself
     std::atomic<bool> m_RunOK;
-    std::string m_StateFile GUARDED_BY(m_SaveLock);              // empty: nothing is saved
+    std::string m_StateFile GUARDED_BY(m_SaveLock);              // empty: nothing is saved; no link
     mutable std::size_t m_SavedSize GUARDED_BY(m_SaveLock) = 0;  // bytes of the last document
+    mutable std::string m_SaveFailure GUARDED_BY(m_SaveLock);    // of the last save; empty: it succeeded
+    std::chrono::steady_clock::time_point m_NextSave;  // no failed one is repeated before; the worker's
 
     mutable Mutex m_SaveLock ACQUIRED_BEFORE(m_TimerLock, m_WatchLock, m_EventLock);  // keeps saves apart
     PListData m_PostingTime GUARDED_BY(m_EventLock);  // text of the last posting's second
@@ -458,6 +467,11 @@ class MR_EXPORT NilEventQueue : public IEventQueue {
 /// "MaxWatches" (1024 each where they are absent). "Timers" {"KeepRepeating": true} keeps repeating timers
 /// that are found too late: each fires next at the first of its times that is still to come.
 MR_EXPORT Result_t InitEventQueue(const PListDict& dict);
+
+/// The same, with a hook for the process that runs the queue: `restored` (may be empty) is called once the
+/// document is applied, before anything is saved over the one that it came from and before the worker starts.
+/// Where it answers a failure that is the answer, and the queue neither saves nor fires anything.
+MR_EXPORT Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored);
 
 /// The live queue, or before InitEventQueue the NilEventQueue. Takes no lock.
 MR_EXPORT IEventQueue& GlobalEventQueue();

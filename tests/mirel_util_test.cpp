@@ -2,10 +2,13 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <limits>
 #include <string>
 
+#include "CountedSyncs.h"
 #include "Testing.h"
 
 using namespace Mirel;
@@ -27,11 +30,13 @@ TEST(Files, ComeBackAsTheyWereWritten) {
     const Testing::TemporaryFolder folder;
     std::string long_text(1000000, 'x'), back;
     long_text[500000] = '\0';
+    const Testing::CountedSyncs syncs;
     for (const std::string& text : {long_text, std::string(), std::string("short\n")}) {
         ASSERT_TRUE(WriteStringIntoFile(folder / "file", text).Success());
         ASSERT_TRUE(ReadFileIntoString(folder / "file", back, text.size()).Success());
         EXPECT_TRUE(back == text);
     }
+    EXPECT_EQ(syncs.Seen, "fff");
     EXPECT_TRUE(WriteStringIntoFile("/dev/null", "nothing to bring to a disk").Success());
     EXPECT_TRUE(ReadFileIntoString("/proc/self/status", back, Unlimited).Success());  // says it has no size
     EXPECT_FALSE(back.empty());
@@ -65,6 +70,81 @@ TEST(Files, APathEndsNowhereButAtItsEnd) {
     EXPECT_TRUE(PathIsDirectory(folder / "link"));
     EXPECT_FALSE(PathIsDirectory(file));
     EXPECT_FALSE(PathIsDirectory(""));
+}
+
+// Whoever may write into the folder has put something in the file's place: nothing is written through it.
+TEST(Files, ANewFileIsNobodyElses) {
+    const Testing::TemporaryFolder folder;
+    const std::string file = folder / "file", other = folder / "other", like = folder / "like";
+    struct stat status {};
+    Testing::WriteFile(other, "other");
+    const std::function<void()> prepared[] = {[] {}, [&] { std::filesystem::create_symlink(other, file); },
+                                              [&] { std::filesystem::create_symlink("nothing", file); },
+                                              [&] { std::filesystem::create_hard_link(other, file); },
+                                              [&] { ASSERT_EQ(mkfifo(file.c_str(), 0666), 0); }};
+    for (const auto& prepare : prepared) {
+        prepare();
+        const Testing::CountedSyncs syncs;
+        ASSERT_TRUE(WriteStringIntoNewFile(file, "text", like).Success());
+        EXPECT_EQ(syncs.Seen, "f");
+        ASSERT_EQ(lstat(file.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode, S_IFREG | mode_t{0600});
+        EXPECT_EQ(Testing::ReadFile(file), "text");
+        std::filesystem::remove(file);
+    }
+    EXPECT_EQ(Testing::ReadFile(other), "other");
+    EXPECT_FALSE(std::filesystem::exists(folder / "nothing"));
+    std::filesystem::create_directory(file);
+    expect_failure(WriteStringIntoNewFile(file, "text", like), RESULT_FILEOPEN, file, EISDIR);
+    EXPECT_EQ(WriteStringIntoNewFile(other + std::string(1, '\0'), "", like), RESULT_FILEOPEN);
+    EXPECT_EQ(Testing::ReadFile(other), "other");
+}
+
+TEST(Files, ANewFileIsLikeTheOneThatItReplaces) {
+    const Testing::TemporaryFolder folder;
+    const Testing::CapturedLog log;
+    const std::string like = folder / "like", file = folder / "file";
+    struct stat status {};
+    Testing::WriteFile(like, "");
+    chmod(like.c_str(), 0640);
+    const bool root = chown(like.c_str(), 12345, 54321) == 0;
+    ASSERT_TRUE(WriteStringIntoNewFile(file, "text", like).Success());
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
+    EXPECT_EQ(status.st_uid, root ? 12345 : getuid());
+    EXPECT_EQ(status.st_gid, root ? 54321 : getgid());
+    EXPECT_TRUE(log.Entries().empty());
+    if (!root || setresuid(static_cast<uid_t>(-1), 65534, static_cast<uid_t>(-1)) != 0) return;
+    // Who may give nothing away keeps the file, and from the group that it is not for.
+    const std::string folder_of_nobody = folder / "sub";
+    EXPECT_EQ(setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)), 0);
+    std::filesystem::create_directory(folder_of_nobody);
+    chmod(folder.Path().c_str(), 0755);
+    chmod(folder_of_nobody.c_str(), 0777);
+    EXPECT_EQ(setresuid(static_cast<uid_t>(-1), 65534, static_cast<uid_t>(-1)), 0);
+    const Result_t written = WriteStringIntoNewFile(folder_of_nobody + "/file", "text", like);
+    EXPECT_EQ(setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)), 0);
+    ASSERT_TRUE(written.Success()) << written.Message();
+    ASSERT_EQ(stat((folder_of_nobody + "/file").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+    EXPECT_EQ(status.st_uid, 65534u);
+    EXPECT_TRUE(log.Has("belonged to user 12345 and group 54321"));
+}
+
+TEST(Files, LinksAreFollowedToWhereAFileIsOrWouldBe) {
+    const Testing::TemporaryFolder folder;
+    std::filesystem::create_directory(folder / "sub");
+    std::filesystem::create_symlink("sub/second", folder / "first");
+    std::filesystem::create_symlink(folder / "end", folder / "sub/second");
+    std::filesystem::create_symlink("round", folder / "round");
+    EXPECT_EQ(FollowLinks(folder / "first"), folder / "end");
+    for (const std::string& path : {std::string(), std::string("none"), folder.Path(), folder / "round"}) {
+        EXPECT_EQ(FollowLinks(path), path);
+    }
+    const Testing::CountedSyncs syncs;
+    EXPECT_TRUE(SyncFolderOf(folder / "file").Success() && SyncFolderOf("file").Success());
+    EXPECT_EQ(syncs.Seen, "dd");
+    expect_failure(SyncFolderOf(folder / "none/file"), RESULT_FILEOPEN, folder / "none", ENOENT);
 }
 
 TEST(UUID, IsRandomAndKeepsItsValueThroughItsText) {

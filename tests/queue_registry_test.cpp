@@ -2,6 +2,7 @@
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 
+#include "CountedSyncs.h"
 #include "support/QueueProbe.h"
 
 namespace EventManager {
@@ -231,6 +232,59 @@ TEST_F(StateFileTest, AFailedSaveIsLoggedAndLeavesTheFile) {
     ASSERT_EQ(log.Errors().size(), 1u);
     EXPECT_EQ(log.Errors()[0].find(path + ": "), 0u) << log.Errors()[0];
     EXPECT_EQ(Testing::ReadFile(path + ".temp"), State());
+}
+
+TEST_F(StateFileTest, IsOnTheDiskWhenItIsAnswered) {
+    Event("e");
+    const std::string before = Testing::ReadFile(path);
+    // The text under its other name while the file is as it was; then the folder, in which it has the name.
+    const Testing::CountedSyncs syncs([&] { return Testing::ReadFile(path) == before ? 'o' : 'n'; });
+    Event("f");
+    EXPECT_EQ(syncs.Seen, "fodn");
+}
+
+TEST_F(StateFileTest, KeepsWhatAnOperatorGaveIt) {
+    struct stat status {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+    chmod(path.c_str(), 0644);
+    Event("e");
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644u);
+
+    std::filesystem::create_directory(folder / "target");
+    std::filesystem::create_symlink("target/state", folder / "link");
+    EventQueue linked(500);
+    Probe::UseStateFile(linked, folder / "link");
+    linked.CreateEvent("e", nullptr);
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "link"));
+    EXPECT_NE(Testing::ReadFile(folder / "target/state").find("\"e\""), std::string::npos);
+
+    Testing::WriteFile(folder / "precious", "text");
+    std::filesystem::create_symlink("precious", path + ".temp");
+    EXPECT_TRUE(Saves([&] { Event("f"); }));
+    EXPECT_EQ(Testing::ReadFile(folder / "precious"), "text");
+}
+
+TEST_F(StateFileTest, AFailedSaveIsRepeatedUntilItSucceedsAndLoggedOnce) {
+    std::filesystem::remove(path);
+    std::filesystem::create_directories(path + "/occupied");
+    Event("e");
+    for (int i = 0; i < 3; ++i) Probe::RepeatFailedSave(queue);
+    EXPECT_EQ(log.Errors().size(), 1u);
+    EXPECT_TRUE(Probe::LastSaveFailed(queue));
+    Probe::RepeatFailedSave(queue);
+    std::filesystem::remove(path + ".temp");
+    std::filesystem::create_directory(path + ".temp");
+    for (int i = 0; i < 3; ++i) Probe::RepeatFailedSave(queue);
+    EXPECT_EQ(log.Errors().size(), 2u);  // for another reason
+    std::filesystem::remove(path + ".temp");
+    std::filesystem::remove_all(path);
+    Probe::RepeatFailedSave(queue);
+    EXPECT_FALSE(Probe::LastSaveFailed(queue));
+    EXPECT_EQ(Testing::ReadFile(path), State());
+    EXPECT_TRUE(log.Has("saved again"));
+    EXPECT_FALSE(Saves([&] { Probe::RepeatFailedSave(queue); }));
 }
 
 TEST_F(StateFileTest, ManyThreadsNeverLeaveAnOlderDocument) {

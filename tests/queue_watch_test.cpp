@@ -45,6 +45,18 @@ class WatchTest : public QueueTest {
     int stream = -1;
 };
 
+TEST_F(WatchTest, TheLastSaveLeavesOutWhatTheKernelRefusedAndWhatIsDeleted) {
+    Watch(folder / "none");
+    Watch(folder.Path());
+    Register();
+    Watch("/dev");
+    Watch("/tmp");
+    queue.DeleteWatch("/tmp");
+    Probe::DropEndedWatches(queue);
+    EXPECT_EQ(Probe::Modes(queue).size(), 2u);  // one runs, one is to run
+    EXPECT_NE(State().find("\"/dev\""), std::string::npos);
+}
+
 TEST_F(WatchTest, PathsDifferInMoreThanCaseAndTheLimitAdmitsOneMore) {
     EXPECT_TRUE(Watch("/tmp/data"));
     EXPECT_FALSE(Watch("/tmp/Data"));

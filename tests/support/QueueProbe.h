@@ -18,6 +18,12 @@ struct EventQueueProbe {
     static URL& EndPoint(EventQueue& queue) NO_THREAD_SAFETY_ANALYSIS { return queue.m_ServiceEndPoint; }
     static void UseStateFile(EventQueue& queue, const std::string& path) { queue.UseStateFile(path); }
     static Result_t Save(EventQueue& queue) { return queue.SaveState(); }
+    static void RepeatFailedSave(EventQueue& queue) {
+        queue.m_NextSave = {};
+        queue.RepeatFailedSave();
+    }
+    static void DropEndedWatches(EventQueue& queue) { queue.DropEndedWatches(); }
+    static bool LastSaveFailed(EventQueue& queue) { return queue.Statistics().LastSaveFailed; }
     static void AppendHistory(EventQueue& queue, const PListDict& record) { queue.AppendHistory(record); }
     static void TrimHistory(EventQueue& queue) { queue.TrimHistory(); }
     static void PutIntoHistory(EventQueue& queue, const PListDict& record) {
