@@ -79,6 +79,10 @@ std::optional<int> ReadCommandLine(int argc, const char* const* argv, CommandLin
     app.add_flag("--print-config", command_line.PrintConfig,
                  "Print what is in force, secrets hidden, and exit");
     add_log_options(app, command_line);
+    app.footer(
+        "Limits that PATCH /api/v1/config sets hold until this process ends. Each start begins with those "
+        "of\n"
+        "the configuration's \"Limits\".");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& wanted) {  // --help, --version

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <limits>
 #include <utility>
 
 #include "EventManager.h"
@@ -23,8 +24,6 @@ namespace {
 
 constexpr std::size_t largest_config = 16u << 20;
 constexpr std::size_t largest_secret_file = 64u << 10;
-// The queue's limits when it starts; a document does not change them.
-constexpr i32_t limit_at_start = 1024;
 
 // Reads one configuration whose file stands in a directory.
 class Loader {
@@ -138,7 +137,7 @@ void TakeNumber(Shape& shape, const char* key, Mirel::i64_t min, Mirel::i64_t ma
 }
 
 void Loader::Limits(const PListDict& dict) {
-    constexpr Mirel::i64_t day_ms = 86400000;
+    constexpr Mirel::i64_t day_ms = 86400000, i32_max = std::numeric_limits<i32_t>::max();
     HttpServerOptions& http = m_Config.Http;
     Shape shape(dict, "/Limits", m_Faults);
     TakeNumber(shape, "MaxConnections", 1, 1000000, http.MaxConnections);
@@ -148,6 +147,9 @@ void Loader::Limits(const PListDict& dict) {
     TakeNumber(shape, "IdleTimeout_ms", 100, day_ms, http.IdleTimeout_ms);
     TakeNumber(shape, "RequestTimeout_ms", 100, day_ms, http.RequestTimeout_ms);
     TakeNumber(shape, "IOThreads", 0, 256, http.IOThreads);
+    TakeNumber(shape, Keys::MaxListeners.c_str(), -1, i32_max, m_Config.MaxListeners);
+    TakeNumber(shape, Keys::MaxWatches.c_str(), -1, i32_max, m_Config.MaxWatches);
+    TakeNumber(shape, "EndTimeout_ms", 100, day_ms, m_Config.EndTimeout_ms);
     shape.NothingElse();
 }
 
@@ -162,7 +164,6 @@ void Loader::Document(const PListDict& dict) {
     const std::string base = PointerTo("", Keys::EventManager);
     const std::size_t before = m_Faults.size();
     CheckQueueDocument(dict, base, m_Faults);
-    CheckQueueLimits(dict, PListDict(), limit_at_start, limit_at_start, base, m_Faults);
     m_Config.EventManager = dict;
     if (m_Faults.size() > before || !dict.HasItem(Keys::watch_list)) return;
     PListArray watches;
@@ -228,6 +229,8 @@ PListDict Config::ForEventQueue(ui16_t port, const PListDict& document) const {
     dict.SetItem(Velmora::Strings::Config::BindAddress, address);
     dict.SetItem(Keys::Timers, timers);
     dict.SetItem(Keys::EventManager, document);
+    dict.SetValue(Keys::MaxListeners, -1);
+    dict.SetValue(Keys::MaxWatches, -1);
     if (!StateFile.empty()) dict.SetValue(Keys::StateFile, StateFile);
     return dict;
 }

@@ -29,10 +29,13 @@ struct Config {
     Mirel::LogType_t LogLevel = Mirel::LOG_INFO;
     bool LogAsJSON = false;
     bool KeepRepeatingTimers = false;  // those found too late are set to their next time, not dropped
-    Velmora::PListDict EventManager;   // a queue state document
+    Mirel::i32_t MaxListeners = 1024;  // of the queue, once its document is restored; negative: none
+    Mirel::i32_t MaxWatches = 1024;
+    Mirel::ui32_t EndTimeout_ms = 60000;  // for the orderly end
+    Velmora::PListDict EventManager;      // a queue state document
 
-    /// The dictionary for EventManager::InitEventQueue, with the port that was really bound and the document
-    /// that is to be restored.
+    /// The dictionary to start the queue with: the port that was really bound, and the document that is to be
+    /// restored, which no limit cuts.
     Velmora::PListDict ForEventQueue(Mirel::ui16_t port, const Velmora::PListDict& document) const;
 };
 

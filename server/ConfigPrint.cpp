@@ -49,6 +49,9 @@ PListDict LimitsInForce(const Config& config) {
     limits.SetValue("IdleTimeout_ms", number(http.IdleTimeout_ms));
     limits.SetValue("RequestTimeout_ms", number(http.RequestTimeout_ms));
     limits.SetValue("IOThreads", number(http.IOThreads));
+    limits.SetValue(Keys::MaxListeners, number(config.MaxListeners));
+    limits.SetValue(Keys::MaxWatches, number(config.MaxWatches));
+    limits.SetValue("EndTimeout_ms", number(config.EndTimeout_ms));
     return limits;
 }
 

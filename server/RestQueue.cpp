@@ -90,7 +90,10 @@ HttpResponse PatchConfig(RestCall& call) {
 
     if (max_listeners) GlobalEventQueue().SetMaxListeners(static_cast<i32_t>(*max_listeners));
     if (max_watches) GlobalEventQueue().SetMaxWatches(static_cast<i32_t>(*max_watches));
-    return Json(STATUS_200_OK, Limits());
+    PListDict in_force = Limits();
+    in_force.SetValue("note",
+                      "Until this process ends; each start begins with the configuration's \"Limits\".");
+    return Json(STATUS_200_OK, in_force);
 }
 
 HttpResponse GetFeed(RestCall&) {

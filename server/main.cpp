@@ -5,6 +5,7 @@
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -34,7 +35,6 @@ using Server::Config;
 using Server::ConfigFault;
 
 constexpr Mirel::ui32_t RequestsLimit_ms = 5000;  // for requests in progress, when the server ends
-constexpr unsigned EndLimit_sec = 60;             // for the whole end
 
 int fail(const std::string& reason) {
     std::fprintf(stderr, "velmora-server: %s\n", reason.c_str());
@@ -133,6 +133,13 @@ void on_end_limit(int) {
     _exit(written < 0 ? 2 : 1);
 }
 
+void limit_end(Mirel::ui32_t limit_ms) {
+    handle(SIGALRM, on_end_limit);
+    itimerval limit{};
+    limit.it_value = {static_cast<time_t>(limit_ms / 1000), static_cast<suseconds_t>(limit_ms % 1000 * 1000)};
+    setitimer(ITIMER_REAL, &limit, nullptr);
+}
+
 void wait_for_callers(Mirel::i32_t timeout_ms) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms) + 1s;
     while (Velmora::GetRequestCounters().Running > 0 && std::chrono::steady_clock::now() < deadline) {
@@ -142,8 +149,7 @@ void wait_for_callers(Mirel::i32_t timeout_ms) {
 
 // The order is that of who might still cause work for whom.
 int end(Server::HttpServer& server, const Config& config) {
-    signal(SIGALRM, on_end_limit);
-    alarm(EndLimit_sec);
+    limit_end(config.EndTimeout_ms);
     server.Stop(RequestsLimit_ms);
     const Result_t stopped = EventManager::StopEventQueue();
     if (stopped.Failure())
@@ -156,13 +162,35 @@ int end(Server::HttpServer& server, const Config& config) {
     return stopped.Success() ? 0 : 1;
 }
 
-// A queue begins with the limits under which its state was saved: what went beyond the ordinary ones is not
-// lost.
-void keep_limits(const Velmora::PListDict& saved, Velmora::PListDict& dict) {
-    namespace Keys = EventManager::Strings;
-    int limit = 0;
-    if (saved.GetData(Keys::max_listeners).GetValue(limit)) dict.SetValue(Keys::MaxListeners, limit);
-    if (saved.GetData(Keys::max_watches).GetValue(limit)) dict.SetValue(Keys::MaxWatches, limit);
+// Restores without limits, which would cut what was saved under higher ones; then they are set. What was left
+// out for another reason is kept before the first save takes the file's place.
+Result_t start_queue(const Config& config, Mirel::ui16_t port) {
+    std::optional<Velmora::PListDict> document;
+    const Result_t read = Server::ReadStateFile(config.StateFile, document);
+    if (read.Failure()) return read;
+    InitPython(config.PythonPath);
+    const auto restored = [&] {
+        EventManager::IEventQueue& queue = EventManager::GlobalEventQueue();
+        queue.SetMaxListeners(config.MaxListeners);
+        queue.SetMaxWatches(config.MaxWatches);
+        if (!document) return Mirel::RESULT_OK;
+        Velmora::PListDict state;
+        queue.GetQueueState(state);
+        return Server::KeepStateFileBefore(config.StateFile, Server::LeftOut(*document, state));
+    };
+    const Velmora::PListDict dict = config.ForEventQueue(port, document ? *document : config.EventManager);
+    const Result_t started = EventManager::RestoreEventQueue(dict, restored);
+    if (started.Success()) return started;
+    return started.WithMessage(std::string("Cannot start the event queue: ") + started.Message());
+}
+
+// Until the restored watches are the kernel's and timers fire; or not, which /readyz then says.
+void wait_for_worker() {
+    while (ending_signal == 0) {
+        const EventManager::QueueStatistics queue = EventManager::GetQueueStatistics();
+        if (queue.WorkerRunning || queue.WorkerEnded) return;
+        std::this_thread::sleep_for(1ms);
+    }
 }
 
 // Bind, restore the queue, serve: a restored timer that calls the server itself finds it.
@@ -173,21 +201,18 @@ int run(const Config& config) {
     const Result_t bound = server.Bind();
     if (bound.Failure()) return fail(bound.Message());
 
-    std::optional<Velmora::PListDict> document;
-    const Result_t read = Server::ReadStateFile(config.StateFile, document);
-    if (read.Failure()) return fail(read.Message());
+    const Result_t locked = Server::LockStateFile(config.StateFile);
+    if (locked.Failure()) return fail(locked.Message());
     Velmora::SetMaxCallers(config.MaxCallers);
-    InitPython(config.PythonPath);
-    Velmora::PListDict dict = config.ForEventQueue(server.Port(), document ? *document : config.EventManager);
-    if (document) keep_limits(*document, dict);
-    const Result_t started = EventManager::InitEventQueue(dict);
-    if (started.Failure()) return fail(std::string("Cannot start the event queue: ") + started.Message());
+    const Result_t started = start_queue(config, server.Port());
+    if (started.Failure()) return fail(started.Message());
 
     const Result_t serving = server.Serve();
     if (serving.Failure()) {
         const Result_t stopped = EventManager::StopEventQueue();
         return fail(stopped.Success() ? serving.Message() : stopped.Message());
     }
+    wait_for_worker();
     std::printf("Listening on %s\n", server.Url().c_str());
     std::fflush(stdout);
     wait_for_signal();

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "EventManager.h"
+#include "StateFile.h"
 #include "Testing.h"
 
 namespace Server {
@@ -34,7 +35,8 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
     const std::string json = R"({
         "Timeout_ms": 700, "StateFile": "state/queue.json", "AccessTokenFile": "token", "PythonPath": ["py", "/opt/py"],
         "BindAddress": {"Host": "0.0.0.0", "ListenPort": 65535, "TLSIdentity": "identity.pem", "AllowedHosts": ["a.example"]},
-        "Log": {"Level": "debug", "Format": "json"}, "Timers": {"KeepRepeating": true}, "Limits": {"MaxBodyBytes": 4096, "IOThreads": 3},
+        "Log": {"Level": "debug", "Format": "json"}, "Timers": {"KeepRepeating": true}, "Limits": {"MaxBodyBytes": 4096, "IOThreads": 3,
+            "MaxListeners": -1, "MaxWatches": 5, "EndTimeout_ms": 100},
         "EventManager": {
             "event_list": [{"event_name": "e", "listener_list": [{"callback": "http://me:pass-word@h/x"}]}],
             "watch_list": [{"path": "inbox", "event_name": "e"}, {"path": "/abs", "event_name": "e"}]}})";
@@ -47,6 +49,9 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
     EXPECT_EQ(config.Http.Port, 65535);
     EXPECT_EQ(config.Http.BodyLimit, 4096u);
     EXPECT_EQ(config.Http.IOThreads, 3u);
+    EXPECT_EQ(config.MaxListeners, -1);
+    EXPECT_EQ(config.MaxWatches, 5);
+    EXPECT_EQ(config.EndTimeout_ms, 100u);
     EXPECT_EQ(config.PythonPath, (std::vector<std::string>{folder / "py", "/opt/py"}));
     EXPECT_TRUE(config.LogAsJSON);
     EXPECT_TRUE(config.KeepRepeatingTimers);
@@ -88,6 +93,9 @@ TEST_F(ConfigTest, NamesEveryFaultAtItsPointer) {
         {R"({"Timers": {"KeepRepeating": 1, "KeepRepeat": true}})",
          "/Timers/KeepRepeating must be true or false\n"
          "/Timers/KeepRepeat is not known; did you mean \"KeepRepeating\"?\n"},
+        {R"({"Limits": {"MaxListeners": -2, "MaxWatches": 2147483648, "EndTimeout_ms": 99}})",
+         "/Limits/MaxListeners " + whole + "-1 to 2147483647\n/Limits/MaxWatches " + whole +
+             "-1 to 2147483647\n/Limits/EndTimeout_ms " + whole + "100 to 86400000\n"},
         {R"({"EventManager": {"event_list": 5}})", "/EventManager/event_list must be an array\n"},
     };
     for (const auto& [json, expected] : cases) {
@@ -154,7 +162,7 @@ TEST_F(ConfigTest, NamesEveryEntryOfADocumentThatWouldBeSkipped) {
                   "/EventManager/watch_lists is not known; did you mean \"watch_list\"?\n");
 }
 
-TEST_F(ConfigTest, NamesTheFirstEntryBeyondTheLimitsOfAQueueThatStarts) {
+TEST_F(ConfigTest, NamesTheFirstEntryOfADocumentBeyondLimitsThatDoNotCutTheConfiguration) {
     for (const int count : {1025, 1026}) {
         std::string listeners, watches;
         for (int i = 0; i < count; ++i) {
@@ -162,12 +170,52 @@ TEST_F(ConfigTest, NamesTheFirstEntryBeyondTheLimitsOfAQueueThatStarts) {
             watches +=
                 (i ? "," : "") + std::string(R"({"event_name":"e","path":"/)") + std::to_string(i) + "\"}";
         }
-        Load(R"({"EventManager":{"event_list":[{"event_name":"e","listener_list":[)" + listeners +
-             R"(]}],"watch_list":[)" + watches + "]}}");
+        const Config config = Load(R"({"EventManager":{"event_list":[{"event_name":"e","listener_list":[)" +
+                                   listeners + R"(]}],"watch_list":[)" + watches + "]}}");
+        ASSERT_EQ(Faults(), "");
+        CheckQueueLimits(config.EventManager, Velmora::PListDict(), 1024, 1024, "", faults);
         ASSERT_EQ(faults.size(), count == 1025 ? 0u : 2u) << Faults();
     }
-    EXPECT_EQ(faults[0].Pointer, "/EventManager/event_list/0/listener_list/1025");
-    EXPECT_EQ(faults[1].Pointer, "/EventManager/watch_list/1025");
+    EXPECT_EQ(faults[0].Pointer, "/event_list/0/listener_list/1025");
+    EXPECT_EQ(faults[1].Pointer, "/watch_list/1025");
+}
+
+// Whoever takes a file that cannot be looked at for none overwrites it.
+TEST_F(ConfigTest, OnlyAStateFileThatIsNotThereIsNone) {
+    Testing::WriteFile(folder / "file", "{}");
+    std::filesystem::create_symlink("loop", folder / "loop");
+    std::filesystem::create_symlink("nothing", folder / "dangling");
+    std::optional<Velmora::PListDict> document;
+    for (const std::string& path :
+         {std::string(), folder / "none", folder / "no/folder", folder / "dangling"}) {
+        EXPECT_TRUE(ReadStateFile(path, document).Success() && !document) << path;
+    }
+    for (const std::string& path : {folder / "file", folder / "file/state", folder / "loop",
+                                    folder / std::string(300, 'x'), folder.Path()}) {
+        EXPECT_TRUE(ReadStateFile(path, document).Failure()) << path;
+    }
+}
+
+TEST_F(ConfigTest, WhatAQueueLacksOfADocumentIsNamed) {
+    const auto dict = [](const std::string& json) {
+        const auto item = Velmora::PListItem::CreateFromJSON(json);
+        return *AsDict(item.get());
+    };
+    const Velmora::PListDict saved =
+        dict(R"({"event_list": [5, {"event_name": ""}, {"event_name": "a", "event_data": 1,
+            "listener_list": [{"callback": "/1"}, {"callback": "/2", "listener_data": []}, {}]},
+            {"event_name": "a", "listener_list": {}}, {"event_name": "b", "listener_list": [{"callback": "/1"}]}],
+        "timer_list": [{"event_name": "a"}, {"event_name": "a"}], "watch_list": [{"path": "/A"}, {"path": "/a"}]})");
+    EXPECT_EQ(
+        LeftOut(saved, dict(R"({"event_list": [{"event_name": "a", "listener_list": [{"callback": "/2"}]},
+            {"event_name": "b", "listener_list": []}, {"event_name": "c"}],
+        "timer_list": [{"event_name": "a"}], "watch_list": [{"path": "/A"}]})")),
+        (std::vector<std::string>{
+            "/event_list/0", "/event_list/1", "/event_list/2/event_data", "listener of event \"a\" \"/1\"",
+            "/event_list/2/listener_list/1/listener_data", "/event_list/2/listener_list/2", "event \"a\"",
+            "/event_list/3/listener_list", "listener of event \"b\" \"/1\"", "timer of event \"a\"",
+            "watch of \"/a\""}));
+    EXPECT_TRUE(LeftOut(Velmora::PListDict(), saved).empty());
 }
 
 TEST_F(ConfigTest, TheExamplesAreRight) {

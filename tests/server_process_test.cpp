@@ -1,11 +1,13 @@
 // The whole server as a process: started, asked, killed, restarted.
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <set>
 #include <thread>
@@ -61,6 +63,7 @@ class Process {
         }
         return m_Port;
     }
+    pid_t Id() const { return m_Pid; }
     /// Bytes of address space that it has now.
     rlim_t Memory() const {
         rlim_t pages = 0;
@@ -215,7 +218,108 @@ TEST_F(ServerProcessTest, ACleanEndSavesWhatIsLeftAndTheStateFileWins) {
     EXPECT_EQ(ReadFile(folder / "state.json"), broken);
 }
 
-TEST_F(ServerProcessTest, AFileThatMayNotGrowIsAFailedSaveThatTheNextOneMakesUpFor) {
+// More than the limits let in, by a configuration and by a client that had set them higher for a while.
+TEST_F(ServerProcessTest, NoLimitCutsWhatIsRestored) {
+    std::string listeners, watches;
+    for (int i = 0; i < 1100; ++i) {
+        const std::string number = std::to_string(i);
+        listeners += (i ? "," : "") + std::string(R"({"callback": "/)") + number + "\"}";
+        watches +=
+            (i ? "," : "") + std::string(R"({"event_name": "a", "path": ")") + (folder / number) + "\"}";
+    }
+    const std::string limits = R"("BindAddress": {"ListenPort": 0}, "StateFile": "state.json",
+                                  "Limits": {"MaxListeners": 7, "MaxWatches": 9})";
+    const std::string document = R"("event_list": [{"event_name": "a", "listener_list": [)" + listeners +
+                                 R"(]}, {"event_name": "z"}], "timer_list": [])";
+    const auto whole = [&](const std::string& config, const std::string& in_force) {
+        const auto server = Serve(config);
+        HttpClient client(server->Port(), false);
+        EXPECT_EQ(client.Call("GET", "/api/v1/config").body(), in_force);
+        const std::string events = client.Call("GET", "/api/v1/events").body();
+        EXPECT_NE(events.find("\"/1099\""), std::string::npos);
+        EXPECT_NE(events.find("\"z\""), std::string::npos);
+        EXPECT_EQ(Status(client, "POST", "/api/v1/events", R"({"event_name": "more"})"), 409u);
+        EXPECT_EQ(Status(client, "PATCH", "/api/v1/config", R"({"max_listeners": 10})"), 200u);
+        EXPECT_EQ(Status(client, "POST", "/api/v1/timers", R"({"event_name": "a", "interval_sec": 60})"),
+                  201u);
+        server->End(SIGKILL);  // all of it was saved with the timer
+    };
+    whole("{" + limits + R"(, "EventManager": {)" + document + "}}",
+          R"({"max_listeners":7,"max_watches":9})");
+    whole("{" + limits + "}", R"({"max_listeners":7,"max_watches":9})");
+    whole(R"({"BindAddress": {"ListenPort": 0}, "StateFile": "state.json"})",
+          R"({"max_listeners":1024,"max_watches":1024})");
+    Testing::WriteFile(folder / "state.json", R"({"watch_list": [)" + watches + "]}");
+    const auto server = Serve("{" + limits + "}");
+    EXPECT_NE(ReadFile(folder / "state.json").find(folder / "1099"), std::string::npos);
+    EXPECT_EQ(ReadFile(folder / "errors").find("not restored"), std::string::npos);
+}
+
+TEST_F(ServerProcessTest, WhatIsNotRestoredIsKeptAndNamed) {
+    const std::string config = R"({"BindAddress": {"ListenPort": 0}, "StateFile": "link"})";
+    const std::string odd =
+        R"({"event_list": [{"event_name": "a\nb", "listener_list": [{"callback": "none"}]}, 5],
+                                "timer_list": [{"event_name": "a", "start_time": "soon"}]})";
+    std::filesystem::create_symlink("state.json", folder / "link");
+    Testing::WriteFile(folder / "state.json", odd);
+    const auto kept = [&] {
+        std::vector<std::string> paths;
+        for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
+            if (entry.path().filename().string().rfind("state.json.before-", 0) == 0) {
+                paths.push_back(entry.path());
+            }
+        }
+        return paths;
+    };
+    for (int start = 0; start < 2; ++start) {
+        Serve(config)->End(SIGKILL);
+        ASSERT_EQ(kept().size(), 1u);
+        EXPECT_EQ(ReadFile(kept()[0]), odd);
+    }
+    const std::string errors = ReadFile(folder / "errors");
+    const std::string line = "3 entries of \"" + folder / "link" +
+                             "\" are not restored: listener of event \"a\\nb\" \"none\", /event_list/1, "
+                             "timer of event \"a\". The file from before is kept as \"" +
+                             kept()[0] + "\"\n";
+    EXPECT_NE(errors.find(line), std::string::npos) << errors;
+    EXPECT_EQ(errors.find("not restored"), errors.rfind("not restored"));
+}
+
+// By whatever path it comes to the file, and until the first one's process is gone, but not what it started.
+TEST_F(ServerProcessTest, OneStateFileHasOneServer) {
+    Testing::WriteFile(folder / "starts_programs.py",
+                       "import os\ndef event_handler(payload):\n"
+                       "    os.system('cat fifo >/dev/null 2>&1 &')\n");
+    ASSERT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0);
+    std::filesystem::create_directory(folder / "other");
+    std::filesystem::create_symlink("../state.json", folder / "other/link");
+    std::filesystem::create_directory_symlink("other", folder / "alias");
+    const std::string start =
+        R"({"BindAddress": {"ListenPort": 0}, "PythonPath": ["."], "EventManager": {"event_list": [
+        {"event_name": "e", "listener_list": [{"callback": "python://starts_programs"}]}]}, "StateFile": ")";
+    auto first = Serve(start + "state.json\"}");
+    HttpClient client(first->Port(), false);
+    EXPECT_EQ(Status(client, "POST", "/api/v1/events/e"), 202u);
+    const std::string saved = ReadFile(folder / "state.json");
+    for (const char* path : {"state.json", "other/link", "alias/link", "alias/../state.json"}) {
+        Testing::WriteFile(folder / "errors", "");
+        EXPECT_EQ(Start(start + path + "\"}")->End(0), 1) << path;
+        const std::string errors = ReadFile(folder / "errors");
+        EXPECT_NE(errors.find("process " + std::to_string(first->Id()) + " "), std::string::npos) << errors;
+        EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
+    }
+    EXPECT_EQ(ReadFile(folder / "state.json"), saved);
+    EXPECT_EQ(Status(client, "POST", "/api/v1/events", R"({"event_name": "f"})"), 201u);
+    EXPECT_EQ(first->End(SIGKILL), -SIGKILL);
+    const auto second = Serve(start + "other/link\"}");
+    HttpClient next(second->Port(), false);
+    EXPECT_EQ(Status(next, "GET", "/api/v1/events/f"), 200u);
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "other/link"));
+    const int fifo = open((folder / "fifo").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);  // for cat to end
+    close(fifo);
+}
+
+TEST_F(ServerProcessTest, AFileThatMayNotGrowIsAFailedSaveThatIsMadeUpFor) {
     const auto server = Serve(R"({"BindAddress": {"ListenPort": 0}, "StateFile": "state.json"})");
     HttpClient client(server->Port(), false);
     const std::string large =
@@ -227,10 +331,10 @@ TEST_F(ServerProcessTest, AFileThatMayNotGrowIsAFailedSaveThatTheNextOneMakesUpF
     EXPECT_EQ(Status(client, "GET", "/readyz"), 503u);
     EXPECT_EQ(ReadFile(folder / "state.json"), saved);
     EXPECT_NE(ReadFile(folder / "errors").find(strerror(EFBIG)), std::string::npos);
-    server->Limit(RLIMIT_FSIZE, RLIM_INFINITY);
-    EXPECT_EQ(Status(client, "DELETE", "/api/v1/events/small"), 204u);
-    EXPECT_EQ(Status(client, "GET", "/readyz"), 200u);
-    EXPECT_NE(ReadFile(folder / "state.json").find("xxx"), std::string::npos);
+    server->Limit(RLIMIT_FSIZE, RLIM_INFINITY);  // and nothing changes any more
+    EXPECT_TRUE(
+        Eventually([&] { return ReadFile(folder / "state.json").find("xxx") != std::string::npos; }, 8000));
+    EXPECT_TRUE(Eventually([&] { return Status(client, "GET", "/readyz") == 200; }));
 }
 
 // With few descriptors and a listener that never answers, callers leave enough for everything else.
@@ -280,6 +384,56 @@ TEST_F(ServerProcessTest, ProgramsOfHandlersCanBeEnded) {
     EXPECT_EQ(Status(client, "POST", "/api/v1/events/e"), 202u);
     EXPECT_EQ(ReadFile(folder / "ends"), "[1, 2, 13, 15, 25]") << ReadFile(folder / "errors");
     EXPECT_EQ(server->End(SIGINT), 0);
+}
+
+TEST_F(ServerProcessTest, AHandlerThatNeverReturnsDoesNotKeepItFromEnding) {
+    Testing::WriteFile(
+        folder / "hangs.py",
+        "import threading\ndef event_handler(payload):\n"
+        "    open(payload['listener_data']['file'], 'w').close()\n    threading.Event().wait()\n");
+    const auto server =
+        Serve(R"({"BindAddress": {"ListenPort": 0}, "PythonPath": ["."], "Limits": {"EndTimeout_ms": 300},
+        "EventManager": {"event_list": [{"event_name": "e", "listener_list": [{"callback": "python://hangs",
+                        "listener_data": {"file": ")" +
+              folder / "hanging" + R"("}}]}]}})");
+    std::jthread posting([&] {
+        HttpClient client(server->Port(), false);
+        EXPECT_ANY_THROW(Status(client, "POST", "/api/v1/events/e"));
+    });
+    EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(folder / "hanging"); }));
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_EQ(server->End(SIGTERM), 1);
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(4));
+    EXPECT_NE(ReadFile(folder / "errors").find("the orderly end took too long"), std::string::npos);
+}
+
+// The peer sees how long the process waits: as long as the call may take.
+TEST_F(ServerProcessTest, AnEndWaitsForTheCallsUnderWay) {
+    std::promise<std::chrono::steady_clock::time_point> called, gone;
+    Testing::HttpTestServer listener([&](Testing::TestConnection& connection) {
+        connection.ReadRequest();
+        called.set_value(std::chrono::steady_clock::now());
+        connection.WaitForClose();
+        gone.set_value(std::chrono::steady_clock::now());
+    });
+    const auto server =
+        Serve(R"({"BindAddress": {"ListenPort": 0}, "Timeout_ms": 1000, "EventManager": {"event_list": [
+        {"event_name": "e", "listener_list": [{"callback": ")" +
+              listener.Url() + R"("}]}]}})");
+    HttpClient client(server->Port(), false);
+    EXPECT_EQ(Status(client, "POST", "/api/v1/events/e"), 202u);
+    const auto began = called.get_future().get();
+    EXPECT_EQ(server->End(SIGTERM), 0);
+    EXPECT_GE(gone.get_future().get() - began, std::chrono::milliseconds(950));
+}
+
+// Who reads the line may ask at once.
+TEST_F(ServerProcessTest, ItIsReadyWhenItSaysThatItListens) {
+    for (int start = 0; start < 8; ++start) {
+        const auto server = Serve(R"({"BindAddress": {"ListenPort": 0}})");
+        HttpClient client(server->Port(), false);
+        EXPECT_EQ(Status(client, "GET", "/readyz"), 200u);
+    }
 }
 
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)  // these need all the addresses there are

@@ -1,0 +1,128 @@
+// What of a saved document was not restored, and how it is kept.
+#include <algorithm>
+#include <filesystem>
+#include <unordered_map>
+
+#include "EventManager.h"
+#include "MR_log.h"
+#include "MR_util.h"
+#include "Shape.h"
+#include "StateFile.h"
+
+namespace Server {
+
+using namespace Velmora;
+namespace Keys = EventManager::Strings;
+
+namespace {
+
+constexpr std::size_t most_named = 100;  // in one line of the log
+
+// Names the entries of a document in its order; two that cannot be told apart have the same name. One without
+// a name, and what is of a wrong type, are named by their place, as no entry of a queue is.
+class EntryNames {
+  public:
+    explicit EntryNames(const PListDict& document) {
+        Each(document, "", Keys::event_list, [this](const PListDict& event, const std::string& at) {
+            const std::string event_name = Name("event", event, Keys::event_name, Keys::event_data, at);
+            Each(event, at, Keys::listener_list, [&](const PListDict& listener, const std::string& inside) {
+                Name("listener of " + event_name, listener, Keys::callback, Keys::listener_data, inside);
+            });
+        });
+        Each(document, "", Keys::timer_list, [this](const PListDict& timer, const std::string& at) {
+            Name("timer of event", timer, Keys::event_name, Keys::timer_data, at);
+        });
+        Each(document, "", Keys::watch_list, [this](const PListDict& watch, const std::string& at) {
+            Name("watch of", watch, Keys::path, Keys::watch_data, at);
+        });
+    }
+
+    std::vector<std::string> Names;
+
+  private:
+    template <class Entry>
+    void Each(const PListDict& dict, const std::string& base, const std::string& key, const Entry& entry) {
+        const PListItem* const list = dict.GetItem(key);
+        if (list == nullptr) return;
+        if (!list->HasType(IT_ARRAY)) Names.push_back(PointerTo(base, key));
+        std::size_t index = 0;
+        for (const PListItem& item : dict.GetArray(key)) {
+            const std::string at = PointerTo(PointerTo(base, key), index++);
+            if (const PListDict* const one = AsDict(&item)) {
+                entry(*one, at);
+            } else {
+                Names.push_back(at);
+            }
+        }
+    }
+
+    std::string Name(const std::string& kind, const PListDict& entry, const std::string& key,
+                     const std::string& data_key, const std::string& at) {
+        const std::string name = entry.GetData(key).Text();
+        Names.push_back(name.empty() ? at : kind + " \"" + name + "\"");
+        const std::string named = Names.back();
+        const PListItem* const data = entry.GetItem(data_key);
+        if (data != nullptr && AsDict(data) == nullptr) Names.push_back(PointerTo(at, data_key));
+        return named;
+    }
+};
+
+std::string Listed(const std::vector<std::string>& names) {
+    std::string text;
+    for (std::size_t i = 0; i < std::min(names.size(), most_named); ++i) text += (i ? ", " : "") + names[i];
+    if (names.size() > most_named) text += " and " + std::to_string(names.size() - most_named) + " more";
+    return text;
+}
+
+// "20260301T120000Z"
+std::string CompactTime() {
+    std::string text = Mirel::Timestamp().Text().substr(0, sizeof "YYYY-MM-DDThh:mm:ss" - 1);
+    std::erase_if(text, [](char c) { return c == '-' || c == ':'; });
+    return text + "Z";
+}
+
+std::string UnusedPath(const std::string& path) {
+    std::string unused = path;
+    for (int n = 2; std::filesystem::exists(unused); ++n) unused = path + "-" + std::to_string(n);
+    return unused;
+}
+
+Mirel::Result_t Copy(const std::string& from, const std::string& to) {
+    std::string text;
+    const Mirel::Result_t read = Mirel::ReadFileIntoString(from, text, StateFileLimit);
+    if (read.Failure()) return read;
+    const Mirel::Result_t written = Mirel::WriteStringIntoNewFile(to, text, from);
+    return written.Failure() ? written : Mirel::SyncFolderOf(to);
+}
+
+}  // namespace
+
+std::vector<std::string> LeftOut(const PListDict& document, const PListDict& queue) {
+    std::unordered_map<std::string, std::size_t> there;
+    for (std::string& name : EntryNames(queue).Names) ++there[std::move(name)];
+    std::vector<std::string> left_out = EntryNames(document).Names;
+    std::erase_if(left_out, [&there](const std::string& name) {
+        const auto found = there.find(name);
+        if (found == there.end() || found->second == 0) return false;
+        --found->second;
+        return true;
+    });
+    return left_out;
+}
+
+Mirel::Result_t KeepStateFileBefore(const std::string& path, const std::vector<std::string>& left_out) {
+    if (left_out.empty()) return Mirel::RESULT_OK;
+    const std::string file = Mirel::FollowLinks(path);
+    const std::string kept = UnusedPath(file + ".before-" + CompactTime());
+    const Mirel::Result_t copied = Copy(file, kept);
+    if (copied.Failure()) {
+        return copied.WithMessage("Cannot keep what is not restored of the state file: " +
+                                  std::string(copied.Message()));
+    }
+    Mirel::DefaultLogSink().Error(
+        "%zu entries of \"%s\" are not restored: %s. The file from before is kept as \"%s\"\n",
+        left_out.size(), path.c_str(), Listed(left_out).c_str(), kept.c_str());
+    return Mirel::RESULT_OK;
+}
+
+}  // namespace Server
