@@ -11,7 +11,7 @@ using Velmora::PListItem;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     Mirel::Result_t why;
-    const auto first = PListItem::CreateFromJSON(text, &why);
+    const auto first = PListItem::CreateFromJSON(text, &why, PListItem::AnyDepth);
     if (!first) {
         if (why.Success()) std::abort();
         return 0;
@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string written;
     std::string again;
     if (first->EncodeJSON(written).Failure()) std::abort();
-    const auto second = PListItem::CreateFromJSON(written, &why);
+    const auto second = PListItem::CreateFromJSON(written, &why, PListItem::AnyDepth);
     if (!second || !(*first == *second)) std::abort();
     if (second->EncodeJSON(again).Failure() || again != written) std::abort();
     if (first->CreateXMLElement() != second->CreateXMLElement()) std::abort();

@@ -194,7 +194,7 @@ Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults) {
         return config;
     }
     Mirel::Result_t why;
-    const std::unique_ptr<PListItem> item = PListItem::CreateFromJSON(text, &why);
+    const std::unique_ptr<PListItem> item = PListItem::CreateFromJSON(text, &why, PListItem::AnyDepth);
     const PListDict* dict = AsDict(item.get());
     if (dict == nullptr) {
         faults.push_back({"", item ? "must be an object" : std::string("is not JSON: ") + why.Message()});

@@ -155,12 +155,13 @@ void AppendJsonString(std::string& json, const std::string& text) {
     if (PListData(text).EncodeJSON(encoded).Success()) json += encoded;
 }
 
-std::optional<HttpResponse> ReadBody(const RestCall& call, PListDict& body) {
+std::optional<HttpResponse> ReadBody(const RestCall& call, PListDict& body, std::size_t max_depth) {
     if (call.Request.Body.empty()) {
         return Problem(STATUS_400_BAD_REQ, "The request needs a JSON object as its body, and has none.");
     }
     Mirel::Result_t why;
-    const std::unique_ptr<PListItem> item = PListItem::CreateFromJSON(std::string(call.Request.Body), &why);
+    const std::unique_ptr<PListItem> item =
+        PListItem::CreateFromJSON(std::string(call.Request.Body), &why, max_depth);
     if (item == nullptr)
         return Problem(STATUS_400_BAD_REQ, std::string("The body is not JSON: ") + why.Message());
     const PListDict* dict = AsDict(item.get());

@@ -70,9 +70,10 @@ void AppendJsonString(std::string& json, const std::string& text);
 
 // Requests.
 
-/// Reads the body as a dictionary into `body`; otherwise the answer: 400 for what is not JSON, 422 for
-/// another value.
-std::optional<HttpResponse> ReadBody(const RestCall& call, Velmora::PListDict& body);
+/// Reads the body as a dictionary into `body`; otherwise the answer: 400 for what is not JSON or nested
+/// deeper than `max_depth`, 422 for another value.
+std::optional<HttpResponse> ReadBody(const RestCall& call, Velmora::PListDict& body,
+                                     std::size_t max_depth = Velmora::PListItem::UsualDepth);
 /// Reads the query parameter "limit"; `limit` is left alone where it was not given.
 std::optional<HttpResponse> ReadLimit(const RestCall& call, std::size_t& limit);
 

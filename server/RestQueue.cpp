@@ -53,8 +53,8 @@ HttpResponse GetQueue(RestCall& call) {
 }
 
 HttpResponse PostQueue(RestCall& call) {
-    PListDict document;
-    if (auto refused = ReadBody(call, document)) return std::move(*refused);
+    PListDict document;  // what the queue holds may be nested as deep as its users liked
+    if (auto refused = ReadBody(call, document, PListItem::AnyDepth)) return std::move(*refused);
     std::vector<Fault> faults;
     CheckQueueDocument(document, "", faults);
     if (!HasSection(document)) {

@@ -34,7 +34,10 @@ TEST(PListJSON, WritesWhatItReads) {
     for (const std::string& text :
          {"{}"s, "[]"s, "null"s, "true"s, "\"\""s, "-12"s, R"({"z":[1,{"a":[]}],"a":{"":false}})"s,
           R"(["\"\\\b\f\n\r\t\u0000\u001f/"])"s, "[2147483648,-9223372036854775808,1.50,1E+40]"s,
-          "123456789012345678901234567890"s, "[\"\x7F\u00e9\u20ac\U0001F600\"]"s, Nested(256)}) {
+          "123456789012345678901234567890"s, R"([1,1E400,"1e999\"9",-2.5e-999999999999])"s,
+          "{\"9\":" + std::string(400, '9') + ",\"-1e999\":[true,-1e999,0]}",
+          R"({"\udc80\udcff":"\udcedx\udcb0\udc80","\udcc3":"a text with \udcbf that is not short"})"s,
+          "[\"\x7F\u00e9\u20ac\U0001F600\"]"s, Nested(256)}) {
         EXPECT_EQ(Reread(text), text);
     }
     EXPECT_EQ(Reread(" { \"a\" : [ -0 , -0.0 , \"\\ud83d\\ude00\\/\\u0041\" ] } \n"),
@@ -71,13 +74,16 @@ TEST(PListJSON, RefusesWithReasonAndPosition) {
              {"[01]"s, "at byte 2."},
              {"[1.]"s, "at byte 3."},
              {"[NaN]"s, "at byte 1."},
-             {"[1e999]"s, "too big to be stored in double at byte 1."},
+             {"[1e999,01]"s, "at byte 8."},
+             {"[1e999e]"s, "at byte 1."},
              {"[\"a\xFF\"]"s, "at byte 3."},
              {"[\"\xED\xA0\x80\"]"s, "at byte 2."},
              {"\"long enough to stand on the heap\xF0"s, "at byte 33."},
              {R"(["\ud800x"])"s, "at byte 2."},
              {R"([1,"\udc00"])"s, "surrogate pair in string is invalid at byte 3."},
              {R"({"\udc00":1})"s, "surrogate pair in string is invalid at byte 1."},
+             {R"(["\udcff\udd00"])"s, "surrogate pair in string is invalid at byte 1."},
+             {R"({"\udcc3\udca9":1,"\u00e9":2})"s, "at byte 18."},
              {R"({"a\"":{"b":1}, "c":2, "a\"":3})"s, R"(Duplicate key "a\"" at byte 23.)"},
              {Nested(257), "nested deeper than 256 levels at byte 256."},
              {std::string(100000, '['), "nested deeper than 256 levels at byte 256."},
@@ -102,10 +108,12 @@ TEST(PListJSON, WritesValidTextWhateverIsStored) {
     array.Append(
         PListData("\x80 \xE2\x82 \xF0\x9F\x98 \xED\xA0\x80 \xC0\xAF \xF4\x90\x80\x80 \xE2\x82\xAC \xC3"));
     array.Append(PListData(std::string(3000, 'x') + "\n"));
-    EXPECT_EQ(JSON(array),
-              "[\"\uFFFD \uFFFD \uFFFD \uFFFD\uFFFD\uFFFD \uFFFD\uFFFD \uFFFD\uFFFD\uFFFD\uFFFD \u20ac "
-              "\uFFFD\",\"" +
-                  std::string(3000, 'x') + "\\n\"]");
+    EXPECT_EQ(
+        JSON(array),
+        R"(["\udc80 \udce2\udc82 \udcf0\udc9f\udc98 \udced\udca0\udc80 \udcc0\udcaf \udcf4\udc90\udc80\udc80 )"
+        "\u20ac \\udcc3\",\"" +
+            std::string(3000, 'x') + "\\n\"]");
+    EXPECT_EQ(Reread(JSON(array)), JSON(array));
     const double inf = std::numeric_limits<double>::infinity();
     for (const auto& [data, text] : {std::pair(PListData(std::nan("")), "null"),
                                      {PListData(-inf), "null"},
@@ -135,7 +143,8 @@ TEST(PListJSON, FindsSpecialCharactersAtAnyPlace) {
                                        : special == '\\'   ? "\\\\"
                                        : special == '\x1F' ? "\\u001f"
                                        : special == '\x01' ? "\\u0001"
-                                                           : "\uFFFD";
+                                       : special == '\x80' ? "\\udc80"
+                                                           : "\\udcff";
                 EXPECT_EQ(JSON(PListData(text)), '"' + std::string(at, '\x7F') + expected +
                                                      std::string(size - at - 1, '\x7F') + '"');
             }
@@ -175,7 +184,8 @@ class RandomTree {
     }
     std::string Text() {
         static constexpr std::string_view pieces[] = {"a",      "\"",         "\\",          "\n",
-                                                      "\u00e9", "\U0001F600", "longer text", "\x01"};
+                                                      "\u00e9", "\U0001F600", "longer text", "\x01",
+                                                      "\xED",   "\xB3\xBF",   "\xF0\x9F"};
         std::string text;
         for (auto i = m_Random() % 6; i > 0; --i) text += pieces[m_Random() % std::size(pieces)];
         return text;

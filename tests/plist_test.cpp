@@ -325,6 +325,8 @@ TEST(PListDeep, IsNoDangerToTheStack) {
     EXPECT_FALSE(copy == marked);
     EXPECT_EQ(JSON(copy).size(), kLevels * 8U + 2);
     EXPECT_EQ(copy.CreateXMLElement(), shared.CreateXMLElement());
+    const auto read = PListItem::CreateFromJSON(JSON(copy), nullptr, PListItem::AnyDepth);
+    EXPECT_TRUE(read && *read == shared);
 }
 
 TEST(PListThreads, SharedListsAreReadChangedAndDestroyedAnywhere) {

@@ -149,6 +149,12 @@ TEST(PythonTest, ConvertsEveryTypeOfItem) {
     Py_DECREF(value);
 }
 
+TEST(PythonTest, NumbersThatNoRealHoldsAreTheNearestOnes) {
+    EXPECT_EQ(Repr(PListData(Velmora::IT_REAL, "-1E400")), "-inf");
+    EXPECT_EQ(Repr(PListData(Velmora::IT_REAL, "1e-400")), "0.0");
+    EXPECT_EQ(Repr(PListData(Velmora::IT_REAL, "1e4x")), "0.0");
+}
+
 TEST(PythonTest, TextThatIsNotUTF8IsNoError) {
     EXPECT_EQ(Repr(PListData("gr\xc3\xbc\xc3\x9f")),
               IS_PYTHON3 ? "'gr\xc3\xbc\xc3\x9f'" : R"('gr\xc3\xbc\xc3\x9f')");

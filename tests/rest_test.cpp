@@ -1,6 +1,8 @@
 // The REST interface through the router, on the live queue. Every answer is held against the description.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <random>
 #include <set>
 #include <sstream>
 
@@ -9,6 +11,7 @@
 #include "HttpClient.h"
 #include "OpenApi.h"
 #include "Router.h"
+#include "StateFile.h"
 #include "Testing.h"
 
 namespace Server {
@@ -402,6 +405,141 @@ TEST_P(RestTest, TheDocumentIsAppliedWholeOrNotAtAll) {
               200);  // what is there already is no fault, and not beyond the limit
     EXPECT_EQ(Send("GET", "/api/v1/queue", "", tag), 200);
     EXPECT_NE(Header("ETag"), tag);
+}
+
+// Data of every kind that a program can hand in: any bytes, any number, nested `depth` levels.
+class AnyData {
+  public:
+    explicit AnyData(unsigned seed) : m_Random(seed) {}
+
+    std::string Bytes() {
+        std::string bytes;
+        for (auto i = m_Random() % 24 + 1; i > 0; --i) bytes += static_cast<char>(m_Random());
+        return bytes;
+    }
+    PListDict Dict(int depth) {
+        PListDict dict;
+        for (; depth > 1; --depth) dict = Around(std::move(dict));
+        dict.SetItem(Bytes(), Scalar());
+        return dict;
+    }
+    // The same as a REST client sends it; its JSON is nested `depth` levels.
+    std::string Json(std::size_t depth) {
+        static const char* const scalars[] = {"1E400", "-1e-999", "12345678901234567890",
+                                              R"("\u0000\udcff")"};
+        const std::string scalar = scalars[m_Random() % std::size(scalars)];
+        std::string json = "{\"k\":" + scalar + "}";
+        for (; depth > 1; --depth) {
+            json = m_Random() % 2 && depth > 2 ? "[1," + json + "]"
+                                               : "{\"k\":" + json + ",\"\\udcc3\":" + scalar + "}";
+        }
+        return json;
+    }
+
+  private:
+    PListDict Around(PListDict&& inner) {
+        PListDict dict;
+        dict.SetItem(Bytes(), Scalar());
+        if (m_Random() % 2) {
+            dict.SetItem("", std::move(inner));
+        } else {
+            PListArray array;
+            array.Append(std::move(inner));
+            dict.SetItem("array", std::move(array));
+        }
+        return dict;
+    }
+    PListData Scalar() {
+        static const char* const numbers[] = {"1E400", "-1e999", "1e", "inf",
+                                              "+1",    ".5",     "",   "9999999999999999999"};
+        static const ItemType_t types[] = {IT_REAL, IT_INT, IT_INT64, IT_DATE, IT_NULL};
+        if (m_Random() % 2) return PListData(Bytes());
+        return PListData(types[m_Random() % std::size(types)], numbers[m_Random() % std::size(numbers)]);
+    }
+
+    std::mt19937 m_Random;
+};
+
+class AnyStateTest : public RouterTest {
+  protected:
+    void FillFromREST(AnyData& any, const std::string& name) {
+        constexpr std::size_t depth = PListItem::UsualDepth - 1;  // the body is one level of it
+        EXPECT_EQ(Call("POST /api/v1/events",
+                       R"({"event_name":")" + name + R"(","event_data":)" + any.Json(depth) + "}"),
+                  201);
+        EXPECT_EQ(Call("POST /api/v1/events/" + name + "/listeners",
+                       R"({"callback":"/1","listener_data":)" + any.Json(depth) + "}"),
+                  201);
+        EXPECT_EQ(Call("POST /api/v1/timers",
+                       R"({"event_name":"e","interval_sec":60,"timer_data":)" + any.Json(depth) + "}"),
+                  201);
+        EXPECT_EQ(Call("POST /api/v1/watches", R"({"event_name":"e","path":")" + Watched(name) +
+                                                   R"(","watch_data":)" + any.Json(depth) + "}"),
+                  201);
+        EXPECT_EQ(
+            Call("POST /api/v1/events", R"({"event_name":"deep","event_data":)" + any.Json(depth + 1) + "}"),
+            400);
+    }
+    void FillFromProgram(AnyData& any, int depth) {
+        EventManager::IEventQueue& queue = EventManager::GlobalEventQueue();
+        Mirel::UUID id;
+        const std::string name = any.Bytes();
+        PListDict data = any.Dict(depth);
+        EXPECT_EQ(queue.CreateEvent(name, &data), STATUS_201_CREATED);
+        data = any.Dict(depth);
+        EXPECT_EQ(queue.CreateEventListener(name, "/1", &data, id), STATUS_201_CREATED);
+        data = any.Dict(depth);
+        EXPECT_TRUE(queue.CreateTimer(name, Mirel::Timestamp(), 60, &data, id));
+        data = any.Dict(depth);
+        EXPECT_TRUE(queue.CreateWatch(Watched("\xE4" + std::to_string(depth)), name, &data, true));
+    }
+    // The state as it is answered, without the ids, which a restored entry gets anew.
+    std::string State() {
+        EXPECT_EQ(Call("GET /api/v1/queue"), 200);
+        std::string text = last.Body;
+        for (std::size_t at = 0; (at = text.find("\"id\":\"", at)) != std::string::npos; ++at) {
+            text.erase(at + 6, Mirel::UUIDLen);
+        }
+        return text;
+    }
+
+    // A path that the kernel takes, so that the worker leaves its watch alone.
+    std::string Watched(const std::string& name) {
+        std::filesystem::create_directory(folder / name);
+        return folder / name;
+    }
+
+    Testing::TemporaryFolder folder;
+};
+
+// Whatever was accepted, from whomever: the state file is read back as the document that was saved, a
+// configuration takes it, and so does a queue that has lost everything.
+TEST_F(AnyStateTest, IsReadBackFromFileConfigurationAndRequest) {
+    for (unsigned seed = 0; seed < 4; ++seed) {
+        AnyData any(seed);
+        FillFromREST(any, "e");
+        for (const int depth : {1, 250, 257, 2000}) FillFromProgram(any, depth);
+        const std::string state = State();
+        const std::string document = last.Body;
+
+        Testing::WriteFile(folder / "state.json", document);
+        std::optional<PListDict> saved;
+        const Mirel::Result_t read = ReadStateFile(folder / "state.json", saved);
+        ASSERT_TRUE(read.Success() && saved) << read.Message();
+        std::string again;
+        EXPECT_TRUE(saved->EncodeJSON(again).Success());
+        EXPECT_TRUE(again == document);
+
+        Testing::WriteFile(folder / "config.json", "{\"EventManager\":" + document + "}");
+        std::vector<ConfigFault> faults;
+        LoadConfig(folder / "config.json", faults);
+        EXPECT_TRUE(faults.empty()) << faults[0].Pointer << " " << faults[0].What;
+
+        TearDown();
+        ASSERT_EQ(Call("POST /api/v1/queue", document), 200) << last.Body;
+        EXPECT_TRUE(State() == state);
+        TearDown();
+    }
 }
 
 TEST_P(RestTest, HistoryAnswersTheLastOnesOldestFirst) {

@@ -77,19 +77,29 @@ class MR_EXPORT PListItem {
     /// A new deep copy, owned by the caller.
     virtual PListItem* Copy() const = 0;
 
-    /// Appends nothing and replaces `out` by the item's JSON text (RFC 8259), always valid: invalid UTF-8 is
-    /// replaced by U+FFFD, 64-bit integers are exact, a real that JSON cannot hold is written as null. Dates
-    /// and data are written as their text. Keys are written in their order. Always RESULT_OK.
+    /// Appends nothing and replaces `out` by the item's JSON text (RFC 8259), always valid, which
+    /// CreateFromJSON reads back with AnyDepth: different keys and texts stay different. Each byte that is
+    /// not UTF-8 is written as an escape from \udc80 to \udcff, half of a surrogate pair that stands for it
+    /// and for nothing else (RFC 8259, section 8.2, has strings with such halves). Numbers keep their text
+    /// where JSON has such a number; 64-bit integers are exact; an infinity, or what is no number, is written
+    /// as null. Dates and data are written as their text. Keys are written in their order. Always RESULT_OK.
     virtual Result_t EncodeJSON(std::string& out) const = 0;
 
     ItemType_t GetType() const { return m_type; }
     bool HasType(ItemType_t type) const { return m_type == type; }
 
-    /// Builds a tree from JSON text: any valid JSON value, nested at most 256 levels, duplicate keys refused.
-    /// Null when the text is refused, with the reason and the position (byte offset) in `why` where that is
-    /// given. Integers of 32 bits become IT_INT, of 64 bits IT_INT64; all other numbers become IT_REAL and
-    /// keep the text they were written in, so that no digit is lost.
-    static std::unique_ptr<PListItem> CreateFromJSON(const std::string& json, Result_t* why = nullptr);
+    /// How deep a JSON text from outside may be nested. What it is stored in adds levels of its own: whatever
+    /// this library has written is to be read with AnyDepth, which needs no more of the stack.
+    static constexpr std::size_t UsualDepth = 256;
+    static constexpr std::size_t AnyDepth = static_cast<std::size_t>(-1);
+
+    /// Builds a tree from JSON text: any valid JSON value, nested at most `max_depth` levels, duplicate keys
+    /// refused, and halves of surrogate pairs but those that EncodeJSON writes. Null when the text is
+    /// refused, with the reason and the position (byte offset) in `why` where that is given. Integers of 32
+    /// bits become IT_INT, of 64 bits IT_INT64; all other numbers become IT_REAL and keep the text they were
+    /// written in, so that no digit is lost, also where no double can hold them.
+    static std::unique_ptr<PListItem> CreateFromJSON(const std::string& json, Result_t* why = nullptr,
+                                                     std::size_t max_depth = UsualDepth);
 
     /// Deep equality: types, texts, keys, and for dictionaries not the order.
     friend MR_EXPORT bool operator==(const PListItem& lhs, const PListItem& rhs);

@@ -19,26 +19,6 @@ std::size_t SkipDigits(std::string_view text, std::size_t at) {
     return at;
 }
 
-// Whether `text` is a number as JSON writes it: -? int frac? exp?
-bool IsJSONNumber(std::string_view text) {
-    std::size_t at = !text.empty() && text[0] == '-';
-    const std::size_t integer = SkipDigits(text, at);
-    if (integer == at || (text[at] == '0' && integer - at > 1)) return false;
-    at = integer;
-    if (at < text.size() && text[at] == '.') {
-        const std::size_t end = SkipDigits(text, ++at);
-        if (end == at) return false;
-        at = end;
-    }
-    if (at < text.size() && (text[at] | 0x20) == 'e') {
-        if (++at < text.size() && (text[at] == '+' || text[at] == '-')) ++at;
-        const std::size_t end = SkipDigits(text, at);
-        if (end == at) return false;
-        at = end;
-    }
-    return at == text.size();
-}
-
 constexpr std::array<bool, 256> PlainBytes() {
     std::array<bool, 256> plain{};
     for (std::size_t i = 0x20; i < 0x80; ++i) plain[i] = i != '"' && i != '\\';
@@ -130,8 +110,19 @@ class JSONWriter {
             return 1;
         }
         const auto [size, valid] = ReadUtf8(text);
-        m_Out.Put(valid ? text.substr(0, size) : kReplacementCharacter);
+        if (valid) {
+            m_Out.Put(text.substr(0, size));
+        } else {
+            for (const char byte : text.substr(0, size)) EscapeByte(byte);
+        }
         return size;
+    }
+
+    // A byte that is no UTF-8: the half of a surrogate pair that ends in it. No text can hold one, so that
+    // different bytes never become the same JSON, and can be read back.
+    void EscapeByte(char byte) {
+        m_Out.Put("\\udc");
+        Hex(byte);
     }
 
     void Escape(char c) {
@@ -139,8 +130,12 @@ class JSONWriter {
         constexpr std::string_view names = "\"\\bfnrt";
         m_Out.Put('\\');
         if (const std::size_t at = named.find(c); at != named.npos) return m_Out.Put(names[at]);
-        constexpr std::string_view digits = "0123456789abcdef";
         m_Out.Put("u00");
+        Hex(c);
+    }
+
+    void Hex(char c) {
+        constexpr std::string_view digits = "0123456789abcdef";
         m_Out.Put(digits[static_cast<byte_t>(c) >> 4]);
         m_Out.Put(digits[static_cast<byte_t>(c) & 15]);
     }
@@ -158,6 +153,25 @@ Result_t Encode(const PListItem& item, std::string& out) {
 }
 
 }  // namespace
+
+bool IsJSONNumber(std::string_view text) noexcept {
+    std::size_t at = !text.empty() && text[0] == '-';
+    const std::size_t integer = SkipDigits(text, at);
+    if (integer == at || (text[at] == '0' && integer - at > 1)) return false;
+    at = integer;
+    if (at < text.size() && text[at] == '.') {
+        const std::size_t end = SkipDigits(text, ++at);
+        if (end == at) return false;
+        at = end;
+    }
+    if (at < text.size() && (text[at] | 0x20) == 'e') {
+        if (++at < text.size() && (text[at] == '+' || text[at] == '-')) ++at;
+        const std::size_t end = SkipDigits(text, at);
+        if (end == at) return false;
+        at = end;
+    }
+    return at == text.size();
+}
 
 Utf8Lead ReadUtf8(std::string_view text) noexcept {
     const auto at = [text](std::size_t i) {

@@ -19,6 +19,7 @@
 #include <optional>
 
 #include "VL_PListBody.h"
+#include "VL_PListWalk.h"
 
 namespace Velmora {
 
@@ -56,7 +57,6 @@ namespace Velmora {
 
 namespace {
 
-constexpr std::size_t kMaxDepth = 256;
 constexpr unsigned kParseFlags = rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag |
                                  rapidjson::kParseNumbersAsStringsFlag;
 
@@ -65,13 +65,50 @@ struct Refusal {
     std::size_t offset;
 };
 
-// Half of a surrogate pair, which the reader lets pass when it is the second half. UTF-8 from outside has
-// none.
-bool HasHalfPair(std::string_view text) {
-    for (std::size_t at = text.find('\xED'); at != text.npos; at = text.find('\xED', at + 1)) {
-        if (at + 1 < text.size() && static_cast<byte_t>(text[at + 1]) >= 0xA0) return true;
+// Where half of a surrogate pair stands, which the reader lets pass when it is the second half: three bytes
+// which UTF-8 from outside cannot have.
+std::size_t FindHalfPair(std::string_view text, std::size_t from) {
+    for (std::size_t at = text.find('\xED', from); at != text.npos; at = text.find('\xED', at + 1)) {
+        if (at + 1 < text.size() && static_cast<byte_t>(text[at + 1]) >= 0xA0) return at;
     }
-    return false;
+    return text.npos;
+}
+
+// Puts the text into `bytes`, with the bytes that are no UTF-8 in the place of the halves \udc80 to \udcff,
+// as which EncodeJSON writes them. False where there is another half.
+bool PutBytesBack(std::string_view text, std::string& bytes) {
+    bytes.clear();
+    std::size_t done = 0;
+    for (std::size_t at = 0; (at = FindHalfPair(text, done)) != text.npos; done = at + 3) {
+        const auto second = static_cast<byte_t>(text[at + 1]), third = static_cast<byte_t>(text[at + 2]);
+        if (second != 0xB2 && second != 0xB3) return false;
+        bytes.append(text, done, at - done);
+        bytes += static_cast<char>(second == 0xB2 ? third : third + 0x40);
+    }
+    bytes.append(text, done);
+    return true;
+}
+
+// The text with "0.00" and so on, as long, in the place of its numbers: the reader refuses those that no
+// double can hold, and it is the text that counts.
+std::string WithSmallNumbers(const std::string& json) {
+    std::string small = json;
+    bool in_string = false;
+    for (std::size_t at = 0; at < json.size(); ++at) {
+        if (json[at] == '"') {
+            in_string = !in_string;
+        } else if (in_string) {
+            at += json[at] == '\\';
+        } else if (json[at] == '-' || (json[at] >= '0' && json[at] <= '9')) {
+            const std::size_t end = std::min(json.find_first_not_of("+-.0123456789Ee", at), json.size());
+            const std::size_t size = end - at;
+            if (size > 2 && IsJSONNumber(std::string_view(json).substr(at, size))) {
+                small.replace(at, 2, "0.").replace(at + 2, size - 2, size - 2, '0');
+            }
+            at = end - 1;
+        }
+    }
+    return small;
 }
 
 PListData NumberItem(std::string_view text) {
@@ -88,23 +125,26 @@ PListData NumberItem(std::string_view text) {
 // as large as it must be, when it is complete.
 class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeBuilder> {
   public:
-    explicit TreeBuilder(BoundedStream& stream) : m_Stream(stream) {
+    /// Numbers are taken from `json`, whatever the stream has in their place.
+    TreeBuilder(BoundedStream& stream, std::string_view json, std::size_t max_depth)
+        : m_Stream(stream), m_JSON(json), m_MaxDepth(max_depth) {
         m_Entries.reserve(kUsualEntries);
         m_Levels.reserve(kUsualLevels);
     }
 
     bool Null() { return Add(PListSlot(PListData(IT_NULL, {}))); }
     bool Bool(bool value) { return Add(PListSlot(PListData(value))); }
-    bool RawNumber(const char* text, rapidjson::SizeType size, bool) {
-        return Add(PListSlot(NumberItem({text, size})));
+    bool RawNumber(const char*, rapidjson::SizeType size, bool) {
+        return Add(PListSlot(NumberItem(m_JSON.substr(m_Stream.Tell(), size))));
     }
-    bool String(const char* text, rapidjson::SizeType size, bool) {
-        if (HasHalfPair({text, size})) return RefuseHalfPair();
-        return Add(PListSlot(PListData(std::string_view(text, size))));
+    bool String(const char* read, rapidjson::SizeType size, bool) {
+        std::string_view text(read, size);
+        return WithBytes(text) && Add(PListSlot(PListData(text)));
     }
-    bool Key(const char* text, rapidjson::SizeType size, bool) {
-        if (HasHalfPair({text, size})) return RefuseHalfPair();
-        m_Entries.push_back({{CompactText<16>({text, size}), PListSlot()}, m_Stream.Tell()});
+    bool Key(const char* read, rapidjson::SizeType size, bool) {
+        std::string_view text(read, size);
+        if (!WithBytes(text)) return false;
+        m_Entries.push_back({{CompactText<16>(text), PListSlot()}, m_Stream.Tell()});
         return true;
     }
     bool StartObject() { return Open(true); }
@@ -152,8 +192,8 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
     static constexpr std::size_t kUsualLevels = 4;
 
     bool Open(bool dict) {
-        if (m_Levels.size() == kMaxDepth) {
-            return Refuse("Lists are nested deeper than " + std::to_string(kMaxDepth) + " levels",
+        if (m_Levels.size() == m_MaxDepth) {
+            return Refuse("Lists are nested deeper than " + std::to_string(m_MaxDepth) + " levels",
                           m_Stream.Tell());
         }
         m_Levels.push_back({dict, m_Entries.size()});
@@ -177,19 +217,31 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
         return true;
     }
 
+    // Valid until the next text that has such bytes.
+    bool WithBytes(std::string_view& text) {
+        if (FindHalfPair(text, 0) == text.npos) return true;
+        if (!PutBytesBack(text, m_TextWithBytes)) {
+            return Refuse("The surrogate pair in string is invalid", m_Stream.Tell());
+        }
+        text = m_TextWithBytes;
+        return true;
+    }
+
     bool Refuse(std::string reason, std::size_t offset) {
         m_Refusal = {std::move(reason), offset};
         return false;
     }
-    bool RefuseHalfPair() { return Refuse("The surrogate pair in string is invalid", m_Stream.Tell()); }
     bool RefuseDuplicate(std::string_view key, std::size_t offset) {
         std::string quoted;
         (void)PListData(key).EncodeJSON(quoted);
         return Refuse("Duplicate key " + quoted, offset);
     }
 
-    // While a string or a key is handed over, it still stands in front of it.
+    // While a number, a string or a key is handed over, it still stands in front of it.
     BoundedStream& m_Stream;
+    const std::string_view m_JSON;
+    const std::size_t m_MaxDepth;
+    std::string m_TextWithBytes;
     std::vector<OpenEntry> m_Entries;
     std::vector<Level> m_Levels;
     PListSlot m_Root;
@@ -202,15 +254,14 @@ Refusal ReaderRefusal(const rapidjson::ParseResult& result) {
     return {reason, result.Offset()};
 }
 
-std::unique_ptr<PListItem> Read(const std::string& json, std::optional<Refusal>& refusal) {
-    if (json.size() > std::numeric_limits<rapidjson::SizeType>::max()) {
-        refusal = {"The text is too long", std::numeric_limits<rapidjson::SizeType>::max()};
-        return nullptr;
-    }
-    BoundedStream stream(json);
-    TreeBuilder builder(stream);
+// Reads `json` from `shown`, which has its numbers or others that are as long.
+std::unique_ptr<PListItem> ReadShown(const std::string& shown, const std::string& json, std::size_t max_depth,
+                                     std::optional<Refusal>& refusal, bool& too_big) {
+    BoundedStream stream(shown);
+    TreeBuilder builder(stream, json, max_depth);
     ThrowingAllocator allocator;  // the reader makes one with new otherwise
     const rapidjson::ParseResult result = JSONReader(&allocator).Parse<kParseFlags>(stream, builder);
+    too_big = result.Code() == rapidjson::kParseErrorNumberTooBig;
     if (builder.Refused()) {
         refusal = builder.Refused();
     } else if (result.IsError()) {
@@ -222,11 +273,25 @@ std::unique_ptr<PListItem> Read(const std::string& json, std::optional<Refusal>&
     return refusal ? nullptr : builder.Root();
 }
 
+std::unique_ptr<PListItem> Read(const std::string& json, std::size_t max_depth,
+                                std::optional<Refusal>& refusal) {
+    if (json.size() > std::numeric_limits<rapidjson::SizeType>::max()) {
+        refusal = {"The text is too long", std::numeric_limits<rapidjson::SizeType>::max()};
+        return nullptr;
+    }
+    bool too_big = false;
+    std::unique_ptr<PListItem> item = ReadShown(json, json, max_depth, refusal, too_big);
+    if (!too_big) return item;
+    refusal.reset();
+    return ReadShown(WithSmallNumbers(json), json, max_depth, refusal, too_big);
+}
+
 }  // namespace
 
-std::unique_ptr<PListItem> PListItem::CreateFromJSON(const std::string& json, Result_t* why) {
+std::unique_ptr<PListItem> PListItem::CreateFromJSON(const std::string& json, Result_t* why,
+                                                     std::size_t max_depth) {
     std::optional<Refusal> refusal;
-    std::unique_ptr<PListItem> item = Read(json, refusal);
+    std::unique_ptr<PListItem> item = Read(json, max_depth, refusal);
     if (why) {
         *why = refusal ? Mirel::RESULT_FORMAT.WithMessage(refusal->reason + " at byte " +
                                                           std::to_string(refusal->offset) + ".")

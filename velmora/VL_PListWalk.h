@@ -49,6 +49,9 @@ struct Utf8Lead {
 };
 Utf8Lead ReadUtf8(std::string_view text) noexcept;
 
+/// Whether `text` is a number as JSON writes it: -? int frac? exp?
+bool IsJSONNumber(std::string_view text) noexcept;
+
 inline constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
 
 /// Shows a tree to a writer, which has Open(type) and Close(type) for lists, Entry() in front of each item of

@@ -209,8 +209,19 @@ PyObject* NewInteger(const PListData& data) {
     return PyLong_FromLong(0);
 }
 
-PyObject* NewScalar(const PListData& data) {
+/// A number that no double can hold is the nearest that one can, an infinity at the last, as Python's own reader
+/// of JSON has it; text that is no number is 0.
+PyObject* NewReal(const PListData& data) {
     double real = 0;
+    if (data.GetValue(real)) return PyFloat_FromDouble(real);
+    real = PyOS_string_to_double(data.Text().c_str(), nullptr, nullptr);
+    if (!PyErr_Occurred()) return PyFloat_FromDouble(real);
+    if (!PyErr_ExceptionMatches(PyExc_ValueError)) return nullptr;
+    PyErr_Clear();
+    return PyFloat_FromDouble(0);
+}
+
+PyObject* NewScalar(const PListData& data) {
     switch (data.GetType()) {
         case Velmora::IT_TRUE:
             return PyBool_FromLong(1);
@@ -223,8 +234,7 @@ PyObject* NewScalar(const PListData& data) {
         case Velmora::IT_INT64:
             return NewInteger(data);
         case Velmora::IT_REAL:
-            (void)data.GetValue(real);
-            return PyFloat_FromDouble(real);
+            return NewReal(data);
         default:
             return NativeText(data.TextView());
     }
