@@ -3,6 +3,7 @@
 //   queue_bench posting EVENTS CLIENTS      fanout CLIENTS MESSAGES      create-event EVENTS
 //   queue_bench python                      history-bytes RECORDS        history-locks RECORDS
 //   queue_bench save BYTES                  start                        timers TIMERS DUE
+//   queue_bench restore EVENTS
 //   queue_bench listener-cost URL           callers URL CALLS IN_FLIGHT
 //   queue_bench waiting-callers URL CALLERS waiting-threads PORT THREADS
 #include <cstdio>
@@ -28,6 +29,7 @@ int main(int argc, char** argv) {
         {"history-locks", [&] { MeasureHistoryLocks(number(1, 1000000)); }},
         {"save", [&] { MeasureSave(number(1, 10000)); }},
         {"start", [] { MeasureStart(); }},
+        {"restore", [&] { MeasureRestore(number(1, 100000)); }},
         {"timers", [&] { MeasureTimers(number(1, 100000), number(2, 0)); }},
         {"listener-cost", [&] { MeasureListenerCost(url); }},
         {"callers", [&] { MeasureCallers(url, number(2, 2000), number(3, 64)); }},

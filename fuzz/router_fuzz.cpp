@@ -36,7 +36,8 @@ void Reset() {
 
 void CheckProblem(const Server::HttpResponse& response) {
     Mirel::Result_t why;
-    const std::unique_ptr<PListItem> item = PListItem::CreateFromJSON(response.Body, &why, PListItem::AnyDepth);
+    const std::unique_ptr<PListItem> item =
+        PListItem::CreateFromJSON(response.Body, &why, PListItem::AnyDepth);
     if (item == nullptr || !item->HasType(IT_DICT)) std::abort();
 }
 

@@ -66,7 +66,7 @@ HttpResponse PostQueue(RestCall& call) {
                        faults);
     }
     if (auto refused = OverLimits(document)) return std::move(*refused);
-    GlobalEventQueue().SetQueueState(document);
+    EventManager::ApplyQueueState(document);
     PListDict state;
     GlobalEventQueue().GetQueueState(state);
     return Json(STATUS_200_OK, state);

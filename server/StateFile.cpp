@@ -58,7 +58,8 @@ Mirel::Result_t read_document(const std::string& path, std::optional<Velmora::PL
     if (read.Failure()) return unusable(path, read.Message());
 
     Mirel::Result_t why;
-    const std::unique_ptr<Velmora::PListItem> item = Velmora::PListItem::CreateFromJSON(text, &why, Velmora::PListItem::AnyDepth);
+    const std::unique_ptr<Velmora::PListItem> item =
+        Velmora::PListItem::CreateFromJSON(text, &why, Velmora::PListItem::AnyDepth);
     if (!item) return unusable(path, why.Message());
     const auto* const dict = dynamic_cast<const Velmora::PListDict*>(item.get());
     if (!dict) return unusable(path, "it is not a queue state document");

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
 #include <optional>
@@ -293,9 +294,47 @@ void EventQueue::RepeatFailedSave() {
     m_NextSave = steady_now() + SaveAgainAfter;
 }
 
+/// While one lives, the saves that its thread's changes ask for are held back.
+class HeldSaves {
+  public:
+    HeldSaves() { s_Current = this; }
+    ~HeldSaves() { s_Current = nullptr; }
+    HeldSaves(const HeldSaves&) = delete;
+    HeldSaves& operator=(const HeldSaves&) = delete;
+
+    /// Takes note of a save; false where this thread holds none back.
+    static bool Hold() {
+        if (s_Current) s_Current->m_Asked = true;
+        return s_Current;
+    }
+    bool Asked() const { return m_Asked; }
+
+  private:
+    static thread_local HeldSaves* s_Current;
+    bool m_Asked = false;
+};
+thread_local HeldSaves* HeldSaves::s_Current = nullptr;
+
 /// The change that asks for it has taken effect, so a failure is logged and goes no further.
 void EventQueue::WriteState() const {
-    (void)SaveState();
+    if (!HeldSaves::Hold()) (void)SaveState();
+}
+
+void EventQueue::SetQueueStateSavingOnce(const PListDict& config) {
+    IEventQueue& queue = *this;
+    std::exception_ptr failure;  // what has been applied by then is saved, too
+    bool changed = false;
+    {
+        const HeldSaves held;
+        try {
+            queue.SetQueueState(config);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        changed = held.Asked();
+    }
+    if (changed) WriteState();
+    if (failure) std::rethrow_exception(failure);
 }
 
 // ---------------------------------------------------------------- EventQueue: events and listeners
@@ -308,11 +347,20 @@ void EventQueue::SetMaxListeners(i32_t max) {
     m_MaxListeners = max;
 }
 
-/// The number of listeners of all events.
-static ui32_t queue_size(const event_map& queue) {
+/// The number of listeners of all events, counted anew: there must be as many callbacks.
+[[maybe_unused]] static ui32_t queue_size(const event_map& queue) {
     std::size_t size = 0;
     for (const auto& [name, event] : queue) size += event.listeners.size();
     return static_cast<ui32_t>(size);
+}
+
+/// Compared as unsigned, so that a negative limit is none.
+bool EventQueue::HasTooManyListeners() const {
+    return static_cast<ui32_t>(m_Callbacks.size()) > static_cast<ui32_t>(m_MaxListeners);
+}
+
+void EventQueue::ForgetCallbacks(const EventDistributor& event) {
+    for (const Listener& listener : event.listeners) m_Callbacks.erase({&event, listener.callback});
 }
 
 static PListDict listener_entry(const Listener& listener) {
@@ -337,6 +385,7 @@ void EventQueue::GetEventState(PListDict& state) const {
     PListArray events;
     {
         AutoMutex lock(m_EventLock);
+        assert(queue_size(m_Events) == m_Callbacks.size());
         for (const auto& [name, event] : m_Events) events.Append(event_entry(event));
     }
     state.SetItem(Strings::event_list, std::move(events));
@@ -395,7 +444,7 @@ void EventQueue::AdoptWsClient(TCPSession& session) {
 Status_t EventQueue::CreateEvent(const std::string& event_name, PListDict* event_data) {
     {
         AutoMutex lock(m_EventLock);
-        if (queue_size(m_Events) > static_cast<ui32_t>(m_MaxListeners)) return Velmora::STATUS_409_CONFLICT;
+        if (HasTooManyListeners()) return Velmora::STATUS_409_CONFLICT;
         if (m_Events.count(event_name)) return Velmora::STATUS_412_PRECOND_FAILED;
         m_Events.try_emplace(event_name, event_name, copy_or_empty(event_data));
     }
@@ -406,6 +455,7 @@ Status_t EventQueue::CreateEvent(const std::string& event_name, PListDict* event
 void EventQueue::DeleteAllEvents() {
     {
         AutoMutex lock(m_EventLock);
+        m_Callbacks.clear();
         m_Events.clear();
     }
     WriteState();
@@ -414,7 +464,10 @@ void EventQueue::DeleteAllEvents() {
 bool EventQueue::DeleteEvent(const std::string& event_name) {
     {
         AutoMutex lock(m_EventLock);
-        if (m_Events.erase(event_name) == 0) return false;
+        const auto event = m_Events.find(event_name);
+        if (event == m_Events.end()) return false;
+        ForgetCallbacks(event->second);
+        m_Events.erase(event);
     }
     WriteState();
     return true;
@@ -428,24 +481,21 @@ static bool callback_is_usable(const std::string& callback) {
     return url.Parse(callback) || url.ParsePath(callback);
 }
 
-static bool has_callback(const EventDistributor& event, const std::string& callback) {
-    for (const Listener& listener : event.listeners) {
-        if (listener.callback == callback) return true;
-    }
-    return false;
-}
-
 Status_t EventQueue::CreateEventListener(const std::string& event_name, const std::string& callback,
                                          const PListDict* listener_data, UUID& callback_id) {
     {
         AutoMutex lock(m_EventLock);
-        if (queue_size(m_Events) > static_cast<ui32_t>(m_MaxListeners)) return Velmora::STATUS_409_CONFLICT;
+        if (HasTooManyListeners()) return Velmora::STATUS_409_CONFLICT;
         const auto event = m_Events.find(event_name);
         if (event == m_Events.end()) return Velmora::STATUS_404_NOT_FOUND;
         if (!callback_is_usable(callback)) return Velmora::STATUS_400_BAD_REQ;
-        if (has_callback(event->second, callback)) return Velmora::STATUS_412_PRECOND_FAILED;
-        event->second.listeners.emplace_back(callback, copy_or_empty(listener_data));
-        callback_id = event->second.listeners.back().id;
+        EventDistributor& owner = event->second;
+        if (m_Callbacks.contains({&owner, callback})) return Velmora::STATUS_412_PRECOND_FAILED;
+        listener_list_t created;  // goes into the event when nothing can fail any more
+        created.emplace_back(callback, copy_or_empty(listener_data));
+        m_Callbacks.emplace(&owner, created.back().callback);
+        callback_id = created.back().id;
+        owner.listeners.splice(owner.listeners.end(), created);
     }
     WriteState();
     return Velmora::STATUS_201_CREATED;
@@ -456,6 +506,7 @@ bool EventQueue::DeleteListenersForEvent(const std::string& event_name) {
         AutoMutex lock(m_EventLock);
         const auto event = m_Events.find(event_name);
         if (event == m_Events.end()) return false;
+        ForgetCallbacks(event->second);
         event->second.listeners.clear();
     }
     WriteState();
@@ -467,10 +518,12 @@ bool EventQueue::DeleteEventListener(const std::string& event_name, const UUID& 
         AutoMutex lock(m_EventLock);
         const auto event = m_Events.find(event_name);
         if (event == m_Events.end()) return false;
-        if (event->second.listeners.remove_if([&](const Listener& listener) { return listener.id == id; }) ==
-            0) {
-            return false;
-        }
+        listener_list_t& listeners = event->second.listeners;
+        const auto listener = std::find_if(listeners.begin(), listeners.end(),
+                                           [&](const Listener& candidate) { return candidate.id == id; });
+        if (listener == listeners.end()) return false;
+        m_Callbacks.erase({&event->second, listener->callback});
+        listeners.erase(listener);
     }
     WriteState();
     return true;
@@ -1164,7 +1217,7 @@ void EventQueue::CountPass(std::chrono::steady_clock::time_point began) {
 void EventQueue::MeasureSizes() const {
     if (m_EventLock.TryLock()) {
         m_Counters.events = m_Events.size();
-        m_Counters.listeners = queue_size(m_Events);
+        m_Counters.listeners = m_Callbacks.size();
         m_Counters.callers = m_CallerThreads.size();
         m_EventLock.Unlock();
     }
@@ -1298,6 +1351,11 @@ Result_t SaveEventQueue() {
     if (!queue) return RESULT_OK;
     if (queue->IsFinished()) queue->DropEndedWatches();
     return queue->SaveState();
+}
+
+void ApplyQueueState(const PListDict& document) {
+    EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
+    if (queue) queue->SetQueueStateSavingOnce(document);
 }
 
 QueueStatistics GetQueueStatistics() {

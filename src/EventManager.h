@@ -12,7 +12,10 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "MR_error.h"
 #include "MR_mutex.h"
@@ -325,6 +328,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
   private:
     friend Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored);
     friend Result_t SaveEventQueue();
+    friend void ApplyQueueState(const PListDict& document);
     friend QueueStatistics GetQueueStatistics();
     friend struct EventQueueProbe;  // the tests' way to the phases of a pass
 
@@ -363,7 +367,11 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     Result_t SaveState(SaveReason reason = SaveReason::Change) const;
     void RepeatFailedSave();
     void WriteState() const;
+    void SetQueueStateSavingOnce(const PListDict& config);
     void DropEndedWatches();
+
+    bool HasTooManyListeners() const REQUIRES(m_EventLock);
+    void ForgetCallbacks(const EventDistributor& event) REQUIRES(m_EventLock);
 
     void AppendHistory(const PListDict& event_data);
     void TrimHistory();
@@ -392,6 +400,8 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
 
     mutable Mutex m_EventLock ACQUIRED_BEFORE(m_HistoryLock);
     event_map m_Events GUARDED_BY(m_EventLock);
+    // One for each listener: the callback as it stands there. So many entries are in the limit's count.
+    std::set<std::pair<const EventDistributor*, std::string_view>> m_Callbacks GUARDED_BY(m_EventLock);
     std::atomic<i32_t> m_MaxListeners;
 
     mutable Mutex m_TimerLock ACQUIRED_BEFORE(m_EventLock);
@@ -483,6 +493,12 @@ MR_EXPORT Result_t StopEventQueue();
 /// Saves the live queue's document once more, for the end of a process: what fired or ended since the last
 /// change is then not restored. RESULT_OK too where no state file is configured.
 MR_EXPORT Result_t SaveEventQueue();
+
+/// Applies a queue state document to the live queue as SetQueueState does, but saves once, when the last
+/// entry has been offered and before it returns, instead of once for each entry that is created. What other
+/// threads change meanwhile is saved as ever, with what has been applied until then. Does nothing before
+/// InitEventQueue.
+MR_EXPORT void ApplyQueueState(const PListDict& document);
 
 /// May be called from any thread at any time.
 MR_EXPORT QueueStatistics GetQueueStatistics();

@@ -137,6 +137,46 @@ TEST(GlobalQueue, CountsWhatTimersAndWatchesPostAndKeepsLateTimersWhereAsked) {
     }
 }
 
+TEST(GlobalQueue, ADocumentThatIsAppliedIsSavedOnceAndWhatOthersChangeMeanwhileAsEver) {
+    Testing::TemporaryFolder folder;
+    const std::string path = folder / "state.json";
+    in_process([&] {
+        const PListDict document =
+            dict(R"({"event_list":[{"event_name":"a","listener_list":[{"callback":"/1"}]},
+            {"event_name":"b"}],"timer_list":[{"event_name":"a","interval_sec":60}],
+            "watch_list":[{"path":"/","event_name":"a"}]})");
+        ApplyQueueState(document);  // nothing to apply it to
+        PListDict config;
+        config.SetValue("StateFile", path);
+        EXPECT_TRUE(InitEventQueue(config).Success());
+        ApplyQueueState(document);
+        EXPECT_EQ(GetQueueStatistics().Saves, 2u);
+        EXPECT_EQ(Testing::ReadFile(path), state_text());
+        ApplyQueueState(dict(R"({"event_list":[{"event_name":"a"}]})"));
+        EXPECT_EQ(GetQueueStatistics().Saves, 2u);  // nothing has changed
+        GlobalEventQueue().CreateEvent("c", nullptr);
+        EXPECT_EQ(GetQueueStatistics().Saves, 3u);
+
+        PListArray many;
+        for (int i = 0; i < 20000; ++i) many.Append(dict(R"({"event_name":"m)" + std::to_string(i) + "\"}"));
+        PListDict large;
+        large.SetItem("event_list", many);
+        std::thread applying([&] { ApplyQueueState(large); });
+        EXPECT_TRUE(Testing::Eventually([] { return GetQueueStatistics().Events > 3; }));
+        GlobalEventQueue().CreateEvent("meanwhile", nullptr);
+        EXPECT_NE(Testing::ReadFile(path).find("\"meanwhile\""), std::string::npos);
+        applying.join();
+        EXPECT_EQ(GetQueueStatistics().Saves, 5u);
+        EXPECT_EQ(Testing::ReadFile(path), state_text());
+
+        std::filesystem::remove(path);
+        std::filesystem::create_directories(path + "/occupied");
+        ApplyQueueState(dict(R"({"event_list":[{"event_name":"d"},{"event_name":"f"}]})"));
+        EXPECT_TRUE(GetQueueStatistics().LastSaveFailed);
+        std::filesystem::remove_all(path);
+    });
+}
+
 /// One answered operation of the process that is going to be killed.
 struct Answer {
     int thread;

@@ -60,6 +60,27 @@ TEST_F(RegistryTest, TheListenerLimitCountsOverAllEventsAndAdmitsOneMore) {
     EXPECT_EQ(Listen("b", "/1"), STATUS_201_CREATED);
 }
 
+// Whichever way listeners go, others may come in their place, with the same callbacks.
+TEST_F(RegistryTest, WhatIsDeletedCountsNoMore) {
+    queue.SetMaxListeners(1);
+    const std::vector<std::function<void()>> deletions = {
+        [&] { queue.DeleteEventListener("a", last_id); }, [&] { queue.DeleteListenersForEvent("a"); },
+        [&] { queue.DeleteEvent("a"); }, [&] { queue.DeleteAllEvents(); }};
+    for (const auto& deletion : deletions) {
+        Event("b");
+        Event("a");
+        EXPECT_EQ(Listen("b", "/1"), STATUS_201_CREATED);
+        EXPECT_EQ(Listen("a", "/1"), STATUS_201_CREATED);
+        EXPECT_EQ(Listen("a", "/2"), STATUS_409_CONFLICT);
+        deletion();
+        Event("a");
+        EXPECT_EQ(Listen("a", "/1"), STATUS_201_CREATED);
+        queue.DeleteListenersForEvent("a");
+        queue.DeleteListenersForEvent("b");
+    }
+    EXPECT_EQ(Text(EventState()), R"({"event_list":[{"event_name":"a","listener_list":[]}]})");
+}
+
 TEST_F(RegistryTest, ListenersAreDeletedByTheBytesOfTheirIdWithinTheirEvent) {
     Event("a");
     Event("b");

@@ -209,8 +209,8 @@ PyObject* NewInteger(const PListData& data) {
     return PyLong_FromLong(0);
 }
 
-/// A number that no double can hold is the nearest that one can, an infinity at the last, as Python's own reader
-/// of JSON has it; text that is no number is 0.
+/// A number that no double can hold is the nearest that one can, an infinity at the last, as Python's own
+/// reader of JSON has it; text that is no number is 0.
 PyObject* NewReal(const PListData& data) {
     double real = 0;
     if (data.GetValue(real)) return PyFloat_FromDouble(real);

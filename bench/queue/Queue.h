@@ -106,6 +106,7 @@ void MeasureHistoryBytes(std::size_t records);
 void MeasureHistoryLocks(std::size_t records);
 void MeasureSave(std::size_t bytes);
 void MeasureStart();
+void MeasureRestore(std::size_t events);
 void MeasureTimers(std::size_t timers, std::size_t due);
 void MeasureListenerCost(const std::string& url);
 void MeasureCallers(const std::string& url, std::size_t calls, std::size_t in_flight);

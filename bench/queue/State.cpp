@@ -58,6 +58,21 @@ PListDict start_document(const Folder& folder) {
     return document;
 }
 
+/// Events `from` and so on, every tenth with a listener.
+PListDict events_document(std::size_t from, std::size_t count) {
+    PListArray events;
+    for (std::size_t i = from; i < from + count; ++i) {
+        PListDict event;
+        event.SetValue("event_name", "event." + std::to_string(i));
+        if (i % 10 == 0)
+            event.SetItem("listener_list", Dict(R"({"l":[{"callback":"/hook"}]})").GetArray("l"));
+        events.Append(std::move(event));
+    }
+    PListDict document;
+    document.SetItem("event_list", std::move(events));
+    return document;
+}
+
 }  // namespace
 
 /// Saving beside the same bytes encoded, written, synced and renamed by hand, in turns.
@@ -102,6 +117,27 @@ void MeasureStart() {
     Print("saves", static_cast<double>(statistics.Saves));
     Print("restored", static_cast<double>(statistics.Events + statistics.Listeners + statistics.Timers +
                                           statistics.Watches));
+    (void)EventManager::StopEventQueue();
+}
+
+/// Restoring `events`, then applying a document of 10,000 more in one.
+void MeasureRestore(std::size_t events) {
+    UseCore(0);
+    const Folder folder;
+    constexpr std::size_t more = 10'000;
+    PListDict configuration;
+    configuration.SetItem("EventManager", events_document(0, events));
+    configuration.SetValue("MaxListeners", -1);
+    configuration.SetValue("StateFile", folder / "state.json");
+    const Cost restoring =
+        CostOf([&] { Check(EventManager::InitEventQueue(configuration).Success(), "starting"); });
+    Print("restore_ms", restoring.Wall_ns / 1e6);
+    const auto saved = EventManager::GetQueueStatistics().Saves;
+    const PListDict document = events_document(events, more);
+    Print("apply_ms", CostOf([&] { EventManager::ApplyQueueState(document); }).Wall_ns / 1e6);
+    const auto statistics = EventManager::GetQueueStatistics();
+    Print("apply_saves", static_cast<double>(statistics.Saves - saved));
+    Check(statistics.Events == events + more, "restoring and applying everything");
     (void)EventManager::StopEventQueue();
 }
 
