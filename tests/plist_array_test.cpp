@@ -148,10 +148,14 @@ TEST(PListArray, ItemsStoredByPointerStayWhereTheyAre) {
     const PListArray copy = array;
     PListArray taken = array.TakeFirst(700);
     array.DeleteFirst();
+    const PListArray taken_copy = taken;
+    const PListArray rest_copy = array;
     for (std::size_t i : {0U, 511U, 512U, 699U}) EXPECT_EQ(taken.GetItem(i), items[i]);
     for (std::size_t i : {701U, 1023U, 1024U, 1499U}) EXPECT_EQ(array.GetItem(i - 701), items[i]);
-    *items[699] = PListData(-1);
-    *items[701] = PListData(-1);
+    for (const std::size_t i : {0U, 699U, 701U, 1499U}) *items[i] = PListData(-1);
+    for (const std::size_t i : {0U, 699U}) EXPECT_EQ(Number(*taken_copy.GetItem(i)), static_cast<int>(i));
+    for (const std::size_t i : {701U, 1499U})
+        EXPECT_EQ(Number(*rest_copy.GetItem(i - 701)), static_cast<int>(i));
     EXPECT_EQ(Number(*taken.GetItem(699)), -1);
     EXPECT_EQ(Number(array.Front()), -1);
     EXPECT_EQ(Number(*copy.GetItem(699)), 699);

@@ -34,7 +34,7 @@ TEST(PListJSON, WritesWhatItReads) {
     for (const std::string& text :
          {"{}"s, "[]"s, "null"s, "true"s, "\"\""s, "-12"s, R"({"z":[1,{"a":[]}],"a":{"":false}})"s,
           R"(["\"\\\b\f\n\r\t\u0000\u001f/"])"s, "[2147483648,-9223372036854775808,1.50,1E+40]"s,
-          "123456789012345678901234567890"s, R"([1,1E400,"1e999\"9",-2.5e-999999999999])"s,
+          "123456789012345678901234567890"s, R"(["1e999\"9",1E400,-2.5e-999999999999,[0.5e+999]])"s,
           "{\"9\":" + std::string(400, '9') + ",\"-1e999\":[true,-1e999,0]}",
           R"({"\udc80\udcff":"\udcedx\udcb0\udc80","\udcc3":"a text with \udcbf that is not short"})"s,
           "[\"\x7F\u00e9\u20ac\U0001F600\"]"s, Nested(256)}) {
@@ -106,11 +106,12 @@ TEST(PListJSON, FindsDuplicatesAmongManyKeys) {
 TEST(PListJSON, WritesValidTextWhateverIsStored) {
     PListArray array;
     array.Append(
-        PListData("\x80 \xE2\x82 \xF0\x9F\x98 \xED\xA0\x80 \xC0\xAF \xF4\x90\x80\x80 \xE2\x82\xAC \xC3"));
+        PListData("\x80 \xE2\x82 \xF0\x9F\x98 \xED\xA0\x80 \xC0\xAF \xF4\x90\x80\x80 \xF5\x80\x80\x80 "
+                  "\xE2\x82\xAC \xC3"));
     array.Append(PListData(std::string(3000, 'x') + "\n"));
     EXPECT_EQ(
         JSON(array),
-        R"(["\udc80 \udce2\udc82 \udcf0\udc9f\udc98 \udced\udca0\udc80 \udcc0\udcaf \udcf4\udc90\udc80\udc80 )"
+        R"(["\udc80 \udce2\udc82 \udcf0\udc9f\udc98 \udced\udca0\udc80 \udcc0\udcaf \udcf4\udc90\udc80\udc80 \udcf5\udc80\udc80\udc80 )"
         "\u20ac \\udcc3\",\"" +
             std::string(3000, 'x') + "\\n\"]");
     EXPECT_EQ(Reread(JSON(array)), JSON(array));
@@ -121,7 +122,11 @@ TEST(PListJSON, WritesValidTextWhateverIsStored) {
                                      {PListData(1e300), "1e+300"},
                                      {PListData(LLONG_MIN), "-9223372036854775808"},
                                      {PListData(IT_INT, "+007"), "7"},
+                                     {PListData(IT_INT, "007"), "7"},
+                                     {PListData(IT_REAL, "-01.50"), "-1.5"},
                                      {PListData(IT_REAL, ".5"), "0.5"},
+                                     {PListData(IT_REAL, "1.e1"), "10.0"},
+                                     {PListData(IT_REAL, "infinity"), "null"},
                                      {PListData(IT_INT, "x"), "null"},
                                      {PListData(IT_REAL, "1e"), "null"},
                                      {PListData(IT_REAL, "-"), "null"},
@@ -218,7 +223,7 @@ TEST(PListJSON, RandomTreesComeBackEqual) {
 
 TEST(PListXML, EscapesAndNamesTypes) {
     PListDict dict;
-    dict.SetValue("<&>", "a<b>&\r\x01\xFF]]>");
+    dict.SetValue("<&>", "a<b>&\r\x01\xFF\uFFFE]]>");
     dict.SetValue("n", 5);
     dict.SetValue("r", 0.5);
     dict.SetValue("t", true);
@@ -227,7 +232,7 @@ TEST(PListXML, EscapesAndNamesTypes) {
     dict.SetItem("l", PListArray());
     EXPECT_EQ(
         dict.CreateXMLElement(),
-        "<dict><key>&lt;&amp;&gt;</key><string>a&lt;b&gt;&amp;&#13;\uFFFD\uFFFD]]&gt;</string>"
+        "<dict><key>&lt;&amp;&gt;</key><string>a&lt;b&gt;&amp;&#13;\uFFFD\uFFFD\uFFFD]]&gt;</string>"
         "<key>n</key><integer>5</integer><key>r</key><real>0.5</real><key>t</key><true/>"
         "<key>d</key><data>AAE=</data><key>null</key><string></string><key>l</key><array></array></dict>");
 }

@@ -89,6 +89,18 @@ TEST(PListCopy, IsSparedWhereNobodyHoldsWhatIsMoved) {
     EXPECT_EQ(JSON(dict), R"({"self":{"free":{"v":1},"held":{"inside":{}}}})");
 }
 
+TEST(PListCopy, EqualsOnlyWhatIsTheSameInTypeTextAndNumber) {
+    const PListDict whole = Dict(R"({"a":[1,[2]],"d":{}})");
+    EXPECT_TRUE(whole == Dict(R"({"d":{},"a":[1,[2]]})"));
+    for (const char* other :
+         {R"({"a":[1,[2]]})", R"({"a":[1,[2]],"d":{},"x":1})", R"({"a":[1,[2]],"e":{}})",
+          R"({"a":["1",[2]],"d":{}})", R"({"a":[1,[2]],"d":[]})", R"({"a":[1],"d":{}})",
+          R"({"a":[1,[2],3],"d":{}})", R"({"a":[1,[]],"d":{}})", R"({"a":[1,2],"d":{}})"}) {
+        EXPECT_FALSE(whole == Dict(other) || Dict(other) == whole) << other;
+    }
+    EXPECT_FALSE(PListData(1) == PListData("1") || PListDict() == PListArray() || PListDict() == PListData());
+}
+
 TEST(PListDict, PointersToItemsStayWhileOthersComeAndGo) {
     PListDict dict;
     auto* first = new PListData(0);

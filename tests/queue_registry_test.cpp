@@ -141,7 +141,8 @@ TEST_F(RegistryTest, ListenersOfAnExistingEventAreAddedAlsoWhenTheEventIsRefused
 
 TEST_F(RegistryTest, ADocumentRoundTripsAndLeavesTheLimits) {
     const PListDict document = Dict(R"({"max_listeners":3,"max_watches":4,"mine":true,
-        "event_list":[{"event_name":"e","listener_list":[{"callback":"/2"},{"callback":"/1"}]}],
+        "event_list":[{"event_name":"e","event_data":{"x":[1]},
+            "listener_list":[{"callback":"/2"},{"callback":"/1","listener_data":{"y":2}}]}],
         "timer_list":[{"event_name":"e","interval_sec":"60"}],
         "watch_list":[{"path":"/tmp","event_name":"e","once":true}]})");
     queue.SetQueueState(document);
@@ -156,11 +157,34 @@ TEST_F(RegistryTest, ADocumentRoundTripsAndLeavesTheLimits) {
     second.SetQueueState(state);  // adds nothing but timers
     PListDict again;
     second.GetQueueState(again);
-    EXPECT_EQ(Entry(again.GetArray("event_list"), 0).GetArray("listener_list").Size(), 2u);
+    for (const PListDict* read : {&state, &again}) {
+        const PListArray& order = Entry(read->GetArray("event_list"), 0).GetArray("listener_list");
+        ASSERT_EQ(order.Size(), 2u);
+        EXPECT_EQ(Entry(order, 0).GetData("callback").Text() + Entry(order, 1).GetData("callback").Text(),
+                  "/2/1");
+    }
+    const PListDict& event = Entry(again.GetArray("event_list"), 0);
+    EXPECT_EQ(Text(event.GetDict("event_data")), R"({"x":[1]})");
+    const PListArray& listeners = event.GetArray("listener_list");
+    EXPECT_FALSE(Entry(listeners, 0).HasItem("listener_data"));
+    EXPECT_EQ(Text(Entry(listeners, 1).GetDict("listener_data")), R"({"y":2})");
     EXPECT_EQ(again.GetArray("timer_list").Size(), 2u);
     EXPECT_EQ(again.GetArray("watch_list").Size(), 1u);
     EXPECT_TRUE(again.GetArray("watch_list") == state.GetArray("watch_list"));
     EXPECT_FALSE(again.HasItem("mine"));
+}
+
+// A timer or a watch never waits for an event that comes later in the same document.
+TEST_F(RegistryTest, ADocumentsEventsAreAppliedBeforeWhatNamesThem) {
+    struct Ordered : EventQueue {
+        Ordered() : EventQueue(500) {}
+        void SetEventState(const PListDict&) override { order += "events "; }
+        void SetTimerState(const PListDict&) override { order += "timers "; }
+        void SetWatchState(const PListDict&) override { order += "watches "; }
+        std::string order;
+    } ordered;
+    static_cast<IEventQueue&>(ordered).SetQueueState(PListDict());
+    EXPECT_EQ(ordered.order, "events timers watches ");
 }
 
 TEST_F(RegistryTest, TheEndPointFollowsTheConfiguration) {

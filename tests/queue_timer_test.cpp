@@ -190,13 +190,16 @@ TEST_F(TimerTest, ADocumentsTimersAreAddedAndBadOnesNamed) {
 }
 
 TEST_F(TimerTest, ACopyKeepsTheId) {
-    const Timer timer("e", 5, Timestamp(), Dict(R"({"x":1})"));
+    Timer timer("e", 5, Timestamp(), Dict(R"({"x":1})"));
+    timer.start_time.AddSeconds(7);
     Timer copy("f", 1, Timestamp());
     EXPECT_FALSE(copy.id == timer.id);
     copy = timer;
     EXPECT_TRUE(copy.id == timer.id && Timer(timer).id == timer.id);
     EXPECT_TRUE(copy.data == timer.data);
     EXPECT_EQ(copy.interval_sec, 5);
+    EXPECT_EQ(copy.event_name, "e");
+    EXPECT_FALSE(copy.start_time < timer.start_time || copy.start_time > timer.start_time);
 }
 
 }  // namespace EventManager

@@ -309,6 +309,14 @@ TEST_P(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {
     EXPECT_EQ(Send("POST", location, R"({"n": 12345678901234})"), 202);
     EXPECT_EQ(last.Body, "{\"event_name\":\"a/b \xC3\xA9\",\"posted\":true}");
     EXPECT_EQ(Send("POST", location), 202);
+    const std::pair<std::string, std::string> escaped[] = {
+        {"%22", R"(\")"}, {"%5C", R"(\\)"}, {"%0A", R"(\n)"}};
+    for (const auto& [segment, json] : escaped) {
+        Call("POST /api/v1/events", R"({"event_name":")" + json + "\"}");
+        EXPECT_EQ(Call("POST /api/v1/events/" + segment), 202);
+        EXPECT_EQ(last.Body, R"({"event_name":")" + json + R"(","posted":true})");
+        EXPECT_EQ(Call("DELETE /api/v1/events/" + segment), 204);
+    }
     EXPECT_EQ(Call("GET /api/v1/history?event_name=a/b+%C3%A9&limit=2"), 200);
     const PListArray history = Body().GetArray("history");
     ASSERT_EQ(history.Size(), 2u);

@@ -81,6 +81,7 @@ TEST(URL, RefusesAndIsLeftEmpty) {
                                     "http://h/%"s,
                                     "http://h/%4"s,
                                     "http://h/%zz"s,
+                                    "http://h/%4g"s,
                                     "http://h?%"s,
                                     "http://h%/"s,
                                     "http://u%@h/"s,
