@@ -1,6 +1,7 @@
 // The embedded interpreter: its start, values, and exceptions in the log. Runs with Python 2.7 and with 3.
 #include "VL_Python.h"
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -70,7 +71,25 @@ long ResidentPages() {
 
 }  // namespace
 
+TEST(PythonTest, OneThatCannotStartSaysSoBeforeTheEnd) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process without an interpreter
+    const auto start = [] {
+        setenv("PYTHONHOME", "/nowhere/to/be/found", 1);
+        InitPython();
+    };
+    EXPECT_EXIT(start(), ::testing::ExitedWithCode(EXIT_FAILURE), "Unable to start the Python interpreter: ");
+}
+
+TEST(PythonTest, AHostThatKeepsTheLibraryToItselfCanImportExtensionModules) {
+    Dl_info init{};
+    ASSERT_NE(dladdr(reinterpret_cast<void*>(&InitPython), &init), 0);
+    const std::string host = std::string(DLOPEN_HOST) + " " + VELMORA_LIBRARY + " " + init.dli_sname;
+    EXPECT_EQ(system((host + " 'import _ctypes, _json'").c_str()), 0);
+}
+
 TEST(PythonTest, StartsOnceFromManyThreadsAndLeavesTheProcessAlone) {
+    for (const int number : {SIGINT, SIGPIPE, SIGTERM}) signal(number, SIG_DFL);  // whatever was inherited
+    setenv("PYTHONUTF8", "0", 1);
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([] {
@@ -89,6 +108,7 @@ TEST(PythonTest, StartsOnceFromManyThreadsAndLeavesTheProcessAlone) {
               "['" + folder + "', '/nowhere/first', '/nowhere/second']");
     EXPECT_EQ(Execute("import sys; result = sys.path.count('/nowhere/first')"), "1");
     EXPECT_EQ(Execute("import sys; result = sys.argv"), "['']");
+    EXPECT_EQ(Execute("import sys; result = getattr(sys.flags, 'utf8_mode', 1)"), "1");
     for (const int number : {SIGINT, SIGPIPE, SIGTERM}) {
         struct sigaction action {};
         ASSERT_EQ(sigaction(number, nullptr, &action), 0);
@@ -219,13 +239,28 @@ TEST(PythonTest, ConversionLeavesNoReferenceBehind) {
     EXPECT_LT(ResidentPages() - before, 2000);
 }
 
+TEST(PythonTest, ConversionTakesAndGivesBackEveryReferenceToWhatThereIsOnce) {
+    PListArray array;
+    array.Append(PListData(Velmora::IT_NULL, ""));
+    array.Append(PListData(Velmora::IT_TRUE, ""));
+    array.Append(PListData(Velmora::IT_FALSE, ""));
+    const PythonContextLock held;
+    PyObject* const once[] = {Py_None, Py_True, Py_False};
+    const Py_ssize_t before[] = {Py_REFCNT(Py_None), Py_REFCNT(Py_True), Py_REFCNT(Py_False)};
+    for (int i = 0; i < 1000; ++i) {
+        PyObject* value = PyObject_FromPListItem(array);
+        Py_XDECREF(value);
+    }
+    for (int i = 0; i < 3; ++i) EXPECT_LT(std::abs(Py_REFCNT(once[i]) - before[i]), 100) << i;
+}
+
 TEST(PythonTest, EveryExceptionIsOneEntryAndEndsNothing) {
     const std::vector<std::pair<const char*, const char*>> cases = {
         {"raise ValueError('of no value')", "ValueError: of no value"},
         {"import sys; sys.exit(3)", "SystemExit: 3"},
         {"raise KeyboardInterrupt", "KeyboardInterrupt"},
         {"def f(: pass", "SyntaxError: invalid syntax"},
-        {"raise Exception(u'\\ud800 \\xfc')", "Exception: "},
+        {"raise Exception(u'\\ud800 \\xfc said')", " said"},
         {"raise Exception('a\\0b')", "Exception: a\\x00b"},
         {"class E(Exception):\n    def __str__(self): raise KeyError\nraise E", "E"},
         {"class E(Exception):\n    def __str__(self): raise SystemExit\nraise E", "E"},

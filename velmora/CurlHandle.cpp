@@ -1,5 +1,7 @@
 #include "CurlHandle.h"
 
+#include <openssl/crypto.h>
+
 #include <array>
 #include <cstddef>
 #include <functional>
@@ -9,6 +11,10 @@
 namespace Velmora {
 
 namespace {
+
+/// A program may end while callers are under way: OpenSSL must not be taken down under their threads. Said
+/// when the library is loaded, since whoever uses OpenSSL first in a process decides.
+[[maybe_unused]] const int openssl_stays = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
 /// libcurl and TLS set up, once and thread-safely. Never undone: detached threads may outlive main().
 void init_curl() {

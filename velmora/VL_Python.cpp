@@ -1,5 +1,6 @@
 #include "VL_Python.h"
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <climits>
@@ -48,11 +49,23 @@ PyObject* PathText(const std::string& path) {
 
 // ---- Start ----
 
+/// Python's extension modules expect the interpreter among the symbols that all of the process sees. Where a
+/// program has loaded this library for itself alone (RTLD_LOCAL), it is not there yet.
+void MakeInterpreterGlobal() {
+    Dl_info library{};
+    if (dladdr(reinterpret_cast<void*>(&Py_IsInitialized), &library) == 0) return;
+    // Null where the interpreter is part of the program itself, whose symbols are global.
+    (void)dlopen(library.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_GLOBAL);
+}
+
+[[noreturn]] void GiveUp(const char* reason) {
+    DefaultLogSink().Crit("Unable to start the Python interpreter: %s\n", reason);
+    std::exit(EXIT_FAILURE);
+}
+
 #if PY_MAJOR_VERSION >= 3
 [[noreturn]] void GiveUp(const PyStatus& status) {
-    DefaultLogSink().Crit("Unable to start the Python interpreter: %s\n",
-                          status.err_msg ? status.err_msg : "no reason given");
-    std::exit(EXIT_FAILURE);
+    GiveUp(status.err_msg ? status.err_msg : "no reason given");
 }
 
 /// Python is kept from changing the process around it: no signal handlers, no locale, no settings of C's own
@@ -94,7 +107,15 @@ void StartInterpreter() {
     static char no_script[] = "";
     static char* arguments[] = {no_script};
     Py_SetProgramName(program);
+    // This Python ends the process itself where it cannot load its standard modules; "site" needs the rest of
+    // them, so it is loaded here, where the log can still be told.
+    Py_NoSiteFlag = 1;
     Py_InitializeEx(0);
+    Py_NoSiteFlag = 0;
+    if (!PyRef(PyImport_ImportModule("site"))) {
+        mr_log_python_exception(Mirel::LOG_ERROR);
+        GiveUp("its standard modules cannot be loaded");
+    }
     PyEval_InitThreads();
     PySys_SetArgvEx(1, arguments, 0);  // many modules expect sys.argv to be there
 }
@@ -110,6 +131,7 @@ void StartOnce() {
     static std::once_flag started;
     std::call_once(started, [] {
         if (Py_IsInitialized()) return;  // the program's own: used as it is
+        MakeInterpreterGlobal();
         StartInterpreter();
         PrintByLine();
         PyEval_SaveThread();
