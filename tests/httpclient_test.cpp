@@ -1,7 +1,11 @@
 // The HTTP(S) client and the background caller, against servers that answer, fail and misbehave.
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <openssl/x509.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -30,12 +34,24 @@ std::mutex gate_lock;
 std::condition_variable gate_opened;
 bool gate_open = false;
 
+/// Every certificate's chain is taken for a good one: what remains is whose certificate it is.
+std::atomic<bool> chains_are_good{false};
+
 }  // namespace
 
 extern "C" MR_EXPORT int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**) {
     std::unique_lock<std::mutex> lock(gate_lock);
     gate_opened.wait(lock, [] { return gate_open; });
     return EAI_NONAME;
+}
+
+extern "C" MR_EXPORT int X509_verify_cert(X509_STORE_CTX* context) {
+    static const auto verify =
+        reinterpret_cast<int (*)(X509_STORE_CTX*)>(dlsym(RTLD_NEXT, "X509_verify_cert"));
+    const int good = verify(context);
+    if (!chains_are_good) return good;
+    X509_STORE_CTX_set_error(context, X509_V_OK);
+    return 1;
 }
 
 namespace {
@@ -114,12 +130,6 @@ TEST(Client, EveryWholeAnswerIsASuccess) {
         {201, HttpTestServer::Sends(
                   "HTTP/1.1 201 Created\r\nTransfer-Encoding: chunked\r\n\r\n1\r\nx\r\n0\r\n\r\n")},
         {200, HttpTestServer::Sends("HTTP/1.0 200 OK\r\n\r\nuntil the end")},
-        {200,
-         [](TestConnection& connection) {  // an endless body
-             connection.ReadRequest();
-             connection.Write("HTTP/1.1 200 OK\r\n\r\n");
-             while (connection.Write(std::string(65536, 'x'))) continue;
-         }},
     };
     for (const auto transport : {HttpTestServer::Plain, HttpTestServer::Tls}) {
         for (const auto& [status, script] : cases) {
@@ -137,6 +147,69 @@ TEST(Client, EveryWholeAnswerIsASuccess) {
         }
     }
     EXPECT_TRUE(elsewhere.Requests().empty());
+}
+
+TEST(Client, ABodyIsReadUpToTheLimitAndThenCutOff) {
+    constexpr std::size_t limit = TLSHTTPRequestHandle::ResponseBodyLimit;
+    std::atomic<std::size_t> taken{0};
+    const auto sends = [&taken](std::size_t size) {
+        return [&taken, size](TestConnection& connection) {
+            connection.ReadRequest();
+            connection.Write("HTTP/1.1 200 OK\r\n\r\n");
+            constexpr std::size_t piece = 65536;
+            for (taken = 0;
+                 taken < size && connection.Write(std::string(std::min(piece, size - taken), 'x'));)
+                taken += std::min(piece, size - taken);
+        };
+    };
+    for (const auto transport : {HttpTestServer::Plain, HttpTestServer::Tls}) {
+        Client client;
+        {
+            HttpTestServer whole(sends(limit), transport);
+            EXPECT_STREQ(client.Get(whole.Url()).Message(), Mirel::RESULT_OK.Message());
+        }
+        EXPECT_EQ(taken, limit);
+        {
+            HttpTestServer endless(sends(SIZE_MAX), transport);
+            const Result_t result = client.Get(endless.Url());
+            EXPECT_EQ(result, Mirel::RESULT_OK);
+            EXPECT_STREQ(result.Message(), "Answered; the response body was cut off at the limit.");
+        }
+        EXPECT_EQ(client.Status(), STATUS_200_OK);
+        EXPECT_LT(taken, 16 * limit);  // what sockets hold included
+    }
+}
+
+TEST(Client, ACertificateMustBeTheServersOwn) {
+    HttpTestServer server(HttpTestServer::Answers("200 OK"), HttpTestServer::Tls);  // for localhost
+    const std::string named = "https://localhost:" + std::to_string(server.Port());
+    Client client;
+    client.VerifyPeer(true);
+    EXPECT_EQ(client.Get(named), Mirel::RESULT_NETWORK);
+    chains_are_good = true;
+    EXPECT_EQ(client.Get(named), Mirel::RESULT_OK) << last_outcome().Reason;
+    EXPECT_EQ(client.Get(server.Url()), Mirel::RESULT_NETWORK);
+    chains_are_good = false;
+    EXPECT_EQ(last_outcome().Failure, RequestFailure::TLS);
+    std::size_t whole_requests = 0;
+    for (const std::string& request : server.Requests()) whole_requests += !request.empty();
+    EXPECT_EQ(whole_requests, 1u);
+}
+
+TEST(Client, AsksNoProxyOfTheEnvironment) {
+    HttpTestServer proxy(HttpTestServer::Answers("502 Bad Gateway"));
+    for (const char* name : {"http_proxy", "https_proxy", "all_proxy", "ALL_PROXY", "HTTPS_PROXY"}) {
+        setenv(name, proxy.Url().c_str(), 1);
+    }
+    for (const auto transport : {HttpTestServer::Plain, HttpTestServer::Tls}) {
+        HttpTestServer server(HttpTestServer::Answers("200 OK"), transport);
+        Client client;
+        EXPECT_EQ(client.Get(server.Url()), Mirel::RESULT_OK);
+        EXPECT_EQ(client.Status(), STATUS_200_OK);
+    }
+    for (const char* name : {"http_proxy", "https_proxy", "all_proxy", "ALL_PROXY", "HTTPS_PROXY"})
+        unsetenv(name);
+    EXPECT_TRUE(proxy.Requests().empty());
 }
 
 std::string refusing_url() {
@@ -302,6 +375,19 @@ TEST(BackgroundCaller, PerformsItsRequestUnderItsSettings) {
     EXPECT_EQ(nowhere.Result(), Mirel::RESULT_PARAM);
 }
 
+/// The connections that a program which is started now would inherit.
+int inherited_connections() {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int descriptor = std::stoi(entry.path().filename());
+        int domain = AF_UNSPEC;
+        socklen_t size = sizeof domain;
+        if (getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain == AF_UNIX) continue;
+        if ((fcntl(descriptor, F_GETFD) & FD_CLOEXEC) == 0) ++count;
+    }
+    return count;
+}
+
 TEST(BackgroundCaller, StopAndDestructionLetTheRequestEnd) {
     std::atomic<bool> asked{false}, stopped{false};
     HttpTestServer server([&](TestConnection& connection) {
@@ -316,11 +402,29 @@ TEST(BackgroundCaller, StopAndDestructionLetTheRequestEnd) {
         caller.Timeout_ms(20000);
         ASSERT_EQ(caller.Start("caller"), Mirel::RESULT_OK);
         ASSERT_TRUE(Eventually([&] { return asked.load(); }));
+        EXPECT_EQ(inherited_connections(), 0);
         EXPECT_EQ(caller.Stop(0, true), Mirel::RESULT_TIMEOUT);
         EXPECT_FALSE(caller.IsFinished());
         stopped = true;
     }
     EXPECT_EQ(GetRequestCounters().AnsweredByClass[2], answered + 1);
+}
+
+TEST(BackgroundCaller, AProgramMayEndWhileCallsAreUnderWay) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto end_amid_handshakes = [] {
+        HttpTestServer server(HttpTestServer::Answers("200 OK"), HttpTestServer::Tls);
+        std::atomic<int> answered{0};
+        for (int i = 0; i < 16; ++i) {
+            std::thread([url = server.Url(), &answered] {
+                for (Client client;;) answered += client.Get(url).Success();
+            }).detach();
+        }
+        Eventually([&] { return answered > 32; });
+        std::exit(EXIT_SUCCESS);
+    };
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EXIT(end_amid_handshakes(), ::testing::ExitedWithCode(EXIT_SUCCESS), "");
 }
 
 /// Leaves the process only a few more descriptors than it has.
