@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
@@ -20,6 +19,7 @@
 namespace Server {
 
 namespace asio = boost::asio;
+using Velmora::StreamState;
 
 namespace {
 
@@ -29,15 +29,16 @@ constexpr std::size_t DrainBytes = 16u << 20;
 
 }  // namespace
 
-Connection::Connection(ConnectionShared& shared, int descriptor)
+Connection::Connection(ConnectionShared& shared, Velmora::SocketStream stream)
     : m_Shared(shared),
-      m_Life(descriptor),
-      m_Stream(descriptor, shared.Identity.get()),
-      m_Input(shared.Options.HeaderLimit, shared.Options.BodyLimit) {}
+      m_Life(stream.Descriptor()),
+      m_Stream(std::move(stream)),
+      m_Input(shared.Options.HeaderLimit, shared.Options.BodyLimit) {
+    if (shared.Identity) shared.Identity->Secure(m_Stream);
+}
 
 Connection::~Connection() {
     Deregister();
-    if (m_Owning) close(m_Life.Descriptor);
 }
 
 void Connection::Open() {
@@ -136,17 +137,11 @@ Connection::Next Connection::Proceed() {
 }
 
 Connection::Next Connection::Handshake() {
-    switch (m_Stream.Handshake().Status) {
-        case IoStatus::Done:
-            Idle();
-            return Next::Again;
-        case IoStatus::WantRead:
-            return Next::Read;
-        case IoStatus::WantWrite:
-            return Next::Write;
-        default:
-            return Next::Gone;
-    }
+    const StreamState state = m_Stream.Handshake();
+    if (state == StreamState::Blocked) return Blocked(false);
+    if (state != StreamState::Moved) return Next::Gone;
+    Idle();
+    return Next::Again;
 }
 
 void Connection::Idle() {
@@ -179,18 +174,16 @@ Connection::Next Connection::Receive() {
     if (!m_Readable) return Next::Read;
     m_Input.MakeRoom();
     const std::size_t room = m_Input.Room();
-    const IoResult result = m_Stream.Read(m_Input.Free(), room);
-    switch (result.Status) {
-        case IoStatus::Done:
-            m_Input.Commit(result.Bytes);
+    std::size_t bytes = 0;
+    switch (m_Stream.Read(m_Input.Free(), room, bytes)) {
+        case StreamState::Moved:
+            m_Input.Commit(bytes);
             // A socket that gave less than was asked for is empty; what TLS still holds is not told.
-            m_Readable = result.Bytes == room || m_Stream.Secure();
+            m_Readable = bytes == room || m_Stream.IsSecure();
             return Next::Again;
-        case IoStatus::WantRead:
+        case StreamState::Blocked:
             m_Readable = false;
-            return Next::Read;
-        case IoStatus::WantWrite:
-            return Next::Write;
+            return Blocked(false);
         default:
             return EndOfInput();
     }
@@ -207,14 +200,18 @@ Connection::Next Connection::EndOfInput() {
 
 // Writes what is to go out.
 Connection::Next Connection::Flush() {
-    const IoStatus status = m_Output.Write(m_Stream);
-    if (status == IoStatus::Done) return AllWritten();
-    if (status == IoStatus::Closed || status == IoStatus::Failed) return Next::Gone;
+    const StreamState state = m_Output.Write(m_Stream);
+    if (state == StreamState::Moved) return AllWritten();
+    if (state != StreamState::Blocked) return Next::Gone;
     // The peer has to go on taking it.
     if (m_Output.Progressed() || m_Life.Now.load(std::memory_order_relaxed) != Phase::Writing) {
         m_Life.Enter(Phase::Writing, m_Shared.Options.RequestTimeout_ms);
     }
-    return status == IoStatus::WantRead ? Next::Read : Next::Write;
+    return Blocked(true);
+}
+
+Connection::Next Connection::Blocked(bool writing) const {
+    return m_Stream.WaitsForRoom(writing) ? Next::Write : Next::Read;
 }
 
 Connection::Next Connection::AllWritten() {
@@ -240,17 +237,17 @@ Connection::Next Connection::AllWritten() {
 void Connection::HandOver() {
     const std::string peer = m_Stream.Peer();
     Deregister();
-    m_Owning = false;
-    HandOverToFeed(m_Life.Descriptor, m_Stream.ReleaseTls(), peer, m_Input.Rest());
+    HandOverToFeed(std::move(m_Stream), peer, m_Input.Rest());
 }
 
 // Waits for the peer to close, so that it is not told of a reset before it has read the answer.
 Connection::Next Connection::Drain() {
     for (;;) {
-        const IoResult result = m_Stream.Discard();
-        if (result.Status == IoStatus::WantRead) return Next::Read;
-        if (result.Status != IoStatus::Done) return Next::Gone;
-        m_Drained += result.Bytes;
+        std::size_t bytes = 0;
+        const StreamState state = m_Stream.Discard(bytes);
+        if (state == StreamState::Blocked) return Next::Read;
+        if (state != StreamState::Moved) return Next::Gone;
+        m_Drained += bytes;
         if (m_Drained > DrainBytes) return Next::Gone;
     }
 }
@@ -262,9 +259,8 @@ void Connection::Deregister() {
 
 namespace {
 
-void serve_connection(ConnectionShared& shared, int descriptor, bool& taken_over) {
-    auto connection = std::make_unique<Connection>(shared, descriptor);
-    taken_over = true;
+void serve_connection(ConnectionShared& shared, Velmora::SocketStream stream) {
+    auto connection = std::make_unique<Connection>(shared, std::move(stream));
     connection->Open();
     // Not here and now: a request that blocks would keep the next connections from being accepted.
     asio::post(shared.Io,
@@ -272,7 +268,7 @@ void serve_connection(ConnectionShared& shared, int descriptor, bool& taken_over
 }
 
 // More connections than may be: said in one write where that can be done, for there is no place to wait.
-void refuse_connection(ConnectionShared& shared, int descriptor) {
+void refuse_connection(ConnectionShared& shared, const Velmora::SocketStream& stream) {
     shared.RefusedConnections.fetch_add(1, std::memory_order_relaxed);
     if (!shared.Identity) {
         HttpResponse response = Problem(Velmora::STATUS_503_NO_SERVICE, "Too many connections; try again.");
@@ -280,7 +276,8 @@ void refuse_connection(ConnectionShared& shared, int descriptor) {
         std::string text;
         AppendReplyHead(text, response, {.KeepAlive = false});
         text.append(response.Body);
-        if (send(descriptor, text.data(), text.size(), MSG_NOSIGNAL) > 0) shutdown(descriptor, SHUT_WR);
+        if (send(stream.Descriptor(), text.data(), text.size(), MSG_NOSIGNAL) > 0)
+            shutdown(stream.Descriptor(), SHUT_WR);
     }
 }
 
@@ -295,21 +292,19 @@ ConnectionShared::ConnectionShared(const HttpServerOptions& options, HttpHandler
            {[&io] { io.run(); }, [&io](std::function<void()> call) { asio::post(io, std::move(call)); }}),
       Poll(io) {}
 
-void ServeConnection(ConnectionShared& shared, int descriptor) {
+void ServeConnection(ConnectionShared& shared, Velmora::SocketStream stream) {
     const int on = 1;
-    setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(stream.Descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     shared.Accepted.fetch_add(1, std::memory_order_relaxed);
-    bool taken_over = false;
     try {
         if (shared.Registry.Size() < shared.Options.MaxConnections) {
-            serve_connection(shared, descriptor, taken_over);
+            serve_connection(shared, std::move(stream));
         } else {
-            refuse_connection(shared, descriptor);
+            refuse_connection(shared, stream);
         }
     } catch (const std::exception& failure) {
         Mirel::DefaultLogSink().Error("Cannot serve a connection: %s\n", failure.what());
     }
-    if (!taken_over) close(descriptor);
 }
 
 }  // namespace Server

@@ -8,10 +8,10 @@
 #include "Access.h"
 #include "AdmissionCrew.h"
 #include "ConnectionRegistry.h"
-#include "ConnectionStream.h"
 #include "Http.h"
 #include "HttpServer.h"
 #include "SocketPoll.h"
+#include "TlsIdentity.h"
 
 namespace boost::asio {
 class io_context;
@@ -43,7 +43,7 @@ struct ConnectionShared {
     std::atomic<Mirel::ui64_t> RefusedConnections{0};
 };
 
-/// Serves the connected, non-blocking socket, which it takes over, until its end. On a thread of the crew.
-void ServeConnection(ConnectionShared& shared, int descriptor);
+/// Serves the connected, non-blocking socket until its end. On a thread of the crew.
+void ServeConnection(ConnectionShared& shared, Velmora::SocketStream stream);
 
 }  // namespace Server

@@ -4,6 +4,8 @@
 
 namespace Server {
 
+using Velmora::StreamState;
+
 namespace {
 
 constexpr std::size_t CopiedBody = 16u << 10;
@@ -37,7 +39,7 @@ void ConnectionOutput::Clear() {
     m_Written = m_Noted = 0;
 }
 
-IoStatus ConnectionOutput::Write(ConnectionStream& stream) {
+StreamState ConnectionOutput::Write(Velmora::SocketStream& stream) {
     while (!WrittenWhole()) {
         iovec pieces[2];
         std::size_t count = 0;
@@ -48,12 +50,13 @@ IoStatus ConnectionOutput::Write(ConnectionStream& stream) {
             const std::size_t sent = m_Written > m_Text.size() ? m_Written - m_Text.size() : 0;
             pieces[count++] = {const_cast<char*>(body.data()) + sent, body.size() - sent};
         }
-        const IoResult result = stream.Write(pieces, count);
-        if (result.Status != IoStatus::Done) return result.Status;
-        m_Written += result.Bytes;
+        std::size_t written = 0;
+        const StreamState state = stream.Write(pieces, count, written);
+        if (state != StreamState::Moved) return state;
+        m_Written += written;
     }
     Clear();
-    return IoStatus::Done;
+    return StreamState::Moved;
 }
 
 bool ConnectionOutput::Progressed() {

@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "ConnectionReply.h"
-#include "ConnectionStream.h"
 #include "Http.h"
+#include "VL_Socket.h"
 
 namespace Server {
 
@@ -26,8 +26,8 @@ class ConnectionOutput {
     /// Whether it is to be written before anything is added.
     bool Full() const { return m_Large || m_Text.size() >= Batch; }
 
-    /// Writes on; Done once everything is written and the output is empty again.
-    IoStatus Write(ConnectionStream& stream);
+    /// Writes on; Moved once everything is written and the output is empty again.
+    Velmora::StreamState Write(Velmora::SocketStream& stream);
 
     /// Whether a good part was written since this was asked last.
     bool Progressed();

@@ -8,7 +8,6 @@
 #include "Connection.h"
 #include "ConnectionInput.h"
 #include "ConnectionOutput.h"
-#include "ConnectionStream.h"
 
 namespace Server {
 
@@ -19,8 +18,7 @@ class Connection : public AdmissionWaiter, public SocketWaiter {
     using Owner = std::unique_ptr<Connection>;
     using Phase = ConnectionLife::Phase;
 
-    /// Takes the descriptor over.
-    Connection(ConnectionShared& shared, int descriptor);
+    Connection(ConnectionShared& shared, Velmora::SocketStream stream);
     ~Connection() override;
     /// To be called once, before Run(). Throws where the system refuses.
     void Open();
@@ -42,6 +40,7 @@ class Connection : public AdmissionWaiter, public SocketWaiter {
     Next Receive();
     Next EndOfInput();
     Next Flush();
+    Next Blocked(bool writing) const;
     Next AllWritten();
     void HandOver();
     Next Drain();
@@ -65,10 +64,9 @@ class Connection : public AdmissionWaiter, public SocketWaiter {
 
     ConnectionShared& m_Shared;
     ConnectionLife m_Life;
-    ConnectionStream m_Stream;
+    Velmora::SocketStream m_Stream;
     ConnectionInput m_Input;
     ConnectionOutput m_Output;
-    bool m_Owning = true;  // the descriptor
     bool m_Registered = false;
     bool m_Polled = false;
     std::size_t m_PollPlace = 0;  // while it is

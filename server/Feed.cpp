@@ -2,6 +2,8 @@
 
 #include <openssl/evp.h>
 
+#include <utility>
+
 #include "Access.h"
 #include "EventManager.h"
 #include "VL_WebSocket.h"
@@ -62,9 +64,8 @@ std::string SwitchingProtocols(const RequestHead& head) {
     return text.append("\r\n");
 }
 
-void HandOverToFeed(int descriptor, ssl_st* tls, const std::string& peer, std::string_view received) {
-    Velmora::TCPSession session = tls ? Velmora::TCPSession::WebSocket(descriptor, tls, peer, received)
-                                      : Velmora::TCPSession::WebSocket(descriptor, peer, received);
+void HandOverToFeed(Velmora::SocketStream stream, const std::string& peer, std::string_view received) {
+    Velmora::TCPSession session = Velmora::TCPSession::WebSocket(std::move(stream), peer, received);
     EventManager::GlobalEventQueue().AdoptWsClient(session);
 }
 

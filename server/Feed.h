@@ -7,8 +7,7 @@
 
 #include "ConnectionParser.h"
 #include "Http.h"
-
-struct ssl_st;
+#include "VL_Socket.h"
 
 namespace Server {
 
@@ -20,9 +19,8 @@ std::optional<HttpResponse> RefuseUpgrade(const RequestHead& head);
 /// The answer 101 to a proper one, whole.
 std::string SwitchingProtocols(const RequestHead& head);
 
-/// Hands the connection to the live queue, which sends it every posting from now on. Takes the descriptor and
-/// `tls` (null: a plain connection) over; `received` is what the client has sent behind its request. The
-/// connection is closed where there is no queue to take it.
-void HandOverToFeed(int descriptor, ssl_st* tls, const std::string& peer, std::string_view received);
+/// Hands the connection to the live queue, which sends it every posting from now on; `received` is what the
+/// client has sent behind its request. The connection is closed where there is no queue to take it.
+void HandOverToFeed(Velmora::SocketStream stream, const std::string& peer, std::string_view received);
 
 }  // namespace Server

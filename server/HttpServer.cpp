@@ -142,7 +142,7 @@ void HttpServer::Impl::AcceptConnections() {
         const int descriptor =
             accept4(m_Acceptor->native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (descriptor >= 0) {
-            ServeConnection(m_Shared, descriptor);
+            ServeConnection(m_Shared, Velmora::SocketStream(descriptor));
             continue;
         }
         // A client that has gone again while it waited is no reason to stop.

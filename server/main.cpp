@@ -18,12 +18,12 @@
 
 #include "CommandLine.h"
 #include "Config.h"
-#include "ConnectionStream.h"
 #include "EventManager.h"
 #include "HttpServer.h"
 #include "MR_log.h"
 #include "Router.h"
 #include "StateFile.h"
+#include "TlsIdentity.h"
 #include "VL_HTTP.h"
 #include "VL_WebSocket.h"
 

@@ -3,7 +3,6 @@
 #include "WebSocketClient.cpp"
 #include "WebSocketFrame.cpp"
 #include "WebSocketLog.cpp"
-#include "WebSocketStream.cpp"
 
 #include <optional>
 #include <vector>
@@ -24,7 +23,7 @@ class FeedClientTest : public ::testing::Test {
     SocketClient& Join() {
         const auto [server, other] = Testing::Connected(false);
         peer = other;
-        client.emplace(frames, Stream(server, nullptr), "peer", "", limits);
+        client.emplace(frames, SocketStream(server), "peer", "", limits);
         EXPECT_TRUE(client->Begin(now));
         return *client;
     }

@@ -22,14 +22,13 @@ TCPSession& TCPSession::operator=(TCPSession&&) noexcept = default;
 TCPSession::~TCPSession() = default;
 
 TCPSession TCPSession::WebSocket(int descriptor, const std::string& peer, std::string_view received) {
-    return WebSocket(descriptor, nullptr, peer, received);
+    return WebSocket(SocketStream(descriptor), peer, received);
 }
 
-TCPSession TCPSession::WebSocket(int descriptor, ssl_st* tls, const std::string& peer,
-                                 std::string_view received) {
+TCPSession TCPSession::WebSocket(SocketStream stream, const std::string& peer, std::string_view received) {
     TCPSession session;
     session.m_Connection = std::make_unique<Feed::Connection>();
-    session.m_Connection->Socket = Feed::Stream(descriptor, tls);
+    session.m_Connection->Socket = std::move(stream);
     session.m_Connection->Name = peer;
     session.m_Connection->Received = received;
     return session;

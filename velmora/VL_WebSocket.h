@@ -8,8 +8,7 @@
 
 #include "MR_types.h"
 #include "VL_PList.h"
-
-struct ssl_st;  // OpenSSL's SSL
+#include "VL_Socket.h"
 
 namespace Velmora {
 
@@ -42,13 +41,11 @@ class MR_EXPORT TCPSession {
     TCPSession& operator=(TCPSession&&) noexcept;
     ~TCPSession();
 
-    /// A WebSocket connection (RFC 6455, no extensions) whose handshake is done, on a connected stream socket
-    /// that the session takes over. `peer` names the client in the log; `received` is what was already read
-    /// behind the handshake.
+    /// A WebSocket connection (RFC 6455, no extensions) whose handshake is done, in plain or over TLS. `peer`
+    /// names the client in the log; `received` is what was already read behind the handshake.
+    static TCPSession WebSocket(SocketStream stream, const std::string& peer, std::string_view received = {});
+    /// The same on a connected stream socket that the session takes over.
     static TCPSession WebSocket(int descriptor, const std::string& peer, std::string_view received = {});
-    /// The same over TLS: `tls` (taken over) is connected and does its I/O on `descriptor`.
-    static TCPSession WebSocket(int descriptor, ssl_st* tls, const std::string& peer,
-                                std::string_view received = {});
     /// A reader inside the process.
     static TCPSession Reader(std::unique_ptr<BroadcastReader> reader, const std::string& name);
 

@@ -8,17 +8,17 @@
 #include <vector>
 
 #include "MR_mutex.h"
+#include "VL_Socket.h"
 #include "VL_WebSocket.h"
 #include "WebSocketClient.h"
 #include "WebSocketLog.h"
 #include "WebSocketLoop.h"
-#include "WebSocketStream.h"
 
 namespace Velmora::Feed {
 
 /// What a TCPSession holds: a WebSocket connection, or a reader.
 struct Connection {
-    Stream Socket;
+    SocketStream Socket;
     std::string Received;
     std::unique_ptr<BroadcastReader> Reader;  // null for a WebSocket connection
     std::string Name;

@@ -33,7 +33,7 @@ bool FeedClient::GoOn(const LogEnd& end) {
     return !at_end || m_Log.Advance(m_Cursor);
 }
 
-SocketClient::SocketClient(FrameLog& log, Stream stream, std::string peer, std::string received,
+SocketClient::SocketClient(FrameLog& log, SocketStream stream, std::string peer, std::string received,
                            const ClientLimits& limits)
     : FeedClient(log, std::move(peer)),
       m_Limits(limits),

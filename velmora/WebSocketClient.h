@@ -10,10 +10,10 @@
 #include <string>
 #include <string_view>
 
+#include "VL_Socket.h"
 #include "VL_WebSocket.h"
 #include "WebSocketFrame.h"
 #include "WebSocketLog.h"
-#include "WebSocketStream.h"
 
 namespace Velmora::Feed {
 
@@ -87,7 +87,7 @@ class FeedClient {
 /// A WebSocket connection.
 class SocketClient final : public FeedClient {
   public:
-    SocketClient(FrameLog& log, Stream stream, std::string peer, std::string received,
+    SocketClient(FrameLog& log, SocketStream stream, std::string peer, std::string received,
                  const ClientLimits& limits);
 
     bool Begin(Time now) override;
@@ -130,7 +130,7 @@ class SocketClient final : public FeedClient {
     void Drop(const char* why);
 
     const ClientLimits m_Limits;
-    Stream m_Stream;
+    SocketStream m_Stream;
     FrameParser m_Parser;
     std::string m_Received;  // before the client was adopted; empty once read
     Phase m_Phase = Phase::Open;

@@ -97,8 +97,10 @@ class Peer {
 
     /// What the server is handed.
     Velmora::TCPSession Session(std::string_view received = {}, const std::string& name = "peer") {
-        return m_ServerTLS ? Velmora::TCPSession::WebSocket(m_Server, m_ServerTLS, name, received)
-                           : Velmora::TCPSession::WebSocket(m_Server, name, received);
+        if (!m_ServerTLS) return Velmora::TCPSession::WebSocket(m_Server, name, received);
+        Velmora::SocketStream stream(m_Server);
+        stream.Secure(m_ServerTLS);
+        return Velmora::TCPSession::WebSocket(std::move(stream), name, received);
     }
 
     void HangUp() {
