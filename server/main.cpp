@@ -1,6 +1,4 @@
 // velmora-server: starts everything in order, waits for a signal, and ends everything in order.
-#include "VL_Python.h"
-// (Python wants to be first)
 #include <malloc.h>
 #include <semaphore.h>
 #include <signal.h>
@@ -25,6 +23,7 @@
 #include "StateFile.h"
 #include "TlsIdentity.h"
 #include "VL_HTTP.h"
+#include "VL_Python.h"
 #include "VL_WebSocket.h"
 
 namespace {

@@ -1,7 +1,8 @@
 // The event manager: records, the live queue and its worker, and the process-wide functions, in the header's
 // order.
-#include "VL_Python.h"
-
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+// (Python wants to be first)
 #include "EventManager.h"
 
 #include <fcntl.h>
@@ -25,6 +26,7 @@
 
 #include "LocalAccessManager.h"
 #include "MR_log.h"
+#include "VL_Python.h"
 #include "VL_Socket.h"
 
 namespace EventManager {

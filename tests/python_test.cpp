@@ -1,4 +1,7 @@
 // The embedded interpreter: its start, values, and exceptions in the log. Runs with Python 2.7 and with 3.
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+// (Python wants to be first)
 #include "VL_Python.h"
 
 #include <dlfcn.h>

@@ -1,4 +1,7 @@
 // Posting: payloads, Python handlers, HTTP callers and the broadcast.
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+// (Python wants to be first)
 #include "VL_Python.h"
 
 #include <dlfcn.h>

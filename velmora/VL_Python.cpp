@@ -1,3 +1,6 @@
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+// (Python wants to be first)
 #include "VL_Python.h"
 
 #include <dlfcn.h>
@@ -206,7 +209,7 @@ PythonContextLock::PythonContextLock() {
 }
 
 PythonContextLock::~PythonContextLock() {
-    PyGILState_Release(m_State);
+    PyGILState_Release(static_cast<PyGILState_STATE>(m_State));
 }
 
 // ---- Values ----

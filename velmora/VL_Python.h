@@ -1,8 +1,6 @@
-// The embedded Python interpreter. Include this before any standard header (Python's own rule).
+// The embedded Python interpreter. Needs no header of Python's; who calls Python itself includes Python.h,
+// before any standard header (Python's own rule).
 #pragma once
-
-#define PY_SSIZE_T_CLEAN
-#include <Python.h>
 
 #include <string>
 #include <vector>
@@ -10,6 +8,10 @@
 #include "MR_log.h"
 #include "MR_types.h"
 #include "VL_PList.h"
+
+struct _object;
+/// Python's object, as Python.h has it as well.
+using PyObject = _object;
 
 /// Starts the interpreter, once: further calls only add directories. No signal handlers are installed, the
 /// process's locale stays as it is, and the interpreter lock is free when the call returns. `directories`
@@ -33,7 +35,7 @@ class MR_EXPORT PythonContextLock {
     PythonContextLock& operator=(const PythonContextLock&) = delete;
 
   private:
-    PyGILState_STATE m_State;
+    int m_State;  // Python's PyGILState_STATE
 };
 
 /// A new Python object with the item's value: dict, list, str, int (long where an int of Python 2 is too

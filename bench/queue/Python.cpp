@@ -1,4 +1,7 @@
 // A Python listener beside what it cannot do without.
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+// (Python wants to be first)
 #include "VL_Python.h"
 
 #include <fstream>
