@@ -53,6 +53,19 @@ function(velmora_library name)
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/EventManager>)
 endfunction()
 
+# velmora_looks_into_server(RESULT SOURCE): whether a test's, benchmark's or fuzz target's source includes headers of the
+# server.
+function(velmora_looks_into_server result source)
+  set(${result} FALSE PARENT_SCOPE)
+  file(STRINGS ${source} includes REGEX "^#include \"")
+  foreach(include IN LISTS includes)
+    string(REGEX REPLACE ".*\"(.*)\".*" "\\1" header "${include}")
+    if(EXISTS ${PROJECT_SOURCE_DIR}/server/${header})
+      set(${result} TRUE PARENT_SCOPE)
+    endif()
+  endforeach()
+endfunction()
+
 # velmora_link_what_it_includes(TARGET SOURCE): the module and the server's parts for a test, benchmark or fuzz target whose
 # source includes their headers. One that has the module's source inside, to reach what is local to it, is not linked
 # with the module as well.
@@ -63,11 +76,8 @@ function(velmora_link_what_it_includes target source)
   elseif(includes MATCHES "EventManager\\.h|QueueProbe\\.h")
     target_link_libraries(${target} PRIVATE EventManager)
   endif()
-  foreach(include IN LISTS includes)
-    string(REGEX REPLACE ".*\"(.*)\".*" "\\1" header "${include}")
-    if(EXISTS ${PROJECT_SOURCE_DIR}/server/${header})
-      target_link_libraries(${target} PRIVATE server_parts)
-      break()
-    endif()
-  endforeach()
+  velmora_looks_into_server(server_too ${source})
+  if(server_too)
+    target_link_libraries(${target} PRIVATE server_parts)
+  endif()
 endfunction()

@@ -9,11 +9,14 @@ install(DIRECTORY mirel/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/EventManager FI
 install(FILES velmora/LocalAccessManager.h velmora/VL_HTTP.h velmora/VL_PList.h velmora/VL_PListText.h
               velmora/VL_Python.h velmora/VL_Socket.h velmora/VL_WebSocket.h src/EventManager.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/EventManager)
-install(TARGETS velmora-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Libraries of other places (another Python, say) are found at run time where they were linked from.
-set_target_properties(mirel velmora EventManager velmora-server PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
-set_target_properties(mirel velmora EventManager PROPERTIES INSTALL_RPATH "$ORIGIN")
-set_target_properties(velmora-server PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+set_target_properties(mirel velmora EventManager PROPERTIES
+  INSTALL_RPATH_USE_LINK_PATH ON INSTALL_RPATH "$ORIGIN")
+if(VELMORA_SERVER)
+  install(TARGETS velmora-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  set_target_properties(velmora-server PROPERTIES
+    INSTALL_RPATH_USE_LINK_PATH ON INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+endif()
 
 install(EXPORT EventManagerTargets NAMESPACE EventManager:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/EventManager)
 configure_package_config_file(cmake/EventManagerConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/EventManagerConfig.cmake

@@ -15,6 +15,6 @@ for room in "${!rooms[@]}"; do
     done < <(grep -rHoP --include='*.h' --include='*.cpp' '^\s*#\s*include\s*["<]\K[^">]+' "${rooms[room]}")
 done
 mapfile -t public < <(ls mirel/*.h && grep -oE '(velmora|src)/\w+\.h' cmake/VelmoraInstall.cmake)
-heavy="$(grep -nE '^\s*#\s*include\s*<(boost|curl|openssl|rapidjson)/' "${public[@]}" || true)"
+heavy="$(grep -nE '^\s*#\s*include\s*<((boost|curl|openssl|rapidjson)/|Python\.h)' "${public[@]}" || true)"
 [ -z "$heavy" ] || complain "Public headers with what belongs behind them: $heavy"
 exit "$status"
