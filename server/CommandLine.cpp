@@ -11,6 +11,17 @@ namespace Server {
 
 namespace {
 
+void add_config(CLI::App& app, CommandLine& command_line) {
+    app.add_option_function<std::string>(
+           "--config",
+           [&command_line](const std::string& path) {
+               if (path.empty()) throw CLI::ValidationError("--config", "names no file");
+               command_line.ConfigFile = path;
+           },
+           "Configuration to read (JSON)")
+        ->type_name("FILE");
+}
+
 void add_listen(CLI::App& app, CommandLine& command_line) {
     app.add_option_function<std::string>(
            "--listen",
@@ -72,7 +83,7 @@ std::optional<int> ReadCommandLine(int argc, const char* const* argv, CommandLin
                  "velmora-server");
     app.set_version_flag("--version", std::string("velmora-server ") + VELMORA_VERSION);
     app.set_help_flag("--help", "Print this help and exit");
-    app.add_option("--config", command_line.ConfigFile, "Configuration to read (JSON)")->type_name("FILE");
+    add_config(app, command_line);
     add_listen(app, command_line);
     app.add_flag("--check", command_line.Check,
                  "Check the configuration and what it names, say every fault, and exit");

@@ -8,8 +8,10 @@
 #include <limits>
 #include <utility>
 
+#include "Access.h"
 #include "EventManager.h"
 #include "MR_util.h"
+#include "Secrets.h"
 #include "VL_HTTP.h"
 
 namespace Server {
@@ -25,6 +27,39 @@ namespace {
 constexpr std::size_t largest_config = 16u << 20;
 constexpr std::size_t largest_secret_file = 64u << 10;
 
+bool IsAddress(int family, const std::string& text) {
+    in6_addr any{};
+    return text.find('\0') == std::string::npos && inet_pton(family, text.c_str(), &any) == 1;
+}
+
+// A name that DNS could have. One that ends in a number would be an address.
+bool IsHostName(const std::string& name) {
+    constexpr std::size_t longest_name = 253, longest_label = 63;
+    constexpr const char* digits = "0123456789";
+    const std::string allowed =
+        std::string(digits) + "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_-";
+    if (name.empty() || name.size() > longest_name) return false;
+    std::size_t begin = 0;
+    std::string label;
+    while (begin < name.size()) {  // behind the last label a dot may stand
+        const std::size_t end = std::min(name.find('.', begin), name.size());
+        label = name.substr(begin, end - begin);
+        if (label.empty() || label.size() > longest_label) return false;
+        if (label.find_first_not_of(allowed) != label.npos) return false;
+        begin = end + 1;
+    }
+    return label.find_first_not_of(digits) != label.npos;
+}
+
+// What the Host field of a request can carry; a port does no harm.
+bool IsHost(const std::string& text) {
+    if (IsAddress(AF_INET6, text)) return true;
+    const auto split = SplitAuthority(text);
+    if (!split) return false;
+    const std::string host(split->first);
+    return text.front() == '[' ? IsAddress(AF_INET6, host) : IsAddress(AF_INET, host) || IsHostName(host);
+}
+
 // Reads one configuration whose file stands in a directory.
 class Loader {
   public:
@@ -38,6 +73,7 @@ class Loader {
         return (m_Directory / path).lexically_normal().string();
     }
     void BindAddress(const PListDict& dict);
+    void AllowedHosts(Shape& shape);
     void TLSIdentity(Shape& shape);
     void Token(Shape& shape);
     void TokenText(Shape& shape, const std::string& key, std::string token);
@@ -73,8 +109,18 @@ void Loader::BindAddress(const PListDict& dict) {
     if (const auto port = shape.Integer("ListenPort", 0, 65535))
         m_Config.Http.Port = static_cast<ui16_t>(*port);
     TLSIdentity(shape);
-    m_Config.Http.AllowedHosts = shape.Texts("AllowedHosts");
+    AllowedHosts(shape);
     shape.NothingElse();
+}
+
+void Loader::AllowedHosts(Shape& shape) {
+    const std::string key = "AllowedHosts";
+    m_Config.Http.AllowedHosts = shape.Texts(key);
+    std::size_t index = 0;
+    for (const std::string& host : m_Config.Http.AllowedHosts) {
+        if (!host.empty() && !IsHost(host)) shape.Blame(key, index, "must be a host name or an IP address");
+        ++index;
+    }
 }
 
 void Loader::TLSIdentity(Shape& shape) {
@@ -97,9 +143,11 @@ void Loader::Token(Shape& shape) {
     const auto path = shape.NonEmptyText("AccessTokenFile");
     if (token) TokenText(shape, "AccessToken", *token);
     if (!path) return;
+    m_Config.AccessTokenFile = Resolved(*path);
     if (token) shape.Blame("AccessTokenFile", "cannot stand beside \"AccessToken\"");
     std::string text;
-    const Mirel::Result_t read = Mirel::ReadFileIntoString(Resolved(*path), text, largest_secret_file);
+    const Mirel::Result_t read =
+        Mirel::ReadFileIntoString(m_Config.AccessTokenFile, text, largest_secret_file);
     if (read.Success()) {
         TokenText(shape, "AccessTokenFile", text.substr(0, text.find_last_not_of("\r\n") + 1));
     } else {
@@ -113,6 +161,8 @@ void Loader::TokenText(Shape& shape, const std::string& key, std::string token) 
         std::all_of(token.begin(), token.end(), [](unsigned char c) { return c > 0x20 && c < 0x7f; });
     if (token.empty() || !visible) {
         shape.Blame(key, "must hold one token of visible ASCII characters without blanks");
+    } else if (token == HiddenSecret) {
+        shape.Blame(key, NeedsSecret);
     }
     m_Config.Http.AccessToken = std::move(token);
 }
@@ -162,13 +212,12 @@ void Loader::Timers(const PListDict& dict) {
 // The document with the watches' relative paths made to start at the configuration's directory.
 void Loader::Document(const PListDict& dict) {
     const std::string base = PointerTo("", Keys::EventManager);
-    const std::size_t before = m_Faults.size();
     CheckQueueDocument(dict, base, m_Faults);
     m_Config.EventManager = dict;
-    if (m_Faults.size() > before || !dict.HasItem(Keys::watch_list)) return;
+    if (AsArray(dict.GetItem(Keys::watch_list)) == nullptr) return;
     PListArray watches;
     for (const PListItem& item : dict.GetArray(Keys::watch_list)) {
-        PListDict watch = *AsDict(&item);
+        PListDict watch = AsDict(&item) != nullptr ? *AsDict(&item) : PListDict();  // which is a fault
         watch.SetValue(Keys::path, Resolved(watch.GetData(Keys::path).Text()));
         watches.Append(watch);
     }
@@ -203,19 +252,6 @@ Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults) {
     std::error_code ignored;  // an empty current directory leaves the path relative, which serves as well
     Loader(config, std::filesystem::absolute(path, ignored).parent_path(), faults).Load(*dict);
     return config;
-}
-
-void CheckExposure(const Config& config, std::vector<ConfigFault>& faults) {
-    const std::string& host = config.Http.Host;
-    in_addr v4{};
-    in6_addr v6{};
-    const bool beyond =
-        (inet_pton(AF_INET, host.c_str(), &v4) == 1 && ntohl(v4.s_addr) >> 24 != IN_LOOPBACKNET) ||
-        (inet_pton(AF_INET6, host.c_str(), &v6) == 1 && !IN6_IS_ADDR_LOOPBACK(&v6));
-    if (beyond && config.Http.AccessToken.empty()) {
-        faults.push_back(
-            {"/BindAddress/Host", "needs an \"AccessToken\" or \"AccessTokenFile\" beyond loopback"});
-    }
 }
 
 PListDict Config::ForEventQueue(ui16_t port, const PListDict& document) const {

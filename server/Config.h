@@ -24,7 +24,8 @@ struct Config {
     HttpServerOptions Http;
     Mirel::i32_t Timeout_ms = 500;  // of requests to listeners and of WebSocket writes
     Mirel::ui32_t MaxCallers = DefaultMaxCallers();
-    std::string StateFile;  // empty: nothing is saved
+    std::string StateFile;        // empty: nothing is saved
+    std::string AccessTokenFile;  // where Http.AccessToken has been read, empty: nowhere
     std::vector<std::string> PythonPath;
     Mirel::LogType_t LogLevel = Mirel::LOG_INFO;
     bool LogAsJSON = false;
@@ -44,9 +45,12 @@ struct Config {
 /// directory.
 Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults);
 
-/// The fault of a numeric address beyond loopback without an access token, where nothing would be served.
-/// What a host name stands for is found out when the server binds.
-void CheckExposure(const Config& config, std::vector<ConfigFault>& faults);
+/// Whether the server would start with the configuration on this machine: binds for a moment, loads the TLS
+/// identity, reads the state file and looks for everything else that is named; creates and changes nothing.
+/// Adds what would keep it from starting, and modules and directories of Python that are not there, to
+/// `faults` (places that stand in them already are left alone), and to `warnings` what would come to nothing
+/// later on, or is in use by a process that may have ended by then. Starts the Python interpreter.
+void CheckMachine(const Config& config, std::vector<ConfigFault>& faults, std::vector<ConfigFault>& warnings);
 
 /// Faults of a queue state document: every entry that applying it would skip, and every member that it would
 /// not look at. `base` is put before the pointers.

@@ -5,17 +5,17 @@
 
 #include "Config.h"
 #include "EventManager.h"
+#include "QueueShape.h"
+#include "Secrets.h"
 #include "VL_HTTP.h"
 
 namespace Server {
 
 using namespace Velmora;
 namespace Keys = EventManager::Strings;
-using Mirel::i64_t;
+using Mirel::i32_t;
 
 namespace {
-
-constexpr i64_t i64_min = std::numeric_limits<i64_t>::min(), i64_max = std::numeric_limits<i64_t>::max();
 
 // Calls `check` with every dictionary of the array and its pointer; whatever else stands there is a fault.
 template <class Check>
@@ -44,6 +44,8 @@ void CheckListener(const PListDict& entry, const std::string& pointer, std::set<
     if (callback && !CanBeCalled(*callback)) {
         shape.Blame(Keys::callback,
                     "must be a URL, a path on this server or \"python://\" and a module's name");
+    } else if (callback && LacksCredentials(*callback)) {
+        shape.Blame(Keys::callback, NeedsSecret);
     } else if (callback && !callbacks.insert(*callback).second) {
         shape.Blame(Keys::callback, "stands twice in this event");
     }
@@ -71,15 +73,7 @@ void CheckEvent(const PListDict& entry, const std::string& pointer, std::set<std
 void CheckTimer(const PListDict& entry, const std::string& pointer, std::vector<Fault>& faults) {
     Shape shape(entry, pointer, faults);
     shape.NonEmptyText(Keys::event_name, Need::Required);
-    const std::size_t before = faults.size();
-    const i64_t interval = shape.IntegerOrText(Keys::interval_sec, i64_min, i64_max).value_or(0);
-    const std::string start = shape.Text(Keys::start_time).value_or("");
-    Mirel::Timestamp time;
-    if (!start.empty() && !time.DecodeString(start.c_str())) {
-        shape.Blame(Keys::start_time, "must be a time like \"2026-01-31T12:00:00+00:00\"");
-    } else if (start.empty() && interval == 0 && faults.size() == before) {
-        shape.Blame("", "needs a \"start_time\", or an \"interval_sec\" other than 0");
-    }
+    ReadTimerTimes(shape);
     shape.Dict(Keys::timer_data);
     shape.Any(Keys::id);
     shape.NothingElse();
@@ -90,7 +84,7 @@ using PathSet = std::set<std::string, ci_comp>;
 void CheckWatch(const PListDict& entry, const std::string& pointer, PathSet& paths,
                 std::vector<Fault>& faults) {
     Shape shape(entry, pointer, faults);
-    const auto path = shape.NonEmptyText(Keys::path, Need::Required);
+    const auto path = ReadWatchPath(shape);
     if (path && !paths.insert(*path).second) {
         shape.Blame(Keys::path, "stands twice in the document (letter case does not count)");
     }
@@ -121,8 +115,9 @@ void CheckQueueDocument(const PListDict& document, const std::string& base,
             *watches, PointerTo(base, Keys::watch_list), faults,
             [&](const PListDict& entry, const std::string& at) { CheckWatch(entry, at, paths, faults); });
     }
-    shape.Any(Keys::max_listeners);
-    shape.Any(Keys::max_watches);
+    for (const std::string& limit : {Keys::max_listeners, Keys::max_watches}) {
+        shape.Integer(limit, std::numeric_limits<i32_t>::min(), std::numeric_limits<i32_t>::max());
+    }
     shape.NothingElse();
 }
 

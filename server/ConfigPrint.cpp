@@ -12,7 +12,7 @@
 
 #include "Config.h"
 #include "EventManager.h"
-#include "VL_HTTP.h"
+#include "Secrets.h"
 
 namespace Server {
 
@@ -20,8 +20,6 @@ using namespace Velmora;
 namespace Keys = EventManager::Strings;
 
 namespace {
-
-constexpr const char* hidden = "(hidden)";
 
 PListArray Texts(const std::vector<std::string>& texts) {
     PListArray array;
@@ -55,31 +53,23 @@ PListDict LimitsInForce(const Config& config) {
     return limits;
 }
 
-// The callback without the password that its URL may hold.
-std::string WithoutPassword(const std::string& callback) {
-    URL url;
-    if (!url.Parse(callback) || url.Password.empty()) return callback;
-    url.Password = "hidden";
-    return url.ComposeAbsolute();
-}
-
-PListArray ListenersWithoutPasswords(const PListArray& listeners) {
+PListArray ListenersWithoutCredentials(const PListArray& listeners) {
     PListArray shown;
     for (const PListItem& item : listeners) {
         PListDict listener = *AsDict(&item);
-        listener.SetValue(Keys::callback, WithoutPassword(listener.GetData(Keys::callback).Text()));
+        listener.SetValue(Keys::callback, WithoutCredentials(listener.GetData(Keys::callback).Text()));
         shown.Append(listener);
     }
     return shown;
 }
 
-PListDict DocumentWithoutPasswords(const PListDict& document) {
+PListDict DocumentWithoutCredentials(const PListDict& document) {
     PListDict shown = document;
     PListArray events;
     for (const PListItem& item : document.GetArray(Keys::event_list)) {
         PListDict event = *AsDict(&item);
         const PListArray listeners = std::as_const(event).GetArray(Keys::listener_list);
-        if (!listeners.Empty()) event.SetItem(Keys::listener_list, ListenersWithoutPasswords(listeners));
+        if (!listeners.Empty()) event.SetItem(Keys::listener_list, ListenersWithoutCredentials(listeners));
         events.Append(event);
     }
     if (document.HasItem(Keys::event_list)) shown.SetItem(Keys::event_list, events);
@@ -108,13 +98,17 @@ std::string PrintConfig(const Config& config) {
     PListDict dict;
     dict.SetValue(Keys::Timeout_ms, static_cast<int>(config.Timeout_ms));
     dict.SetItem(Velmora::Strings::Config::BindAddress, AddressInForce(config.Http));
-    if (!config.Http.AccessToken.empty()) dict.SetValue("AccessToken", hidden);
+    if (!config.AccessTokenFile.empty()) {
+        dict.SetValue("AccessTokenFile", config.AccessTokenFile);
+    } else if (!config.Http.AccessToken.empty()) {
+        dict.SetValue("AccessToken", HiddenSecret);
+    }
     if (!config.StateFile.empty()) dict.SetValue(Keys::StateFile, config.StateFile);
     dict.SetItem("PythonPath", Texts(config.PythonPath));
     dict.SetItem("Log", log);
     dict.SetItem("Limits", LimitsInForce(config));
     dict.SetItem(Keys::Timers, timers);
-    dict.SetItem(Keys::EventManager, DocumentWithoutPasswords(config.EventManager));
+    dict.SetItem(Keys::EventManager, DocumentWithoutCredentials(config.EventManager));
     std::string json;
     if (dict.EncodeJSON(json).Failure()) return std::string();
     return Indented(json);

@@ -66,7 +66,8 @@ Mirel::Result_t BindListener(const std::string& host, Mirel::ui16_t port, bool g
     if (bind(taken, found->ai_addr, found->ai_addrlen) != 0 || listen(taken, Backlog) != 0) {
         const int reason = errno;
         close(taken);
-        return cannot_listen(host, port, std::strerror(reason));
+        const Mirel::Result_t failed = cannot_listen(host, port, std::strerror(reason));
+        return reason == EADDRINUSE ? Mirel::RESULT_STATE.WithMessage(failed.Message()) : failed;
     }
     descriptor = taken;
     bound_port = port_of(taken);

@@ -1,8 +1,8 @@
 // Timers: /api/v1/timers.
-#include <limits>
 #include <utility>
 
 #include "EventManager.h"
+#include "QueueShape.h"
 #include "Rest.h"
 
 namespace Server {
@@ -10,43 +10,21 @@ namespace Server {
 using namespace Velmora;
 namespace Keys = EventManager::Strings;
 using EventManager::GlobalEventQueue;
-using Mirel::i32_t;
-using Mirel::i64_t;
-using Mirel::Timestamp;
 
 namespace {
 
 // What a body asks for, once it is known to be right.
 struct NewTimer {
     std::string EventName;
-    Timestamp Start;
-    i64_t Interval_sec = 0;
+    TimerTimes Times;
     const PListDict* Data = nullptr;
 };
-
-// When to fire. The start time's text is read here, so that a wrong one is refused also where an interval
-// makes it unused.
-void ReadTimes(Shape& shape, NewTimer& timer, const std::vector<Fault>& faults) {
-    const std::size_t before = faults.size();
-    timer.Interval_sec = shape
-                             .IntegerOrText(Keys::interval_sec, std::numeric_limits<i32_t>::min(),
-                                            std::numeric_limits<i32_t>::max())
-                             .value_or(0);
-    const auto start = shape.NonEmptyText(Keys::start_time);
-    const bool whole = start && start->find('\0') == std::string::npos;
-    if (start && !(whole && timer.Start.DecodeString(start->c_str()))) {
-        shape.Blame(Keys::start_time, "must be a time like \"2026-01-31T12:00:00+00:00\"");
-    }
-    if (!start && timer.Interval_sec == 0 && faults.size() == before) {
-        shape.Blame("", "needs a \"start_time\", or an \"interval_sec\" other than 0");
-    }
-}
 
 NewTimer ReadTimer(const PListDict& body, std::vector<Fault>& faults) {
     NewTimer timer;
     Shape shape(body, "", faults);
     timer.EventName = shape.NonEmptyText(Keys::event_name, Need::Required).value_or("");
-    ReadTimes(shape, timer, faults);
+    timer.Times = ReadTimerTimes(shape);
     timer.Data = shape.Dict(Keys::timer_data);
     shape.NothingElse();
     return timer;
@@ -73,7 +51,8 @@ HttpResponse PostTimers(RestCall& call) {
         return Problem(STATUS_422_UNPROCESSABLE, "The timer cannot be created as given.", faults);
 
     EventManager::UUID id;
-    if (!GlobalEventQueue().CreateTimer(timer.EventName, timer.Start, timer.Interval_sec, timer.Data, id)) {
+    if (!GlobalEventQueue().CreateTimer(timer.EventName, timer.Times.Start, timer.Times.Interval_sec,
+                                        timer.Data, id)) {
         return Problem(STATUS_503_NO_SERVICE, "The event queue is not running yet.");
     }
     PListDict created;

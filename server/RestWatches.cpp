@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "EventManager.h"
+#include "QueueShape.h"
 #include "Rest.h"
 
 namespace Server {
@@ -75,12 +76,6 @@ HttpResponse WatchRefused(const std::string& path) {
                        "the worker's next passes).");
 }
 
-std::optional<std::string> ReadPath(Shape& shape) {
-    auto path = shape.NonEmptyText(Keys::path, Need::Required);
-    if (path && path->find('\0') != std::string::npos) shape.Blame(Keys::path, "must not hold a NUL");
-    return path;
-}
-
 }  // namespace
 
 HttpResponse GetWatches(RestCall&) {
@@ -94,7 +89,7 @@ HttpResponse PostWatches(RestCall& call) {
     if (auto refused = ReadBody(call, body)) return std::move(*refused);
     std::vector<Fault> faults;
     Shape shape(body, "", faults);
-    const auto path = ReadPath(shape);
+    const auto path = ReadWatchPath(shape);
     const auto event_name = shape.NonEmptyText(Keys::event_name, Need::Required);
     const bool once = shape.Boolean(Keys::once).value_or(false);
     const PListDict* data = shape.Dict(Keys::watch_data);

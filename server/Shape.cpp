@@ -88,6 +88,10 @@ void Shape::Blame(const std::string& key, const std::string& what) {
     m_Faults.push_back({key.empty() ? m_Base : PointerTo(m_Base, key), what});
 }
 
+void Shape::Blame(const std::string& key, std::size_t index, const std::string& what) {
+    m_Faults.push_back({PointerTo(PointerTo(m_Base, key), index), what});
+}
+
 const PListItem* Shape::Take(const std::string& key, Need need) {
     m_Taken.push_back(key);
     const PListItem* item = m_Dict.GetItem(key);
@@ -167,15 +171,9 @@ std::vector<std::string> Shape::Texts(const std::string& key) {
     std::vector<std::string> texts;
     const PListArray* array = Array(key);
     if (array == nullptr) return texts;
-    std::size_t index = 0;
     for (const PListItem& item : *array) {
-        if (item.HasType(Velmora::IT_STRING) && !TextOf(item).empty()) {
-            texts.emplace_back(TextOf(item));
-        } else {
-            m_Faults.push_back(
-                {PointerTo(PointerTo(m_Base, key), index), "must be a string that is not empty"});
-        }
-        ++index;
+        texts.emplace_back(item.HasType(Velmora::IT_STRING) ? TextOf(item) : std::string_view());
+        if (texts.back().empty()) Blame(key, texts.size() - 1, "must be a string that is not empty");
     }
     return texts;
 }

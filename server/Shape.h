@@ -46,7 +46,8 @@ class Shape {
     /// Null where absent or faulty; otherwise the dictionary's own item.
     const Velmora::PListDict* Dict(const std::string& key);
     const Velmora::PListArray* Array(const std::string& key);
-    /// A list of non-empty texts; empty where absent.
+    /// A list of non-empty texts; empty where absent. A faulty one is an empty text, so that each keeps its
+    /// place.
     std::vector<std::string> Texts(const std::string& key);
 
     /// Takes a member whatever it holds.
@@ -57,6 +58,11 @@ class Shape {
 
     /// Adds a fault of the caller's own at a member, or (with an empty key) at the dictionary.
     void Blame(const std::string& key, const std::string& what);
+    /// The same at one item of a list.
+    void Blame(const std::string& key, std::size_t index, const std::string& what);
+
+    /// How many faults there are so far, those of others included.
+    std::size_t FaultCount() const { return m_Faults.size(); }
 
   private:
     const Velmora::PListItem* Take(const std::string& key, Need need);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <new>
 
@@ -33,10 +34,36 @@ bool WriteOwnId(int lock) {
            pwrite(lock, pid.data(), pid.size(), 0) == static_cast<ssize_t>(pid.size());
 }
 
+std::string LockPath(const std::string& path) {
+    return Mirel::FollowLinks(path) + ".lock";
+}
+
+std::string FolderOf(const std::string& path) {
+    const std::string folder = std::filesystem::path(Mirel::FollowLinks(path)).parent_path().string();
+    return folder.empty() ? "." : folder;
+}
+
+Mirel::Result_t CannotUse(const Mirel::Result_t& result, const std::string& path, const std::string& reason) {
+    return result.WithMessage("Cannot use the state file \"" + path + "\": " + reason);
+}
+
+// Opens and locks the file beside the state file; `lock` is its descriptor.
+Mirel::Result_t Lock(const std::string& path, int flags, int& lock) {
+    const std::string lock_path = LockPath(path);
+    lock = open(lock_path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600);
+    if (lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) == 0) return Mirel::RESULT_OK;
+    const int reason = errno;
+    const bool taken = lock >= 0 && reason == EWOULDBLOCK;
+    const std::string why =
+        taken ? Holder(lock) + " is using it" : "cannot lock \"" + lock_path + "\": " + std::strerror(reason);
+    if (lock >= 0) close(lock);
+    return CannotUse(taken ? Mirel::RESULT_STATE : Mirel::RESULT_FILEOPEN, path, why);
+}
+
 Mirel::Result_t unusable(const std::string& path, std::string reason) {
     if (!reason.empty() && reason.back() == '.') reason.pop_back();
-    return Mirel::RESULT_READFAIL.WithMessage("Cannot use the state file \"" + path + "\": " + reason +
-                                              ". It was left as it is; move it away to start without it.");
+    return CannotUse(Mirel::RESULT_READFAIL, path,
+                     reason + ". It was left as it is; move it away to start without it.");
 }
 
 // What is wrong with the document, or nothing. Entries inside the lists are the queue's to judge.
@@ -73,21 +100,30 @@ Mirel::Result_t read_document(const std::string& path, std::optional<Velmora::PL
 
 Mirel::Result_t LockStateFile(const std::string& path) {
     if (path.empty()) return Mirel::RESULT_OK;
-    const std::string lock_path = Mirel::FollowLinks(path) + ".lock";
     // Open until the process ends, whatever threads are left then: the kernel drops the lock with the
     // process.
-    const int lock = open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) == 0) {
-        if (!WriteOwnId(lock)) {
-            Mirel::DefaultLogSink().Warn("Cannot write into \"%s\": %s\n", lock_path.c_str(),
-                                         std::strerror(errno));
-        }
-        return Mirel::RESULT_OK;
+    int lock = -1;
+    const Mirel::Result_t locked = Lock(path, O_CREAT, lock);
+    if (locked.Success() && !WriteOwnId(lock)) {
+        Mirel::DefaultLogSink().Warn("Cannot write into \"%s\": %s\n", LockPath(path).c_str(),
+                                     std::strerror(errno));
     }
-    std::string why = "cannot lock \"" + lock_path + "\": " + std::strerror(errno);
-    if (lock >= 0 && errno == EWOULDBLOCK) why = Holder(lock) + " is using it";
-    if (lock >= 0) close(lock);
-    return Mirel::RESULT_STATE.WithMessage("Cannot use the state file \"" + path + "\": " + why);
+    return locked;
+}
+
+Mirel::Result_t TryStateFile(const std::string& path) {
+    if (path.empty()) return Mirel::RESULT_OK;
+    const std::string folder = FolderOf(path);
+    if (faccessat(AT_FDCWD, (folder + "/.").c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+        return CannotUse(Mirel::RESULT_FILEOPEN, path,
+                         "cannot write into \"" + folder + "\": " + std::strerror(errno));
+    }
+    struct stat status {};
+    if (lstat(LockPath(path).c_str(), &status) != 0 && errno == ENOENT) return Mirel::RESULT_OK;
+    int lock = -1;
+    const Mirel::Result_t locked = Lock(path, 0, lock);
+    if (locked.Success()) close(lock);
+    return locked;
 }
 
 Mirel::Result_t ReadStateFile(const std::string& path, std::optional<Velmora::PListDict>& document) {

@@ -14,8 +14,13 @@ inline constexpr std::size_t StateFileLimit = std::size_t{1} << 30;  // bytes
 
 /// Takes the state file (none where `path` is empty) for this process until it ends: by a lock on a file
 /// beside it ("….lock"), which stays where it is when the state file is replaced. A failure's message is one
-/// line for the operator: another process, which it names, has the state file, or it cannot be locked.
+/// line for the operator: RESULT_STATE where another process, which it names, has the state file, and
+/// RESULT_FILEOPEN where it cannot be locked.
 Mirel::Result_t LockStateFile(const std::string& path);
+
+/// Whether LockStateFile would succeed, and files can be made in the state file's folder, with its failures;
+/// takes and makes nothing.
+Mirel::Result_t TryStateFile(const std::string& path);
 
 /// Reads the state file into `document`; nothing where there is no such file yet (or `path` is empty). A
 /// failure's message is one line for the operator: the file is there and is no whole queue state document, or

@@ -6,6 +6,7 @@
 #include "EventManager.h"
 #include "MR_log.h"
 #include "MR_util.h"
+#include "Secrets.h"
 #include "Shape.h"
 #include "StateFile.h"
 
@@ -17,6 +18,11 @@ namespace Keys = EventManager::Strings;
 namespace {
 
 constexpr std::size_t most_named = 100;  // in one line of the log
+
+struct EntryName {
+    std::string Name;
+    std::string Shown;  // in the log: without credentials
+};
 
 // Names the entries of a document in its order; two that cannot be told apart have the same name. One without
 // a name, and what is of a wrong type, are named by their place, as no entry of a queue is.
@@ -37,34 +43,38 @@ class EntryNames {
         });
     }
 
-    std::vector<std::string> Names;
+    std::vector<EntryName> Names;
 
   private:
     template <class Entry>
     void Each(const PListDict& dict, const std::string& base, const std::string& key, const Entry& entry) {
         const PListItem* const list = dict.GetItem(key);
         if (list == nullptr) return;
-        if (!list->HasType(IT_ARRAY)) Names.push_back(PointerTo(base, key));
+        if (!list->HasType(IT_ARRAY)) NamePlace(PointerTo(base, key));
         std::size_t index = 0;
         for (const PListItem& item : dict.GetArray(key)) {
             const std::string at = PointerTo(PointerTo(base, key), index++);
             if (const PListDict* const one = AsDict(&item)) {
                 entry(*one, at);
             } else {
-                Names.push_back(at);
+                NamePlace(at);
             }
         }
     }
 
+    // What the entry is named for the log.
     std::string Name(const std::string& kind, const PListDict& entry, const std::string& key,
                      const std::string& data_key, const std::string& at) {
         const std::string name = entry.GetData(key).Text();
-        Names.push_back(name.empty() ? at : kind + " \"" + name + "\"");
-        const std::string named = Names.back();
+        const std::string shown = key == Keys::callback ? WithoutCredentials(name) : name;
+        const std::string named = name.empty() ? at : kind + " \"" + shown + "\"";
+        Names.push_back({name.empty() ? at : kind + " \"" + name + "\"", named});
         const PListItem* const data = entry.GetItem(data_key);
-        if (data != nullptr && AsDict(data) == nullptr) Names.push_back(PointerTo(at, data_key));
+        if (data != nullptr && AsDict(data) == nullptr) NamePlace(PointerTo(at, data_key));
         return named;
     }
+
+    void NamePlace(const std::string& at) { Names.push_back({at, at}); }
 };
 
 std::string Listed(const std::vector<std::string>& names) {
@@ -99,14 +109,16 @@ Mirel::Result_t Copy(const std::string& from, const std::string& to) {
 
 std::vector<std::string> LeftOut(const PListDict& document, const PListDict& queue) {
     std::unordered_map<std::string, std::size_t> there;
-    for (std::string& name : EntryNames(queue).Names) ++there[std::move(name)];
-    std::vector<std::string> left_out = EntryNames(document).Names;
-    std::erase_if(left_out, [&there](const std::string& name) {
-        const auto found = there.find(name);
-        if (found == there.end() || found->second == 0) return false;
-        --found->second;
-        return true;
-    });
+    for (EntryName& entry : EntryNames(queue).Names) ++there[std::move(entry.Name)];
+    std::vector<std::string> left_out;
+    for (EntryName& entry : EntryNames(document).Names) {
+        const auto found = there.find(entry.Name);
+        if (found == there.end() || found->second == 0) {
+            left_out.push_back(std::move(entry.Shown));
+        } else {
+            --found->second;
+        }
+    }
     return left_out;
 }
 

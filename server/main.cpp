@@ -21,7 +21,6 @@
 #include "MR_log.h"
 #include "Router.h"
 #include "StateFile.h"
-#include "TlsIdentity.h"
 #include "VL_HTTP.h"
 #include "VL_Python.h"
 #include "VL_WebSocket.h"
@@ -41,7 +40,7 @@ int fail(const std::string& reason) {
 }
 
 std::string fault_text(const ConfigFault& fault) {
-    return (fault.Pointer.empty() ? "" : fault.Pointer + ": ") + fault.What;
+    return Mirel::EscapeForLog((fault.Pointer.empty() ? "" : fault.Pointer + ": ") + fault.What);
 }
 
 int refuse(const std::vector<ConfigFault>& faults) {
@@ -50,19 +49,12 @@ int refuse(const std::vector<ConfigFault>& faults) {
     return fail("Cannot use the configuration: " + fault_text(faults[0]) + more);
 }
 
-// Everything that can be found out without serving; one line for each fault.
+// Everything that can be found out without serving; one line for each fault and warning.
 int check(const Config& config, std::vector<ConfigFault> faults) {
-    Server::CheckExposure(config, faults);
-    if (faults.empty()) {
-        Server::TlsIdentity identity;
-        const Result_t loaded =
-            config.Http.TLSIdentity.empty() ? Mirel::RESULT_OK : identity.Load(config.Http.TLSIdentity);
-        if (loaded.Failure()) faults.push_back({"/BindAddress/TLSIdentity", loaded.Message()});
-        std::optional<Velmora::PListDict> document;
-        const Result_t read = Server::ReadStateFile(config.StateFile, document);
-        if (read.Failure()) faults.push_back({"/StateFile", read.Message()});
-    }
+    std::vector<ConfigFault> warnings;
+    Server::CheckMachine(config, faults, warnings);
     for (const ConfigFault& fault : faults) fail(fault_text(fault));
+    for (const ConfigFault& warning : warnings) fail("warning: " + fault_text(warning));
     if (faults.empty()) std::puts("The configuration is fine.");
     return faults.empty() ? 0 : 1;
 }

@@ -1,11 +1,12 @@
 // The configuration file: what is read, and that every fault is named at its place.
 #include "Config.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <limits>
+#include <unistd.h>
 
 #include "EventManager.h"
+#include "Secrets.h"
 #include "StateFile.h"
 #include "Testing.h"
 
@@ -19,9 +20,10 @@ class ConfigTest : public ::testing::Test {
         return LoadConfig(folder / "config.json", faults);
     }
     // "pointer what" of every fault, line by line.
-    std::string Faults() const {
+    std::string Faults() const { return Lines(faults); }
+    static std::string Lines(const std::vector<ConfigFault>& list) {
         std::string lines;
-        for (const ConfigFault& fault : faults) lines += fault.Pointer + " " + fault.What + "\n";
+        for (const ConfigFault& fault : list) lines += fault.Pointer + " " + fault.What + "\n";
         return lines;
     }
 
@@ -38,7 +40,8 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
         "Log": {"Level": "debug", "Format": "json"}, "Timers": {"KeepRepeating": true}, "Limits": {"MaxBodyBytes": 4096, "IOThreads": 3,
             "MaxListeners": -1, "MaxWatches": 5, "EndTimeout_ms": 100},
         "EventManager": {
-            "event_list": [{"event_name": "e", "listener_list": [{"callback": "http://me:pass-word@h/x"}]}],
+            "event_list": [{"event_name": "e", "listener_list": [{"callback": "http://me:pass-word@h/x@y"},
+                {"callback": "https://tok-en@h?a=b@c"}, {"callback": "/a://b@c"}]}],
             "watch_list": [{"path": "inbox", "event_name": "e"}, {"path": "/abs", "event_name": "e"}]}})";
     const Config config = Load(json);
     ASSERT_EQ(Faults(), "");
@@ -59,9 +62,16 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
 
     const std::string printed = PrintConfig(config);
     EXPECT_EQ(printed.find("s3cret-token"), std::string::npos);
-    EXPECT_EQ(printed.find("pass-word"), std::string::npos);
+    for (const char* url : {"\"http://(hidden)@h/x@y\"", "\"https://(hidden)@h?a=b@c\"", "\"/a://b@c\""}) {
+        EXPECT_NE(printed.find(url), std::string::npos) << printed;
+    }
     EXPECT_NE(printed.find(folder / "inbox"), std::string::npos) << printed;
-    EXPECT_EQ(PrintConfig(Load(printed)), printed) << Faults();
+    EXPECT_EQ(PrintConfig(Load(printed)), printed);
+    const std::string callback = "/EventManager/event_list/0/listener_list/";
+    EXPECT_EQ(Faults(),
+              callback + "0/callback " + NeedsSecret + "\n" + callback + "1/callback " + NeedsSecret + "\n");
+    Load(PrintConfig(Load(R"({"AccessToken": "s3cret-token"})")));
+    EXPECT_EQ(Faults(), std::string("/AccessToken ") + NeedsSecret + "\n");
 
     const Velmora::PListDict dict = config.ForEventQueue(8443, config.EventManager);
     EXPECT_TRUE(dict.GetDict("Timers").GetItem("KeepRepeating")->HasType(Velmora::IT_TRUE));
@@ -73,7 +83,10 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
 }
 
 TEST_F(ConfigTest, NamesEveryFaultAtItsPointer) {
-    const std::string whole = "must be a whole number from ";
+    const std::string whole = "must be a whole number from ", hosts = "/BindAddress/AllowedHosts/";
+    const auto no_host = [&](int index) {
+        return hosts + std::to_string(index) + " must be a host name or an IP address\n";
+    };
     const std::pair<std::string, std::string> cases[] = {
         {R"([])", " must be an object\n"},
         {R"({"Timeout_ms": "500"})", "/Timeout_ms must be a number\n"},
@@ -87,6 +100,13 @@ TEST_F(ConfigTest, NamesEveryFaultAtItsPointer) {
         {R"({"AccessToken": "a b"})",
          "/AccessToken must hold one token of visible ASCII characters without blanks\n"},
         {R"({"PythonPath": ["a", 5]})", "/PythonPath/1 must be a string that is not empty\n"},
+        {R"({"BindAddress": {"AllowedHosts": ["a-b.example_", "A.", "::1", "[::1]:80", "127.0.0.1", "h:80", "1.a", ""]}})",
+         hosts + "7 must be a string that is not empty\n"},
+        {R"({"BindAddress": {"AllowedHosts": ["http://a", "a b", "*.a", "a..b", ".", "[a]", "::g", "a:b", "300.1.1.1",
+             "::1\u0000", ")" +
+             std::string(64, 'a') + "\", \"" + std::string(63, 'a') + "\"]}}",
+         no_host(0) + no_host(1) + no_host(2) + no_host(3) + no_host(4) + no_host(5) + no_host(6) +
+             no_host(7) + no_host(8) + no_host(9) + no_host(10)},
         {R"({"Log": {"Level": "loud", "Format": "xml"}})",
          "/Log/Level must be \"debug\", \"info\", \"notice\", \"warn\", \"error\", \"crit\" or \"alert\"\n"
          "/Log/Format must be \"text\" or \"json\"\n"},
@@ -136,12 +156,13 @@ TEST_F(ConfigTest, NamesEveryEntryOfADocumentThatWouldBeSkipped) {
         "timer_list": [{"event_name": "a"}, {"event_name": "a", "interval_sec": "x"}, {"interval_sec": 5},
             {"event_name": "a", "start_time": "soon"}, {"event_name": "a", "interval_sec": "0"},
             {"event_name": "a", "interval_sec": "-5", "id": "kept"},
-            {"event_name": "a", "start_time": "2026-01-31T12:00:00+00:00"}],
+            {"event_name": "a", "start_time": "2026-01-31T12:00:00+00:00"},
+            {"event_name": "a", "start_time": "2026-01-31T12:00:00Z\u0000", "interval_sec": 2147483648},
+            {"event_name": "a", "interval_sec": "-2147483648"}, {"event_name": "a", "interval_sec": 2147483647}],
         "watch_list": [{"path": "/A", "event_name": "a"}, {"path": "/a", "event_name": "a"}, {"path": "", "event_name": "a"},
-            {"path": "/b", "event_name": "a", "once": "yes"}],
-        "max_listeners": 5, "watch_lists": []}})");
-    const std::string all = std::to_string(std::numeric_limits<long long>::min()) + " to " +
-                            std::to_string(std::numeric_limits<long long>::max());
+            {"path": "/b", "event_name": "a", "once": "yes"}, {"path": "/c\u0000", "event_name": "a"}],
+        "max_listeners": 5, "max_watches": "5", "watch_lists": []}})");
+    const std::string seconds = "interval_sec must be a whole number from -2147483648 to 2147483647\n";
     const std::string callable =
         "must be a URL, a path on this server or \"python://\" and a module's name\n";
     const std::string time = "must be a time like \"2026-01-31T12:00:00+00:00\"\n";
@@ -154,11 +175,12 @@ TEST_F(ConfigTest, NamesEveryEntryOfADocumentThatWouldBeSkipped) {
                   "1/callback must not be empty\n" + callbacks + "2/callback " + callable + callbacks +
                   "4/callback stands twice in this event\n" + callbacks + "6 \"callback\" is missing\n" +
                   callbacks + "6/listener_dat is not known; did you mean \"listener_data\"?\n" + list +
-                  "3/event_name stands twice in the document\n" + timers + "0 " + when + timers +
-                  "1/interval_sec must be a whole number from " + all + "\n" + timers +
-                  "2 \"event_name\" is missing\n" + timers + "3/start_time " + time + timers + "4 " + when +
-                  watches + "1/path stands twice in the document (letter case does not count)\n" + watches +
-                  "2/path must not be empty\n" + watches + "3/once must be true or false\n" +
+                  "3/event_name stands twice in the document\n" + timers + "0 " + when + timers + "1/" +
+                  seconds + timers + "2 \"event_name\" is missing\n" + timers + "3/start_time " + time +
+                  timers + "4 " + when + timers + "7/" + seconds + timers + "7/start_time " + time + watches +
+                  "1/path stands twice in the document (letter case does not count)\n" + watches +
+                  "2/path must not be empty\n" + watches + "3/once must be true or false\n" + watches +
+                  "4/path must not hold a NUL\n/EventManager/max_watches must be a number\n" +
                   "/EventManager/watch_lists is not known; did you mean \"watch_list\"?\n");
 }
 
@@ -204,18 +226,92 @@ TEST_F(ConfigTest, WhatAQueueLacksOfADocumentIsNamed) {
     const Velmora::PListDict saved =
         dict(R"({"event_list": [5, {"event_name": ""}, {"event_name": "a", "event_data": 1,
             "listener_list": [{"callback": "/1"}, {"callback": "/2", "listener_data": []}, {}]},
-            {"event_name": "a", "listener_list": {}}, {"event_name": "b", "listener_list": [{"callback": "/1"}]}],
+            {"event_name": "a", "listener_list": {}}, {"event_name": "b", "listener_list": [{"callback": "http://u:p@h"}]}],
         "timer_list": [{"event_name": "a"}, {"event_name": "a"}], "watch_list": [{"path": "/A"}, {"path": "/a"}]})");
     EXPECT_EQ(
         LeftOut(saved, dict(R"({"event_list": [{"event_name": "a", "listener_list": [{"callback": "/2"}]},
-            {"event_name": "b", "listener_list": []}, {"event_name": "c"}],
+            {"event_name": "b", "listener_list": [{"callback": "http://u:q@h"}]}, {"event_name": "c"}],
         "timer_list": [{"event_name": "a"}], "watch_list": [{"path": "/A"}]})")),
         (std::vector<std::string>{
             "/event_list/0", "/event_list/1", "/event_list/2/event_data", "listener of event \"a\" \"/1\"",
             "/event_list/2/listener_list/1/listener_data", "/event_list/2/listener_list/2", "event \"a\"",
-            "/event_list/3/listener_list", "listener of event \"b\" \"/1\"", "timer of event \"a\"",
-            "watch of \"/a\""}));
+            "/event_list/3/listener_list", "listener of event \"b\" \"http://(hidden)@h\"",
+            "timer of event \"a\"", "watch of \"/a\""}));
     EXPECT_TRUE(LeftOut(Velmora::PListDict(), saved).empty());
+}
+
+// Beside faults of the file itself, and with what would only come to nothing apart from them.
+TEST_F(ConfigTest, NamesWhatIsNotThereOnThisMachine) {
+    Testing::WriteFile(folder / "file", "");
+    for (const char* package : {"handlers/pack", "handlers/broken"}) {
+        std::filesystem::create_directories(folder / package);
+    }
+    Testing::WriteFile(folder / "handlers/there.py", "raise SystemExit('is not run')\n");
+    Testing::WriteFile(folder / "handlers/pack/__init__.py", "");
+    Testing::WriteFile(folder / "handlers/pack/inside.py", "");
+    Testing::WriteFile(folder / "handlers/broken/__init__.py", "raise SystemExit\n");
+    const auto callback = [](const std::string& text) { return R"({"callback": ")" + text + R"("},)"; };
+    const Config config =
+        Load(R"({"Timeout_ms": 0, "PythonPath": [7, "handlers", "none"], "StateFile": "file/state",
+        "BindAddress": {"Host": "300.1.1.1"}, "EventManager": {"event_list": [7, {"event_name": "e f", "listener_list": [)" +
+             callback("python://there") + callback("python://pack.inside") + callback("python://sys") +
+             callback("python://absent") + callback("python://pack.absent") +
+             callback("python://broken.absent") + callback("python://there\\u0000") +
+             callback("/api/v1/events/e%20f") + callback("/api/v1/events/none%21?x") +
+             callback("/api/v1/events/e%20f/listeners") + callback("/elsewhere") + R"(7]}],
+        "timer_list": [{"event_name": "e f", "interval_sec": 1}, {"event_name": "none", "interval_sec": 1}, 7],
+        "watch_list": [{"path": "file", "event_name": "none"}, {"path": "no", "event_name": "e f"}, 7]}})");
+    const std::size_t before = faults.size();
+    std::vector<ConfigFault> warnings;
+    CheckMachine(config, faults, warnings);
+    faults.erase(faults.begin(), faults.begin() + static_cast<std::ptrdiff_t>(before));
+    const std::string list = "/EventManager/event_list/1/listener_list/",
+                      module = "/callback there is no Python module \"";
+    const std::string missing = "which is not in the document\n";
+    EXPECT_THAT(Faults(), ::testing::MatchesRegex("/BindAddress/Host Cannot listen on 300.1.1.1:0: [^\n]*\n"
+                                                  "/StateFile Cannot use the state file [^\n]*\n"
+                                                  "/StateFile Cannot use the state file [^\n]*\n(.|\n)*"));
+    EXPECT_THAT(Faults(), ::testing::EndsWith("/PythonPath/2 \"" + folder / "none" +
+                                              "\" cannot be read: No such file or directory\n" + list + "3" +
+                                              module + "absent\"\n" + list + "4" + module +
+                                              "pack.absent\"\n" + list + "5" + module + "broken.absent\"\n" +
+                                              list + "6" + module + "there" + std::string(1, '\0') + "\"\n"));
+    EXPECT_EQ(Lines(warnings),
+              list + "8/callback chains to the event \"none!\", " + missing +
+                  "/EventManager/timer_list/1/event_name posts the event \"none\", " + missing +
+                  "/EventManager/watch_list/0/event_name posts the event \"none\", " + missing +
+                  "/EventManager/watch_list/1/path \"" + folder / "no" +
+                  "\" cannot be watched: No such file or directory; the watch will be dropped\n");
+}
+
+TEST_F(ConfigTest, AStateFileCanBeTriedAndIsLeftAlone) {
+    const auto entries = [&] {
+        const std::filesystem::directory_iterator all(folder.Path());
+        return std::distance(begin(all), end(all));
+    };
+    std::filesystem::create_directories(folder / "closed");
+    std::filesystem::create_symlink("closed/state", folder / "link");
+    std::filesystem::create_symlink("none/state", folder / "dangling");
+    std::filesystem::create_symlink("elsewhere", folder / "taken.lock");
+    EXPECT_TRUE(TryStateFile("").Success());
+    EXPECT_TRUE(TryStateFile(folder / "state").Success());
+    EXPECT_EQ(TryStateFile(folder / "none/state"), Mirel::RESULT_FILEOPEN);
+    EXPECT_EQ(TryStateFile(folder / "dangling"), Mirel::RESULT_FILEOPEN);
+    EXPECT_EQ(TryStateFile(folder / "taken"), Mirel::RESULT_FILEOPEN);
+    EXPECT_EQ(entries(), 4);
+    std::filesystem::permissions(folder / "closed", std::filesystem::perms{0500});
+    const uid_t user = geteuid();
+    if (user == 0) {
+        std::filesystem::permissions(folder.Path(), std::filesystem::perms{0755});
+        ASSERT_EQ(seteuid(65534), 0);
+    }
+    EXPECT_EQ(TryStateFile(folder / "link"), Mirel::RESULT_FILEOPEN);
+    ASSERT_EQ(seteuid(user), 0);
+    ASSERT_TRUE(LockStateFile(folder / "state").Success());
+    const Mirel::Result_t busy = TryStateFile(folder / "state");
+    EXPECT_EQ(busy, Mirel::RESULT_STATE);
+    EXPECT_THAT(busy.Message(),
+                ::testing::EndsWith(": process " + std::to_string(getpid()) + " is using it"));
 }
 
 TEST_F(ConfigTest, TheExamplesAreRight) {

@@ -275,6 +275,9 @@ TEST_P(RestTest, WrongBodiesAreRefusedAtTheirPlace) {
         {"PATCH /api/v1/config", R"({"max_listeners": 5, "max_watches": 2147483648})", 422, "/max_watches"},
         {"PATCH /api/v1/config", R"({"max_listeners": 5, "max_watch": 1})", 422, "/max_watch"},
         {"POST /api/v1/queue", R"({"max_listeners": 5})", 422, ""},
+        {"POST /api/v1/queue",
+         R"({"timer_list": [{"event_name": "known", "interval_sec": 9223372036854775807}]})", 422,
+         "/timer_list/0/interval_sec"},
         {"POST /api/v1/queue", R"({"event_list": [{"event_name": "y"}], "timer_list": [{}]})", 422,
          "/timer_list/0 /timer_list/0"},
     };

@@ -1,0 +1,172 @@
+// Whether what a configuration names is there, and can be used as the server will use it.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <string_view>
+
+#include "Config.h"
+#include "EventManager.h"
+#include "Http.h"
+#include "HttpServerBind.h"
+#include "PythonModules.h"
+#include "StateFile.h"
+#include "TlsIdentity.h"
+#include "VL_HTTP.h"
+
+namespace Server {
+
+using namespace Velmora;
+namespace Keys = EventManager::Strings;
+
+namespace {
+
+const std::string address_pointer = PointerTo("", Velmora::Strings::Config::BindAddress);
+
+bool IsBlamed(const std::vector<Fault>& faults, const std::string& pointer) {
+    return std::any_of(faults.begin(), faults.end(),
+                       [&](const Fault& fault) { return fault.Pointer == pointer; });
+}
+
+bool CanRead(const std::string& path) {
+    return faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) == 0;
+}
+
+// As the server binds, for a moment. A token that is at fault is a token.
+void CheckAddress(const Config& config, std::vector<Fault>& faults, std::vector<Fault>& warnings) {
+    const HttpServerOptions& http = config.Http;
+    const std::string host = PointerTo(address_pointer, "Host"),
+                      port = PointerTo(address_pointer, "ListenPort");
+    if (IsBlamed(faults, host) || IsBlamed(faults, port)) return;
+    const bool guarded =
+        !http.AccessToken.empty() || IsBlamed(faults, "/AccessToken") || IsBlamed(faults, "/AccessTokenFile");
+    int descriptor = -1;
+    Mirel::ui16_t bound_port = 0;
+    const Mirel::Result_t bound = BindListener(http.Host, http.Port, guarded, descriptor, bound_port);
+    if (bound.Success()) {
+        close(descriptor);
+    } else if (bound == Mirel::RESULT_STATE) {
+        warnings.push_back({port, bound.Message()});
+    } else {
+        faults.push_back({host, bound.Message()});
+    }
+}
+
+void CheckTLSIdentity(const std::string& path, std::vector<Fault>& faults) {
+    const std::string pointer = PointerTo(address_pointer, "TLSIdentity");
+    if (path.empty() || IsBlamed(faults, pointer)) return;
+    TlsIdentity identity;
+    const Mirel::Result_t loaded = identity.Load(path);
+    if (loaded.Failure()) faults.push_back({pointer, loaded.Message()});
+}
+
+void CheckStateFile(const std::string& path, std::vector<Fault>& faults, std::vector<Fault>& warnings) {
+    const std::string pointer = PointerTo("", Keys::StateFile);
+    const Mirel::Result_t usable = TryStateFile(path);
+    if (usable.Failure())
+        (usable == Mirel::RESULT_STATE ? warnings : faults).push_back({pointer, usable.Message()});
+    std::optional<PListDict> document;
+    const Mirel::Result_t read = ReadStateFile(path, document);
+    if (read.Failure()) faults.push_back({pointer, read.Message()});
+}
+
+void CheckPythonPath(const std::vector<std::string>& path, std::vector<Fault>& faults) {
+    for (std::size_t i = 0; i < path.size(); ++i) {
+        if (CanRead(path[i])) continue;
+        faults.push_back(
+            {PointerTo("/PythonPath", i), "\"" + path[i] + "\" cannot be read: " + std::strerror(errno)});
+    }
+}
+
+// What a queue state document refers to.
+class References {
+  public:
+    References(const PListDict& document, std::vector<Fault>& faults, std::vector<Fault>& warnings);
+
+  private:
+    // Calls `check` with every dictionary of the list and its pointer.
+    template <class Check>
+    static void Each(const PListDict& owner, const std::string& base, const std::string& key,
+                     const Check& check) {
+        std::size_t index = 0;
+        for (const PListItem& item : owner.GetArray(key)) {
+            const std::string pointer = PointerTo(PointerTo(base, key), index++);
+            if (const PListDict* entry = AsDict(&item)) check(*entry, pointer);
+        }
+    }
+    void Callback(const std::string& callback, const std::string& pointer);
+    void Event(const PListDict& entry, const std::string& pointer);
+    void WatchedPath(const PListDict& watch, const std::string& pointer);
+
+    std::set<std::string> m_Events;
+    std::vector<Fault>& m_Faults;
+    std::vector<Fault>& m_Warnings;
+};
+
+References::References(const PListDict& document, std::vector<Fault>& faults, std::vector<Fault>& warnings)
+    : m_Faults(faults), m_Warnings(warnings) {
+    const std::string base = PointerTo("", Keys::EventManager);
+    Each(document, base, Keys::event_list, [&](const PListDict& event, const std::string&) {
+        m_Events.insert(event.GetData(Keys::event_name).Text());
+    });
+    Each(document, base, Keys::event_list, [&](const PListDict& event, const std::string& at) {
+        Each(event, at, Keys::listener_list, [&](const PListDict& listener, const std::string& inside) {
+            Callback(listener.GetData(Keys::callback).Text(), PointerTo(inside, Keys::callback));
+        });
+    });
+    Each(document, base, Keys::timer_list,
+         [&](const PListDict& timer, const std::string& at) { Event(timer, at); });
+    Each(document, base, Keys::watch_list, [&](const PListDict& watch, const std::string& at) {
+        WatchedPath(watch, at);
+        Event(watch, at);
+    });
+}
+
+void References::Callback(const std::string& callback, const std::string& pointer) {
+    constexpr std::string_view python = "python://", chain = "/api/v1/events/";
+    if (callback.starts_with(python)) {
+        const std::string module = callback.substr(python.size());
+        if (!HasPythonModule(module))
+            m_Faults.push_back({pointer, "there is no Python module \"" + module + "\""});
+        return;
+    }
+    URL url;
+    if (!callback.starts_with(chain) || !url.ParsePath(callback)) return;
+    const std::string name = url.Path.substr(chain.size());
+    const std::optional<std::string> decoded = PercentDecode(name);
+    if (name.find('/') != name.npos || !decoded || m_Events.contains(*decoded)) return;
+    m_Warnings.push_back({pointer, "chains to the event \"" + *decoded + "\", which is not in the document"});
+}
+
+void References::Event(const PListDict& entry, const std::string& pointer) {
+    const std::string name = entry.GetData(Keys::event_name).Text();
+    if (name.empty() || m_Events.contains(name)) return;
+    m_Warnings.push_back({PointerTo(pointer, Keys::event_name),
+                          "posts the event \"" + name + "\", which is not in the document"});
+}
+
+// The kernel watches what can be read.
+void References::WatchedPath(const PListDict& watch, const std::string& pointer) {
+    const std::string path = watch.GetData(Keys::path).Text();
+    if (IsBlamed(m_Faults, PointerTo(pointer, Keys::path)) || CanRead(path)) return;
+    m_Warnings.push_back(
+        {PointerTo(pointer, Keys::path),
+         "\"" + path + "\" cannot be watched: " + std::strerror(errno) + "; the watch will be dropped"});
+}
+
+}  // namespace
+
+void CheckMachine(const Config& config, std::vector<ConfigFault>& faults,
+                  std::vector<ConfigFault>& warnings) {
+    CheckAddress(config, faults, warnings);
+    CheckTLSIdentity(config.Http.TLSIdentity, faults);
+    CheckStateFile(config.StateFile, faults, warnings);
+    CheckPythonPath(config.PythonPath, faults);
+    FindPythonModulesIn(config.PythonPath);
+    References(config.EventManager, faults, warnings);
+}
+
+}  // namespace Server
