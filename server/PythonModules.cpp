@@ -1,8 +1,10 @@
-#include "VL_Python.h"
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
 // (Python wants to be first)
-#include "PythonModules.h"
-
 #include <memory>
+
+#include "PythonModules.h"
+#include "VL_Python.h"
 
 namespace Server {
 
