@@ -7,6 +7,7 @@ import { Events } from "./events.js";
 import { Feed } from "./feed.js";
 import { PostForm } from "./postform.js";
 import { Rates, rateText } from "./rates.js";
+import { offerSignOut } from "./session.js";
 import { StateDocument } from "./statedoc.js";
 import { Status } from "./status.js";
 import { Store } from "./store.js";
@@ -56,6 +57,7 @@ function showRate() {
 
 for (const view of ["events", "timers", "watches", "deliveries", "state"]) onShow(view, () => store.refresh());
 
+offerSignOut();
 startViews();
 startTicking();
 setInterval(() => document.hidden || showRate(), 1000);

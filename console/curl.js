@@ -1,6 +1,7 @@
 // A request as a line for the shell.
 
 import { toClipboard } from "./clipboard.js";
+import { write } from "./json.js";
 import { token } from "./session.js";
 
 const quote = (text) => `'${text.replaceAll("'", "'\\''")}'`;
@@ -11,7 +12,7 @@ export function curlLine(method, url, body) {
   if (method !== "GET") words.push("-X", method);
   words.push(quote(new URL(url, location.href).href));
   if (token()) words.push("-H", '"Authorization: Bearer $VELMORA_TOKEN"');
-  if (body !== undefined) words.push("-H", quote("Content-Type: application/json"), "--data-binary", quote(JSON.stringify(body)));
+  if (body !== undefined) words.push("-H", quote("Content-Type: application/json"), "--data-binary", quote(write(body)));
   return words.join(" ");
 }
 

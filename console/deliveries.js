@@ -1,7 +1,7 @@
 // The last calls to listeners and how they ended.
 
 import { byId, h, setText, show, syncList } from "./dom.js";
-import { failed, outcomeBadge } from "./outcome.js";
+import { deliveryKey, failed, outcomeBadge } from "./outcome.js";
 import { parseTime, serverNow, timeElement } from "./time.js";
 import { setCount } from "./views.js";
 
@@ -28,7 +28,7 @@ export class Deliveries {
     for (const [kind, test] of Object.entries(kinds)) setText(byId(`delivery-${kind}`), String(matching.filter(test).length));
     const wanted = new FormData(byId("delivery-filters")).get("delivery-show");
     const rows = matching.filter(kinds[wanted]);
-    syncList(byId("delivery-rows"), rows, (delivery) => delivery.sequence, row, (element, delivery) =>
+    syncList(byId("delivery-rows"), rows, deliveryKey, row, (element, delivery) =>
       element.classList.toggle("slow", kinds.slow(delivery)));
     const recent = serverNow() - RECENT_MS;
     setCount("deliveries", this.store.deliveries.filter((each) => failed(each) && parseTime(each.time) > recent).length, true);

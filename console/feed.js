@@ -2,7 +2,7 @@
 
 import { get, path } from "./api.js";
 import { Ledger } from "./ledger.js";
-import { readPosting } from "./posting.js";
+import { postingOf, readPosting } from "./posting.js";
 import { token, tokenProtocol } from "./session.js";
 
 const FIRST_PAUSE_MS = 500;
@@ -88,7 +88,7 @@ export class Feed extends EventTarget {
     let history;
     try {
       const { data } = await get(`${path("history")}?limit=${FILL}`);
-      history = data.history.map((record) => readPosting(JSON.stringify(record))).filter(Boolean);
+      history = data.history.map(postingOf).filter(Boolean);
     } catch (failure) {
       this.say(`What was posted meanwhile could not be read from the history: ${failure.message}`);
       return;

@@ -1,124 +1,184 @@
-// Reading JSON that a person typed, and saying where it is wrong.
+// JSON that comes out as it went in. JavaScript's own parser turns 9007199254740993 into another number, 1.0 into 1 and
+// 1e400 into nothing, and puts names like "10" first: data of users therefore stays text from end to end.
 
-const BLANK = /[ \t\r\n]*/y;
-const NUMBER = /-?(0|[1-9]\d*)(\.\d+)?([eE][+-]?\d+)?/y;
-const STRING = /"([^"\\\u0000-\u001f]|\\(["\\/bfnrt]|u[0-9a-fA-F]{4}))*"/y;
+import { Fault, walk } from "./jsonwalk.js";
 
-class Fault extends Error {
-  constructor(at, message) {
-    super(message);
-    this.at = at;
-  }
-}
+const DATA = /_data$/; // members that hold what users gave
+const LEVELS = 8; // the server's own documents are nested less
+const INDENTED = 40; // levels that begin new lines; those beyond stand in one
 
-/// Finds the first fault of a text that JSON.parse() refuses. Browsers word and place theirs each in its own way, and
-/// some do not place it at all.
-class Reader {
+/// A value that is kept as it is written: a user's data, or a number that JavaScript cannot hold.
+export class JsonText {
   constructor(text) {
     this.text = text;
-    this.at = 0;
   }
 
-  take(pattern) {
-    pattern.lastIndex = this.at;
-    const found = pattern.exec(this.text);
-    if (found) this.at = pattern.lastIndex;
-    return found !== null;
-  }
-
-  fail(message, at = this.at) {
-    throw new Fault(at, at >= this.text.length ? `${message}, but the text ends here` : message);
-  }
-
-  document() {
-    this.take(BLANK);
-    this.value();
-    this.take(BLANK);
-    if (this.at < this.text.length) this.fail("Nothing may follow the value");
-  }
-
-  value() {
-    const c = this.text[this.at];
-    if (c === "{") this.members("}", () => this.member());
-    else if (c === "[") this.members("]", () => this.value());
-    else if (c === '"') this.string();
-    else if (/[-\d]/.test(c ?? "")) this.number();
-    else if (!this.take(/(true|false|null)\b/y)) {
-      this.fail(c === "'" ? "Texts stand in double quotes" : "A value was expected");
-    }
-  }
-
-  members(close, one) {
-    this.at += 1;
-    this.take(BLANK);
-    if (this.text[this.at] === close) {
-      this.at += 1;
-      return;
-    }
-    for (;;) {
-      one();
-      this.take(BLANK);
-      const c = this.text[this.at];
-      if (c !== "," && c !== close) this.fail(`"," or "${close}" was expected`);
-      const comma = this.at;
-      this.at += 1;
-      if (c === close) return;
-      this.take(BLANK);
-      if (this.text[this.at] === close) this.fail("There is a comma too many", comma);
-    }
-  }
-
-  member() {
-    if (this.text[this.at] !== '"') this.fail("A name in double quotes was expected");
-    this.string();
-    this.take(BLANK);
-    if (this.text[this.at] !== ":") this.fail('":" was expected');
-    this.at += 1;
-    this.take(BLANK);
-    this.value();
-  }
-
-  number() {
-    const start = this.at;
-    if (!this.take(NUMBER) || /[\w.+-]/.test(this.text[this.at] ?? "")) this.fail("This is not a number", start);
-  }
-
-  string() {
-    if (this.take(STRING)) return;
-    let i = this.at + 1;
-    for (; i < this.text.length && this.text[i] !== '"'; i += 1) {
-      if (this.text[i] < " ") this.fail("A text ends in the line it began in (write \\n for a line break)", i);
-      if (this.text[i] !== "\\") continue;
-      if (!/^\\(["\\/bfnrt]|u[0-9a-fA-F]{4})/.test(this.text.slice(i, i + 6))) this.fail("Unknown escape", i);
-      i += 1;
-    }
-    this.fail("The closing double quote is missing", i);
+  toString() {
+    return this.text;
   }
 }
+
+/// Whether a member with a user's data is there and not an empty dictionary.
+export const holdsData = (value) => value instanceof JsonText && value.text.startsWith("{") && value.text !== "{}";
+
+/// The text of such a member; one that is not there is empty.
+export const dataText = (value) => value?.text ?? "{}";
+
+export const isDictionary = (value) =>
+  typeof value === "object" && value !== null && !Array.isArray(value) && !(value instanceof JsonText);
+
+/// A document of the server's. Data in it, what is nested deeper than such a document is, and numbers that would change are
+/// JsonTexts without blanks.
+export function parse(text) {
+  const builder = new Builder(text);
+  walk(text, (kind, start, end) => builder.token(kind, start, end));
+  return builder.result;
+}
+
+class Builder {
+  holders = []; // the dictionaries and arrays that are being filled
+  names = []; // of the members that are being read, one for each holder
+  kept = null; // of the value that stays text: {from, to (so far), depth, loose (it holds blanks)}
+
+  constructor(text) {
+    this.text = text;
+  }
+
+  token(kind, start, end) {
+    if (this.kept) this.keep(kind, start, end);
+    else if (kind === "name") this.names[this.names.length - 1] = unquoted(this.text.slice(start, end));
+    else if (kind === "{" || kind === "[") this.begin(kind, start);
+    else if (kind === "}" || kind === "]") this.put(this.holders.pop(), this.names.pop());
+    else if (kind === "number") this.put(number(this.text.slice(start, end)));
+    else if (kind === "string") this.put(unquoted(this.text.slice(start, end)));
+    else if (kind === "word") this.put(JSON.parse(this.text.slice(start, end)));
+  }
+
+  begin(kind, start) {
+    if (this.holders.length >= LEVELS || DATA.test(this.names[this.names.length - 1])) {
+      this.kept = { from: start, to: start, depth: 0, loose: false };
+      this.keep(kind, start, start + 1);
+      return;
+    }
+    this.holders.push(kind === "{" ? Object.create(null) : []);
+    this.names.push(undefined);
+  }
+
+  keep(kind, start, end) {
+    const { kept } = this;
+    kept.loose ||= start !== kept.to;
+    kept.to = end;
+    if (kind === "{" || kind === "[") kept.depth += 1;
+    else if (kind === "}" || kind === "]") kept.depth -= 1;
+    if (kept.depth > 0) return;
+    const text = this.text.slice(kept.from, end);
+    this.kept = null;
+    this.put(new JsonText(kept.loose ? compact(text) : text));
+  }
+
+  put(value) {
+    const holder = this.holders[this.holders.length - 1];
+    if (holder === undefined) this.result = value;
+    else if (Array.isArray(holder)) holder.push(value);
+    else holder[this.names[this.names.length - 1]] = value;
+  }
+}
+
+const unquoted = (text) => (text.includes("\\") ? JSON.parse(text) : text.slice(1, -1));
+
+const number = (text) => (String(Number(text)) === text ? Number(text) : new JsonText(text));
+
+/// The text of a value, its JsonTexts as they are.
+export function write(value) {
+  if (value instanceof JsonText) return value.text;
+  if (Array.isArray(value)) return `[${value.map(write).join(",")}]`;
+  if (!isDictionary(value)) return JSON.stringify(value);
+  let text = "";
+  for (const name of Object.keys(value)) {
+    if (value[name] !== undefined) text += `${text && ","}${JSON.stringify(name)}:${write(value[name])}`;
+  }
+  return `{${text}}`;
+}
+
+/// The same text without blanks between its tokens.
+export function compact(text) {
+  const tokens = [];
+  walk(text, (kind, start, end) => tokens.push(text.slice(start, end)));
+  return tokens.join("");
+}
+
+/// The same text with one value to a line.
+export function pretty(text) {
+  const parts = [];
+  let depth = 0;
+  let before = "";
+  const line = (within, indent) => within <= INDENTED && parts.push("\n", "  ".repeat(indent));
+  walk(text, (kind, start, end) => {
+    const first = before === "{" || before === "[";
+    if (kind === "}" || kind === "]") {
+      if (!first) line(depth, depth - 1);
+      depth -= 1;
+    } else if (first || before === ",") {
+      line(depth, depth);
+    }
+    if (kind === "{" || kind === "[") depth += 1;
+    parts.push(text.slice(start, end), kind === ":" ? " " : "");
+    before = kind;
+  });
+  return parts.join("");
+}
+
+/// One line of at most `limit` characters that shows what a value holds; nothing for an empty dictionary.
+export function preview(value, limit = 160) {
+  const text = value === undefined ? "" : write(value);
+  if (text === "{}") return "";
+  if (text.length <= limit) return text;
+  return `${text.slice(0, limit).replace(/[\ud800-\udbff]$/, "")}…`; // no half of a character
+}
+
+// What a person wrote
 
 /// {value} or {fault: {message, at, line, column, excerpt}}; lines and columns count from 1.
 export function readJSON(text) {
+  return attempt(text, () => {
+    refuseDoubles(text);
+    return parse(text);
+  });
+}
+
+/// The same for what has to be a dictionary, as a JsonText; a text of blanks gives {value: undefined}.
+export function readDictionary(text) {
+  if (!text.trim()) return { value: undefined };
+  return attempt(text, () => {
+    refuseDoubles(text);
+    const start = text.search(/\S/);
+    if (text[start] !== "{") throw new Fault(start, "This has to be a dictionary: { … }");
+    return new JsonText(compact(text));
+  });
+}
+
+function attempt(text, read) {
   try {
-    return { value: JSON.parse(text) };
-  } catch {
-    try {
-      new Reader(text).document();
-      return { fault: locate(text, 0, "This is not JSON") };
-    } catch (fault) {
-      return { fault: locate(text, fault.at ?? 0, fault.message) };
-    }
+    return { value: read() };
+  } catch (fault) {
+    if (!(fault instanceof Fault)) throw fault;
+    return { fault: locate(text, fault.at, fault.message) };
   }
 }
 
-/// The same for what has to be a dictionary; a text of blanks gives {value: undefined}.
-export function readDictionary(text) {
-  if (!text.trim()) return { value: undefined };
-  const result = readJSON(text);
-  if (result.fault || isDictionary(result.value)) return result;
-  return { fault: locate(text, text.search(/\S/), "This has to be a dictionary: { … }") };
+/// The server refuses a dictionary that holds a name twice, and it would not be clear which of them is meant.
+function refuseDoubles(text) {
+  const names = [];
+  walk(text, (kind, start, end) => {
+    if (kind === "{") names.push(new Set());
+    else if (kind === "}") names.pop();
+    if (kind !== "name") return;
+    const name = unquoted(text.slice(start, end));
+    const known = names[names.length - 1];
+    if (known.has(name)) throw new Fault(start, "This name stands in the dictionary already");
+    known.add(name);
+  });
 }
-
-export const isDictionary = (value) => typeof value === "object" && value !== null && !Array.isArray(value);
 
 function locate(text, at, message) {
   const before = text.slice(0, at);
@@ -133,12 +193,3 @@ function locate(text, at, message) {
     excerpt: `${shown}\n${" ".repeat(column - from)}^`,
   };
 }
-
-/// One line of at most `limit` characters that shows what a value holds; nothing for an empty dictionary.
-export function preview(value, limit = 160) {
-  const text = JSON.stringify(value) ?? "";
-  if (text === "{}") return "";
-  return text.length > limit ? `${text.slice(0, limit)}…` : text;
-}
-
-export const pretty = (value) => JSON.stringify(value, null, 2);

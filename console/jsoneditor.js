@@ -29,7 +29,7 @@ export class JsonEditor {
     this.number();
   }
 
-  /// The dictionary, undefined where the field is empty. A fault is shown, gets the focus, and null is returned.
+  /// The dictionary as a JsonText, undefined where the field is empty. A fault is shown, gets the focus, and null is returned.
   value() {
     const { value, fault } = readDictionary(this.text.value);
     this.showFault(fault);
@@ -39,7 +39,7 @@ export class JsonEditor {
   }
 
   set(value) {
-    this.text.value = value === undefined ? "" : pretty(value);
+    this.text.value = value === undefined ? "" : pretty(value.text);
     this.number();
     this.check();
   }

@@ -3,9 +3,10 @@
 import { path, post, remove } from "./api.js";
 import { dataDetails } from "./datadetails.js";
 import { h, setText, show, syncList } from "./dom.js";
+import { holdsData } from "./json.js";
 import { JsonEditor } from "./jsoneditor.js";
 import { attempt, confirmed, say } from "./notices.js";
-import { addressKey, failed, isPython, newestByAddress, outcomeLine } from "./outcome.js";
+import { addressKey, deliveryKey, failed, isPython, newestByAddress, outcomeLine } from "./outcome.js";
 
 export class ListenerList {
   constructor(store, event) {
@@ -91,7 +92,7 @@ export class ListenerList {
 }
 
 function drawOutcome(place, listener, delivery) {
-  const signature = delivery ? `${delivery.sequence}` : "none";
+  const signature = delivery ? deliveryKey(delivery) : "none";
   if (place.dataset.shown === signature) return;
   place.dataset.shown = signature;
   if (delivery) place.replaceChildren(...outcomeLine(delivery).filter(Boolean));
@@ -100,5 +101,5 @@ function drawOutcome(place, listener, delivery) {
 
 function kindOf({ callback, listener_data: data }) {
   if (isPython(callback)) return "Python";
-  return data && Object.keys(data).length ? "POST" : "GET";
+  return holdsData(data) ? "POST" : "GET";
 }

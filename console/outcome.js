@@ -31,6 +31,9 @@ export function newestByAddress(deliveries) {
   return newest;
 }
 
+/// Tells calls apart, also those of a server that was started anew and counts from 1 again.
+export const deliveryKey = (delivery) => `${delivery.sequence} ${delivery.time}`;
+
 export const isPython = (callback) => callback.startsWith("python://");
 
 /// The listeners whose last call failed: [{event, listener, delivery}].

@@ -2,7 +2,7 @@
 
 import { serverNow } from "./time.js";
 
-/// {reachable, ready, notReady: [why], version, startedAt, clients}. `before` is the description before this one, for
+/// {reachable, ready, notReady: [why], version, startedAt, clients, expired (timers)}. `before` is the description before this one, for
 /// what the server does not answer now.
 export async function describeServer(before) {
   const [health, readiness, metrics] = await Promise.all([read("/healthz", "json"), read("/readyz", "json"), read("/metrics", "text")]);
@@ -14,6 +14,7 @@ export async function describeServer(before) {
     version: health.version,
     startedAt: steady(serverNow() - health.uptime_sec * 1000, before.startedAt),
     clients: sample(metrics ?? "", "velmora_feed_clients"),
+    expired: sample(metrics ?? "", "velmora_timers_expired_total") ?? before.expired,
   };
 }
 

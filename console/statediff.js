@@ -1,6 +1,6 @@
 // What applying a state document would add to what is there. Applying only ever adds.
 
-import { isDictionary, preview } from "./json.js";
+import { JsonText, dataText, holdsData, isDictionary, preview, write } from "./json.js";
 
 /// {added: {events, listeners, timers, watches}: each [text], present: [text], ignored: [text], faults: [text]}
 export function compareState(document, current) {
@@ -23,7 +23,8 @@ export function compareState(document, current) {
 
 const list = (value) => (Array.isArray(value) ? value : []);
 const text = (value) => (typeof value === "string" ? value : "");
-const withData = (data) => (isDictionary(data) && Object.keys(data).length ? ` with ${preview(data, 60)}` : "");
+const numeral = (value) => (typeof value === "number" || value instanceof JsonText ? String(value) : text(value));
+const withData = (data) => (holdsData(data) ? ` with ${preview(data, 60)}` : "");
 
 function compareEvents(entries, current, result) {
   const callbacks = new Map(current.event_list.map((event) => [event.event_name, new Set(event.listener_list.map((each) => each.callback))]));
@@ -57,15 +58,16 @@ function compareListener(listener, event, callbacks, pointer, result) {
 
 /// Timers have no identity that outlives a document: every one of them is added, also beside an equal one.
 function compareTimers(entries, current, result) {
-  const like = (timer) => JSON.stringify([timer.event_name, String(timer.interval_sec ?? ""), timer.start_time ?? "", timer.timer_data ?? {}]);
+  const like = (timer) => write([timer.event_name, numeral(timer.interval_sec), text(timer.start_time), dataText(timer.timer_data)]);
   const existing = new Set(current.timer_list.map(like));
   entries.forEach((entry, i) => {
-    const interval = Number(entry?.interval_sec ?? 0);
-    if (!text(entry?.event_name) || (!interval && !entry.start_time)) {
+    const interval = numeral(entry?.interval_sec);
+    const repeats = Boolean(Number(interval));
+    if (!text(entry?.event_name) || (!repeats && !text(entry.start_time))) {
       result.faults.push(`/timer_list/${i} has no event name, or neither a start nor an interval.`);
       return;
     }
-    const when = interval ? `every ${interval} s` : `at ${entry.start_time}`;
+    const when = repeats ? `every ${interval} s` : `at ${entry.start_time}`;
     const double = existing.has(like(entry)) ? " (beside an equal one that is there)" : "";
     result.added.timers.push(`${entry.event_name} ${when}${withData(entry.timer_data)}${double}`);
   });

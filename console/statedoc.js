@@ -3,7 +3,7 @@
 import { get, path, post } from "./api.js";
 import { copyCurl } from "./curl.js";
 import { byId, count, h, setText } from "./dom.js";
-import { pretty, readJSON } from "./json.js";
+import { JsonText, pretty, readJSON } from "./json.js";
 import { attempt, say } from "./notices.js";
 import { compareState } from "./statediff.js";
 import { timestampText } from "./time.js";
@@ -40,20 +40,26 @@ export class StateDocument {
   }
 
   async open(file) {
-    if (!file) return;
+    if (!file || this.applying) return;
     await attempt(async () => {
-      const { value, fault } = readJSON(await file.text());
+      const text = decoded(await file.arrayBuffer());
+      if (text === null) {
+        this.refuse(file.name, ["It holds bytes that are no UTF-8."]);
+        return;
+      }
+      const { value, fault } = readJSON(text);
       if (fault) this.refuse(file.name, [`Line ${fault.line}, column ${fault.column}: ${fault.message}.`]);
-      else await this.preview(file.name, value);
+      else await this.preview(file.name, value, new JsonText(text));
     });
   }
 
-  refuse(name, reasons) {
-    this.place.replaceChildren(h("p", { class: "note bad" }, `${name} cannot be applied.`),
+  refuse(name, reasons, lead = `${name} cannot be applied.`) {
+    this.place.replaceChildren(h("p", { class: "note bad" }, lead),
       h("ul", { class: "plain bad" }, reasons.slice(0, SHOWN).map((reason) => h("li", {}, reason))));
   }
 
-  async preview(name, document) {
+  /// `text` is what is sent: the document as it stands in the file.
+  async preview(name, document, text) {
     await this.store.readQueue(); // what is compared with has to be what is there now
     const result = compareState(document, this.store.queue);
     if (result.faults.length) {
@@ -61,7 +67,7 @@ export class StateDocument {
       return;
     }
     const total = Object.values(result.added).reduce((sum, entries) => sum + entries.length, 0);
-    const apply = h("button", { type: "button", class: "primary", onclick: () => this.apply(name, document) }, "Add these");
+    const apply = h("button", { type: "button", class: "primary", onclick: () => this.apply(name, text, [apply, cancel]) }, "Add these");
     const cancel = h("button", { type: "button", onclick: () => this.close() }, "Cancel");
     this.place.replaceChildren(
       h("h4", { tabindex: -1 }, total ? `${name} would add` : `${name} would add nothing`),
@@ -72,16 +78,23 @@ export class StateDocument {
     this.place.querySelector("h4").focus();
   }
 
-  async apply(name, document) {
+  /// Takes as long as the server takes: a second try would add the timers once more.
+  async apply(name, text, buttons) {
     const before = this.store.queue;
+    this.applying = true;
+    for (const button of buttons) button.disabled = true;
+    setText(buttons[0], "Adding…");
     try {
-      const { data } = await post(path("queue"), document);
+      const { data } = await post(path("queue"), text, { patience: 0 });
       const added = ["event_list", "timer_list", "watch_list"].map((list) => data[list].length - before[list].length);
       say(`${name} is applied: ${count(added[0], "event")}, ${count(added[1], "timer")} and ${count(added[2], "watch", "watches")} more than before.`);
       this.close();
       await this.store.readQueue();
     } catch (failure) {
-      this.refuse(name, failure.message.split("\n"));
+      const unknown = failure.status === 0 ? `Whether ${name} was applied is not known; look before you try again.` : undefined;
+      this.refuse(name, failure.message.split("\n"), unknown);
+    } finally {
+      this.applying = false;
     }
   }
 
@@ -98,9 +111,18 @@ function section(title, entries, kind, open) {
     h("ul", { class: "plain" }, entries.slice(0, SHOWN).map((entry) => h("li", {}, entry)), rest > 0 ? h("li", { class: "muted" }, `and ${rest} more`) : ""));
 }
 
+/// Null where the bytes are no text.
+function decoded(bytes) {
+  try {
+    return new TextDecoder("utf-8", { fatal: true }).decode(bytes);
+  } catch {
+    return null;
+  }
+}
+
 async function download() {
-  const { data } = await get(path("queue"));
-  const url = URL.createObjectURL(new Blob([`${pretty(data)}\n`], { type: "application/json" }));
+  const { text } = await get(path("queue"), { patience: 0 });
+  const url = URL.createObjectURL(new Blob([`${pretty(text)}\n`], { type: "application/json" }));
   const stamp = timestampText(Date.now()).slice(0, 19).replaceAll(/[-:]/g, "").replace("T", "-");
   h("a", { href: url, download: `velmora-state-${stamp}.json` }).click();
   setTimeout(() => URL.revokeObjectURL(url), 60000);

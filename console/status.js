@@ -2,6 +2,7 @@
 
 import { request, path } from "./api.js";
 import { byId, count, digits, setText, show } from "./dom.js";
+import { unseenExpired } from "./expired.js";
 import { announce, say } from "./notices.js";
 import { failingListeners } from "./outcome.js";
 import { duration, exactUTC, serverNow } from "./time.js";
@@ -65,18 +66,20 @@ export class Status {
     byId("uptime").title = known ? `Since ${exactUTC(startedAt)}` : "";
   }
 
-  /// Failing listeners in the strip, in the tab's title and in its icon.
+  /// Failing listeners and timers that came too late, in the strip, in the tab's title and in its icon.
   showAlarm() {
     const failing = failingListeners(this.store.queue, this.store.deliveries).length;
+    const expired = unseenExpired(this.store.server);
     const offline = this.feed.state === "waiting";
-    const alarm = byId("failing");
-    setText(alarm, failing ? `${count(failing, "listener")} failing` : "");
-    show(alarm, failing > 0);
+    showCount(byId("failing"), failing, `${count(failing, "listener")} failing`);
+    showCount(byId("expired"), expired, `${count(expired, "timer")} too late`);
     const strip = byId("strip");
-    strip.classList.toggle("alarmed", failing > 0 || this.store.server.ready === false);
+    strip.classList.toggle("alarmed", failing > 0 || expired > 0 || this.store.server.ready === false);
     strip.classList.toggle("offline", offline);
-    document.title = `${offline ? "(offline) " : failing ? `(${failing} failing) ` : ""}Velmora events`;
-    const icon = failing || offline ? "/console/mark-alarm.svg" : "/console/mark.svg";
+    const alarms = [failing && `${failing} failing`, expired && `${expired} too late`].filter(Boolean);
+    const title = offline ? "(offline) " : alarms.length ? `(${alarms.join(", ")}) ` : "";
+    document.title = `${title}Velmora events`;
+    const icon = title ? "/console/mark-alarm.svg" : "/console/mark.svg";
     if (byId("favicon").getAttribute("href") !== icon) byId("favicon").setAttribute("href", icon);
   }
 
@@ -99,12 +102,17 @@ export class Status {
     try {
       await request("PATCH", path("config"), limits);
       byId("limits-dialog").close();
-      say("The limits are set.");
+      say("The limits are set until the server ends.");
       await this.store.readQueue();
     } catch (failure) {
       setText(byId("limits-error"), failure.message);
     }
   }
+}
+
+function showCount(element, number, text) {
+  setText(element, number > 0 ? text : "");
+  show(element, number > 0);
 }
 
 /// Whole minutes from the first one on.

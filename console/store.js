@@ -1,6 +1,7 @@
 // What the server holds, kept current while someone looks: the queue, the outcomes of deliveries, the server itself.
 
 import { get, path } from "./api.js";
+import { write } from "./json.js";
 import { describeServer } from "./serverinfo.js";
 
 const QUEUE_MS = 4000;
@@ -39,7 +40,7 @@ export class Store extends EventTarget {
 
   async readQueue() {
     try {
-      const { status, data, headers } = await get(path("queue"), this.etag ? { "If-None-Match": this.etag } : {});
+      const { status, data, headers } = await get(path("queue"), { headers: this.etag ? { "If-None-Match": this.etag } : {} });
       if (status === 304) return;
       this.etag = headers.get("ETag") ?? "";
       this.queue = { ...NOTHING, ...data };
@@ -53,7 +54,7 @@ export class Store extends EventTarget {
   async readDeliveries() {
     try {
       const { data } = await get(path("deliveries"));
-      const newest = JSON.stringify(data.deliveries.slice(0, 3)) + data.deliveries.length;
+      const newest = write(data.deliveries.slice(0, 3)) + data.deliveries.length;
       if (newest === this.newestDeliveries) return;
       this.newestDeliveries = newest;
       this.deliveries = data.deliveries;

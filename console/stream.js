@@ -179,8 +179,8 @@ export class Stream {
 
   expansion(posting) {
     const button = (text, onclick) => h("button", { type: "button", class: "small", onclick }, text);
-    return [h("pre", { class: "code", tabindex: 0, "aria-label": "Payload" }, pretty(posting.record)), h("div", { class: "actions" },
-      button("Copy", () => toClipboard(pretty(posting.record), "The payload")),
+    return [h("pre", { class: "code", tabindex: 0, "aria-label": "Payload" }, pretty(posting.text)), h("div", { class: "actions" },
+      button("Copy", () => toClipboard(pretty(posting.text), "The payload")),
       button("Post again…", () => this.repost(posting)),
       button("Only this event", () => this.only(posting.name)))];
   }

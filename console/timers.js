@@ -3,6 +3,8 @@
 import { path, post, remove } from "./api.js";
 import { dataDetails } from "./datadetails.js";
 import { byId, count, h, setText, show, syncList } from "./dom.js";
+import { markExpiredSeen, unseenExpired } from "./expired.js";
+import { dataText } from "./json.js";
 import { JsonEditor } from "./jsoneditor.js";
 import { attempt, confirmed, say } from "./notices.js";
 import { duration, exactUTC, parseTime, serverNow, setTime, timeElement, timestampText, zone } from "./time.js";
@@ -23,7 +25,9 @@ export class Timers {
     byId("timer-form").addEventListener("input", () => this.explain());
     byId("timers-clear").onclick = () => this.clear();
     setText(byId("timers-zone"), `times in ${zone}`);
+    byId("timers-late-seen").onclick = () => this.confirmLate();
     store.addEventListener("queue", () => this.draw());
+    store.addEventListener("server", () => this.drawLate());
     setInterval(() => document.hidden || this.drawTimes(), 1000);
     this.explain();
   }
@@ -32,9 +36,9 @@ export class Timers {
   noteFirings(postings) {
     const repeating = this.store.queue.timer_list.filter((timer) => intervalOf(timer) > 0);
     if (repeating.length === 0) return;
-    const last = new Map(postings.map((posting) => [`${posting.name}\n${JSON.stringify(posting.record.post_data)}`, posting]));
+    const last = new Map(postings.map((posting) => [`${posting.name}\n${dataText(posting.record.post_data)}`, posting]));
     for (const timer of repeating) {
-      const fired = last.get(`${timer.event_name}\n${JSON.stringify(timer.timer_data ?? {})}`);
+      const fired = last.get(`${timer.event_name}\n${dataText(timer.timer_data)}`);
       if (fired) this.firedAt.set(timer.id, fired.ms);
     }
   }
@@ -49,6 +53,18 @@ export class Timers {
     show(byId("timers-empty"), timers.length === 0);
     byId("timers-clear").disabled = timers.length === 0;
     this.explain();
+  }
+
+  drawLate() {
+    const late = unseenExpired(this.store.server);
+    setText(byId("timers-late-count"), late === 1 ? "1 timer was" : `${count(late, "timer")} were`);
+    show(byId("timers-late"), late > 0);
+  }
+
+  confirmLate() {
+    markExpiredSeen(this.store.server);
+    byId("timers-title").focus(); // the button goes away
+    this.store.dispatchEvent(new Event("server"));
   }
 
   row(timer) {

@@ -1,8 +1,9 @@
 // Watches: which files and folders post which event.
 
-import { PREFIX, path, post, remove } from "./api.js";
+import { PREFIX, encodeName, path, post, remove } from "./api.js";
 import { dataDetails } from "./datadetails.js";
 import { byId, count, h, show, syncList } from "./dom.js";
+import { holdsData, parse } from "./json.js";
 import { JsonEditor } from "./jsoneditor.js";
 import { attempt, confirmed, say } from "./notices.js";
 import { setTime, timeElement } from "./time.js";
@@ -31,8 +32,8 @@ export class Watches {
   noteChanges(postings) {
     if (this.store.queue.watch_list.length === 0) return;
     for (const { record, ms } of postings) {
-      const changed = record.post_data?.path;
-      if (typeof changed === "string") this.changedAt.set(changed, ms);
+      const changed = changedPath(record.post_data);
+      if (changed !== undefined) this.changedAt.set(changed, ms);
     }
     if (this.changedAt.size > 2000) this.changedAt.clear();
   }
@@ -89,7 +90,7 @@ export class Watches {
   async remove(watch) {
     if (!(await confirmed("Delete this watch?", `Changes of ${watch.path} no longer post “${watch.event_name}”.`))) return;
     await attempt(async () => {
-      await remove(`${PREFIX}/watches?path=${encodeURIComponent(watch.path)}`);
+      await remove(`${PREFIX}/watches?path=${encodeName(watch.path)}`);
       say("The watch is deleted.");
       this.leaving.add(watch.path);
       this.draw();
@@ -112,4 +113,9 @@ export class Watches {
       await this.store.readQueue();
     });
   }
+}
+
+/// Watches post {"path"} and nothing else.
+function changedPath(data) {
+  return holdsData(data) && data.text.startsWith('{"path":"') ? parse(data.text).path : undefined;
 }
