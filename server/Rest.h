@@ -94,6 +94,7 @@ HttpResponse DeleteEvent(RestCall& call);
 HttpResponse GetListeners(RestCall& call);
 HttpResponse PostListeners(RestCall& call);
 HttpResponse DeleteListeners(RestCall& call);
+HttpResponse GetListener(RestCall& call);
 HttpResponse DeleteListener(RestCall& call);
 
 HttpResponse GetTimers(RestCall& call);

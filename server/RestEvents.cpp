@@ -3,6 +3,7 @@
 
 #include "EventManager.h"
 #include "Rest.h"
+#include "RestRegistration.h"
 
 namespace Server {
 
@@ -16,12 +17,21 @@ std::string NoSuchEvent(const std::string& name) {
     return "There is no event \"" + name + "\".";
 }
 
+std::string NoSuchListener(const RestCall& call) {
+    return "The event \"" + call.Names[0] + "\" has no listener with the id \"" + call.Names[1] + "\".";
+}
+
 HttpResponse EventMissing(const std::string& name) {
     return Problem(STATUS_404_NOT_FOUND, NoSuchEvent(name));
 }
 
 HttpResponse OverListenerLimit() {
     return Problem(STATUS_409_CONFLICT, "There are more listeners than \"max_listeners\" allows.");
+}
+
+HttpResponse CallbackRefused() {
+    return Problem(STATUS_400_BAD_REQ, "The callback cannot be called.",
+                   {{PointerTo("", Keys::callback), CallableForms}});
 }
 
 HttpResponse NoQueue() {
@@ -53,11 +63,6 @@ HttpResponse ListenerAnswer(Status_t status, const std::string& event_name, cons
     if (status == STATUS_412_PRECOND_FAILED) {
         return Problem(status, "The event \"" + event_name + "\" has a listener with this callback already.");
     }
-    if (status == STATUS_400_BAD_REQ) {
-        return Problem(
-            status, "The callback cannot be called.",
-            {{"/callback", "must be a URL, a path on this server or \"python://\" and a module's name"}});
-    }
     if (status != STATUS_201_CREATED) return NoQueue();
     PListDict created;
     created.SetValue(Keys::id, UUIDText(id));
@@ -77,7 +82,7 @@ HttpResponse PostEvents(RestCall& call) {
     if (auto refused = ReadBody(call, body)) return std::move(*refused);
     std::vector<Fault> faults;
     Shape shape(body, "", faults);
-    const auto name = shape.NonEmptyText(Keys::event_name, Need::Required);
+    const auto name = ReadEventName(shape);
     const PListDict* data = shape.Dict(Keys::event_data);
     shape.NothingElse();
     if (!faults.empty())
@@ -141,12 +146,13 @@ HttpResponse PostListeners(RestCall& call) {
     if (auto refused = ReadBody(call, body)) return std::move(*refused);
     std::vector<Fault> faults;
     Shape shape(body, "", faults);
-    const auto callback = shape.Text(Keys::callback, Need::Required);
+    const auto callback = ReadCallback(shape);
     const PListDict* data = shape.Dict(Keys::listener_data);
     shape.NothingElse();
     if (!faults.empty()) {
         return Problem(STATUS_422_UNPROCESSABLE, "The listener cannot be created as given.", faults);
     }
+    if (!IsCallable(*callback)) return CallbackRefused();
     EventManager::UUID id;
     const Status_t status = GlobalEventQueue().CreateEventListener(call.Names[0], *callback, data, id);
     return ListenerAnswer(status, call.Names[0], id);
@@ -156,12 +162,25 @@ HttpResponse DeleteListeners(RestCall& call) {
     return Removed(GlobalEventQueue().DeleteListenersForEvent(call.Names[0]), NoSuchEvent(call.Names[0]));
 }
 
+HttpResponse GetListener(RestCall& call) {
+    EventManager::UUID id;
+    if (Mirel::UUIDFromText(call.Names[1], id)) {
+        const PListDict event = FindEvent(call.Names[0]);
+        for (const PListItem& item : event.GetArray(Keys::listener_list)) {
+            const PListDict* entry = AsDict(&item);
+            if (entry != nullptr && entry->GetData(Keys::id).TextView() == UUIDText(id)) {
+                return Json(STATUS_200_OK, *entry);
+            }
+        }
+    }
+    return Problem(STATUS_404_NOT_FOUND, NoSuchListener(call));
+}
+
 HttpResponse DeleteListener(RestCall& call) {
     EventManager::UUID id;
     const bool removed =
         Mirel::UUIDFromText(call.Names[1], id) && GlobalEventQueue().DeleteEventListener(call.Names[0], id);
-    return Removed(removed, "The event \"" + call.Names[0] + "\" has no listener with the id \"" +
-                                call.Names[1] + "\".");
+    return Removed(removed, NoSuchListener(call));
 }
 
 }  // namespace Server

@@ -5,6 +5,7 @@
 #include "Config.h"
 #include "EventManager.h"
 #include "Rest.h"
+#include "RestRegistration.h"
 
 namespace Server {
 
@@ -31,11 +32,24 @@ PListDict Limits() {
     return limits;
 }
 
+// 422 where an entry could not be applied. Whether it may be registered is asked only of entries that are
+// well formed.
+std::optional<HttpResponse> Malformed(const PListDict& document, const PListDict& existing) {
+    std::vector<Fault> faults;
+    CheckQueueDocument(document, "", faults);
+    if (!HasSection(document)) {
+        faults.insert(faults.begin(),
+                      {"", "holds none of \"event_list\", \"timer_list\" and \"watch_list\""});
+    }
+    if (faults.empty()) CheckRegistrations(document, existing, faults);
+    if (faults.empty()) return std::nullopt;
+    return Problem(STATUS_422_UNPROCESSABLE, "The document cannot be applied as a whole; nothing was.",
+                   faults);
+}
+
 // 409 where the limits would let only a part of the document in. What others create meanwhile is not
 // foreseen: then the queue refuses entries as it does for everybody.
-std::optional<HttpResponse> OverLimits(const PListDict& document) {
-    PListDict existing;
-    GlobalEventQueue().GetQueueState(existing);
+std::optional<HttpResponse> OverLimits(const PListDict& document, const PListDict& existing) {
     std::vector<Fault> faults;
     CheckQueueLimits(document, existing, GlobalEventQueue().GetMaxListeners(),
                      GlobalEventQueue().GetMaxWatches(), "", faults);
@@ -55,17 +69,10 @@ HttpResponse GetQueue(RestCall& call) {
 HttpResponse PostQueue(RestCall& call) {
     PListDict document;  // what the queue holds may be nested as deep as its users liked
     if (auto refused = ReadBody(call, document, PListItem::AnyDepth)) return std::move(*refused);
-    std::vector<Fault> faults;
-    CheckQueueDocument(document, "", faults);
-    if (!HasSection(document)) {
-        faults.insert(faults.begin(),
-                      {"", "holds none of \"event_list\", \"timer_list\" and \"watch_list\""});
-    }
-    if (!faults.empty()) {
-        return Problem(STATUS_422_UNPROCESSABLE, "The document cannot be applied as a whole; nothing was.",
-                       faults);
-    }
-    if (auto refused = OverLimits(document)) return std::move(*refused);
+    PListDict existing;
+    GlobalEventQueue().GetQueueState(existing);
+    if (auto refused = Malformed(document, existing)) return std::move(*refused);
+    if (auto refused = OverLimits(document, existing)) return std::move(*refused);
     EventManager::ApplyQueueState(document);
     PListDict state;
     GlobalEventQueue().GetQueueState(state);

@@ -4,6 +4,7 @@
 #include "EventManager.h"
 #include "QueueShape.h"
 #include "Rest.h"
+#include "RestRegistration.h"
 
 namespace Server {
 
@@ -23,7 +24,7 @@ struct NewTimer {
 NewTimer ReadTimer(const PListDict& body, std::vector<Fault>& faults) {
     NewTimer timer;
     Shape shape(body, "", faults);
-    timer.EventName = shape.NonEmptyText(Keys::event_name, Need::Required).value_or("");
+    timer.EventName = ReadEventName(shape).value_or("");
     timer.Times = ReadTimerTimes(shape);
     timer.Data = shape.Dict(Keys::timer_data);
     shape.NothingElse();

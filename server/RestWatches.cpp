@@ -10,6 +10,7 @@
 #include "EventManager.h"
 #include "QueueShape.h"
 #include "Rest.h"
+#include "RestRegistration.h"
 
 namespace Server {
 
@@ -51,37 +52,49 @@ PListArray WatchWarnings(const std::string& path) {
     return warnings;
 }
 
-// The watched path that is `path` but for letter case; empty where there is none.
-std::string WatchedAs(const std::string& path) {
+// The state's entry for the path, in any letter case; null where there is none.
+const PListDict* FindWatch(const PListDict& state, const std::string& path) {
     const ci_comp less;
-    PListDict state;
-    GlobalEventQueue().GetWatchState(state);
-    for (const PListItem& item : std::as_const(state).GetArray(Keys::watch_list)) {
+    for (const PListItem& item : state.GetArray(Keys::watch_list)) {
         const PListDict* entry = AsDict(&item);
         if (entry == nullptr) continue;
-        std::string watched = entry->GetData(Keys::path).Text();
-        if (!less(watched, path) && !less(path, watched)) return watched;
+        const std::string watched = entry->GetData(Keys::path).Text();
+        if (!less(watched, path) && !less(path, watched)) return entry;
     }
-    return std::string();
+    return nullptr;
+}
+
+std::string NoSuchWatch(const std::string& path) {
+    return "There is no watch on \"" + path + "\".";
 }
 
 HttpResponse WatchRefused(const std::string& path) {
-    const std::string watched = WatchedAs(path);
-    if (watched.empty()) {
+    PListDict state;
+    GlobalEventQueue().GetWatchState(state);
+    const PListDict* watch = FindWatch(state, path);
+    if (watch == nullptr) {
         return Problem(STATUS_409_CONFLICT, "There are more watches than \"max_watches\" allows.");
     }
     return Problem(STATUS_409_CONFLICT,
-                   "The path is watched already, as \"" + watched +
+                   "The path is watched already, as \"" + watch->GetData(Keys::path).Text() +
                        "\" (letter case does not count; a watch that was just deleted goes with "
                        "the worker's next passes).");
 }
 
 }  // namespace
 
-HttpResponse GetWatches(RestCall&) {
+HttpResponse GetWatches(RestCall& call) {
     PListDict state;
     GlobalEventQueue().GetWatchState(state);
-    return Json(STATUS_200_OK, state);
+    const std::string* path = call.Parameter(Keys::path);
+    if (path == nullptr) return Json(STATUS_200_OK, state);
+    const PListDict* watch = FindWatch(state, *path);
+    if (watch == nullptr) return Problem(STATUS_404_NOT_FOUND, NoSuchWatch(*path));
+    PListArray found;
+    found.Append(*watch);
+    PListDict answer;
+    answer.SetItem(Keys::watch_list, std::move(found));
+    return Json(STATUS_200_OK, answer);
 }
 
 HttpResponse PostWatches(RestCall& call) {
@@ -90,7 +103,7 @@ HttpResponse PostWatches(RestCall& call) {
     std::vector<Fault> faults;
     Shape shape(body, "", faults);
     const auto path = ReadWatchPath(shape);
-    const auto event_name = shape.NonEmptyText(Keys::event_name, Need::Required);
+    const auto event_name = ReadEventName(shape);
     const bool once = shape.Boolean(Keys::once).value_or(false);
     const PListDict* data = shape.Dict(Keys::watch_data);
     shape.NothingElse();
@@ -104,13 +117,13 @@ HttpResponse PostWatches(RestCall& call) {
     entry.SetValue(Keys::once, once);
     if (data != nullptr && !data->Empty()) entry.SetItem(Keys::watch_data, *data);
     entry.SetItem("warnings", WatchWarnings(*path));
-    return Json(STATUS_201_CREATED, entry);
+    return Created(ApiPath({Keys::watches}) + "?path=" + PercentEncode(*path), entry);
 }
 
 HttpResponse DeleteWatches(RestCall& call) {
     const std::string* path = call.Parameter(Keys::path);
     if (path != nullptr) {
-        return Removed(GlobalEventQueue().DeleteWatch(*path), "There is no watch on \"" + *path + "\".");
+        return Removed(GlobalEventQueue().DeleteWatch(*path), NoSuchWatch(*path));
     }
     GlobalEventQueue().DeleteAllWatches();
     return NoContent();

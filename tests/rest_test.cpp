@@ -11,6 +11,7 @@
 #include "HttpClient.h"
 #include "OpenApi.h"
 #include "Router.h"
+#include "SchemaCheck.h"
 #include "StateFile.h"
 #include "Testing.h"
 
@@ -22,7 +23,7 @@ namespace {
 
 PListDict Parse(const std::string& json) {
     Mirel::Result_t why;
-    const std::unique_ptr<PListItem> item = PListItem::CreateFromJSON(json, &why);
+    const std::unique_ptr<PListItem> item = PListItem::CreateFromJSON(json, &why, PListItem::AnyDepth);
     const PListDict* dict = AsDict(item.get());
     if (dict == nullptr) ADD_FAILURE() << json << ": " << why.Message();
     return dict == nullptr ? PListDict() : *dict;
@@ -36,12 +37,23 @@ Method_t MethodNamed(const std::string& name) {
     return METH_GET;
 }
 
+const PListDict& Description() {
+    static const PListDict document = Parse(std::string(OpenApiDocument()));
+    return document;
+}
+
 // The description's operation for a method and a pattern; empty where there is none.
 const PListDict& Described(const std::string& method, const std::string& pattern) {
-    static const PListDict document = Parse(std::string(OpenApiDocument()));
     std::string key = method;
     for (char& c : key) c = static_cast<char>(std::tolower(c));
-    return document.GetDict("paths").GetDict(pattern).GetDict(key);
+    return Description().GetDict("paths").GetDict(pattern).GetDict(key);
+}
+
+// The schema of JSON content; null where there is none, as for text.
+const PListItem* JSONSchema(const PListDict& described, const std::string& type) {
+    return type.find("json") == std::string::npos
+               ? nullptr
+               : described.GetDict("content").GetDict(type).GetItem("schema");
 }
 
 }  // namespace
@@ -63,7 +75,7 @@ class RouterTest : public ::testing::Test {
     int Send(const std::string& method, const std::string& target, const std::string& body = "",
              const std::string& tag = "") {
         last = Exchange(method, target, body, tag);
-        HoldAgainstDescription(method, target.substr(0, target.find('?')));
+        HoldAgainstDescription(method, target.substr(0, target.find('?')), body);
         return last.Status;
     }
     virtual HttpResponse Exchange(const std::string& method, const std::string& target,
@@ -107,17 +119,34 @@ class RouterTest : public ::testing::Test {
     HttpResponse last;
 
   private:
-    void HoldAgainstDescription(const std::string& method, const std::string& path) {
+    void HoldAgainstDescription(const std::string& method, const std::string& path, const std::string& body) {
         if (last.Status >= 400) {
             EXPECT_EQ(Body().GetData("status").Text(), std::to_string(last.Status)) << last.Body;
         }
         for (const RouteInfo& route : Router::Routes()) {
-            const bool same = method == route.Method && MatchesPattern(route.Pattern, path);
-            if (!same) continue;
-            const PListDict& responses = Described(route.Method, route.Pattern).GetDict("responses");
-            EXPECT_TRUE(responses.HasItem(std::to_string(last.Status)))
-                << method << " " << path << last.Status;
+            if (method != route.Method || !MatchesPattern(route.Pattern, path)) continue;
+            SCOPED_TRACE(method + " " + path + " " + std::to_string(last.Status));
+            const PListDict& operation = Described(route.Method, route.Pattern);
+            HoldAgainst(operation.GetDict("responses").GetDict(std::to_string(last.Status)));
+            if (last.Status >= 300 || body.empty()) continue;
+            HoldAgainst(JSONSchema(operation.GetDict("requestBody"), "application/json"), body);
         }
+    }
+    void HoldAgainst(PListDict response) {
+        const std::string reference = response.GetData("$ref").Text();
+        const std::string name = reference.substr(reference.rfind('/') + 1);
+        if (!name.empty()) response = Description().GetDict("components").GetDict("responses").GetDict(name);
+        EXPECT_TRUE(response.HasItem("description")) << "not described";
+        for (const auto& [header, schema] : response.GetDict("headers")) {
+            EXPECT_NE(Header(std::string(header)), "") << header;
+        }
+        const std::string type(last.ContentType.substr(0, last.ContentType.find(';')));
+        EXPECT_EQ(response.GetDict("content").HasItem(type), response.HasItem("content")) << type;
+        HoldAgainst(JSONSchema(response, type), last.Body);
+    }
+    static void HoldAgainst(const PListItem* schema, const std::string& json) {
+        if (schema == nullptr) return;
+        EXPECT_EQ(Testing::SchemaCheck(Description()).Fault(*schema, Parse(json)), "") << json.substr(0, 500);
     }
     static bool MatchesPattern(std::string pattern, std::string path) {
         const auto steps = [](const std::string& text) { return std::count(text.begin(), text.end(), '/'); };
@@ -186,8 +215,7 @@ TEST_F(RouterTest, TheDescriptionCoversEveryRouteAndNothingElse) {
         }
         EXPECT_EQ(query, route.Query) << route.Method << " " << route.Pattern;
     }
-    const PListDict document = Parse(std::string(OpenApiDocument()));
-    for (const auto& [path, item] : document.GetDict("paths")) {
+    for (const auto& [path, item] : Description().GetDict("paths")) {
         for (const auto& [key, operation] : *AsDict(&item)) {
             if (key == "parameters") continue;
             std::string method(key);
@@ -196,7 +224,7 @@ TEST_F(RouterTest, TheDescriptionCoversEveryRouteAndNothingElse) {
         }
     }
     EXPECT_EQ(routes, described);
-    EXPECT_EQ(document.GetDict("info").GetData("version").Text(), VELMORA_VERSION);
+    EXPECT_EQ(Description().GetDict("info").GetData("version").Text(), VELMORA_VERSION);
 }
 
 TEST_P(RestTest, PathsMethodsAndQueriesThatAreNotServed) {
@@ -259,7 +287,24 @@ TEST_P(RestTest, WrongBodiesAreRefusedAtTheirPlace) {
         {"POST /api/v1/events/known", "5", 422, ""},
         {"POST /api/v1/events/known", "{", 400, ""},
         {"POST /api/v1/events/known/listeners", R"({"listener_data": 1})", 422, "/listener_data"},
+        {"POST /api/v1/events", R"({"event_name": ")" + std::string(1025, 'x') + "\"}", 422, "/event_name"},
+        {"POST /api/v1/timers", R"({"interval_sec": 5, "event_name": ")" + std::string(1025, 'x') + "\"}",
+         422, "/event_name"},
+        {"POST /api/v1/watches", R"({"path": "/", "event_name": ".."})", 422, "/event_name"},
+        {"POST /api/v1/events", R"({"event_name": "."})", 422, "/event_name"},
         {"POST /api/v1/events/known/listeners", R"({"callback": "no url"})", 400, "/callback"},
+        {"POST /api/v1/events/known/listeners", R"({"callback": ""})", 400, "/callback"},
+        {"POST /api/v1/events/known/listeners", R"({"callback": "ftp://127.0.0.1/"})", 400, "/callback"},
+        {"POST /api/v1/events/known/listeners", R"({"callback": "//127.0.0.1/"})", 400, "/callback"},
+        {"POST /api/v1/events/known/listeners", R"({"callback": "http:///python://m"})", 400, "/callback"},
+        {"POST /api/v1/events/known/listeners", R"({"callback": "python://"})", 400, "/callback"},
+        {"POST /api/v1/events/known/listeners", R"({"callback": "python://.m"})", 400, "/callback"},
+        {"POST /api/v1/events/known/listeners", R"({"callback": "python://m/n"})", 400, "/callback"},
+        {"POST /api/v1/events/known/listeners", R"({"callback": "python://m\u0000x"})", 422, "/callback"},
+        {"POST /api/v1/queue",
+         R"({"event_list": [{"event_name": "ok"}, {"event_name": ")" + std::string(1025, 'x') +
+             R"(", "listener_list": [{"callback": "http://h/"}, {"callback": "ftp://h/"}]}]})",
+         422, "/event_list/1/event_name /event_list/1/listener_list/1/callback"},
         {"POST /api/v1/timers", R"({"event_name": "known"})", 422, ""},
         {"POST /api/v1/timers", R"({"interval_sec": 5})", 422, ""},
         {"POST /api/v1/timers", R"({"event_name": "known", "interval_sec": 0})", 422, ""},
@@ -330,6 +375,40 @@ TEST_P(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {
     EXPECT_EQ(Send("DELETE", location), 404);
 }
 
+// Whatever can be created is found where its Location says, with everything below it.
+TEST_P(RestTest, EveryNameThatIsTakenCanBeAddressed) {
+    const std::string names[] = {std::string(1024, '/'), "...",   R"(\u0000)",
+                                 R"(\udcff?#%)",         "+ &;=", "\xF0\x9F\x98\x80"};
+    for (const std::string& name : names) {
+        EXPECT_EQ(Call("POST /api/v1/events", R"({"event_name":")" + name + "\"}"), 201);
+        const std::string event = Header("Location"), entry = last.Body;
+        EXPECT_EQ(Send("GET", event), 200);
+        EXPECT_EQ(last.Body, entry);
+        EXPECT_EQ(Send("POST", event), 202);
+        EXPECT_EQ(last.Body, R"({"event_name":")" + name + R"(","posted":true})");
+        EXPECT_EQ(Send("POST", event + "/listeners", R"({"callback":"python://a.b-c_1"})"), 201);
+        EXPECT_EQ(Send("DELETE", Header("Location")), 204);
+        EXPECT_EQ(Send("DELETE", event), 204);
+    }
+}
+
+// What a program that links the module has registered may be wider; a document with it can be given back to
+// the queue that answered it, but does not come into another one.
+TEST_F(RouterTest, ADocumentFitsTheQueueThatAnsweredIt) {
+    EventManager::IEventQueue& queue = EventManager::GlobalEventQueue();
+    Mirel::UUID id;
+    const std::string name(5000, 'x');
+    EXPECT_EQ(queue.CreateEvent(name, nullptr), STATUS_201_CREATED);
+    EXPECT_EQ(queue.CreateEventListener(name, "ftp://h/", nullptr, id), STATUS_201_CREATED);
+    Call("GET /api/v1/queue");
+    const std::string document = last.Body;
+    EXPECT_EQ(Call("POST /api/v1/queue", document), 200);
+    EXPECT_EQ(last.Body, document);
+    queue.DeleteAllEvents();
+    EXPECT_EQ(Call("POST /api/v1/queue", document), 422);
+    EXPECT_EQ(Pointers(), "/event_list/0/event_name /event_list/0/listener_list/0/callback");
+}
+
 TEST_P(RestTest, ListenersComeAndGoAndTheLimitHolds) {
     const std::string listeners = "/api/v1/events/e/listeners";
     for (const char* method : {"GET", "DELETE"}) EXPECT_EQ(Send(method, listeners), 404);
@@ -337,7 +416,12 @@ TEST_P(RestTest, ListenersComeAndGoAndTheLimitHolds) {
     Call("POST /api/v1/events", R"({"event_name": "e"})");
     EXPECT_EQ(Send("POST", listeners, R"({"callback": "/x", "listener_data": {"a": 1}})"), 201);
     const std::string location = Header("Location");
-    EXPECT_EQ(location, listeners + "/" + Body().GetData("id").Text());
+    const std::string id = Body().GetData("id").Text();
+    EXPECT_EQ(location, listeners + "/" + id);
+    EXPECT_EQ(Send("GET", location), 200);
+    EXPECT_EQ(last.Body, R"({"id":")" + id + R"(","callback":"/x","listener_data":{"a":1}})");
+    Call("POST /api/v1/events", R"({"event_name": "other"})");
+    EXPECT_EQ(Send("GET", "/api/v1/events/other/listeners/" + id), 404);
     EXPECT_EQ(Send("POST", listeners, R"({"callback": "/x"})"), 412);
     EXPECT_EQ(Call("PATCH /api/v1/config", R"({"max_listeners": 1})"), 200);
     EXPECT_EQ(Send("POST", listeners, R"({"callback": "/y"})"), 201);  // one more than the limit
@@ -345,7 +429,7 @@ TEST_P(RestTest, ListenersComeAndGoAndTheLimitHolds) {
     EXPECT_EQ(Call("POST /api/v1/events", R"({"event_name": "f"})"), 409);
     EXPECT_EQ(Count(listeners.c_str(), "listener_list"), 2u);
 
-    EXPECT_EQ(Send("DELETE", listeners + "/no-uuid"), 404);
+    for (const char* method : {"GET", "DELETE"}) EXPECT_EQ(Send(method, listeners + "/no-uuid"), 404);
     EXPECT_EQ(Send("DELETE", location), 204);
     EXPECT_EQ(Send("DELETE", location), 404);
     EXPECT_EQ(Send("DELETE", listeners), 204);
@@ -383,6 +467,9 @@ TEST_P(RestTest, WatchesWarnAndSayWhyTheyAreRefused) {
     const std::string watch = R"({"event_name": "e", "path": ")" + folder.Path();
     EXPECT_EQ(Call("POST /api/v1/watches", watch + R"(", "once": true, "watch_data": {"k": 1}})"), 201);
     EXPECT_EQ(Body().GetArray("warnings").Size(), 0u);
+    EXPECT_EQ(Send("GET", Header("Location")), 200);
+    EXPECT_EQ(last.Body, R"({"watch_list":[)" + watch.substr(0, 1) + R"("path":")" + folder.Path() +
+                             R"(","event_name":"e","once":true,"watch_data":{"k":1}}]})");
     EXPECT_EQ(Call("POST /api/v1/watches", watch + R"(/absent"})"), 201);
     EXPECT_EQ(Body().GetArray("warnings").Size(), 1u);
     EXPECT_EQ(Call("POST /api/v1/watches", watch + R"("})"), 409);
@@ -391,7 +478,7 @@ TEST_P(RestTest, WatchesWarnAndSayWhyTheyAreRefused) {
     EXPECT_EQ(Call("POST /api/v1/watches", R"({"event_name": "e", "path": "/"})"), 409);
     EXPECT_NE(Body().GetData("detail").Text().find("max_watches"), std::string::npos);
 
-    EXPECT_EQ(Call("DELETE /api/v1/watches?path="), 404);
+    for (const char* method : {"GET", "DELETE"}) EXPECT_EQ(Send(method, "/api/v1/watches?path="), 404);
     EXPECT_EQ(Send("DELETE", "/api/v1/watches?path=" + PercentEncode(folder.Path())), 204);
     EXPECT_TRUE(Testing::Eventually([&] { return Count("/api/v1/watches", "watch_list") == 0; }));
 }
