@@ -189,12 +189,14 @@ PListArray PListArray::TakeFirst(std::size_t count) {
     const std::size_t whole = PListArrayBody::ChunkOf(cut) - rest.first_chunk;
     const std::size_t before = PListArrayBody::ChunkOf(rest.begin) - rest.first_chunk;  // gone already
     front.chunks.reserve(whole + 1);
+    PListChunk* last = nullptr;
+    if (const ui32_t within = PListArrayBody::Within(cut); within > 0)
+        last =
+            TakeFront(*rest.chunks[whole], whole == before ? PListArrayBody::Within(rest.begin) : 0, within);
+    // From here on nothing needs memory: both arrays are whole whatever happened.
     front.chunks.assign(rest.chunks.begin(), rest.chunks.begin() + static_cast<std::ptrdiff_t>(whole));
     std::fill_n(rest.chunks.begin(), whole, nullptr);
-    if (PListArrayBody::Within(cut) > 0) {
-        const ui32_t begin = whole == before ? PListArrayBody::Within(rest.begin) : 0;
-        front.chunks.push_back(TakeFront(*rest.chunks[whole], begin, PListArrayBody::Within(cut)));
-    }
+    if (last) front.chunks.push_back(last);
     front.first_chunk = rest.first_chunk;
     front.begin = rest.begin;
     front.end = rest.begin = cut;
