@@ -1,7 +1,5 @@
 #include "Admission.h"
 
-#include <utility>
-
 namespace Server {
 
 bool Admission::TryEnter() {
@@ -12,11 +10,11 @@ bool Admission::TryEnter() {
     return false;
 }
 
-bool Admission::Wait(std::unique_ptr<AdmissionWaiter>& waiter) {
+bool Admission::Wait(AdmissionWaiter& waiter) {
     {
         Mirel::AutoMutex held(m_Lock);
         if (m_Waiters.size() >= WaitersLimit) return false;
-        m_Waiters.push_back({std::chrono::steady_clock::now() + WaitLimit, std::move(waiter)});
+        m_Waiters.push_back({std::chrono::steady_clock::now() + WaitLimit, &waiter});
         m_Waiting.store(m_Waiters.size());
     }
     LetIn();  // a place may have become free in between
@@ -29,16 +27,15 @@ void Admission::Leave() {
 }
 
 void Admission::LetIn() {
-    std::unique_ptr<AdmissionWaiter> waiter;
+    AdmissionWaiter* waiter = nullptr;
     {
         Mirel::AutoMutex held(m_Lock);
         if (m_Waiters.empty() || !TryEnter()) return;
-        waiter = std::move(m_Waiters.front().Waiter);
+        waiter = m_Waiters.front().Waiter;
         m_Waiters.pop_front();
         m_Waiting.store(m_Waiters.size());
     }
-    AdmissionWaiter& resumed = *waiter;
-    resumed.Resume(std::move(waiter), true);
+    waiter->Resume(true);
 }
 
 void Admission::Expire(std::chrono::steady_clock::time_point now, bool everyone) {
@@ -46,15 +43,12 @@ void Admission::Expire(std::chrono::steady_clock::time_point now, bool everyone)
     {
         Mirel::AutoMutex held(m_Lock);
         while (!m_Waiters.empty() && (everyone || m_Waiters.front().Deadline <= now)) {
-            expired.push_back(std::move(m_Waiters.front()));
+            expired.push_back(m_Waiters.front());
             m_Waiters.pop_front();
         }
         m_Waiting.store(m_Waiters.size());
     }
-    for (Entry& entry : expired) {
-        AdmissionWaiter& resumed = *entry.Waiter;
-        resumed.Resume(std::move(entry.Waiter), false);
-    }
+    for (const Entry& entry : expired) entry.Waiter->Resume(false);
 }
 
 }  // namespace Server

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstddef>
 #include <deque>
-#include <memory>
 
 #include "MR_mutex.h"
 #include "MR_types.h"
@@ -15,10 +14,12 @@ namespace Server {
 /// What waits for its turn.
 class AdmissionWaiter {
   public:
-    virtual ~AdmissionWaiter() = default;
-    /// Its turn has come (it is inside, and has to leave) or its time is over. Called from any thread,
-    /// without a lock; must not block. `self` is the waiter itself.
-    virtual void Resume(std::unique_ptr<AdmissionWaiter> self, bool admitted) = 0;
+    /// Its turn has come (it is inside, and has to leave) or its time is over. Called once, from any thread,
+    /// without a lock, also before Wait() has returned; must not block. The waiter may be gone afterwards.
+    virtual void Resume(bool admitted) = 0;
+
+  protected:
+    ~AdmissionWaiter() = default;
 };
 
 /// Lets at most `limit` requests in at once. Those beyond wait in the order of their arrival, a bounded
@@ -33,9 +34,9 @@ class Admission {
 
     /// True: the caller is in and calls Leave() when it is done.
     bool TryEnter();
-    /// For a caller that could not enter: keeps the waiter until its turn or its time comes. False, and the
-    /// waiter is the caller's still, where too many are waiting.
-    bool Wait(std::unique_ptr<AdmissionWaiter>& waiter);
+    /// For a caller that could not enter: knows the waiter until its turn or its time comes, and resumes it
+    /// then. False, and it will not be resumed, where too many are waiting.
+    bool Wait(AdmissionWaiter& waiter);
     void Leave();
 
     /// Resumes those whose time is over; all of them where `everyone` is true.
@@ -45,7 +46,7 @@ class Admission {
   private:
     struct Entry {
         std::chrono::steady_clock::time_point Deadline;
-        std::unique_ptr<AdmissionWaiter> Waiter;
+        AdmissionWaiter* Waiter;
     };
     void LetIn();
 

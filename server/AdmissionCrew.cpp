@@ -84,8 +84,12 @@ void AdmissionCrew::Leave() {
     m_Admission.Leave();
 }
 
-bool AdmissionCrew::Wait(std::unique_ptr<AdmissionWaiter>& waiter) {
+bool AdmissionCrew::Wait(AdmissionWaiter& waiter) {
     return m_Admission.Wait(waiter);
+}
+
+void AdmissionCrew::GiveBack() {
+    m_Admission.Leave();
 }
 
 void AdmissionCrew::RefuseWaiters() {

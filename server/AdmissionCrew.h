@@ -44,7 +44,9 @@ class AdmissionCrew {
     void Resumed();
     void Leave();
     /// Keeps a request that could not enter, as Admission::Wait does.
-    bool Wait(std::unique_ptr<AdmissionWaiter>& waiter);
+    bool Wait(AdmissionWaiter& waiter);
+    /// For a waiter that was resumed as admitted and does not go in.
+    void GiveBack();
     /// Answers those that wait, for the end of the server.
     void RefuseWaiters();
 

@@ -1,49 +1,90 @@
 // One client's connection, from its first byte to its last.
 #pragma once
 
-#include <atomic>
-#include <functional>
+#include <cstddef>
+#include <exception>
 #include <memory>
 
-#include "Access.h"
-#include "AdmissionCrew.h"
-#include "ConnectionRegistry.h"
-#include "Http.h"
-#include "HttpServer.h"
-#include "SocketPoll.h"
-#include "TlsIdentity.h"
-
-namespace boost::asio {
-class io_context;
-}
+#include "ConnectionInput.h"
+#include "ConnectionOutput.h"
+#include "ConnectionShared.h"
+#include "ConnectionWaits.h"
+#include "Coroutine.h"
+#include "VL_Socket.h"
 
 namespace Server {
 
-/// What all connections of a server share.
-struct ConnectionShared {
-    ConnectionShared(const HttpServerOptions& options, HttpHandler& handler, boost::asio::io_context& io,
-                     unsigned threads, unsigned working);
-
-    // Immutable once the server is bound.
-    const HttpServerOptions Options;
-    HttpHandler& Handler;
-    boost::asio::io_context& Io;
-    std::unique_ptr<TlsIdentity> Identity;  // null: plain
-    std::unique_ptr<AccessPolicy> Policy;
-
-    // Self-synchronised.
-    AdmissionCrew Crew;
-    ConnectionRegistry Registry;
-    SocketPoll Poll;
-    std::atomic<bool> Stopping{false};
-    std::atomic<Mirel::ui64_t> Accepted{0};
-    std::atomic<Mirel::ui64_t> Requests{0};
-    std::atomic<Mirel::ui64_t> AnsweredByClass[6] = {};
-    std::atomic<Mirel::ui64_t> RefusedBusy{0};
-    std::atomic<Mirel::ui64_t> RefusedConnections{0};
-};
-
 /// Serves the connected, non-blocking socket until its end. On a thread of the crew.
 void ServeConnection(ConnectionShared& shared, Velmora::SocketStream stream);
+
+/// Serves one connection. Its coroutine waits for one thing at a time, and whatever ends that goes on with
+/// it: only one thread at a time is here, and no lock is needed.
+class Connection {
+  public:
+    /// Throws where the system refuses.
+    Connection(ConnectionShared& shared, Velmora::SocketStream stream);
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    /// The whole connection, which lives as long as this.
+    Coroutine Serve(std::unique_ptr<Connection> self);
+    /// The registry knows the connection from now on by what serves it.
+    void Register(std::coroutine_handle<> frame);
+
+  private:
+    using Phase = ConnectionLife::Phase;
+
+    // What a step through the input has come to.
+    enum class Step {
+        Again,      // there may be more to do
+        Input,      // all that is there is used
+        Admission,  // the request waits to be let in
+        Turn,       // others are to have theirs
+    };
+
+    // Moving bytes and waiting (Connection.cpp).
+    void Idle();
+    void Begin();
+    bool Leaving() const { return m_CloseAfter || m_UpgradeAfter; }
+    bool Expired() const { return m_Life.Expired.load(std::memory_order_relaxed); }
+    SocketWait Ready(bool writing) { return {m_Socket, m_Stream.WaitsForRoom(writing)}; }
+    Velmora::StreamState Flush();
+    void AllWritten();
+    Velmora::StreamState Read(std::size_t& bytes);
+    bool Take(std::size_t bytes);
+    bool EndOfInput();
+    bool GiveUp(const std::exception& failure);
+    void HandOver();
+    void Deregister();
+
+    // Answering requests (ConnectionAnswer.cpp).
+    Step NextStep();
+    Step UseInput();
+    Step HeadComplete();
+    Step RequestComplete();
+    Step Answer();
+    Step AnswerAdmitted();
+    Step AnswerBusy();
+    HttpResponse CallHandler();
+    HttpResponse CallHandlerAndLeave();
+    Step Upgrade();
+    Step Respond(HttpResponse response);
+    Step RefuseAndClose(HttpResponse response);
+    Step FinishRequest();
+
+    ConnectionShared& m_Shared;
+    Velmora::SocketStream m_Stream;
+    WatchedSocket m_Socket;  // the stream's
+    ConnectionLife m_Life;
+    bool m_Registered = false;
+    ConnectionInput m_Input;
+    ConnectionOutput m_Output;
+
+    unsigned m_Answered = 0;  // requests in this turn
+    HttpRequest m_Request;    // the one that is answered
+    bool m_CloseAfter = false;
+    bool m_UpgradeAfter = false;
+};
 
 }  // namespace Server

@@ -1,20 +1,17 @@
 // How a connection's requests are answered.
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 #include <exception>
-#include <new>
 #include <utility>
 
-#include "ConnectionState.h"
+#include "Connection.h"
 #include "ConnectionTarget.h"
 #include "Feed.h"
 #include "MR_log.h"
 
 namespace Server {
 
-namespace asio = boost::asio;
-
 namespace {
+
+constexpr unsigned RequestsPerTurn = 64;  // then other connections have their turn
 
 HttpResponse busy() {
     HttpResponse response = Problem(Velmora::STATUS_503_NO_SERVICE,
@@ -25,10 +22,15 @@ HttpResponse busy() {
 
 }  // namespace
 
-// Parses on; Read where more is needed.
-Connection::Next Connection::UseInput() {
+Connection::Step Connection::NextStep() {
+    if (!m_Input.HasUnparsed()) return Step::Input;
+    return m_Answered < RequestsPerTurn ? UseInput() : Step::Turn;
+}
+
+// Parses on.
+Connection::Step Connection::UseInput() {
     if (!m_Input.HeadKnown()) {
-        if (!m_Input.SkipEmptyLines()) return Next::Read;
+        if (!m_Input.SkipEmptyLines()) return Step::Input;
         Begin();
     }
     switch (m_Input.Parse()) {
@@ -41,20 +43,20 @@ Connection::Next Connection::UseInput() {
         case ConnectionInput::Progress::NeedMore:
             break;
     }
-    return Next::Read;
+    return Step::Input;
 }
 
-Connection::Next Connection::HeadComplete() {
+Connection::Step Connection::HeadComplete() {
     if (auto refusal = RefuseHead(m_Input.Head(), *m_Shared.Policy))
         return RefuseAndClose(std::move(*refusal));
     const RequestHead& head = m_Input.Head();
     if (head.Has(Field::Expect) && !head.Http10 && !m_Input.HasUnparsed()) {
         m_Output.Append("HTTP/1.1 100 Continue\r\n\r\n");
     }
-    return Next::Again;
+    return Step::Again;
 }
 
-Connection::Next Connection::RequestComplete() {
+Connection::Step Connection::RequestComplete() {
     if (!m_Input.HeadKnown()) {
         if (auto refusal = RefuseHead(m_Input.Head(), *m_Shared.Policy)) return Respond(std::move(*refusal));
     }
@@ -71,11 +73,23 @@ Connection::Next Connection::RequestComplete() {
     return Answer();
 }
 
-Connection::Next Connection::Answer() {
+Connection::Step Connection::Answer() {
     if (!m_Shared.Handler.MayBlock(m_Request)) return Respond(CallHandler());
     m_Life.Enter(Phase::Handling, 0);
-    if (!m_Shared.Crew.Enter()) return Next::Admission;
+    if (!m_Shared.Crew.Enter()) return Step::Admission;
     return Respond(CallHandlerAndLeave());
+}
+
+// The turn of a request that waited has come.
+Connection::Step Connection::AnswerAdmitted() {
+    m_Shared.Crew.Resumed();
+    return Respond(CallHandlerAndLeave());
+}
+
+// Its time is over, or too many wait.
+Connection::Step Connection::AnswerBusy() {
+    m_Shared.RefusedBusy.fetch_add(1, std::memory_order_relaxed);
+    return Respond(busy());
 }
 
 // For a request that is inside the crew.
@@ -96,34 +110,7 @@ HttpResponse Connection::CallHandler() {
     }
 }
 
-// The turn of a request that waited has come, or its time is over.
-void Connection::Resume(std::unique_ptr<AdmissionWaiter> self, bool admitted) {
-    Owner owner(static_cast<Connection*>(self.release()));
-    ConnectionShared& shared = m_Shared;
-    try {
-        asio::post(shared.Io,
-                   [owner = std::move(owner), admitted]() mutable { Continue(std::move(owner), admitted); });
-    } catch (const std::bad_alloc&) {
-        Mirel::DefaultLogSink().Error("A waiting request is dropped: out of memory\n");
-        if (!admitted) return;
-        shared.Crew.Resumed();
-        shared.Crew.Leave();
-    }
-}
-
-void Connection::Continue(Owner self, bool admitted) {
-    Connection& connection = *self;
-    if (admitted) {
-        connection.m_Shared.Crew.Resumed();
-        connection.Respond(connection.CallHandlerAndLeave());
-    } else {
-        connection.m_Shared.RefusedBusy.fetch_add(1, std::memory_order_relaxed);
-        connection.Respond(busy());
-    }
-    Run(std::move(self));
-}
-
-Connection::Next Connection::Respond(HttpResponse response) {
+Connection::Step Connection::Respond(HttpResponse response) {
     const RequestHead& head = m_Input.Head();
     ReplyForm form;
     form.HeadOnly = head.Method == Velmora::METH_HEAD;
@@ -146,18 +133,18 @@ Connection::Next Connection::Respond(HttpResponse response) {
     return FinishRequest();
 }
 
-Connection::Next Connection::FinishRequest() {
+Connection::Step Connection::FinishRequest() {
     m_Input.FinishRequest();
     m_Life.Enter(Phase::Handling, 0);  // until the answer is written
-    return Next::Again;
+    return Step::Again;
 }
 
-Connection::Next Connection::RefuseAndClose(HttpResponse response) {
+Connection::Step Connection::RefuseAndClose(HttpResponse response) {
     m_CloseAfter = true;
     return Respond(std::move(response));
 }
 
-Connection::Next Connection::Upgrade() {
+Connection::Step Connection::Upgrade() {
     if (auto refusal = RefuseUpgrade(m_Input.Head())) return Respond(std::move(*refusal));
     m_Output.Append(SwitchingProtocols(m_Input.Head()));
     m_Shared.Requests.fetch_add(1, std::memory_order_relaxed);

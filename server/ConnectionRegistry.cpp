@@ -69,6 +69,18 @@ void ConnectionRegistry::EndIdle(bool everyone) {
     }
 }
 
+void ConnectionRegistry::DestroyAll() {
+    for (;;) {
+        std::coroutine_handle<> frame;
+        {
+            Mirel::AutoMutex held(m_Lock);
+            if (m_Lives.empty()) return;
+            frame = m_Lives.back()->Frame;
+        }
+        frame.destroy();  // takes itself off the list
+    }
+}
+
 bool ConnectionRegistry::WaitUntilEmpty(std::chrono::steady_clock::time_point deadline) {
     Mirel::AutoMutex held(m_Lock);
     while (!m_Lives.empty()) {

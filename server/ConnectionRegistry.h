@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <coroutine>
 #include <cstddef>
 #include <vector>
 
@@ -32,13 +33,15 @@ struct ConnectionLife {
     std::atomic<Mirel::i64_t> Deadline_ms{0};  // 0: none
     std::atomic<bool> Expired{false};
 
-    /// From now on in `phase`, for at most `limit_ms` (0: without a limit).
+    /// From now on in `phase`, for at most `limit_ms` (0: without a limit). Whoever looks from outside may
+    /// see it a little later, and looks again.
     void Enter(Phase phase, Mirel::i64_t limit_ms) {
-        Deadline_ms.store(limit_ms == 0 ? 0 : CoarseNow_ms() + limit_ms);
-        Now.store(phase);
+        Deadline_ms.store(limit_ms == 0 ? 0 : CoarseNow_ms() + limit_ms, std::memory_order_release);
+        Now.store(phase, std::memory_order_release);
     }
 
-    std::size_t Index = 0;  // the registry's
+    std::coroutine_handle<> Frame;  // of what serves the connection; immutable once that is registered
+    std::size_t Index = 0;          // the registry's
 };
 
 /// Knows every open connection. Ends them from outside by shutting their sockets down, which the thread that
@@ -54,6 +57,8 @@ class ConnectionRegistry {
     void EndExpired();
     /// Ends those that are not at work on a request; all of them where `everyone` is true.
     void EndIdle(bool everyone);
+    /// Destroys what serves them. For the end, when no thread serves any more.
+    void DestroyAll();
     /// Waits until none is left; false where `deadline` came first.
     bool WaitUntilEmpty(std::chrono::steady_clock::time_point deadline);
 

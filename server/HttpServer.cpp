@@ -56,11 +56,10 @@ class HttpServer::Impl {
 
     ~Impl() {
         if (m_Serving) Stop(0);
-        // Operations that are still pending own connections, which know the registry.
+        m_Shared.Registry.DestroyAll();  // no operation that is still pending goes on with them
         m_Acceptor.reset();
         m_Pause.reset();
         m_Sweep.reset();
-        m_Shared.Poll.Close();
         m_Io.reset();
     }
 
@@ -111,9 +110,6 @@ Mirel::Result_t HttpServer::Impl::Bind() {
     if (bound.Failure()) return bound;
     m_Listener = descriptor;
     m_Acceptor->assign(descriptor);
-    if (!m_Shared.Poll.Open())
-        return Mirel::RESULT_FILEOPEN.WithMessage(std::string("Cannot wait for connections: ") +
-                                                  std::strerror(errno));
     m_Shared.Policy = std::make_unique<AccessPolicy>(options, m_Port);
     return LocalAccessManager::ServerListens(descriptor);
 }

@@ -1,0 +1,43 @@
+// What all connections of a server share.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "Access.h"
+#include "AdmissionCrew.h"
+#include "ConnectionRegistry.h"
+#include "Http.h"
+#include "HttpServer.h"
+#include "TlsIdentity.h"
+
+namespace boost::asio {
+class io_context;
+}
+
+namespace Server {
+
+struct ConnectionShared {
+    /// A crew of `threads`, `working` of them at a time, that serve on `io`.
+    ConnectionShared(const HttpServerOptions& options, HttpHandler& handler, boost::asio::io_context& io,
+                     unsigned threads, unsigned working);
+
+    // Immutable once the server is bound.
+    const HttpServerOptions Options;
+    HttpHandler& Handler;
+    boost::asio::io_context& Io;
+    std::unique_ptr<TlsIdentity> Identity;  // null: plain
+    std::unique_ptr<AccessPolicy> Policy;
+
+    // Self-synchronised.
+    AdmissionCrew Crew;
+    ConnectionRegistry Registry;
+    std::atomic<bool> Stopping{false};
+    std::atomic<Mirel::ui64_t> Accepted{0};
+    std::atomic<Mirel::ui64_t> Requests{0};
+    std::atomic<Mirel::ui64_t> AnsweredByClass[6] = {};
+    std::atomic<Mirel::ui64_t> RefusedBusy{0};
+    std::atomic<Mirel::ui64_t> RefusedConnections{0};
+};
+
+}  // namespace Server
