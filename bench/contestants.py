@@ -71,6 +71,7 @@ class Contestants:
     def __init__(self):
         self.folder = Path(tempfile.mkdtemp(prefix="velmora-bench-"))
         self.processes = []
+        self.by_name = {}
         self.ports = {}
 
     def __enter__(self):
@@ -104,6 +105,7 @@ class Contestants:
         process = subprocess.Popen(pinned(core, *command), stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log,
                                    cwd=self.folder)
         self.processes.append(process)
+        self.by_name[name] = process
         return process
 
     def start_saying_port(self, name, command, core=0):
@@ -178,6 +180,12 @@ def resident_bytes(process):
 def computed_sec(process):
     fields = Path(f"/proc/{process.pid}/stat").read_text().rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def computed_ns(process):
+    """What the process's present threads have computed, more finely than its own account of it."""
+    threads = Path(f"/proc/{process.pid}/task").glob("*/schedstat")
+    return sum(int(thread.read_text().split()[0]) for thread in threads)
 
 
 def get_json(port, path):

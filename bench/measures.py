@@ -5,7 +5,7 @@ import resource
 import statistics
 import time
 
-from contestants import BUILD, HERE, LOAD, QUEUE, computed_sec, figures, output_of, pinned, resident_bytes
+from contestants import BUILD, HERE, LOAD, QUEUE, computed_ns, computed_sec, figures, output_of, pinned, resident_bytes
 
 BURST_MESSAGES = {1: 100_000, 10: 60_000, 100: 15_000, 1000: 1_500}
 REST_MESSAGES = {1: 25_000, 10: 20_000, 100: 8_000, 1000: 1_500}
@@ -56,16 +56,19 @@ def latency(name, clients, rate):
     return measure
 
 
-def wrk(name):
+def wrk(name, clients=32):
     def measure(run):
         script = run.folder / "post.lua"
         script.write_text('wrk.method = "POST"\nwrk.body = \'{"sensor":"door-17","state":"open","reading":21.5}\'\n'
                           'wrk.headers["Content-Type"] = "application/json"\n')
-        text = output_of(pinned(1, "wrk", "-t1", "-c32", "-d1s", "-s", script,
+        before = computed_ns(run.by_name[name])
+        text = output_of(pinned(1, "wrk", "-t1", f"-c{clients}", "-d1s", "-s", script,
                                 f"http://127.0.0.1:{run.ports[name]}/api/v1/events/bench.event"))
         if "Non-2xx" in text:
             return {}
-        return {"requests_per_s": float(re.search(r"Requests/sec:\s*([\d.]+)", text).group(1))}
+        requests = int(re.search(r"(\d+) requests in", text).group(1))
+        return {"requests_per_s": float(re.search(r"Requests/sec:\s*([\d.]+)", text).group(1)),
+                "cpu_us": (computed_ns(run.by_name[name]) - before) / 1e3 / requests}
     return measure
 
 

@@ -56,6 +56,9 @@ for n, rate in ((1, 500), (100, 500), (100, 5000)):
             MEASUREMENTS[f"{name} latency {n} {rate}"] = m.latency(name, n, rate)
 for name in ("ours", "node", "beast", "nginx"):
     MEASUREMENTS[f"wrk {name}"] = m.wrk(name)
+for n in (1, 8, 32):
+    for name in ("ours", "beast"):
+        MEASUREMENTS[f"wrk {name} {n}"] = m.wrk(name, n)
 MEASUREMENTS |= {
     "wrk long": m.wrk_long,
     "callers": m.callers,
@@ -128,6 +131,10 @@ ROWS = [
         at_least(1), None, "k/s", 1e-3),
     Row("POST /api/v1/events/NAME", ("wrk ours", "requests_per_s"), ("wrk nginx", "requests_per_s"),
         "nginx return 200", None, at_least(1), "k/s", 1e-3),
+    *(Row(f"the same, {plural(n)}", (f"wrk ours {n}", "requests_per_s"), (f"wrk beast {n}", "requests_per_s"),
+          "bare Beast", None, None, "k/s", 1e-3) for n in (1, 8, 32)),
+    *(Row(f"CPU a request, {plural(n)}", (f"wrk ours {n}", "cpu_us"), (f"wrk beast {n}", "cpu_us"),
+          "bare Beast", at_most(1.25), None, "us") for n in (1, 8, 32)),
     Row("the same after half a minute of it", ("wrk long", "ours"), ("wrk long", "beast"), "bare Beast", at_least(1), None,
         "k/s", 1e-3),
     Row("the same after half a minute of it", ("wrk long", "ours"), ("wrk long", "nginx"), "nginx return 200", None,
