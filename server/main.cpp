@@ -112,9 +112,9 @@ void wait_for_signal() {
     while (sem_wait(&ending) != 0) {
     }
     const int number = ending_signal;
-    Mirel::DefaultLogSink().Notice("Ending on signal %d (%s)\n", number, strsignal(number));
     // The next one ends the process at once.
     for (const int next : {SIGINT, SIGTERM}) handle(next, SIG_DFL);
+    Mirel::DefaultLogSink().Notice("Ending on signal %d (%s)\n", number, strsignal(number));
 }
 
 // The end takes too long: a Python handler that never returns holds what the rest waits for.

@@ -5,6 +5,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <set>
+#include <sstream>
+
+#include "CommandLine.h"
 #include "EventManager.h"
 #include "Secrets.h"
 #include "StateFile.h"
@@ -27,6 +31,16 @@ class ConfigTest : public ::testing::Test {
         return lines;
     }
 
+    static std::string Limits(const Config& config) {
+        const HttpServerOptions& http = config.Http;
+        std::ostringstream text;
+        text << http.MaxConnections << ' ' << config.MaxCallers << ' ' << http.BodyLimit << ' '
+             << http.HeaderLimit << ' ' << http.IdleTimeout_ms << ' ' << http.RequestTimeout_ms << ' '
+             << http.IOThreads << ' ' << config.MaxListeners << ' ' << config.MaxWatches << ' '
+             << config.EndTimeout_ms;
+        return text.str();
+    }
+
     Testing::TemporaryFolder folder;
     std::vector<ConfigFault> faults;
 };
@@ -37,8 +51,9 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
     const std::string json = R"({
         "Timeout_ms": 700, "StateFile": "state/queue.json", "AccessTokenFile": "token", "PythonPath": ["py", "/opt/py"],
         "BindAddress": {"Host": "0.0.0.0", "ListenPort": 65535, "TLSIdentity": "identity.pem", "AllowedHosts": ["a.example"]},
-        "Log": {"Level": "debug", "Format": "json"}, "Timers": {"KeepRepeating": true}, "Limits": {"MaxBodyBytes": 4096, "IOThreads": 3,
-            "MaxListeners": -1, "MaxWatches": 5, "EndTimeout_ms": 100},
+        "Log": {"Level": "debug", "Format": "json"}, "Timers": {"KeepRepeating": true}, "Limits": {"MaxConnections": 11, "MaxCallers": 12,
+            "MaxBodyBytes": 4096, "MaxHeaderBytes": 2048, "IdleTimeout_ms": 101, "RequestTimeout_ms": 102, "IOThreads": 3,
+            "MaxListeners": -1, "MaxWatches": 5, "EndTimeout_ms": 103},
         "EventManager": {
             "event_list": [{"event_name": "e", "listener_list": [{"callback": "http://me:pass-word@h/x@y"},
                 {"callback": "https://tok-en@h?a=b@c"}, {"callback": "/a://b@c"}]}],
@@ -50,11 +65,7 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
     EXPECT_EQ(config.Http.AccessToken, "s3cret-token");
     EXPECT_EQ(config.Http.TLSIdentity, folder / "identity.pem");
     EXPECT_EQ(config.Http.Port, 65535);
-    EXPECT_EQ(config.Http.BodyLimit, 4096u);
-    EXPECT_EQ(config.Http.IOThreads, 3u);
-    EXPECT_EQ(config.MaxListeners, -1);
-    EXPECT_EQ(config.MaxWatches, 5);
-    EXPECT_EQ(config.EndTimeout_ms, 100u);
+    EXPECT_EQ(Limits(config), "11 12 4096 2048 101 102 3 -1 5 103");
     EXPECT_EQ(config.PythonPath, (std::vector<std::string>{folder / "py", "/opt/py"}));
     EXPECT_TRUE(config.LogAsJSON);
     EXPECT_TRUE(config.KeepRepeatingTimers);
@@ -67,19 +78,55 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
     }
     EXPECT_NE(printed.find(folder / "inbox"), std::string::npos) << printed;
     EXPECT_EQ(PrintConfig(Load(printed)), printed);
+    EXPECT_EQ(Limits(Load(printed)), Limits(config));
+    EXPECT_EQ(printed.find("\n  \"Timeout_ms\": 700,\n"), 1u);
     const std::string callback = "/EventManager/event_list/0/listener_list/";
     EXPECT_EQ(Faults(),
               callback + "0/callback " + NeedsSecret + "\n" + callback + "1/callback " + NeedsSecret + "\n");
     Load(PrintConfig(Load(R"({"AccessToken": "s3cret-token"})")));
     EXPECT_EQ(Faults(), std::string("/AccessToken ") + NeedsSecret + "\n");
 
-    const Velmora::PListDict dict = config.ForEventQueue(8443, config.EventManager);
+    Velmora::PListDict document;
+    document.SetValue("from", "elsewhere");
+    const Velmora::PListDict dict = config.ForEventQueue(8443, document);
+    EXPECT_EQ(dict.GetDict("EventManager").GetData("from").Text(), "elsewhere");
+    EXPECT_EQ(dict.GetData("Timeout_ms").Text(), "700");
+    EXPECT_EQ(dict.GetData("MaxListeners").Text(), "-1");
+    EXPECT_EQ(dict.GetData("MaxWatches").Text(), "-1");
     EXPECT_TRUE(dict.GetDict("Timers").GetItem("KeepRepeating")->HasType(Velmora::IT_TRUE));
     int port = 0;
     EXPECT_TRUE(dict.GetDict("BindAddress").GetData("ListenPort").GetValue(port));
     EXPECT_EQ(port, 8443);
     EXPECT_EQ(dict.GetDict("BindAddress").GetData("TLSIdentity").Text(), folder / "identity.pem");
     EXPECT_EQ(dict.GetData("StateFile").Text(), folder / "state/queue.json");
+}
+
+TEST_F(ConfigTest, TheCommandLineGoesBeforeTheFile) {
+    const auto read = [this](std::vector<const char*> arguments, Config& config) {
+        CommandLine command_line;
+        arguments.insert(arguments.begin(), "velmora-server");
+        const auto status =
+            ReadCommandLine(static_cast<int>(arguments.size()), arguments.data(), command_line);
+        command_line.ApplyTo(config);
+        return status ? *status : -1;
+    };
+    Config config = Load(R"({"BindAddress": {"ListenPort": 5}, "Log": {}})");
+    EXPECT_FALSE(config.LogAsJSON);
+    EXPECT_EQ(read({"--config", "x"}, config), -1);
+    EXPECT_EQ(config.Http.Port, 5);
+    EXPECT_EQ(read({"--listen", "[::1]:65535", "--log-level=crit", "--log-format", "json"}, config), -1);
+    EXPECT_EQ(config.Http.Host, "::1");
+    EXPECT_EQ(config.Http.Port, 65535);
+    EXPECT_EQ(config.LogLevel, Mirel::LOG_CRIT);
+    EXPECT_TRUE(config.LogAsJSON);
+    EXPECT_EQ(read({"--log-format", "text"}, config), -1);
+    EXPECT_FALSE(config.LogAsJSON);
+    EXPECT_EQ(read({"--help"}, config), 0);
+    EXPECT_EQ(read({"--version"}, config), 0);
+    for (const char* wrong : {"--config=", "--listen=a", "--listen=a:", "--listen=:1", "--listen=a:65536",
+                              "--listen=[::1", "--log-level=loud", "--log-format=xml", "--chekc", "stray"}) {
+        EXPECT_EQ(read({wrong}, config), 1) << wrong;
+    }
 }
 
 TEST_F(ConfigTest, NamesEveryFaultAtItsPointer) {
@@ -226,11 +273,11 @@ TEST_F(ConfigTest, WhatAQueueLacksOfADocumentIsNamed) {
     const Velmora::PListDict saved =
         dict(R"({"event_list": [5, {"event_name": ""}, {"event_name": "a", "event_data": 1,
             "listener_list": [{"callback": "/1"}, {"callback": "/2", "listener_data": []}, {}]},
-            {"event_name": "a", "listener_list": {}}, {"event_name": "b", "listener_list": [{"callback": "http://u:p@h"}]}],
+            {"event_name": "a", "listener_list": {}}, {"event_name": "b", "listener_list": [{"callback": "http://u:p@w@h"}]}],
         "timer_list": [{"event_name": "a"}, {"event_name": "a"}], "watch_list": [{"path": "/A"}, {"path": "/a"}]})");
     EXPECT_EQ(
         LeftOut(saved, dict(R"({"event_list": [{"event_name": "a", "listener_list": [{"callback": "/2"}]},
-            {"event_name": "b", "listener_list": [{"callback": "http://u:q@h"}]}, {"event_name": "c"}],
+            {"event_name": "b", "listener_list": [{"callback": "http://u:q@w@h"}]}, {"event_name": "c"}],
         "timer_list": [{"event_name": "a"}], "watch_list": [{"path": "/A"}]})")),
         (std::vector<std::string>{
             "/event_list/0", "/event_list/1", "/event_list/2/event_data", "listener of event \"a\" \"/1\"",
@@ -292,14 +339,16 @@ TEST_F(ConfigTest, AStateFileCanBeTriedAndIsLeftAlone) {
     std::filesystem::create_directories(folder / "closed");
     std::filesystem::create_symlink("closed/state", folder / "link");
     std::filesystem::create_symlink("none/state", folder / "dangling");
-    std::filesystem::create_symlink("elsewhere", folder / "taken.lock");
+    std::filesystem::create_symlink("file", folder / "taken.lock");
+    Testing::WriteFile(folder / "file", "");
+    Testing::WriteFile(folder / "state.lock", "999999999999");
     EXPECT_TRUE(TryStateFile("").Success());
     EXPECT_TRUE(TryStateFile(folder / "state").Success());
     EXPECT_EQ(TryStateFile(folder / "none/state"), Mirel::RESULT_FILEOPEN);
     EXPECT_EQ(TryStateFile(folder / "dangling"), Mirel::RESULT_FILEOPEN);
     EXPECT_EQ(TryStateFile(folder / "taken"), Mirel::RESULT_FILEOPEN);
-    EXPECT_EQ(entries(), 4);
-    std::filesystem::permissions(folder / "closed", std::filesystem::perms{0500});
+    EXPECT_EQ(entries(), 6);
+    std::filesystem::permissions(folder / "closed", std::filesystem::perms{0555});
     const uid_t user = geteuid();
     if (user == 0) {
         std::filesystem::permissions(folder.Path(), std::filesystem::perms{0755});
@@ -312,6 +361,22 @@ TEST_F(ConfigTest, AStateFileCanBeTriedAndIsLeftAlone) {
     EXPECT_EQ(busy, Mirel::RESULT_STATE);
     EXPECT_THAT(busy.Message(),
                 ::testing::EndsWith(": process " + std::to_string(getpid()) + " is using it"));
+}
+
+// However many there are within one second.
+TEST_F(ConfigTest, EveryFileFromBeforeIsKept) {
+    Testing::CapturedLog log;
+    for (const char* text : {"1", "2", "3"}) {
+        Testing::WriteFile(folder / "state", text);
+        ASSERT_TRUE(KeepStateFileBefore(folder / "state", std::vector<std::string>(102, "x")).Success());
+    }
+    std::set<std::string> kept;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
+        if (entry.path() != folder / "state") kept.insert(Testing::ReadFile(entry.path()));
+    }
+    EXPECT_EQ(kept, (std::set<std::string>{"1", "2", "3"}));
+    EXPECT_EQ(log.Errors().size(), 3u);
+    EXPECT_TRUE(log.Has("102 entries of ") && log.Has("x, x and 2 more. "));
 }
 
 TEST_F(ConfigTest, TheExamplesAreRight) {

@@ -26,7 +26,8 @@ using Testing::ReadFile;
 /// One run of velmora-server; killed with the object where it still runs.
 class Process {
   public:
-    /// `descriptors`: how many it may have, 0 for as many as this process.
+    /// `descriptors`: how many it may have, if it asks for them; 0 for as many as this process. It inherits
+    /// that every signal is blocked.
     Process(const std::string& errors, const std::vector<std::string>& arguments, rlim_t descriptors = 0) {
         int out[2];
         if (pipe2(out, O_CLOEXEC) != 0) ADD_FAILURE() << "no pipe";
@@ -35,7 +36,10 @@ class Process {
         argv.push_back(nullptr);
         m_Pid = fork();
         if (m_Pid == 0) {
-            const rlimit limit{descriptors, descriptors};
+            sigset_t all;
+            sigfillset(&all);
+            sigprocmask(SIG_SETMASK, &all, nullptr);
+            const rlimit limit{descriptors / 4, descriptors};
             if (descriptors > 0 && setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
             dup2(out[1], STDOUT_FILENO);
             dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
@@ -383,6 +387,8 @@ TEST_F(ServerProcessTest, ProgramsOfHandlersCanBeEnded) {
     HttpClient client(server->Port(), false);
     EXPECT_EQ(Status(client, "POST", "/api/v1/events/e"), 202u);
     EXPECT_EQ(ReadFile(folder / "ends"), "[1, 2, 13, 15, 25]") << ReadFile(folder / "errors");
+    for (const int number : {SIGHUP, SIGPIPE, SIGXFSZ}) EXPECT_EQ(kill(server->Id(), number), 0);
+    EXPECT_EQ(Status(client, "GET", "/readyz"), 200u);
     EXPECT_EQ(server->End(SIGINT), 0);
 }
 
@@ -391,20 +397,49 @@ TEST_F(ServerProcessTest, AHandlerThatNeverReturnsDoesNotKeepItFromEnding) {
         folder / "hangs.py",
         "import threading\ndef event_handler(payload):\n"
         "    open(payload['listener_data']['file'], 'w').close()\n    threading.Event().wait()\n");
-    const auto server =
-        Serve(R"({"BindAddress": {"ListenPort": 0}, "PythonPath": ["."], "Limits": {"EndTimeout_ms": 300},
-        "EventManager": {"event_list": [{"event_name": "e", "listener_list": [{"callback": "python://hangs",
-                        "listener_data": {"file": ")" +
-              folder / "hanging" + R"("}}]}]}})");
-    std::jthread posting([&] {
-        HttpClient client(server->Port(), false);
-        EXPECT_ANY_THROW(Status(client, "POST", "/api/v1/events/e"));
-    });
-    EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(folder / "hanging"); }));
-    const auto began = std::chrono::steady_clock::now();
-    EXPECT_EQ(server->End(SIGTERM), 1);
-    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(4));
-    EXPECT_NE(ReadFile(folder / "errors").find("the orderly end took too long"), std::string::npos);
+    const auto hanging = [&](int limit_ms) {
+        std::filesystem::remove(folder / "hanging");
+        Testing::WriteFile(folder / "errors", "");
+        auto server =
+            Serve(R"({"BindAddress": {"ListenPort": 0}, "PythonPath": ["."], "Limits": {"EndTimeout_ms": )" +
+                  std::to_string(limit_ms) + R"(}, "EventManager": {"event_list": [
+            {"event_name": "e", "listener_list": [{"callback": "python://hangs", "listener_data": {"file": ")" +
+                  folder / "hanging" + R"("}}]}]}})");
+        return server;
+    };
+    const auto post = [this](unsigned short port) {
+        return std::jthread([port] {
+            HttpClient client(port, false);
+            EXPECT_ANY_THROW(Status(client, "POST", "/api/v1/events/e"));
+        });
+    };
+    const auto is_hanging = [&] { return std::filesystem::exists(folder / "hanging"); };
+    {
+        const auto server = hanging(300);
+        const std::jthread posting = post(server->Port());
+        EXPECT_TRUE(Eventually(is_hanging));
+        const auto began = std::chrono::steady_clock::now();
+        EXPECT_EQ(server->End(SIGTERM), 1);
+        EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(4));
+        EXPECT_NE(ReadFile(folder / "errors").find("the orderly end took too long"), std::string::npos);
+    }
+    const auto server = hanging(60000);  // a second signal ends it at once
+    const std::jthread posting = post(server->Port());
+    EXPECT_TRUE(Eventually(is_hanging));
+    kill(server->Id(), SIGINT);
+    EXPECT_TRUE(Eventually(
+        [&] { return ReadFile(folder / "errors").find("Ending on signal 2") != std::string::npos; }));
+    EXPECT_EQ(server->End(SIGTERM), -SIGTERM);
+}
+
+TEST_F(ServerProcessTest, TheLogIsAsTheConfigurationSays) {
+    const auto log = [&](const std::string& config) {
+        Testing::WriteFile(folder / "errors", "");
+        EXPECT_EQ(Serve(R"({"BindAddress": {"ListenPort": 0}, "Log": )" + config + "}")->End(SIGTERM), 0);
+        return ReadFile(folder / "errors");
+    };
+    EXPECT_EQ(log(R"({"Format": "json"})")[0], '{');
+    EXPECT_EQ(log(R"({"Level": "crit"})"), "");
 }
 
 // The peer sees how long the process waits: as long as the call may take.
