@@ -246,26 +246,27 @@ static Result_t replace_file(const std::string& path, const std::string& text) {
 
 /// The text will hardly be longer than `expected_size`, so that its memory is taken once.
 static Result_t encode_state(const IEventQueue& queue, std::size_t expected_size, std::string& json) {
-    try {
-        json.reserve(expected_size + expected_size / 8);
-        PListDict state;
-        queue.GetQueueState(state);
-        return state.EncodeJSON(json);
-    } catch (const std::bad_alloc&) {
-        return Result_t(Mirel::RESULT_FAIL.Value(), Mirel::RESULT_FAIL.Symbol(), "Out of memory.");
-    }
+    json.reserve(expected_size + expected_size / 8);
+    PListDict state;
+    queue.GetQueueState(state);
+    return state.EncodeJSON(json);
 }
 
 /// A failure's message is the line for the log.
 Result_t EventQueue::WriteStateFile() const {
-    std::string json;
-    const Result_t encoded = encode_state(*this, m_SavedSize, json);
-    if (encoded.Failure()) {
-        return encoded.WithMessage("Unable to encode queue state for \"" + m_StateFile +
-                                   "\": " + encoded.Message());
+    try {
+        std::string json;
+        const Result_t encoded = encode_state(*this, m_SavedSize, json);
+        if (encoded.Failure()) {
+            return encoded.WithMessage("Unable to encode queue state for \"" + m_StateFile +
+                                       "\": " + encoded.Message());
+        }
+        m_SavedSize = json.size();
+        return replace_file(m_StateFile, json);
+    } catch (const std::bad_alloc&) {  // wherever on the way: a later save makes up for it
+        return Result_t(Mirel::RESULT_FAIL.Value(), Mirel::RESULT_FAIL.Symbol(),
+                        "Unable to save the queue state: out of memory");
     }
-    m_SavedSize = json.size();
-    return replace_file(m_StateFile, json);
 }
 
 /// The lock covers building the document too: otherwise a thread that built an older one could write it last.
@@ -274,6 +275,7 @@ Result_t EventQueue::SaveState(SaveReason reason) const {
     if (m_StateFile.empty()) return RESULT_OK;
 
     const Result_t result = WriteStateFile();
+    m_Counters.last_save_failed = result.Failure();  // before all that memory could fail for
     if (result.Failure()) {
         ++m_Counters.failed_saves;
         if (reason != SaveReason::Failure || m_SaveFailure != result.Message()) {
@@ -285,7 +287,6 @@ Result_t EventQueue::SaveState(SaveReason reason) const {
         if (!m_SaveFailure.empty()) DefaultLogSink().Notice("The queue state is saved again\n");
         m_SaveFailure.clear();
     }
-    m_Counters.last_save_failed = result.Failure();
     return result;
 }
 

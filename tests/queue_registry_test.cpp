@@ -2,7 +2,10 @@
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 
+#include <regex>
+
 #include "CountedSyncs.h"
+#include "NoMemory.h"
 #include "support/QueueProbe.h"
 
 namespace EventManager {
@@ -330,6 +333,57 @@ TEST_F(StateFileTest, AFailedSaveIsRepeatedUntilItSucceedsAndLoggedOnce) {
     EXPECT_EQ(Testing::ReadFile(path), State());
     EXPECT_TRUE(log.Has("saved again"));
     EXPECT_FALSE(Saves([&] { Probe::RepeatFailedSave(queue); }));
+}
+
+// Wherever memory ends: what was there stays, the change is made whole or not at all, and what the file holds
+// is what the queue holds as soon as there is memory again.
+TEST_F(StateFileTest, WithoutMemoryAChangeIsMadeWholeOrNotAtAllAndIsNotLost) {
+    const PListDict data = Dict(R"({"a key that is not short":"a text that is as long"})");
+    PListDict event_data = data;
+    const std::string name = "an event with a long name";
+    UUID id;
+    using Change = std::function<void()>;
+    const std::pair<Change, Change> changes[] = {
+        {[&] { queue.CreateEvent(name, &event_data); }, [&] { queue.DeleteEvent(name); }},
+        {[&] { queue.CreateEventListener(name, "http://a.host/with/a/path", &data, id); },
+         [&] { queue.DeleteEventListener(name, id); }},
+        {[&] { queue.CreateTimer(name, Timestamp(), 60, &data, id); }, [&] { queue.DeleteTimer(id); }},
+        {[&] { queue.CreateWatch("/a/path/that/is/long", name, &data, false); },
+         [&] { queue.DeleteAllWatches(); }},
+    };
+    const auto shape = [&] {
+        static const std::regex ids("\\w{8}(-\\w{4}){3}-\\w{12}");
+        return std::regex_replace(State(), ids, "ID");
+    };
+    const auto try_everywhere = [&](const Change& change, const Change& undo) {
+        const std::string before = shape();
+        change();
+        const std::string whole = shape();
+        undo();
+        bool refused = true;
+        for (int allocations = 0; refused; ++allocations) {
+            SCOPED_TRACE(allocations);
+            {
+                const Testing::NoMemory none(allocations);
+                try {
+                    change();
+                } catch (const std::bad_alloc&) {
+                }
+                refused = none.Refused();
+            }
+            const bool changed = shape() != before;
+            EXPECT_TRUE(!changed || shape() == whole) << shape();
+            Probe::RepeatFailedSave(queue);
+            ASSERT_EQ(Testing::ReadFile(path), State());
+            ASSERT_FALSE(Probe::LastSaveFailed(queue));
+            if (changed) undo();
+        }
+    };
+    for (const auto& [change, undo] : changes) {
+        try_everywhere(change, undo);
+        change();
+        try_everywhere(undo, change);
+    }
 }
 
 TEST_F(StateFileTest, ManyThreadsNeverLeaveAnOlderDocument) {

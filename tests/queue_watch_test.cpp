@@ -99,6 +99,8 @@ TEST_F(WatchTest, AFolderFiresOnCreateMoveInAndDeleteOncePerPass) {
     EXPECT_TRUE(log.Has("watch.handle="));
 
     Testing::WriteFile(dir + "/a", "x");
+    Testing::WriteFile(dir + "/c", "x");
+    EXPECT_EQ(Pass(), "e:" + dir + " ");
     std::filesystem::rename(folder / "outside", dir + "/b");
     EXPECT_EQ(Pass(), "e:" + dir + " ");
     Testing::WriteFile(dir + "/a", "more");

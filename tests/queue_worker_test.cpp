@@ -40,6 +40,7 @@ TEST_F(WorkerTest, FiresTimersAndWatchesAndTrimsUntilItIsStopped) {
     EXPECT_LE(Probe::Passes(queue), 2 + took / Pass);  // it has waited in all but the one that saw the change
     EXPECT_TRUE(queue.IsFinished());
     EXPECT_EQ(queue.Result().Value(), 0);
+    EXPECT_TRUE(Testing::OpenDescriptors("inotify").empty());
     queue.CreateTimer("timer", Timestamp(), 0, nullptr, id);
     EXPECT_TRUE(Post("watch"));
     EXPECT_EQ(Posted(), "watch");

@@ -4,7 +4,13 @@
 #include "WebSocketFrame.cpp"
 #include "WebSocketLog.cpp"
 
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <unistd.h>
+
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "Testing.h"
@@ -20,8 +26,8 @@ class FeedClientTest : public ::testing::Test {
         client.reset();
         close(peer);
     }
-    SocketClient& Join() {
-        const auto [server, other] = Testing::Connected(false);
+    SocketClient& Join(bool tcp = false) {
+        const auto [server, other] = Testing::Connected(tcp);
         peer = other;
         client.emplace(frames, SocketStream(server), "peer", "", limits);
         EXPECT_TRUE(client->Begin(now));
@@ -79,6 +85,48 @@ TEST_F(FeedClientTest, WhatTheKernelSendsOnIsProgressAndNothingElseIs) {
     EXPECT_EQ(Work(), Turn::Gone);
 }
 
+// Which has the client tried again, as a full socket that empties does.
+TEST_F(FeedClientTest, WhoSendsButTakesNothingIsEndedInTheSameTime) {
+    Join();
+    FillUntilBlocked();
+    for (int i = 0; i < 5; ++i) {
+        Tick(i == 0 ? 0 : 24);
+        EXPECT_TRUE(client->Hurried());
+        Receive(Testing::ClientFrame(0x89, "ping"));
+        EXPECT_EQ(Work(), Turn::Blocked);
+    }
+    Tick(4);
+    EXPECT_TRUE(log.Has("peer is disconnected: takes nothing.\n"));
+}
+
+TEST_F(FeedClientTest, TheSocketNeitherBlocksNorDelays) {
+    const int socket = Join(true).Descriptor();
+    int no_delay = 0;
+    socklen_t size = sizeof(no_delay);
+    EXPECT_EQ(getsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &no_delay, &size), 0);
+    EXPECT_EQ(no_delay, 1);
+    EXPECT_NE(fcntl(socket, F_GETFL) & O_NONBLOCK, 0);
+}
+
+// Before whatever else it is sent.
+TEST_F(FeedClientTest, TheRestOfAFrameIsSentFirstHoweverOftenTheSocketIsFull) {
+    Join();
+    frames.Append(std::string(2000000, 'x'));
+    frames.Append("never sent");
+    EXPECT_EQ(Work(), Turn::Blocked);
+    Receive(Testing::ClientFrame(0x88, "\x03\xE8"));
+    std::string sent;
+    int turns = 0;
+    for (std::string part; !(part = Sent(100000)).empty(); ++turns) {
+        sent += part;
+        Work();
+    }
+    EXPECT_GT(turns, 3);
+    ASSERT_EQ(sent.size(), 10 + 2000000 + 4u);
+    EXPECT_EQ(sent.substr(10 + 2000000 - 1), "x\x88\x02\x03\xE8");
+    EXPECT_EQ(Work(), Turn::Gone);
+}
+
 TEST_F(FeedClientTest, APingIsDueAfterSilenceOnlyAndItsAnswerInTheSameTime) {
     Join();
     Tick(999);
@@ -123,6 +171,16 @@ TEST_F(FeedClientTest, WhoLeavesHasUntilItsDeadlineToTakeWhatIsPendingAndToClose
     EXPECT_EQ(Work(), Turn::Blocked);
     Tick(1);
     EXPECT_TRUE(log.Has("peer is disconnected: did not take in time what was pending.\n"));
+    EXPECT_EQ(Work(), Turn::Gone);
+    client.reset();
+    close(peer);
+
+    Join();
+    client->Leave(frames.End(), now + Milliseconds(100));
+    Tick(60);
+    Receive(std::string("\x81\x02hi", 4));  // a fault of its own brings no more time
+    EXPECT_EQ(Work(), Turn::CaughtUp);
+    Tick(40);
     EXPECT_EQ(Work(), Turn::Gone);
 }
 
@@ -186,6 +244,24 @@ TEST(FrameLogTest, WhatAllHaveTakenIsGivenBackAndMemoryStaysWithinItsLimit) {
         frames.Detach(reader);
     }
     EXPECT_EQ(Counters.LogBytes, before);
+}
+
+/// Of this process, in bytes.
+std::size_t AddressSpace() {
+    return std::stoul(Testing::ReadFile("/proc/self/statm")) * static_cast<std::size_t>(getpagesize());
+}
+
+TEST(FrameLogTest, AfterALotOnlyALittleIsKeptToBeUsedAnew) {
+    FrameLog frames(256u << 20);
+    const std::size_t before = AddressSpace();
+    for (const std::size_t size : {60000u, 1000000u}) {
+        LogCursor reader = frames.Attach();
+        const std::string text(size, 'x');
+        for (std::size_t sum = 0; sum < 100000000; sum += size) frames.Append(text);
+        EXPECT_GT(AddressSpace(), before + 90000000);
+        frames.Detach(reader);
+        EXPECT_LT(AddressSpace(), before + (16u << 20));
+    }
 }
 
 }  // namespace Velmora::Feed

@@ -33,6 +33,9 @@ class WebSocketTest : public ::testing::Test {
         EXPECT_TRUE(session.Empty());
     }
     static std::string Numbered(int number) { return std::to_string(number) + std::string(7000, 'x'); }
+    static bool IsDone(const std::future<void>& future) {
+        return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    }
     static bool Empties() {
         return Eventually([] { return GetBroadcastCounters().Clients == 0; });
     }
@@ -116,6 +119,28 @@ TEST_F(WebSocketTest, EveryPostingWakesTheFeed) {
     peer.HangUp();
 }
 
+/// How often the feed's thread has given up its processor of its own will.
+long FeedsNaps() {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (ReadFile(task.path() / "comm") != "WebSocket::Feed\n") continue;
+        const std::string status = ReadFile(task.path() / "status"), name = "\nvoluntary_ctxt_switches:";
+        return std::stol(status.substr(status.find(name) + name.size()));
+    }
+    return -1;
+}
+
+TEST_F(WebSocketTest, AFeedWithNothingToDoSleeps) {
+    Manager feed(m_Patient);
+    Peer peer;
+    Adopt(feed, peer);
+    for (int i = 0; i < 1000; ++i) feed.SendText("x");
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(peer.Read().Payload, "x");
+    long before = -2;
+    EXPECT_TRUE(Eventually([&] { return std::exchange(before, FeedsNaps()) == before; }));
+    EXPECT_GT(before, 0);
+    peer.HangUp();
+}
+
 TEST_F(WebSocketTest, ClientsThatJoinMeanwhileGetAllFromThenOn) {
     constexpr int clients = 40, postings = 40 * 400;
     Manager feed(m_Patient);
@@ -124,6 +149,7 @@ TEST_F(WebSocketTest, ClientsThatJoinMeanwhileGetAllFromThenOn) {
     std::thread poster([&] {
         while (posted < postings) feed.SendText(std::to_string(posted++));
     });
+    const ui64_t delivered = GetBroadcastCounters().FramesDelivered;
     std::vector<int> before;
     for (int i = 0; i < clients; ++i) {
         Eventually([&] { return posted >= i * postings / clients; });
@@ -134,13 +160,16 @@ TEST_F(WebSocketTest, ClientsThatJoinMeanwhileGetAllFromThenOn) {
     feed.SendText(std::to_string(postings));
     auto closing = std::async(std::launch::async, [&feed] { feed.CloseAll(); });
     auto joined = before.begin();
+    int read = 0;
     for (Peer& peer : peers) {
         int next = std::stoi(peer.Read().Payload);
         EXPECT_GE(next, *joined++ - 1);
+        read += postings - next + 1;
         for (const std::string& text : peer.ReadTexts()) ASSERT_EQ(text, std::to_string(++next));
         EXPECT_EQ(next, postings);
         peer.HangUp();
     }
+    EXPECT_EQ(GetBroadcastCounters().FramesDelivered, delivered + static_cast<ui64_t>(read));
 }
 
 // One that never reads is left behind by the log; when it reads at last, it finds whole frames and the
@@ -223,7 +252,9 @@ TEST_F(WebSocketTest, BrokenProtocolIsClosedWithItsCode) {
         {ClientFrame(0x02, std::string(60000, 'x')) + ClientFrame(0x80, std::string(5536, 'x')) +
              ClientFrame(0x88, close_payload(4999, "\xF0\x9F\x91\x8B")),
          4999},  // just right
-        {ClientFrame(0x88, close_payload(1003)), 1003},
+        {ClientFrame(0x82, std::string(40000, 'x')) + ClientFrame(0x82, std::string(40000, 'x')) +
+             ClientFrame(0x88, close_payload(1003)),
+         1003},  // the limit is for each
         {ClientFrame(0x88, close_payload(1007)), 1007},
         {ClientFrame(0x88, close_payload(1014)), 1014},
         {ClientFrame(0x88, close_payload(3000)), 3000},
@@ -231,6 +262,8 @@ TEST_F(WebSocketTest, BrokenProtocolIsClosedWithItsCode) {
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(::testing::PrintToString(test.Bytes.substr(0, 40)));
+        const bool violation = test.Code == 1002 || test.Code == 1009;
+        m_Log.Clear();
         const ui64_t errors = GetBroadcastCounters().ProtocolErrors;
         Manager feed(m_Patient);
         Peer peer;
@@ -238,7 +271,9 @@ TEST_F(WebSocketTest, BrokenProtocolIsClosedWithItsCode) {
         EXPECT_TRUE(peer.Write(test.Bytes));
         EXPECT_EQ(peer.Read().CloseCode(), test.Code);
         EXPECT_EQ(peer.Read().Opcode, -1);
-        EXPECT_EQ(GetBroadcastCounters().ProtocolErrors, errors + (test.Code == 1002 || test.Code == 1009));
+        EXPECT_EQ(GetBroadcastCounters().ProtocolErrors, errors + violation);
+        EXPECT_EQ(m_Log.At(Mirel::LOG_NOTICE).size(), violation ? 1u : 0u);
+        EXPECT_TRUE(violation || Empties());  // both have said that they close: nothing to wait for
         peer.HangUp();
         EXPECT_TRUE(Empties());
     }
@@ -262,6 +297,13 @@ TEST_F(WebSocketTest, PingsAreAnsweredWhereverTheyStand) {
         peer.HangUp();  // without a close
         EXPECT_TRUE(Empties());
     }
+    Manager feed(m_Patient);
+    Peer peer(Link::TLS);
+    EXPECT_TRUE(peer.Write(ClientFrame(0x89, "read ahead")));
+    peer.LetServerReadAhead();
+    Adopt(feed, peer);
+    EXPECT_EQ(peer.Read(), (Frame{10, "read ahead"}));
+    peer.HangUp();
 }
 
 // The answer to a ping waits for the end of a frame that is partly sent.
@@ -349,9 +391,28 @@ TEST_F(WebSocketTest, CloseAllWaitsNoLongerThanTheTimeOut) {
     Adopt(feed, mute);
     Adopt(feed, stuck, "stuck");
     for (int i = 0; i < 50; ++i) feed.SendText(std::string(100000, 'x'));
-    feed.CloseAll();  // would hang
+    auto closing = std::async(std::launch::async, [&feed] { feed.CloseAll(); });
+    EXPECT_TRUE(Eventually([&] { return IsDone(closing); }, 300));
+    closing.get();
     EXPECT_EQ(GetBroadcastCounters().Clients, 0u);
     EXPECT_EQ(m_Log.At(Mirel::LOG_NOTICE).size(), 2u);
+}
+
+TEST_F(WebSocketTest, CloseAllIsForThosePresentWhoeverComesBeforeItIsDone) {
+    Manager feed(m_Patient);
+    Peer mute, later;
+    Adopt(feed, mute);
+    auto closing = std::async(std::launch::async, [&feed] { feed.CloseAll(); });
+    EXPECT_EQ(mute.Read().CloseCode(), 1001);
+    Adopt(feed, later);
+    feed.SendText("for the later one");
+    EXPECT_EQ(later.Read().Payload, "for the later one");
+    EXPECT_FALSE(IsDone(closing));
+    mute.HangUp();
+    EXPECT_TRUE(Eventually([&] { return IsDone(closing); }));
+    feed.SendText("still there");
+    EXPECT_EQ(later.Read().Payload, "still there");
+    later.HangUp();
 }
 
 TEST_F(WebSocketTest, UselessSessionsEndWithOneLine) {
@@ -380,6 +441,32 @@ TEST_F(WebSocketTest, UselessSessionsEndWithOneLine) {
     feed.SendText("nobody listens");
     feed.SendToListeners(PListDict());
     EXPECT_EQ(GetBroadcastCounters().Postings, postings);
+}
+
+// OpenSSL writes in a way that raises SIGPIPE, by which a process ends.
+TEST_F(WebSocketTest, WhoHangsUpBeforeAFrameIsWrittenEndsAlone) {
+    struct Gate : BroadcastReader {
+        explicit Gate(std::atomic<int>& steps) : Steps(steps) {}
+        void OnPosting(std::string_view) override {
+            ++Steps;
+            Eventually([this] { return Steps >= 2; });
+        }
+        std::atomic<int>& Steps;
+    };
+    std::atomic<int> steps{0};
+    Manager feed(m_Patient);
+    TCPSession gate = TCPSession::Reader(std::make_unique<Gate>(steps), "gate");
+    feed.AdoptWsClient(gate);
+    std::list<Peer> peers;
+    for (const Link link : {Link::Pair, Link::TCP, Link::TLS, Link::TLSPair})
+        Adopt(feed, peers.emplace_back(link));
+    feed.SendText("one that holds the feed's thread up");
+    EXPECT_TRUE(Eventually([&] { return steps == 1; }));
+    for (Peer& peer : peers) peer.HangUp();
+    feed.SendText("for nobody");
+    ++steps;
+    EXPECT_TRUE(Eventually([] { return GetBroadcastCounters().Clients == 1; }));
+    feed.CloseAll();
 }
 
 TEST_F(WebSocketTest, FailingReaderIsLetGoAlone) {

@@ -128,17 +128,21 @@ class TemporaryFolder {
     std::string m_Path;
 };
 
-/// The files that a program would inherit if it were started now, of those whose link has `part` in it.
-inline std::vector<std::string> Inherited(const std::string& part) {
+/// The open descriptors whose link in /proc has `part` in it; all, or those only that a program would inherit
+/// if it were started now.
+inline std::vector<std::string> OpenDescriptors(const std::string& part, bool inherited_only = false) {
     std::vector<std::string> links;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
         const std::string link = std::filesystem::read_symlink(entry, gone).string();
         const int flags = fcntl(std::stoi(entry.path().filename()), F_GETFD);
-        if (flags != -1 && (flags & FD_CLOEXEC) == 0 && link.find(part) != std::string::npos)
-            links.push_back(link);
+        if (flags == -1 || (inherited_only && (flags & FD_CLOEXEC) != 0)) continue;
+        if (link.find(part) != std::string::npos) links.push_back(link);
     }
     return links;
+}
+inline std::vector<std::string> Inherited(const std::string& part) {
+    return OpenDescriptors(part, true);
 }
 
 inline void WriteFile(const std::string& path, const std::string& text) {

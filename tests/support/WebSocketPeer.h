@@ -23,7 +23,7 @@
 
 namespace Testing {
 
-enum class Link { Pair, TCP, TLS };
+enum class Link { Pair, TCP, TLS, TLSPair };  // the first three are what most tests go through
 
 /// Two connected sockets.
 inline std::pair<int, int> Connected(bool tcp) {
@@ -82,14 +82,14 @@ class Peer {
   public:
     /// `kernel_room`: bytes of the server's socket buffer, 0 for the usual.
     explicit Peer(Link link = Link::Pair, int kernel_room = 0) {
-        std::tie(m_Server, m_Socket) = Connected(link != Link::Pair);
+        std::tie(m_Server, m_Socket) = Connected(link == Link::TCP || link == Link::TLS);
         if (kernel_room > 0) {
             setsockopt(m_Server, SOL_SOCKET, SO_SNDBUF, &kernel_room, sizeof(kernel_room));
             setsockopt(m_Socket, SOL_SOCKET, SO_RCVBUF, &kernel_room, sizeof(kernel_room));
         }
         const timeval limit{Patience, 0};
         setsockopt(m_Socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        if (link == Link::TLS) ShakeHands();
+        if (link == Link::TLS || link == Link::TLSPair) ShakeHands();
     }
     ~Peer() { HangUp(); }
     Peer(const Peer&) = delete;
@@ -101,6 +101,14 @@ class Peer {
         Velmora::SocketStream stream(m_Server);
         stream.Secure(m_ServerTLS);
         return Velmora::TCPSession::WebSocket(std::move(stream), name, received);
+    }
+
+    /// Has the server's TLS take what was written, before the session is made: the socket tells of it no
+    /// more.
+    void LetServerReadAhead() {
+        char byte;
+        SSL_set_read_ahead(m_ServerTLS, 1);
+        EXPECT_EQ(SSL_peek(m_ServerTLS, &byte, 1), 1);
     }
 
     void HangUp() {
@@ -124,6 +132,7 @@ class Peer {
         if (!ReadAll(head + 2, extended)) return {};
         if (extended > 0) size = 0;
         for (std::size_t i = 0; i < extended; ++i) size = size << 8 | head[2 + i];
+        EXPECT_GE(size, extended == 0 ? 0u : extended == 2 ? 126u : 65536u) << "not in its shortest form";
         Frame frame{head[0] & 0x0F, std::string(size, '\0')};
         return ReadAll(frame.Payload.data(), size) ? frame : Frame{};
     }
