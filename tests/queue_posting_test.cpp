@@ -8,6 +8,7 @@
 
 #include "HttpTestServer.h"
 #include "LocalAccessManager.h"
+#include "NoMemory.h"
 #include "support/QueueProbe.h"
 
 namespace EventManager {
@@ -85,7 +86,7 @@ TEST_F(PostingTest, AHandlerThatFailsIsLoggedAndTheNextListenerCalled) {
     Module("broken", "this is no python\n");
     Module("takes_none", "def event_handler():\n    pass\n");
     const struct {
-        const char* callback;
+        std::string callback;
         std::vector<std::string> errors;  // what each Error line begins with or, for exceptions, holds
     } cases[] = {
         {"python://", {"Empty module name", "Unable to locate Python module \"\".\n"}},
@@ -93,6 +94,7 @@ TEST_F(PostingTest, AHandlerThatFailsIsLoggedAndTheNextListenerCalled) {
          {"no_such_module", "Unable to locate Python module \"no_such_module\".\n"}},
         {"python://broken", {"SyntaxError", "Unable to locate Python module \"broken\".\n"}},
         {"python://b\xff\xfe", {"", "Unable to locate Python module \"b\xff\xfe\".\n"}},
+        {std::string("python://after\0x", 16), {"NUL", "Unable to locate Python module \"after"}},
         {"python://bare", {"event_handler"}},
         {"python://number", {"Python object number.event_handler must be callable.\n"}},
         {"python://raises", {"ValueError: went wrong"}},
@@ -117,6 +119,37 @@ TEST_F(PostingTest, AHandlerThatFailsIsLoggedAndTheNextListenerCalled) {
         }
         EXPECT_EQ(Ask("after", "len(calls)"), std::to_string(++posted)) << test.callback;
     }
+}
+
+// Wherever memory ends, an event is posted to all or to nobody, but for the one listener whom it ended at.
+TEST_F(PostingTest, WithoutMemoryAPostingIsMadeOrIsNot) {
+    RecordingModule("spared");
+    Module("spared2", "import spared\nevent_handler = spared.event_handler\n");
+    Event("e", R"({"a key that is not short":"a text that is as long"})");
+    Listen("e", "python://spared", R"({"a key that is not short":"a text that is as long"})");
+    Listen("e", "python://spared2");
+    Post("e");
+    bool refused = true, listener_lost = false;
+    for (int allocations = 0; refused; ++allocations) {
+        SCOPED_TRACE(allocations);
+        Ask("spared", "calls.clear()");
+        const std::size_t before = History().Size();
+        bool posted = false;
+        {
+            const Testing::NoMemory none(allocations);
+            try {
+                posted = queue.PostEvent("e", nullptr);
+            } catch (const std::bad_alloc&) {
+            }
+            refused = none.Refused();
+        }
+        EXPECT_EQ(History().Size(), before + posted);
+        const int calls = std::stoi(Ask("spared", "len(calls)"));
+        EXPECT_TRUE(posted ? calls > 0 : calls == 0) << calls;
+        listener_lost = listener_lost || (posted && calls == 1);
+    }
+    EXPECT_TRUE(listener_lost);
+    EXPECT_TRUE(log.Has("Out of memory calling \"python://spared\".\n"));
 }
 
 TEST_F(PostingTest, ALoadedModuleIsUsedAsItIsAndItsThreadsRunOn) {
@@ -349,6 +382,27 @@ TEST_F(CallerTest, BeyondTheLimitCallsFailAndAreCountedAndLoggedOnce) {
     const ui64_t refused = Velmora::GetRequestCounters().FailedResources;
     for (int i = 0; i < 10; ++i) patient.PostEvent("e", nullptr);
     EXPECT_EQ(Velmora::GetRequestCounters().FailedResources, refused);
+}
+
+TEST_F(CallerTest, WhatHasFinishedIsReapedAlsoBehindWhatHasNot) {
+    std::atomic<bool> hangs{true};
+    HttpTestServer slow([&](Testing::TestConnection& connection) {
+        connection.ReadRequest();
+        Testing::Eventually([&] { return !hangs; });
+        connection.Write("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    });
+    HttpTestServer quick(HttpTestServer::Answers("200 OK"));
+    EventQueue patient(20000);
+    patient.CreateEvent("e", nullptr);
+    patient.CreateEventListener("e", slow.Url(), nullptr, last_id);
+    patient.CreateEventListener("e", quick.Url(), nullptr, last_id);
+    patient.PostEvent("e", nullptr);
+    EXPECT_TRUE(Testing::Eventually([&] {
+        Probe::Reap(patient);
+        return Probe::Callers(patient) == 1;
+    }));
+    EXPECT_EQ(Probe::FirstCallersTimeout_ms(patient), 20000u);
+    hangs = false;
 }
 
 TEST_F(CallerTest, DestroyingAQueueWaitsForItsRunningCallers) {

@@ -320,7 +320,7 @@ TEST_F(StateFileTest, AFailedSaveIsRepeatedUntilItSucceedsAndLoggedOnce) {
     Event("e");
     for (int i = 0; i < 3; ++i) Probe::RepeatFailedSave(queue);
     EXPECT_EQ(log.Errors().size(), 1u);
-    EXPECT_TRUE(Probe::LastSaveFailed(queue));
+    EXPECT_TRUE(Probe::Statistics(queue).LastSaveFailed);
     Probe::RepeatFailedSave(queue);
     std::filesystem::remove(path + ".temp");
     std::filesystem::create_directory(path + ".temp");
@@ -329,7 +329,7 @@ TEST_F(StateFileTest, AFailedSaveIsRepeatedUntilItSucceedsAndLoggedOnce) {
     std::filesystem::remove(path + ".temp");
     std::filesystem::remove_all(path);
     Probe::RepeatFailedSave(queue);
-    EXPECT_FALSE(Probe::LastSaveFailed(queue));
+    EXPECT_FALSE(Probe::Statistics(queue).LastSaveFailed);
     EXPECT_EQ(Testing::ReadFile(path), State());
     EXPECT_TRUE(log.Has("saved again"));
     EXPECT_FALSE(Saves([&] { Probe::RepeatFailedSave(queue); }));
@@ -375,7 +375,7 @@ TEST_F(StateFileTest, WithoutMemoryAChangeIsMadeWholeOrNotAtAllAndIsNotLost) {
             EXPECT_TRUE(!changed || shape() == whole) << shape();
             Probe::RepeatFailedSave(queue);
             ASSERT_EQ(Testing::ReadFile(path), State());
-            ASSERT_FALSE(Probe::LastSaveFailed(queue));
+            ASSERT_FALSE(Probe::Statistics(queue).LastSaveFailed);
             if (changed) undo();
         }
     };

@@ -3,6 +3,8 @@
 
 #include <sys/resource.h>
 
+#include "NoMemory.h"
+
 namespace EventManager {
 
 class WorkerTest : public QueueTest {
@@ -34,10 +36,15 @@ TEST_F(WorkerTest, FiresTimersAndWatchesAndTrimsUntilItIsStopped) {
     EXPECT_TRUE(WithinAPass([&] { return Posted() == "timer watch"; })) << Posted();
     clock.Step(31);
     EXPECT_TRUE(WithinAPass([&] { return History().Empty(); }));
+    EXPECT_TRUE(Testing::Eventually([&] {  // by which a process knows that its worker is well
+        const QueueStatistics now = Probe::Statistics(queue);
+        return now.WorkerRunning && now.Passes > 1 && now.SinceLastPass_ms < 250;
+    }));
 
     Stop();
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
-    EXPECT_LE(Probe::Passes(queue), 2 + took / Pass);  // it has waited in all but the one that saw the change
+    EXPECT_LE(Probe::Statistics(queue).Passes,
+              2 + took / Pass);  // it has waited in all but the one that saw the change
     EXPECT_TRUE(queue.IsFinished());
     EXPECT_EQ(queue.Result().Value(), 0);
     EXPECT_TRUE(Testing::OpenDescriptors("inotify").empty());
@@ -72,6 +79,33 @@ TEST_F(WorkerTest, WithoutAKernelStreamItEndsAndTheRegistryAnswersOn) {
     EXPECT_EQ(log.Errors(),
               (std::vector<std::string>{std::string("Kernel queue: ") + strerror(EMFILE) + ".\n"}));
     EXPECT_EQ(Event("e"), Velmora::STATUS_201_CREATED);
+}
+
+TEST_F(WorkerTest, ASaveThatFailedIsRepeatedWithoutAnotherChange) {
+    const std::string path = folder / "state.json";
+    std::filesystem::create_directories(path + "/occupied");
+    Probe::UseStateFile(queue, path);
+    ASSERT_TRUE(queue.Start("EventQueue::Main").Success());
+    Event("e");
+    EXPECT_TRUE(
+        Testing::Eventually([&] { return Probe::Statistics(queue).FailedSaves > 2; }));  // tried again
+    std::filesystem::remove_all(path);
+    EXPECT_TRUE(Testing::Eventually([&] { return Testing::ReadFile(path) == State(); }, 1500));
+}
+
+TEST_F(WorkerTest, APassInWhichMemoryEndsIsMadeUpFor) {
+    const std::string name(5000, 'e');
+    Event(name);
+    UUID id;
+    queue.CreateTimer(name, Timestamp(), 0, nullptr, id);
+    std::thread worker([&] {
+        const Testing::NoMemory none(0, name.size());
+        EXPECT_TRUE(Probe::Work(queue).Success());
+    });
+    EXPECT_TRUE(Testing::Eventually([&] { return Posted() == name; }, 1100));
+    Stop();
+    worker.join();
+    EXPECT_EQ(log.Errors(), std::vector<std::string>{"Out of memory in a pass of the worker.\n"});
 }
 
 TEST_F(WorkerTest, ManyThreadsChangeWhatTheWorkerFires) {

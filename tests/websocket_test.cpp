@@ -9,6 +9,7 @@
 #include <numeric>
 #include <stdexcept>
 
+#include "NoMemory.h"
 #include "Testing.h"
 #include "WebSocketPeer.h"
 
@@ -467,6 +468,30 @@ TEST_F(WebSocketTest, WhoHangsUpBeforeAFrameIsWrittenEndsAlone) {
     ++steps;
     EXPECT_TRUE(Eventually([] { return GetBroadcastCounters().Clients == 1; }));
     feed.CloseAll();
+}
+
+TEST_F(WebSocketTest, APostingThatMemoryEndsAtIsNotPassedOverInSilence) {
+    const std::string text(100000, 'x');
+    PListDict dict;
+    dict.SetValue("text", text);
+    const std::function<void(Manager&)> postings[] = {[&](Manager& feed) { feed.SendText(text); },
+                                                      [&](Manager& feed) { feed.SendToListeners(dict); }};
+    for (const auto& post : postings) {
+        m_Log.Clear();
+        Manager feed(m_Patient);
+        Peer peer;
+        Adopt(feed, peer);
+        feed.SendText("before");
+        {
+            const NoMemory none(0);
+            post(feed);
+            EXPECT_TRUE(none.Refused());
+        }
+        EXPECT_EQ(peer.Read().Payload, "before");
+        EXPECT_EQ(peer.Read().CloseCode(), 1001);
+        EXPECT_EQ(m_Log.Errors().size(), 1u);
+        peer.HangUp();
+    }
 }
 
 TEST_F(WebSocketTest, FailingReaderIsLetGoAlone) {

@@ -6,11 +6,14 @@
 
 namespace Testing {
 
-/// While the object lives, one allocation of its thread fails: the one behind `before` others. To be tried
-/// with 0, 1, 2 … until none has been refused any more.
+/// While the object lives, one allocation of its thread fails: the one behind `before` others, of those for
+/// `least` bytes and more. To be tried with 0, 1, 2 … until none has been refused any more.
 class NoMemory {
   public:
-    explicit NoMemory(int before) { Countdown() = before + 1; }
+    explicit NoMemory(int before, std::size_t least = 0) {
+        Countdown() = before + 1;
+        Least() = least;
+    }
     ~NoMemory() { Countdown() = 0; }
     NoMemory(const NoMemory&) = delete;
     NoMemory& operator=(const NoMemory&) = delete;
@@ -18,12 +21,16 @@ class NoMemory {
     bool Refused() const { return Countdown() == 0; }
 
     /// Counts an allocation; whether it is the one.
-    static bool Refuses() { return Countdown() > 0 && --Countdown() == 0; }
+    static bool Refuses(std::size_t size) { return Countdown() > 0 && size >= Least() && --Countdown() == 0; }
 
   private:
     static int& Countdown() {
         constinit static thread_local int countdown = 0;
         return countdown;
+    }
+    static std::size_t& Least() {
+        constinit static thread_local std::size_t least = 0;
+        return least;
     }
 };
 
@@ -31,7 +38,7 @@ class NoMemory {
 
 // Not inlined: the compiler would see free() where it expects a delete.
 [[gnu::noinline]] void* operator new(std::size_t size) {
-    void* const memory = Testing::NoMemory::Refuses() ? nullptr : std::malloc(size);
+    void* const memory = Testing::NoMemory::Refuses(size) ? nullptr : std::malloc(size);
     if (!memory) throw std::bad_alloc();
     return memory;
 }

@@ -23,7 +23,6 @@ struct EventQueueProbe {
         queue.RepeatFailedSave();
     }
     static void DropEndedWatches(EventQueue& queue) { queue.DropEndedWatches(); }
-    static bool LastSaveFailed(EventQueue& queue) { return queue.Statistics().LastSaveFailed; }
     static void AppendHistory(EventQueue& queue, const PListDict& record) { queue.AppendHistory(record); }
     static void TrimHistory(EventQueue& queue) { queue.TrimHistory(); }
     static void PutIntoHistory(EventQueue& queue, const PListDict& record) {
@@ -43,13 +42,19 @@ struct EventQueueProbe {
         AutoMutex lock(queue.m_EventLock);
         return queue.m_CallerThreads.size();
     }
+    static ui32_t FirstCallersTimeout_ms(EventQueue& queue) {
+        AutoMutex lock(queue.m_EventLock);
+        return queue.m_CallerThreads.front()->Timeout_ms();
+    }
     static std::vector<WatchMode_t> Modes(EventQueue& queue) {
         AutoMutex lock(queue.m_WatchLock);
         std::vector<WatchMode_t> modes;
         for (const auto& entry : queue.m_Watches) modes.push_back(entry.second.mode);
         return modes;
     }
-    static ui64_t Passes(EventQueue& queue) { return queue.Statistics().Passes; }
+    static QueueStatistics Statistics(EventQueue& queue) { return queue.Statistics(); }
+    /// The worker's body, on the calling thread.
+    static Result_t Work(EventQueue& queue) { return queue.ThreadBody(); }
     static Result_t Stop(EventQueue& queue) { return queue.Stop(10000, true); }
 };
 
