@@ -1,6 +1,7 @@
 #include "Metrics.h"
 
 #include "EventManager.h"
+#include "MR_log.h"
 #include "Rest.h"
 #include "VL_HTTP.h"
 #include "VL_WebSocket.h"
@@ -142,6 +143,8 @@ HttpResponse GetMetrics(RestCall& call) {
     text.Sample(ui64_t{1}, "version", VELMORA_VERSION);
     const std::chrono::duration<double> up = std::chrono::steady_clock::now() - call.Context.Started;
     text.Gauge("velmora_uptime_seconds", up.count(), "Time since the server started.");
+    text.Counter("velmora_log_entries_lost_total", Mirel::LostLogEntries(),
+                 "Log entries that could not be written, say to a full disk.");
     Postings(text, queue, call.Context.RestPostings.load(std::memory_order_relaxed));
     Queue(text, queue);
     Feed(text);

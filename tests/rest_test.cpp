@@ -4,11 +4,11 @@
 #include <filesystem>
 #include <random>
 #include <set>
-#include <sstream>
 
 #include "EventManager.h"
 #include "Health.h"
 #include "HttpClient.h"
+#include "HttpTestServer.h"
 #include "OpenApi.h"
 #include "Router.h"
 #include "SchemaCheck.h"
@@ -664,17 +664,63 @@ TEST_P(RestTest, HistoryAnswersTheLastOnesOldestFirst) {
 }
 
 TEST_P(RestTest, DeliveriesTellHowCallsEnded) {
+    const std::string url = "http://127.0.0.1:1/refused-" + std::to_string(static_cast<int>(GetParam()));
     Call("POST /api/v1/events", R"({"event_name": "d"})");
-    Call("POST /api/v1/events/d/listeners", R"({"callback": "http://127.0.0.1:1/refused"})");
+    Call("POST /api/v1/events/d/listeners", R"({"callback": ")" + url + "\"}");
     Call("POST /api/v1/events/d");
-    ASSERT_TRUE(
-        Testing::Eventually([&] { return Count("/api/v1/deliveries?outcome=failed", "deliveries") > 0; }));
+    ASSERT_TRUE(Testing::Eventually([&] {
+        Call("GET /api/v1/deliveries?outcome=failed&limit=1");
+        return last.Body.find(url) != std::string::npos;
+    }));
     const PListDict newest = *AsDict(Body().GetArray("deliveries").GetItem(0));
-    EXPECT_EQ(newest.GetData("url").Text(), "http://127.0.0.1:1/refused");
     EXPECT_EQ(newest.GetData("status").Text(), "0");
     EXPECT_NE(newest.GetData("reason").Text(), "");
-    EXPECT_EQ(Count("/api/v1/deliveries?outcome=ok", "deliveries"), 0u);
+    EXPECT_EQ(newest.GetData("outcome").Text(), "failed");
+    EXPECT_EQ(newest.GetData("method").Text(), "GET");
+    Call("GET /api/v1/deliveries?outcome=ok");
+    EXPECT_EQ(last.Body.find(url), std::string::npos);
     EXPECT_EQ(Count("/api/v1/deliveries?limit=0", "deliveries"), 0u);
+    EXPECT_EQ(Count("/api/v1/deliveries?limit=1", "deliveries"), 1u);
+}
+
+// From half of the time-out on, whatever it is; newest first; with the answer's status and what it means.
+TEST_F(RouterTest, DeliveriesAreSlowFromHalfOfTheTimeout) {
+    Testing::HttpTestServer good(Testing::HttpTestServer::Answers("204 No Content")),
+        bad(Testing::HttpTestServer::Answers("500 Oops"));
+    for (const Testing::HttpTestServer* server : {&good, &bad}) {
+        Call("POST /api/v1/events", R"({"event_name": "s"})");
+        Call("POST /api/v1/events/s/listeners",
+             R"({"callback": ")" + server->Url() + R"(", "listener_data": {"a": 1}})");
+        Call("POST /api/v1/events/s");
+        ASSERT_TRUE(Testing::Eventually([&] {
+            Call("GET /api/v1/deliveries?limit=1");
+            return last.Body.find(server->Url()) != std::string::npos;
+        }));
+        Call("DELETE /api/v1/events/s");
+    }
+    Call("GET /api/v1/deliveries?limit=2");
+    const PListArray deliveries = Body().GetArray("deliveries");
+    const PListDict &failed = *AsDict(deliveries.GetItem(0)), &ok = *AsDict(deliveries.GetItem(1));
+    const auto told = [](const PListDict& entry) {
+        return entry.GetData("method").Text() + " " + entry.GetData("status").Text() + " " +
+               entry.GetData("outcome").Text() + " " + entry.GetData("reason").Text();
+    };
+    EXPECT_EQ(told(ok), "POST 204 ok ");
+    EXPECT_EQ(told(failed).substr(0, 16), "POST 500 failed ");
+    EXPECT_GT(told(failed).size(), 16u);
+    EXPECT_GT(std::stoll(failed.GetData("sequence").Text()), std::stoll(ok.GetData("sequence").Text()));
+
+    const int took_ms = std::stoi(failed.GetData("duration_ms").Text());
+    const auto slow = [&](int timeout_ms) {
+        Config other;
+        other.Timeout_ms = timeout_ms;
+        HttpRequest request;
+        request.Path = "/api/v1/deliveries";
+        request.Query = "outcome=slow";
+        return Router(other).Handle(request).Body.find(bad.Url()) != std::string::npos;
+    };
+    EXPECT_TRUE(slow(2 * took_ms));
+    EXPECT_FALSE(slow(2 * took_ms + 2));
 }
 
 // ------------------------------------------------------------------------------------------- operations
@@ -697,33 +743,6 @@ TEST_F(RouterTest, ReadinessSaysWhatIsWrong) {
     EXPECT_FALSE(CheckStateFile(queue, folder / "absent/state.json").Ok);
     queue.LastSaveFailed = true;
     EXPECT_FALSE(CheckStateFile(queue, folder / "state.json").Ok);
-}
-
-TEST_F(RouterTest, MetricsAreWellFormedAndCountPostings) {
-    router.CountersFrom([] { return HttpServerCounters{.Requests = 7}; });
-    const auto sample = [&](const std::string& name) {
-        EXPECT_EQ(Call("GET /metrics"), 200);
-        const std::size_t at = last.Body.find("\n" + name + " ");
-        return at == std::string::npos ? -1 : std::stoll(last.Body.substr(at + name.size() + 2));
-    };
-    Call("POST /api/v1/events", R"({"event_name": "m"})");
-    const long long before = sample("velmora_postings_total{source=\"rest\"}");
-    Call("POST /api/v1/events/m");
-    Call("POST /api/v1/events/unknown");
-    EXPECT_EQ(sample("velmora_postings_total{source=\"rest\"}"), before + 1);
-    EXPECT_EQ(sample("velmora_http_requests_total"), 7);
-    EXPECT_EQ(sample("velmora_timers_expired_total"), 0);
-
-    std::istringstream lines(last.Body);
-    std::set<std::string> families;
-    for (std::string line, family; std::getline(lines, line);) {
-        if (line.rfind("# HELP ", 0) == 0) {
-            family = line.substr(7, line.find(' ', 7) - 7);
-            EXPECT_TRUE(families.insert(family).second) << family;
-        } else {
-            EXPECT_TRUE(line.rfind(family, 0) == 0 || line.rfind("# TYPE " + family, 0) == 0) << line;
-        }
-    }
 }
 
 }  // namespace Server

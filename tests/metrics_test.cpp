@@ -1,0 +1,293 @@
+// /metrics: every number, held against what happened.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "EventManager.h"
+#include "HttpClient.h"
+#include "HttpTestServer.h"
+#include "MR_log.h"
+#include "RawClient.h"
+#include "Router.h"
+#include "Testing.h"
+
+namespace Server {
+
+using namespace Velmora;
+using EventManager::GlobalEventQueue;
+using Testing::Eventually;
+using Testing::HttpTestServer;
+
+namespace {
+
+class MetricsTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        PListDict dict;
+        dict.SetValue("StateFile", folder() / "state/state.json");
+        std::filesystem::create_directory(folder() / "state");
+        ASSERT_TRUE(EventManager::InitEventQueue(dict).Success());
+    }
+    void TearDown() override {
+        GlobalEventQueue().DeleteAllEvents();
+        GlobalEventQueue().DeleteAllTimers();
+    }
+    static const Testing::TemporaryFolder& folder() {
+        static const Testing::TemporaryFolder own;
+        return own;
+    }
+
+    HttpResponse Ask(Method_t method, const std::string& path, const std::string& body = "") {
+        HttpRequest request;
+        request.Method = method;
+        request.Path = path;
+        request.Body = body;
+        request.HasBody = !body.empty();
+        return router.Handle(request);
+    }
+    // The value of a sample, named with its labels.
+    double Sample(const std::string& name) {
+        const std::string text = Ask(METH_GET, "/metrics").Body;
+        const std::size_t at = text.find("\n" + name + " ");
+        return at == std::string::npos ? -1 : std::stod(text.substr(at + name.size() + 2));
+    }
+    bool BecomesOf(const std::string& name, double value, int promised_ms = 1000) {
+        return Eventually([&] { return Sample(name) == value; }, promised_ms);
+    }
+    void Create(const std::string& name, const std::string& callback = "") {
+        Mirel::UUID id;
+        EXPECT_EQ(GlobalEventQueue().CreateEvent(name, nullptr), STATUS_201_CREATED);
+        if (callback.empty()) return;
+        EXPECT_EQ(GlobalEventQueue().CreateEventListener(name, callback, nullptr, id), STATUS_201_CREATED);
+    }
+
+    static Config Configured() {
+        Config config;
+        config.StateFile = folder() / "state/state.json";
+        return config;
+    }
+
+    Router router{Configured()};
+};
+
+TEST_F(MetricsTest, AreWellFormed) {
+    router.CountersFrom([] { return HttpServerCounters{}; });
+    const HttpResponse answer = Ask(METH_GET, "/metrics");
+    EXPECT_EQ(answer.ContentType, "text/plain; version=0.0.4; charset=utf-8");
+    std::istringstream lines(answer.Body);
+    std::set<std::string> families, samples;
+    std::string family, type;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("# HELP ")) {
+            family = line.substr(7, line.find(' ', 7) - 7);
+            EXPECT_TRUE(families.insert(family).second) << family;
+        } else if (line.starts_with("# TYPE ")) {
+            type = line.substr(line.rfind(' ') + 1);
+            EXPECT_EQ(line, "# TYPE " + family + " " + type);
+            EXPECT_EQ(type, family.ends_with("_total") ? "counter" : "gauge") << line;
+        } else {
+            EXPECT_TRUE(line.starts_with(family + " ") || line.starts_with(family + "{")) << line;
+            EXPECT_TRUE(samples.insert(line.substr(0, line.rfind(' '))).second) << line;
+            EXPECT_NO_THROW(EXPECT_GE(std::stod(line.substr(line.rfind(' '))), 0)) << line;
+        }
+    }
+    EXPECT_TRUE(samples.contains("velmora_build_info{version=\"" VELMORA_VERSION "\"}"));
+}
+
+TEST_F(MetricsTest, PostingsAreCountedByWhatPostedThem) {
+    const std::string sources[] = {"rest", "timer", "watch", "other"};
+    std::map<std::string, double> before;
+    const auto postings = [&](const std::string& source) {
+        return Sample("velmora_postings_total{source=\"" + source + "\"}");
+    };
+    for (const std::string& source : sources) before[source] = postings(source);
+    Create("e");
+    const double records = Sample("velmora_history_records");
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(Ask(METH_POST, "/api/v1/events/e").Status, STATUS_202_ACCEPTED);
+    EXPECT_EQ(Ask(METH_POST, "/api/v1/events/unknown").Status, STATUS_404_NOT_FOUND);
+    EXPECT_TRUE(GlobalEventQueue().PostEvent("e", nullptr));
+    Mirel::UUID id;
+    for (int i = 0; i < 2; ++i) {
+        GlobalEventQueue().CreateTimer("e", Mirel::Timestamp(), 0, nullptr, id);
+    }
+    EXPECT_TRUE(Eventually([&] { return postings("timer") == before["timer"] + 2; }));
+    EXPECT_EQ(postings("watch"), before["watch"]);
+
+    std::filesystem::create_directory(folder() / "watched");
+    EXPECT_TRUE(GlobalEventQueue().CreateWatch(folder() / "watched", "e", nullptr, false));
+    int files = 0;  // until the kernel has the watch, nobody sees a change
+    EXPECT_TRUE(Eventually([&] {
+        Testing::WriteFile(folder() / ("watched/" + std::to_string(files++)), "");
+        return postings("watch") > before["watch"];
+    }));
+    GlobalEventQueue().DeleteAllWatches();
+    EXPECT_TRUE(BecomesOf("velmora_watches", 0, 2000));
+    EXPECT_EQ(postings("timer"), before["timer"] + 2);
+    EXPECT_EQ(postings("rest"), before["rest"] + 3);
+    EXPECT_EQ(postings("other"), before["other"] + 1);
+    EXPECT_EQ(Sample("velmora_history_records"), records + 6 + postings("watch") - before["watch"]);
+}
+
+TEST_F(MetricsTest, SizesAreThoseOfTheRegistries) {
+    Create("a", "http://127.0.0.1:1/");
+    Create("b");
+    Mirel::UUID id;
+    for (int i = 0; i < 3; ++i) GlobalEventQueue().CreateTimer("a", Mirel::Timestamp(), 600, nullptr, id);
+    for (const char* name : {"w1", "w2", "w3", "w4"}) {
+        std::filesystem::create_directory(folder() / name);
+        GlobalEventQueue().CreateWatch(folder() / name, "a", nullptr, false);
+    }
+    EXPECT_EQ(Sample("velmora_events"), 2);
+    EXPECT_EQ(Sample("velmora_listeners"), 1);
+    EXPECT_EQ(Sample("velmora_timers"), 3);
+    EXPECT_EQ(Sample("velmora_watches"), 4);
+    GlobalEventQueue().DeleteAllWatches();
+    EXPECT_TRUE(BecomesOf("velmora_watches", 0, 2000));
+}
+
+TEST_F(MetricsTest, LateTimersTheWorkerAndLostLogLinesShow) {
+    const double expired = Sample("velmora_timers_expired_total"),
+                 lost = Sample("velmora_log_entries_lost_total");
+    Mirel::UUID id;
+    Mirel::Timestamp past;
+    ASSERT_TRUE(past.DecodeString("2001-01-31T12:00:00+00:00"));
+    for (int i = 0; i < 2; ++i) GlobalEventQueue().CreateTimer("late", past, 0, nullptr, id);
+    EXPECT_TRUE(BecomesOf("velmora_timers_expired_total", expired + 2));
+
+    EXPECT_EQ(Sample("velmora_worker_running"), 1);
+    const double passes = Sample("velmora_worker_passes_total");
+    const double time = Sample("velmora_worker_pass_seconds_total");
+    EXPECT_TRUE(Eventually([&] { return Sample("velmora_worker_passes_total") > passes; }));
+    EXPECT_GT(Sample("velmora_worker_pass_seconds_total"), time);
+    EXPECT_LT(Sample("velmora_worker_pass_seconds_total"), Sample("velmora_uptime_seconds") + 600);
+    EXPECT_LT(Sample("velmora_worker_last_pass_seconds"), 5);
+    EXPECT_TRUE(Eventually([&] { return Sample("velmora_worker_since_last_pass_seconds") > 0.1; }));
+    EXPECT_LT(Sample("velmora_worker_since_last_pass_seconds"), 5);
+    EXPECT_GT(Sample("velmora_uptime_seconds"), 0);
+    EXPECT_LT(Sample("velmora_uptime_seconds"), 60);
+
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    Mirel::TextLogSink(full).Error("Lost.\n");
+    close(full);
+    EXPECT_EQ(Sample("velmora_log_entries_lost_total"), lost + 1);
+}
+
+TEST_F(MetricsTest, SavesAndFailedOnesAreCountedAndReadinessTells) {
+    const Testing::CapturedLog log;
+    const auto ready = [&] { return Ask(METH_GET, "/readyz"); };
+    ASSERT_TRUE(Eventually([&] { return ready().Status == STATUS_200_OK; }));
+    const double saves = Sample("velmora_saves_total"), failed = Sample("velmora_failed_saves_total");
+    Create("saved");
+    EXPECT_EQ(Sample("velmora_saves_total"), saves + 1);
+    EXPECT_EQ(Sample("velmora_failed_saves_total"), failed);
+
+    std::filesystem::rename(folder() / "state", folder() / "away");
+    Create("not saved");
+    EXPECT_GE(Sample("velmora_failed_saves_total"), failed + 1);
+    EXPECT_EQ(Sample("velmora_saves_total"), saves + 1);
+    EXPECT_EQ(ready().Status, STATUS_503_NO_SERVICE);
+    EXPECT_NE(ready().Body.find(R"("ready":false,"checks":{"worker":{"ok":true,)"), std::string::npos);
+    EXPECT_NE(ready().Body.find(R"("state_file":{"ok":false,)"), std::string::npos);
+    std::filesystem::rename(folder() / "away", folder() / "state");
+    EXPECT_TRUE(Eventually([&] { return ready().Status == STATUS_200_OK; }, 3000)) << ready().Body;
+    EXPECT_NE(ready().Body.find(R"("ready":true)"), std::string::npos);
+}
+
+TEST_F(MetricsTest, DeliveriesAreCountedByHowTheyEnded) {
+    const Testing::CapturedLog log;
+    const auto hang = [](Testing::TestConnection& connection) { connection.WaitForClose(); };
+    HttpTestServer accepts(HttpTestServer::Answers("204 No Content")),
+        moved(HttpTestServer::Answers("302 Found")), missing(HttpTestServer::Answers("404 Not Found")),
+        broken(HttpTestServer::Answers("500 Oops")), odd(HttpTestServer::Answers("700 Odd")), hangs(hang),
+        babbles([](Testing::TestConnection&connection) { connection.Write("hello\r\n\r\n"); }),
+        closes([](Testing::TestConnection&) {});
+    const std::pair<std::string, std::string> cases[] = {
+        {"2xx", accepts.Url()},
+        {"3xx", moved.Url()},
+        {"4xx", missing.Url()},
+        {"5xx", broken.Url()},
+        {"other", odd.Url()},
+        {"connect", "http://127.0.0.1:1/"},
+        {"resolve", "http://" + std::string(70, 'a') + ".test/"},
+        {"tls", "https://" + babbles.Authority() + "/"},
+        {"timeout", hangs.Url()},
+        {"transfer", closes.Url()},
+        {"parameter", "ftp://127.0.0.1/"},
+    };
+    const auto name = [](const std::string& outcome) {
+        return "velmora_deliveries_total{outcome=\"" + outcome + "\"}";
+    };
+    std::map<std::string, double> before;
+    for (const auto& [outcome, url] : cases) before[outcome] = Sample(name(outcome));
+    for (const auto& [outcome, url] : cases) {
+        Create(outcome, url);
+        EXPECT_TRUE(GlobalEventQueue().PostEvent(outcome, nullptr));
+        EXPECT_TRUE(BecomesOf(name(outcome), before[outcome] + 1)) << outcome;
+    }
+    for (const auto& [outcome, url] : cases) EXPECT_EQ(Sample(name(outcome)), before[outcome] + 1) << outcome;
+    EXPECT_TRUE(BecomesOf("velmora_callers_running", 0));
+    EXPECT_TRUE(BecomesOf("velmora_callers_unreaped", 0, 2000));
+
+    Create("hangs", hangs.Url());
+    EXPECT_TRUE(GlobalEventQueue().PostEvent("hangs", nullptr));
+    EXPECT_TRUE(BecomesOf("velmora_callers_running", 1));
+    EXPECT_TRUE(BecomesOf("velmora_callers_unreaped", 1));
+}
+
+TEST_F(MetricsTest, ConnectionsAndTheFeedAreCounted) {
+    router.CountersFrom([] {
+        return HttpServerCounters{.Connections = 11,
+                                  .Accepted = 12,
+                                  .Requests = 13,
+                                  .AnsweredByClass = {20, 21, 22, 23, 24, 25},
+                                  .RefusedBusy = 14,
+                                  .RefusedConnections = 15};
+    });
+    EXPECT_EQ(Sample("velmora_http_connections"), 11);
+    EXPECT_EQ(Sample("velmora_http_connections_total"), 12);
+    EXPECT_EQ(Sample("velmora_http_requests_total"), 13);
+    EXPECT_EQ(Sample("velmora_http_responses_total{class=\"other\"}"), 20);
+    for (const int digit : {1, 2, 3, 4, 5}) {
+        const std::string label = "{class=\"" + std::to_string(digit) + "xx\"}";
+        EXPECT_EQ(Sample("velmora_http_responses_total" + label), 20 + digit);
+    }
+    EXPECT_EQ(Sample("velmora_http_refused_total{reason=\"busy\"}"), 14);
+    EXPECT_EQ(Sample("velmora_http_refused_total{reason=\"connections\"}"), 15);
+
+    HttpServer server({}, router);
+    ASSERT_TRUE(server.Bind().Success() && server.Serve().Success());
+    const double adopted = Sample("velmora_feed_adopted_total"),
+                 errors = Sample("velmora_feed_protocol_errors_total"),
+                 frames = Sample("velmora_feed_frames_total"),
+                 postings = Sample("velmora_feed_postings_total"), bytes = Sample("velmora_feed_bytes_total"),
+                 slow = Sample("velmora_feed_slow_disconnects_total");
+    Create("fed");
+    Testing::FeedClient one(server.Port()), two(server.Port());
+    ASSERT_TRUE(BecomesOf("velmora_feed_clients", 2));
+    EXPECT_EQ(Sample("velmora_feed_adopted_total"), adopted + 2);
+    GlobalEventQueue().PostEvent("fed", nullptr);
+    const std::string text = one.Read();
+    EXPECT_EQ(two.Read(), text);
+    EXPECT_TRUE(BecomesOf("velmora_feed_frames_total", frames + 2));
+    EXPECT_EQ(Sample("velmora_feed_postings_total"), postings + 1);
+    EXPECT_EQ(Sample("velmora_feed_bytes_total"), bytes + 2 * static_cast<double>(text.size() + 2));
+
+    Testing::RawClient rude(server.Port());
+    rude.Send(
+        "GET /api/v1/feed HTTP/1.1\r\nHost: localhost\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
+        "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
+    ASSERT_TRUE(BecomesOf("velmora_feed_clients", 3));
+    rude.Send("\xFF\xFF\xFF\xFF");
+    EXPECT_TRUE(BecomesOf("velmora_feed_clients", 2));
+    EXPECT_EQ(Sample("velmora_feed_protocol_errors_total"), errors + 1);
+    EXPECT_EQ(Sample("velmora_feed_slow_disconnects_total"), slow);
+}
+
+}  // namespace
+
+}  // namespace Server
