@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "ConnectionHead.h"
 #include "ConnectionInput.h"
-#include "ConnectionTarget.h"
 #include "Feed.h"
 
 namespace {
@@ -25,21 +25,31 @@ void require(bool condition) {
     if (!condition) std::abort();
 }
 
+/// Takes whatever has come so far.
+class AnyHandler : public HttpHandler {
+  public:
+    std::optional<HttpResponse> Route(const HttpRequest&, HttpRoute&) const override { return {}; }
+    HttpResponse Handle(const HttpRequest&, HttpRoute&) override { return {}; }
+};
+
 void check_refusal(const std::optional<HttpResponse>& refusal) {
     require(!refusal || refusal->Status >= 400);
 }
 
 /// The request in one text. Asks for it to be let in, as a connection does.
 std::string described(const ConnectionInput& input) {
-    static const AccessPolicy policy({.AccessToken = "token", .AllowedHosts = {"events.example"}}, 80);
+    static const AccessPolicy policy({.AccessToken = "token", .AllowedHosts = {"events.example"}});
     const RequestHead& head = input.Head();
-    check_refusal(RefuseHead(head, policy));
+    HttpRoute route;
+    check_refusal(RefuseHead(head, policy, AnyHandler(), route));
     check_refusal(RefuseUpgrade(head));
     require(input.Body().size() <= BodyLimit);
     std::string text = head.Method ? Velmora::MethodToString(*head.Method) : "?";
     text.append(" ").append(head.Target).append(head.Http10 ? " 1.0" : " 1.1");
     text.append(input.KeepAlive() ? " stays" : " ends").append(head.HasBody ? " with " : " without ");
     for (const std::string_view field : head.Fields) text.append(field).append("|");
+    for (const auto& [field, value] : head.More) text.append(value).append("|");
+    if (head.Parts) text.append(head.Parts->Authority).append(head.Parts->Path).append(head.Parts->Query);
     return text.append(input.Body()).append("\n");
 }
 

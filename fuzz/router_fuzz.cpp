@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "EventManager.h"
@@ -57,8 +58,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     Server::Router& router = TheRouter();
     Reset();
-    (void)router.MayBlock(request);
-    const Server::HttpResponse response = router.Handle(request);
+    Server::HttpRoute route;
+    const std::optional<Server::HttpResponse> refused = router.Route(request, route);
+    const Server::HttpResponse response = refused ? *refused : router.Handle(request, route);
     if (response.Status < 200 || response.Status == STATUS_500_SERVER_ERROR) std::abort();
     if (response.Status >= 400 && response.ContentType == "application/problem+json") CheckProblem(response);
     return 0;

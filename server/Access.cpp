@@ -4,6 +4,7 @@
 #include <openssl/crypto.h>
 
 #include <algorithm>
+#include <charconv>
 #include <functional>
 
 #include "LocalAccessManager.h"
@@ -32,8 +33,10 @@ std::string_view trimmed(std::string_view text) {
     return text;
 }
 
+using Visit = std::function<bool(std::string_view)>;
+
 // Calls `visit` with each element of a comma-separated list until it answers true; whether it did.
-bool any_element(std::string_view list, const std::function<bool(std::string_view)>& visit) {
+bool any_element(std::string_view list, const Visit& visit) {
     while (!list.empty()) {
         const std::size_t comma = std::min(list.find(','), list.size());
         if (visit(trimmed(list.substr(0, comma)))) return true;
@@ -42,17 +45,36 @@ bool any_element(std::string_view list, const std::function<bool(std::string_vie
     return false;
 }
 
-std::vector<std::string> known_hosts(const HttpServerOptions& options) {
+// The same for a field: all its lines are one list (RFC 9110, 5.3).
+bool any_element(const RequestHead& head, Field field, const Visit& visit) {
+    if (any_element(head[field], visit)) return true;
+    return std::any_of(head.More.begin(), head.More.end(), [&](const auto& line) {
+        return line.first == field && any_element(line.second, visit);
+    });
+}
+
+std::string host_of(const std::string& name) {
+    const auto split = SplitAuthority(name);
+    // An IPv6 address may stand there without brackets.
+    return lowered(split ? split->first : name);
+}
+
+std::vector<std::string> allowed_hosts(const HttpServerOptions& options) {
     std::vector<std::string> hosts;
-    const auto add = [&hosts](std::string_view host) {
-        const auto split = SplitAuthority(host);
-        // An IPv6 address may stand there without brackets.
-        hosts.push_back(lowered(split ? split->first : host));
-    };
-    // The addresses that stand for every interface are no names to be called by.
-    if (options.Host != "0.0.0.0" && options.Host != "::") add(options.Host);
-    std::for_each(options.AllowedHosts.begin(), options.AllowedHosts.end(), add);
+    for (const std::string& name : options.AllowedHosts) hosts.push_back(host_of(name));
     return hosts;
+}
+
+// The addresses that stand for every interface are no names to be called by.
+std::string bound_host(const HttpServerOptions& options) {
+    return options.Host == "0.0.0.0" || options.Host == "::" ? "" : host_of(options.Host);
+}
+
+// The port's number; `usual` where none is named.
+int port_number(std::string_view port, int usual) {
+    int number = usual;
+    std::from_chars(port.data(), port.data() + port.size(), number);
+    return number;
 }
 
 // Whether the path is under "/api", however it is spelled: what a handler might decode or skip over must not
@@ -109,8 +131,8 @@ bool IsLoopbackName(std::string_view host) {
     return inet_pton(AF_INET6, text.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
 }
 
-bool ListHas(std::string_view list, std::string_view element) {
-    return any_element(list, [element](std::string_view one) { return SameLetters(one, element); });
+bool ListHas(const RequestHead& head, Field field, std::string_view element) {
+    return any_element(head, field, [element](std::string_view one) { return SameLetters(one, element); });
 }
 
 std::optional<std::string> DecodeBase64Url(std::string_view text) {
@@ -133,33 +155,43 @@ std::optional<std::string> DecodeBase64Url(std::string_view text) {
     return bytes;
 }
 
-AccessPolicy::AccessPolicy(const HttpServerOptions& options, Mirel::ui16_t port)
-    : m_Token(options.AccessToken), m_Hosts(known_hosts(options)), m_Port(std::to_string(port)) {}
+AccessPolicy::AccessPolicy(const HttpServerOptions& options)
+    : m_Token(options.AccessToken),
+      m_Secure(!options.TLSIdentity.empty()),
+      m_AllowedHosts(allowed_hosts(options)),
+      m_BoundHost(bound_host(options)) {}
 
-bool AccessPolicy::HostAllowed(std::string_view host) const {
-    const auto same = [host](const std::string& known) { return SameLetters(known, host); };
-    return std::any_of(m_Hosts.begin(), m_Hosts.end(), same) || IsLoopbackName(host);
+bool AccessPolicy::NamedByOperator(std::string_view host) const {
+    return std::any_of(m_AllowedHosts.begin(), m_AllowedHosts.end(),
+                       [host](const std::string& allowed) { return SameLetters(allowed, host); });
 }
 
+bool AccessPolicy::HostAllowed(std::string_view host) const {
+    return NamedByOperator(host) || IsLoopbackName(host) || SameLetters(m_BoundHost, host);
+}
+
+// Only pages that came from where the request goes to: of the same scheme, host and port. Which port that is
+// says the request itself (`authority`, which passed for one of this server's): behind a tunnel or a proxy it
+// is not the one that is bound. Where the server speaks plain HTTP the page may have come over TLS only
+// through a proxy, whose name the operator has given.
 bool AccessPolicy::OriginAllowed(std::string_view origin, std::string_view authority) const {
-    const std::size_t scheme = starts_with_letters(origin, "https://")  ? 8
-                               : starts_with_letters(origin, "http://") ? 7
-                                                                        : 0;
-    if (scheme == 0) return false;
-    origin.remove_prefix(scheme);
-    const auto split = SplitAuthority(origin);
-    if (!split || !HostAllowed(split->first)) return false;
-    // Another port of the same machine is another site, unless the client knows this one by it (a tunnel, a
-    // proxy).
-    return split->second.empty() || split->second == m_Port || SameLetters(origin, authority);
+    const bool secure = starts_with_letters(origin, "https://");
+    if (!secure && (m_Secure || !starts_with_letters(origin, "http://"))) return false;
+    origin.remove_prefix(origin.find("//") + 2);
+    const auto from = SplitAuthority(origin);
+    const auto to = SplitAuthority(authority);
+    if (!from || !to || !SameLetters(from->first, to->first)) return false;
+    if (secure && !m_Secure && !NamedByOperator(from->first)) return false;
+    const int usual = secure ? 443 : 80;
+    return port_number(from->second, usual) == port_number(to->second, usual);
 }
 
 bool AccessPolicy::TokenMatches(std::string_view token) const {
     return token.size() == m_Token.size() && CRYPTO_memcmp(token.data(), m_Token.data(), token.size()) == 0;
 }
 
-bool AccessPolicy::OffersToken(std::string_view protocols) const {
-    return any_element(protocols, [this](std::string_view one) {
+bool AccessPolicy::OffersToken(const RequestHead& head) const {
+    return any_element(head, Field::WebSocketProtocol, [this](std::string_view one) {
         if (one.substr(0, BearerProtocol.size()) != BearerProtocol) return false;
         const std::optional<std::string> token = DecodeBase64Url(one.substr(BearerProtocol.size()));
         return token && TokenMatches(*token);
@@ -170,8 +202,8 @@ bool AccessPolicy::Authorized(const RequestHead& head) const {
     const std::string_view given = head[Field::Authorization];
     if (starts_with_letters(given, "bearer ") && TokenMatches(trimmed(given.substr(7)))) return true;
     if (LocalAccessManager::IsSelfAuthorized(given)) return true;
-    return head.Has(Field::Upgrade) && ListHas(head[Field::WebSocketProtocol], FeedProtocol) &&
-           OffersToken(head[Field::WebSocketProtocol]);
+    return head.Has(Field::Upgrade) && ListHas(head, Field::WebSocketProtocol, FeedProtocol) &&
+           OffersToken(head);
 }
 
 std::optional<HttpResponse> AccessPolicy::Check(const RequestHead& head, std::string_view path,

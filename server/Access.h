@@ -19,7 +19,7 @@ inline constexpr std::string_view BearerProtocol = "bearer.";
 /// Decides from a request's head whether it is let in. Immutable, so usable from any thread.
 class AccessPolicy {
   public:
-    AccessPolicy(const HttpServerOptions& options, Mirel::ui16_t port);
+    explicit AccessPolicy(const HttpServerOptions& options);
 
     /// The refusal (400, 401, 403, 421), or nothing where the request may go on. `path` is the target's path;
     /// `authority` that of an absolute target, which then stands for the Host field.
@@ -27,15 +27,17 @@ class AccessPolicy {
                                       std::string_view authority) const;
 
   private:
+    bool NamedByOperator(std::string_view host) const;
     bool HostAllowed(std::string_view host) const;
     bool OriginAllowed(std::string_view origin, std::string_view authority) const;
     bool Authorized(const RequestHead& head) const;
     bool TokenMatches(std::string_view token) const;
-    bool OffersToken(std::string_view protocols) const;
+    bool OffersToken(const RequestHead& head) const;
 
     const std::string m_Token;
-    const std::vector<std::string> m_Hosts;  // lower case, IPv6 addresses without brackets
-    const std::string m_Port;
+    const bool m_Secure;                            // it speaks TLS itself
+    const std::vector<std::string> m_AllowedHosts;  // lower case, IPv6 addresses without brackets
+    const std::string m_BoundHost;                  // alike; empty where it stands for every interface
 };
 
 /// "host:port", "host", "[::1]:port" or "[::1]" in two; the host without its brackets, the port empty where
@@ -48,8 +50,9 @@ bool IsLoopbackName(std::string_view host);
 /// Equality in any letter case (ASCII).
 bool SameLetters(std::string_view a, std::string_view b);
 
-/// Whether a comma-separated list has the element, in any letter case.
-bool ListHas(std::string_view list, std::string_view element);
+/// Whether the field, a comma-separated list that may stand in several lines, has the element, in any letter
+/// case.
+bool ListHas(const RequestHead& head, Field field, std::string_view element);
 
 /// Base64 with the URL alphabet, padded or not, to bytes; nothing for anything else.
 std::optional<std::string> DecodeBase64Url(std::string_view text);

@@ -191,6 +191,7 @@ void Loader::Limits(const PListDict& dict) {
     HttpServerOptions& http = m_Config.Http;
     Shape shape(dict, "/Limits", m_Faults);
     TakeNumber(shape, "MaxConnections", 1, 1000000, http.MaxConnections);
+    TakeNumber(shape, "MaxFeedClients", 1, 1000000, http.MaxFeedClients);
     TakeNumber(shape, "MaxCallers", 1, 1000000, m_Config.MaxCallers);
     TakeNumber(shape, "MaxBodyBytes", 1024, 1 << 30, http.BodyLimit);
     TakeNumber(shape, "MaxHeaderBytes", 1024, 1 << 20, http.HeaderLimit);
@@ -226,11 +227,26 @@ void Loader::Document(const PListDict& dict) {
 
 }  // namespace
 
-ui32_t DefaultMaxCallers() {
-    constexpr rlim_t for_callers = 2, for_each = 4, most = 4096;
+namespace {
+
+// So many as one in `share` of the process's descriptors are enough for, at `for_each` for each of them.
+rlim_t share_of_descriptors(rlim_t share, rlim_t for_each, rlim_t most) {
     rlimit limit{};  // the server raises it to what it may have
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return most;
-    return static_cast<ui32_t>(std::clamp<rlim_t>(limit.rlim_max / for_callers / for_each, 1, most));
+    return std::clamp<rlim_t>(limit.rlim_max / share / for_each, 1, most);
+}
+
+}  // namespace
+
+ui32_t DefaultMaxCallers() {
+    return static_cast<ui32_t>(share_of_descriptors(2, 4, 4096));
+}
+
+HttpServerOptions DefaultHttpOptions() {
+    HttpServerOptions options;
+    options.MaxFeedClients = share_of_descriptors(4, 1, 65536);
+    options.MaxConnections = share_of_descriptors(8, 1, 4096);
+    return options;
 }
 
 Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults) {

@@ -15,13 +15,19 @@ namespace Server {
 /// One fault of a configuration, at a JSON pointer.
 using ConfigFault = Fault;
 
-/// Most calls to listeners that are under way at once where the configuration names no number: as many as
-/// half of the process's descriptors are enough for, at four for each, and no more than 4096.
+// What is shared out of the process's descriptors where the configuration names no numbers. An eighth of them
+// is nobody's: it is kept back for saving, for reading files, and for the server's own few.
+
+/// Most calls to listeners that are under way at once: as many as half of the descriptors are enough for, at
+/// four for each, and no more than 4096.
 Mirel::ui32_t DefaultMaxCallers();
+/// With the most clients of the feed, a quarter of the descriptors and no more than 65536, and the most other
+/// connections, an eighth and no more than 4096.
+HttpServerOptions DefaultHttpOptions();
 
 /// A checked configuration.
 struct Config {
-    HttpServerOptions Http;
+    HttpServerOptions Http = DefaultHttpOptions();
     Mirel::i32_t Timeout_ms = 500;  // of requests to listeners and of WebSocket writes
     Mirel::ui32_t MaxCallers = DefaultMaxCallers();
     std::string StateFile;        // empty: nothing is saved

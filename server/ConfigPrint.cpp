@@ -41,6 +41,7 @@ PListDict LimitsInForce(const Config& config) {
     const auto number = [](auto value) { return static_cast<long long>(value); };
     PListDict limits;
     limits.SetValue("MaxConnections", number(http.MaxConnections));
+    limits.SetValue("MaxFeedClients", number(http.MaxFeedClients));
     limits.SetValue("MaxCallers", number(config.MaxCallers));
     limits.SetValue("MaxBodyBytes", number(http.BodyLimit));
     limits.SetValue("MaxHeaderBytes", number(http.HeaderLimit));

@@ -212,7 +212,8 @@ ConnectionShared::ConnectionShared(const HttpServerOptions& options, HttpHandler
       Handler(handler),
       Io(io),
       Crew(threads, working,
-           {[&io] { io.run(); }, [&io](std::function<void()> call) { asio::post(io, std::move(call)); }}) {}
+           {[&io] { io.run(); }, [&io](std::function<void()> call) { asio::post(io, std::move(call)); }}),
+      OnFeed(options.MaxFeedClients) {}
 
 void ServeConnection(ConnectionShared& shared, Velmora::SocketStream stream) {
     const int on = 1;

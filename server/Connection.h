@@ -82,7 +82,9 @@ class Connection {
     ConnectionOutput m_Output;
 
     unsigned m_Answered = 0;  // requests in this turn
-    HttpRequest m_Request;    // the one that is answered
+    HttpRoute m_Route;        // of the request whose head is there
+    FeedPlaces::Place m_FeedPlace;
+    HttpRequest m_Request;  // the one that is answered
     bool m_CloseAfter = false;
     bool m_UpgradeAfter = false;
 };

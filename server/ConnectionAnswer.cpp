@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "Connection.h"
-#include "ConnectionTarget.h"
+#include "ConnectionHead.h"
 #include "Feed.h"
 #include "MR_log.h"
 
@@ -47,9 +47,10 @@ Connection::Step Connection::UseInput() {
 }
 
 Connection::Step Connection::HeadComplete() {
-    if (auto refusal = RefuseHead(m_Input.Head(), *m_Shared.Policy))
-        return RefuseAndClose(std::move(*refusal));
     const RequestHead& head = m_Input.Head();
+    if (auto refusal = RefuseHead(head, *m_Shared.Policy, m_Shared.Handler, m_Route)) {
+        return RefuseAndClose(std::move(*refusal));
+    }
     if (head.Has(Field::Expect) && !head.Http10 && !m_Input.HasUnparsed()) {
         m_Output.Append("HTTP/1.1 100 Continue\r\n\r\n");
     }
@@ -57,24 +58,19 @@ Connection::Step Connection::HeadComplete() {
 }
 
 Connection::Step Connection::RequestComplete() {
-    if (!m_Input.HeadKnown()) {
-        if (auto refusal = RefuseHead(m_Input.Head(), *m_Shared.Policy)) return Respond(std::move(*refusal));
-    }
     const RequestHead& head = m_Input.Head();
-    const RequestTarget target = *SplitTarget(head.Target);
-    m_Request.Method = *head.Method;
-    m_Request.Path = target.Path;
-    m_Request.Query = target.Query;
-    m_Request.ContentType = head[Field::ContentType];
-    m_Request.IfNoneMatch = head[Field::IfNoneMatch];
+    if (!m_Input.HeadKnown()) {
+        if (auto refusal = RefuseHead(head, *m_Shared.Policy, m_Shared.Handler, m_Route)) {
+            return Respond(std::move(*refusal));
+        }
+    }
+    m_Request = RequestOf(head);
     m_Request.Body = m_Input.Body();
-    m_Request.HasBody = head.HasBody;
-    if (m_Request.Method == Velmora::METH_GET && m_Request.Path == FeedPath) return Upgrade();
-    return Answer();
+    return AsksForFeed(m_Request) ? Upgrade() : Answer();
 }
 
 Connection::Step Connection::Answer() {
-    if (!m_Shared.Handler.MayBlock(m_Request)) return Respond(CallHandler());
+    if (!m_Route.MayBlock) return Respond(CallHandler());
     m_Life.Enter(Phase::Handling, 0);
     if (!m_Shared.Crew.Enter()) return Step::Admission;
     return Respond(CallHandlerAndLeave());
@@ -101,7 +97,7 @@ HttpResponse Connection::CallHandlerAndLeave() {
 
 HttpResponse Connection::CallHandler() {
     try {
-        return m_Shared.Handler.Handle(m_Request);
+        return m_Shared.Handler.Handle(m_Request, m_Route);
     } catch (const std::exception& error) {
         Mirel::DefaultLogSink().Error("Answering %s \"%s\" failed: %s\n",
                                       Velmora::MethodToString(m_Request.Method),
@@ -135,6 +131,7 @@ Connection::Step Connection::Respond(HttpResponse response) {
 
 Connection::Step Connection::FinishRequest() {
     m_Input.FinishRequest();
+    m_Route = {};
     m_Life.Enter(Phase::Handling, 0);  // until the answer is written
     return Step::Again;
 }
@@ -145,7 +142,11 @@ Connection::Step Connection::RefuseAndClose(HttpResponse response) {
 }
 
 Connection::Step Connection::Upgrade() {
-    if (auto refusal = RefuseUpgrade(m_Input.Head())) return Respond(std::move(*refusal));
+    m_FeedPlace = m_Shared.OnFeed.Take();
+    if (!m_FeedPlace) {
+        m_Shared.RefusedFeedClients.fetch_add(1, std::memory_order_relaxed);
+        return Respond(FeedIsFull(m_Shared.Options.MaxFeedClients));
+    }
     m_Output.Append(SwitchingProtocols(m_Input.Head()));
     m_Shared.Requests.fetch_add(1, std::memory_order_relaxed);
     m_Shared.AnsweredByClass[1].fetch_add(1, std::memory_order_relaxed);

@@ -70,11 +70,14 @@ std::optional<Field> known_field(http::field name) {
     }
 }
 
-// Whether a request line that is not version 1.0 or 1.1 names some other version of HTTP.
+// Whether a request line that is not version 1.0 or 1.1 names some other version of HTTP, behind a method and
+// a target without blanks.
 bool names_version(std::string_view line) {
     line = line.substr(0, line.find('\r'));
-    const std::size_t at = line.rfind(" HTTP/");
-    return at != line.npos && at + 6 < line.size() && line[at + 6] >= '0' && line[at + 6] <= '9';
+    const std::size_t at = line.find(' ', line.find(' ') + 1);
+    if (at == line.npos || line.substr(at, 6) != " HTTP/") return false;
+    line.remove_prefix(at + 6);
+    return !line.empty() && line.find_first_not_of("0123456789.") == line.npos;
 }
 
 // One request: Beast's parser, keeping views of what the server looks at and the body.
@@ -97,6 +100,7 @@ class BeastParser : public http::basic_parser<true> {
     void on_request_impl(http::verb verb, beast_view, beast_view target, int version, error_code&) override {
         Head.Method = known_method(verb);
         Head.Target = plain(target);
+        Head.Parts = SplitTarget(Head.Target);
         Head.Http10 = version < 11;
     }
 
@@ -115,7 +119,11 @@ class BeastParser : public http::basic_parser<true> {
             return;
         }
         const auto index = static_cast<std::size_t>(*known);
-        if (Head.Times[index]++ == 0) Head.Fields[index] = plain(value);
+        if (Head.Times[index]++ == 0) {
+            Head.Fields[index] = plain(value);
+        } else {
+            Head.More.emplace_back(*known, plain(value));
+        }
     }
 
     void on_header_impl(error_code&) override {}
@@ -154,7 +162,11 @@ void RequestHead::Rebase(const char* from, const char* to) {
         if (view.data()) view = {to + (view.data() - from), view.size()};
     };
     move(Target);
+    if (Parts) {
+        for (std::string_view* view : {&Parts->Authority, &Parts->Path, &Parts->Query}) move(*view);
+    }
     std::for_each(Fields.begin(), Fields.end(), move);
+    for (auto& [field, value] : More) move(value);
 }
 
 class RequestParser::Impl {

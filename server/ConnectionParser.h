@@ -7,7 +7,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
+#include "ConnectionTarget.h"
 #include "Http.h"
 
 namespace Server {
@@ -32,10 +35,12 @@ enum class Field {
 struct RequestHead {
     std::optional<Method_t> Method;  // nothing: one that is not known here
     std::string_view Target;
+    std::optional<RequestTarget> Parts;  // the target's; nothing: it has none of the forms that are served
     bool Http10 = false;
     bool HasBody = false;
     std::array<std::string_view, static_cast<std::size_t>(Field::Count)> Fields{};
     std::array<unsigned, static_cast<std::size_t>(Field::Count)> Times{};  // how often each field came
+    std::vector<std::pair<Field, std::string_view>> More;  // what further lines of the same fields hold
 
     std::string_view operator[](Field field) const { return Fields[static_cast<std::size_t>(field)]; }
     bool Has(Field field) const { return Times[static_cast<std::size_t>(field)] > 0; }

@@ -7,6 +7,7 @@
 #include "Access.h"
 #include "AdmissionCrew.h"
 #include "ConnectionRegistry.h"
+#include "Feed.h"
 #include "Http.h"
 #include "HttpServer.h"
 #include "TlsIdentity.h"
@@ -32,12 +33,14 @@ struct ConnectionShared {
     // Self-synchronised.
     AdmissionCrew Crew;
     ConnectionRegistry Registry;
+    FeedPlaces OnFeed;
     std::atomic<bool> Stopping{false};
     std::atomic<Mirel::ui64_t> Accepted{0};
     std::atomic<Mirel::ui64_t> Requests{0};
     std::atomic<Mirel::ui64_t> AnsweredByClass[6] = {};
     std::atomic<Mirel::ui64_t> RefusedBusy{0};
     std::atomic<Mirel::ui64_t> RefusedConnections{0};
+    std::atomic<Mirel::ui64_t> RefusedFeedClients{0};
 };
 
 }  // namespace Server

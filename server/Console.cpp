@@ -43,6 +43,10 @@ bool HasCurrent(const HttpRequest& request, const ConsoleFile& file) {
 
 }  // namespace
 
+bool IsConsolePath(std::string_view path) {
+    return FindFile(FileName(path)) != nullptr;
+}
+
 std::optional<HttpResponse> ConsoleAsset(const HttpRequest& request) {
     const ConsoleFile* file = FindFile(FileName(request.Path));
     if (file == nullptr) return std::nullopt;

@@ -7,9 +7,12 @@
 
 namespace Server {
 
+/// Whether it is the path of one of the console's files.
+bool IsConsolePath(std::string_view path);
+
 /// The answer to a GET or HEAD for "/" or "/console/FILE", with an ETag (304 where the client has that one
 /// already) and the policy that lets the page load nothing but these files and talk to nobody but this
-/// server. Nothing for every other path. May be called from any thread.
+/// server. Nothing for every other path. Both may be called from any thread.
 std::optional<HttpResponse> ConsoleAsset(const HttpRequest& request);
 
 }  // namespace Server

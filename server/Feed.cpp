@@ -41,7 +41,7 @@ std::string accept_key(std::string_view key) {
 }  // namespace
 
 std::optional<HttpResponse> RefuseUpgrade(const RequestHead& head) {
-    if (!ListHas(head[Field::Upgrade], "websocket") || !ListHas(head[Field::Connection], "upgrade") ||
+    if (!ListHas(head, Field::Upgrade, "websocket") || !ListHas(head, Field::Connection, "upgrade") ||
         head.Http10) {
         return upgrade_wanted("The feed is a WebSocket: ask for an upgrade.");
     }
@@ -58,10 +58,27 @@ std::string SwitchingProtocols(const RequestHead& head) {
         "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
         "X-Content-Type-Options: nosniff\r\nCache-Control: no-store\r\nSec-WebSocket-Accept: ";
     text.append(accept_key(head[Field::WebSocketKey])).append("\r\n");
-    if (ListHas(head[Field::WebSocketProtocol], FeedProtocol)) {
+    if (ListHas(head, Field::WebSocketProtocol, FeedProtocol)) {
         text.append("Sec-WebSocket-Protocol: ").append(FeedProtocol).append("\r\n");
     }
     return text.append("\r\n");
+}
+
+FeedPlaces::Place FeedPlaces::Take() {
+    Place place(this);
+    const std::size_t on_their_way = m_OnTheirWay.fetch_add(1) + 1;
+    // One that arrives is counted as a client before it is no longer on its way: twice, but never not at all.
+    if (on_their_way + Velmora::GetBroadcastCounters().Clients > m_Most) place.reset();
+    return place;
+}
+
+HttpResponse FeedIsFull(std::size_t most) {
+    HttpResponse response =
+        Problem(Velmora::STATUS_503_NO_SERVICE,
+                "As many clients as may be are on the feed (\"MaxFeedClients\": " + std::to_string(most) +
+                    "); try again later.");
+    response.Headers.emplace_back("Retry-After", "5");
+    return response;
 }
 
 void HandOverToFeed(Velmora::SocketStream stream, const std::string& peer, std::string_view received) {

@@ -1,6 +1,9 @@
 // The way from a request for the feed to a WebSocket client of the queue.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,6 +21,30 @@ std::optional<HttpResponse> RefuseUpgrade(const RequestHead& head);
 
 /// The answer 101 to a proper one, whole.
 std::string SwitchingProtocols(const RequestHead& head);
+
+/// Limits how many clients are on the feed, those that are on their way to it included: from the answer 101
+/// until the queue, which counts its clients itself, has taken them over. May be used from any thread.
+class FeedPlaces {
+  public:
+    explicit FeedPlaces(std::size_t most) : m_Most(most) {}
+
+    /// A place on the way; it is free again when the pointer is destroyed.
+    class Return {
+      public:
+        void operator()(FeedPlaces* places) const { places->m_OnTheirWay.fetch_sub(1); }
+    };
+    using Place = std::unique_ptr<FeedPlaces, Return>;
+
+    /// Null where as many as may be are there.
+    Place Take();
+
+  private:
+    const std::size_t m_Most;
+    std::atomic<std::size_t> m_OnTheirWay{0};
+};
+
+/// The refusal (503) of a client for which there is no place.
+HttpResponse FeedIsFull(std::size_t most);
 
 /// Hands the connection to the live queue, which sends it every posting from now on; `received` is what the
 /// client has sent behind its request. The connection is closed where there is no queue to take it.

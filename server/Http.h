@@ -1,6 +1,7 @@
 // One HTTP request and its answer, as the server's connections and its REST handlers pass them to each other.
 #pragma once
 
+#include <array>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,6 +26,20 @@ struct HttpRequest {
     bool HasBody = false;  // a Content-Length above 0 or chunks came with it
 };
 
+/// Query parameters, decoded, in the order in which they were given.
+using QueryParameters = std::vector<std::pair<std::string, std::string>>;
+
+/// Where a request goes: what its handler found out from the head. It holds no views, since the head may move
+/// while the body comes in.
+struct HttpRoute {
+    const void* Row = nullptr;  // the handler's own note of what answers it
+    /// Whether answering may wait for the event queue (and so for a slow Python handler). Such requests are
+    /// admitted only while an I/O thread stays free for everything else.
+    bool MayBlock = false;
+    std::array<std::string, 2> Names;  // the path's variable segments, decoded
+    QueryParameters Query;
+};
+
 /// What is answered. Content-Length, Date, Connection and the security headers are the connection's to add;
 /// for HEAD the connection leaves the body out.
 struct HttpResponse {
@@ -46,15 +61,17 @@ HttpResponse Problem(Status_t status, const std::string& detail);
 /// What is answered where the memory does not suffice for a request.
 HttpResponse NoMemory();
 
-/// Answers requests. Called on the I/O threads, from several at once; must not throw.
+/// Answers requests. Called on the I/O threads, from several at once.
 class HttpHandler {
   public:
     virtual ~HttpHandler() = default;
 
-    /// Whether answering may wait for the event queue (and so for a slow Python handler). Such requests are
-    /// admitted only while an I/O thread stays free for everything else.
-    virtual bool MayBlock(const HttpRequest& request) const = 0;
-    virtual HttpResponse Handle(const HttpRequest& request) = 0;
+    /// Looks at a request without its body, once for each: fills the (empty) route, or answers what no body
+    /// could change: that there is no such resource or method, or that it takes no body. May throw
+    /// std::bad_alloc.
+    virtual std::optional<HttpResponse> Route(const HttpRequest& head, HttpRoute& route) const = 0;
+    /// Answers it, once it is whole. Takes what it needs out of the route. Must not throw.
+    virtual HttpResponse Handle(const HttpRequest& request, HttpRoute& route) = 0;
 };
 
 }  // namespace Server

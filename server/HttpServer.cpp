@@ -110,7 +110,7 @@ Mirel::Result_t HttpServer::Impl::Bind() {
     if (bound.Failure()) return bound;
     m_Listener = descriptor;
     m_Acceptor->assign(descriptor);
-    m_Shared.Policy = std::make_unique<AccessPolicy>(options, m_Port);
+    m_Shared.Policy = std::make_unique<AccessPolicy>(options);
     return LocalAccessManager::ServerListens(descriptor);
 }
 
@@ -204,6 +204,7 @@ HttpServerCounters HttpServer::Impl::Counters() const {
     for (std::size_t i = 0; i < 6; ++i) counters.AnsweredByClass[i] = m_Shared.AnsweredByClass[i].load();
     counters.RefusedBusy = m_Shared.RefusedBusy.load();
     counters.RefusedConnections = m_Shared.RefusedConnections.load();
+    counters.RefusedFeedClients = m_Shared.RefusedFeedClients.load();
     return counters;
 }
 

@@ -21,6 +21,7 @@ struct HttpServerOptions {
 
     std::size_t IOThreads = 0;  // 0: chosen from the number of cores
     std::size_t MaxConnections = 4096;
+    std::size_t MaxFeedClients = 4096;
     std::size_t BodyLimit = 1u << 20;
     std::size_t HeaderLimit = 16u << 10;
     Mirel::ui32_t IdleTimeout_ms = 75000;  // between requests
@@ -35,6 +36,7 @@ struct HttpServerCounters {
     Mirel::ui64_t AnsweredByClass[6] = {};
     Mirel::ui64_t RefusedBusy = 0;  // 503: as many requests as may be were waiting for the queue
     Mirel::ui64_t RefusedConnections = 0;
+    Mirel::ui64_t RefusedFeedClients = 0;  // 503 on the upgrade
 };
 
 /// HTTP/1.1 (and TLS) server. Checks Host, Origin, token, sizes and times itself, upgrades "/api/v1/feed" to

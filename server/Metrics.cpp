@@ -132,6 +132,7 @@ void Connections(MetricsText& text, const HttpServerCounters& server) {
                 "What was turned away because the server was full.");
     text.Sample(server.RefusedBusy, "reason", "busy");
     text.Sample(server.RefusedConnections, "reason", "connections");
+    text.Sample(server.RefusedFeedClients, "reason", "feed_clients");
 }
 
 }  // namespace

@@ -64,8 +64,8 @@ bool NamesTag(std::string_view list, std::string_view tag) {
 
 }  // namespace
 
-const std::string* RestCall::Parameter(std::string_view name) const {
-    for (const auto& [key, value] : Query) {
+const std::string* FindParameter(const QueryParameters& query, std::string_view name) {
+    for (const auto& [key, value] : query) {
         if (key == name) return &value;
     }
     return nullptr;

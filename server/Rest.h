@@ -30,8 +30,8 @@ struct RestContext {
     std::atomic<Mirel::ui64_t> RestPostings{0};
 };
 
-/// Query parameters, decoded, in the order in which they were given.
-using QueryParameters = std::vector<std::pair<std::string, std::string>>;
+/// The value of the parameter; null where it was not given.
+const std::string* FindParameter(const QueryParameters& query, std::string_view name);
 
 /// One request that matched a row.
 struct RestCall {
@@ -40,8 +40,7 @@ struct RestCall {
     std::array<std::string, 2> Names;  // the path's variable segments, decoded
     QueryParameters Query;
 
-    /// The value of a query parameter; null where it was not given.
-    const std::string* Parameter(std::string_view name) const;
+    const std::string* Parameter(std::string_view name) const { return FindParameter(Query, name); }
 };
 
 /// Prefix of everything that needs the token.

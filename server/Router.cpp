@@ -18,7 +18,7 @@ namespace {
 enum class Waits { Never, ForQueue };
 enum class Body { None, JSON };
 
-struct Route {
+struct Row {
     Method_t Method;
     std::string_view Pattern;  // rows of one path stand together
     Waits Wait;
@@ -28,7 +28,7 @@ struct Route {
 };
 
 // The busiest path stands first.
-constexpr Route table[] = {
+constexpr Row table[] = {
     {METH_POST, "/api/v1/events/{event_name}", Waits::ForQueue, Body::JSON, "", PostEvent},
     {METH_GET, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", GetEvent},
     {METH_DELETE, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", DeleteEvent},
@@ -62,7 +62,7 @@ constexpr Route table[] = {
     {METH_GET, "/metrics", Waits::Never, Body::None, "", GetMetrics},
     {METH_GET, "/openapi.json", Waits::Never, Body::None, "", GetOpenApi},
 };
-constexpr const Route* table_end = std::end(table);
+constexpr const Row* table_end = std::end(table);
 
 using Segments = std::array<std::string_view, 2>;
 
@@ -87,30 +87,30 @@ bool Matches(std::string_view pattern, std::string_view path, Segments& names) {
     return path.empty();
 }
 
-const Route* NextPattern(const Route* route) {
+const Row* NextPattern(const Row* route) {
     const std::string_view pattern = route->Pattern;
-    return std::find_if(route, table_end, [&](const Route& other) { return other.Pattern != pattern; });
+    return std::find_if(route, table_end, [&](const Row& other) { return other.Pattern != pattern; });
 }
 
 // The first row of the path's pattern; the table's end where there is none.
-const Route* FindPath(std::string_view path, Segments& names) {
-    for (const Route* route = table; route != table_end; route = NextPattern(route)) {
+const Row* FindPath(std::string_view path, Segments& names) {
+    for (const Row* route = table; route != table_end; route = NextPattern(route)) {
         if (Matches(route->Pattern, path, names)) return route;
     }
     return table_end;
 }
 
 // The row for the method among those of one pattern; null where the path does not take it.
-const Route* FindMethod(const Route* first, Method_t method) {
+const Row* FindMethod(const Row* first, Method_t method) {
     if (method == METH_HEAD) method = METH_GET;
-    const Route* end = NextPattern(first);
-    const Route* route = std::find_if(first, end, [&](const Route& row) { return row.Method == method; });
+    const Row* end = NextPattern(first);
+    const Row* route = std::find_if(first, end, [&](const Row& row) { return row.Method == method; });
     return route == end ? nullptr : route;
 }
 
-std::string AllowedMethods(const Route* first) {
+std::string AllowedMethods(const Row* first) {
     std::string allowed;
-    for (const Route* route = first; route != NextPattern(first); ++route) {
+    for (const Row* route = first; route != NextPattern(first); ++route) {
         allowed += MethodToString(route->Method);
         allowed += route->Method == METH_GET ? ", HEAD, " : ", ";
     }
@@ -139,11 +139,11 @@ std::optional<std::string> DecodeQueryText(std::string_view text) {
     return PercentDecode(plain);
 }
 
-// Reads the query into the call; otherwise the answer. A parameter that is not understood is refused rather
-// than passed over: "DELETE /watches?pth=/a" must not remove every watch.
-std::optional<HttpResponse> ReadQuery(const Route& route, RestCall& call) {
-    const std::vector<std::string> known = Words(route.Query);
-    std::string_view query = call.Request.Query;
+// Reads the query into the parameters; otherwise the answer. A parameter that is not understood is refused
+// rather than passed over: "DELETE /watches?pth=/a" must not remove every watch.
+std::optional<HttpResponse> ReadQuery(const Row& row, std::string_view query, QueryParameters& parameters) {
+    if (query.empty()) return std::nullopt;
+    const std::vector<std::string> known = Words(row.Query);
     while (!query.empty()) {
         const std::string_view pair = query.substr(0, query.find('&'));
         query.remove_prefix(std::min(query.size(), pair.size() + 1));
@@ -154,34 +154,54 @@ std::optional<HttpResponse> ReadQuery(const Route& route, RestCall& call) {
         if (std::find(known.begin(), known.end(), *name) == known.end()) {
             return BadParameter(*name, "is not known here");
         }
-        if (call.Parameter(*name) != nullptr) return BadParameter(*name, "is given twice");
+        if (FindParameter(parameters, *name) != nullptr) return BadParameter(*name, "is given twice");
         std::optional<std::string> value = DecodeQueryText(pair.substr(std::min(equals + 1, pair.size())));
         if (!value) return BadParameter(*name, "holds a malformed percent escape");
-        call.Query.emplace_back(*name, std::move(*value));
+        parameters.emplace_back(*name, std::move(*value));
     }
     return std::nullopt;
 }
 
-std::optional<HttpResponse> ReadNames(const Segments& segments, RestCall& call) {
+std::optional<HttpResponse> ReadNames(const Segments& segments, HttpRoute& route) {
     for (std::size_t i = 0; i < segments.size() && !segments[i].empty(); ++i) {
         std::optional<std::string> name = PercentDecode(segments[i]);
         if (!name) return Problem(STATUS_400_BAD_REQ, "The path holds a malformed percent escape.");
-        call.Names[i] = std::move(*name);
+        route.Names[i] = std::move(*name);
     }
     return std::nullopt;
 }
 
-HttpResponse NotFound(const HttpRequest& request) {
-    const bool may_read = request.Method == METH_GET || request.Method == METH_HEAD;
-    if (may_read) {
-        if (std::optional<HttpResponse> asset = ConsoleAsset(request)) return std::move(*asset);
-    }
-    return Problem(STATUS_404_NOT_FOUND,
-                   "There is no such resource; /openapi.json lists those that there are.");
+HttpResponse AnswerOptions(RestCall& call) {
+    Segments names;
+    const Row* first = FindPath(call.Request.Path, names);
+    return WithAllow(NoContent(), first == table_end ? "GET, HEAD, OPTIONS" : AllowedMethods(first));
 }
 
-HttpResponse Options(const Route* first) {
-    return WithAllow(NoContent(), first == table_end ? "GET, HEAD, OPTIONS" : AllowedMethods(first));
+HttpResponse GetConsole(RestCall& call) {
+    return *ConsoleAsset(call.Request);
+}
+
+// Rows of more than one path.
+constexpr Row options_row = {METH_OPTIONS, "", Waits::Never, Body::None, "", AnswerOptions};
+constexpr Row console_row = {METH_GET, "", Waits::Never, Body::None, "", GetConsole};
+
+// Why no row answers a request: `first` is the first row of its path.
+HttpResponse NotServed(const Row* first) {
+    if (first == table_end) {
+        return Problem(STATUS_404_NOT_FOUND,
+                       "There is no such resource; /openapi.json lists those that there are.");
+    }
+    return WithAllow(Problem(STATUS_405_NOT_ALLOWED, "This resource does not take the method."),
+                     AllowedMethods(first));
+}
+
+// The row that answers what no row of the table does; null where there is none.
+const Row* FindOther(const HttpRequest& request, const Row* first) {
+    if (request.Method == METH_OPTIONS) {
+        return first != table_end || request.Path == "*" ? &options_row : nullptr;
+    }
+    const bool may_read = request.Method == METH_GET || request.Method == METH_HEAD;
+    return may_read && IsConsolePath(request.Path) ? &console_row : nullptr;
 }
 
 }  // namespace
@@ -195,36 +215,31 @@ void Router::CountersFrom(std::function<HttpServerCounters()> source) {
     m_Context.ServerCounters = std::move(source);
 }
 
-bool Router::MayBlock(const HttpRequest& request) const {
+std::optional<HttpResponse> Router::Route(const HttpRequest& head, HttpRoute& route) const {
     Segments names;
-    const Route* first = FindPath(request.Path, names);
-    if (first == table_end) return false;
-    const Route* route = FindMethod(first, request.Method);
-    return route != nullptr && route->Wait == Waits::ForQueue;
-}
-
-HttpResponse Router::Dispatch(const HttpRequest& request) {
-    Segments names;
-    const Route* first = FindPath(request.Path, names);
-    if (request.Method == METH_OPTIONS && (first != table_end || request.Path == "*")) return Options(first);
-    if (first == table_end) return NotFound(request);
-    const Route* route = FindMethod(first, request.Method);
-    if (route == nullptr) {
-        return WithAllow(Problem(STATUS_405_NOT_ALLOWED, "This resource does not take the method."),
-                         AllowedMethods(first));
-    }
-    if (route->Takes == Body::None && request.HasBody) {
+    const Row* first = FindPath(head.Path, names);
+    const Row* row = first == table_end ? nullptr : FindMethod(first, head.Method);
+    const bool of_table = row != nullptr;
+    if (!of_table) row = FindOther(head, first);
+    if (row == nullptr) return NotServed(first);
+    if (row->Takes == Body::None && head.HasBody) {
         return Problem(STATUS_400_BAD_REQ, "This request takes no body.");
     }
-    RestCall call{request, m_Context, {}, {}};
-    if (std::optional<HttpResponse> refused = ReadNames(names, call)) return std::move(*refused);
-    if (std::optional<HttpResponse> refused = ReadQuery(*route, call)) return std::move(*refused);
-    return route->Function(call);
+    route.Row = row;
+    route.MayBlock = row->Wait == Waits::ForQueue;
+    if (!of_table) return std::nullopt;
+    if (std::optional<HttpResponse> refused = ReadNames(names, route)) return refused;
+    return ReadQuery(*row, head.Query, route.Query);
 }
 
-HttpResponse Router::Handle(const HttpRequest& request) {
+HttpResponse Router::Dispatch(const HttpRequest& request, HttpRoute& route) {
+    RestCall call{request, m_Context, std::move(route.Names), std::move(route.Query)};
+    return static_cast<const Row*>(route.Row)->Function(call);
+}
+
+HttpResponse Router::Handle(const HttpRequest& request, HttpRoute& route) {
     try {
-        return Dispatch(request);
+        return Dispatch(request, route);
     } catch (const std::bad_alloc& failure) {
         Mirel::DefaultLogSink().Error("Request %s %s failed: %s\n", MethodToString(request.Method),
                                       std::string(request.Path).c_str(), failure.what());
@@ -238,7 +253,7 @@ HttpResponse Router::Handle(const HttpRequest& request) {
 
 std::vector<RouteInfo> Router::Routes() {
     std::vector<RouteInfo> routes;
-    for (const Route& route : table) {
+    for (const Row& route : table) {
         routes.push_back({MethodToString(route.Method), std::string(route.Pattern), Words(route.Query),
                           route.Takes == Body::JSON});
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,13 +30,13 @@ class Router : public HttpHandler {
     /// Where /metrics takes the connections' counters from. To be called before the first request.
     void CountersFrom(std::function<HttpServerCounters()> source);
 
-    bool MayBlock(const HttpRequest& request) const override;
-    HttpResponse Handle(const HttpRequest& request) override;
+    std::optional<HttpResponse> Route(const HttpRequest& head, HttpRoute& route) const override;
+    HttpResponse Handle(const HttpRequest& request, HttpRoute& route) override;
 
     static std::vector<RouteInfo> Routes();
 
   private:
-    HttpResponse Dispatch(const HttpRequest& request);
+    HttpResponse Dispatch(const HttpRequest& request, HttpRoute& route);
 
     RestContext m_Context;
 };

@@ -88,7 +88,9 @@ class RouterTest : public ::testing::Test {
         request.Body = body;
         request.HasBody = !body.empty();
         request.IfNoneMatch = tag;
-        return router.Handle(request);
+        HttpRoute route;
+        if (std::optional<HttpResponse> refused = router.Route(request, route)) return *refused;
+        return router.Handle(request, route);
     }
     int Call(const std::string& line, const std::string& body = "") {
         return Send(line.substr(0, line.find(' ')), line.substr(line.find(' ') + 1), body);
@@ -245,10 +247,15 @@ TEST_P(RestTest, PathsMethodsAndQueriesThatAreNotServed) {
         {"GET /api/v1/deliveries?outcome=odd", 400},
         {"GET /api/v1/history?event_name=%f", 400},
         {"GET /api/v1/feed", 426},
+        {"GET /api/v1/feed?event_name=x", 400},
         {"DELETE /api/v1/watches?pth=/tmp", 400},
     };
     for (const auto& [line, status] : cases) EXPECT_EQ(Call(line), status) << line;
     EXPECT_EQ(Call("DELETE /api/v1/watches", R"({"path":"/tmp"})"), 400);
+    for (const char* line : {"GET /", "OPTIONS /api/v1/queue", "GET /healthz"})
+        EXPECT_EQ(Call(line, "{}"), 400) << line;
+    EXPECT_EQ(Call("POST /api/v1/nothing", "{}"), 404);
+    EXPECT_EQ(Call("PUT /api/v1/events", "{}"), 405);
 
     EXPECT_EQ(Call("PUT /api/v1/events"), 405);
     EXPECT_EQ(Header("Allow"), "GET, HEAD, POST, DELETE, OPTIONS");
@@ -264,7 +271,9 @@ TEST_F(RouterTest, OnlyWhatMayWaitForTheQueueSaysSo) {
         request.Method = MethodNamed(route.Method);
         request.Path = route.Pattern;
         const bool queue = route.Pattern.rfind("/api/", 0) == 0 && never.count(route.Pattern) == 0;
-        EXPECT_EQ(router.MayBlock(request), queue) << route.Pattern;
+        HttpRoute found;
+        EXPECT_FALSE(router.Route(request, found)) << route.Pattern;
+        EXPECT_EQ(found.MayBlock, queue) << route.Pattern;
     }
 }
 

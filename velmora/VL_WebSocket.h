@@ -74,8 +74,8 @@ struct BroadcastOptions {
 /// each client from that one log. A client gets every posting since it was adopted exactly once and in order,
 /// or it is disconnected with one Notice line: with close code 1013 where it still reads once the log has no
 /// room for what it has not taken, or without one when a write made no progress for the time-out. Idle
-/// clients are pinged; pings are answered; a client that breaks the protocol is closed with 1002 (1009 where
-/// its message is too long).
+/// clients are pinged; pings are answered; a client that breaks the protocol is closed with 1002 (1007 where
+/// its text is not UTF-8, 1009 where its message is too long).
 ///
 /// All operations may be called from any thread.
 class MR_EXPORT WebSocketBroadcastManager {

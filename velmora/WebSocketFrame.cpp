@@ -24,35 +24,12 @@ bool code_is_valid(std::uint16_t code) {
     return code >= 1000 && code <= 1014 && (code < 1004 || code > 1006);
 }
 
-/// Length of the UTF-8 sequence that `lead` begins, and the range of its second byte (which keeps overlong
-/// forms, surrogates and what lies beyond U+10FFFF out); 0 for a byte that begins none.
-std::size_t sequence_size(std::uint8_t lead, std::uint8_t& low, std::uint8_t& high) {
-    low = 0x80;
-    high = 0xBF;
-    if (lead < 0x80) return 1;
-    if (lead < 0xC2 || lead > 0xF4) return 0;
-    if (lead < 0xE0) return 2;
-    if (lead == 0xE0) low = 0xA0;
-    if (lead == 0xED) high = 0x9F;
-    if (lead == 0xF0) low = 0x90;
-    if (lead == 0xF4) high = 0x8F;
-    return lead < 0xF0 ? 3 : 4;
-}
-
 bool is_utf8(std::string_view text) {
-    while (!text.empty()) {
-        std::uint8_t low, high;
-        const std::size_t size = sequence_size(static_cast<std::uint8_t>(text[0]), low, high);
-        if (size == 0 || size > text.size()) return false;
-        for (std::size_t i = 1; i < size; ++i) {
-            const auto byte = static_cast<std::uint8_t>(text[i]);
-            if (byte < low || byte > high) return false;
-            low = 0x80;
-            high = 0xBF;
-        }
-        text.remove_prefix(size);
+    Utf8Check check;
+    for (const char byte : text) {
+        if (!check.Take(static_cast<std::uint8_t>(byte))) return false;
     }
-    return true;
+    return check.Whole();
 }
 
 }  // namespace
@@ -97,6 +74,23 @@ void AppendCloseFrame(std::string& out, std::uint16_t code, std::string_view rea
         payload.append(reason.substr(0, MaxControlPayload - 2));
     }
     AppendControlFrame(out, OP_CLOSE, payload);
+}
+
+bool Utf8Check::Take(std::uint8_t byte) {
+    if (m_Left > 0) {
+        if (byte < m_Low || byte > m_High) return false;
+        --m_Left;
+        m_Low = 0x80;
+        m_High = 0xBF;
+        return true;
+    }
+    if (byte < 0x80) return true;
+    if (byte < 0xC2 || byte > 0xF4) return false;
+    m_Left = byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
+    // The second byte's range keeps overlong forms, surrogates and what lies beyond U+10FFFF out.
+    m_Low = byte == 0xE0 ? 0xA0 : byte == 0xF0 ? 0x90 : 0x80;
+    m_High = byte == 0xED ? 0x9F : byte == 0xF4 ? 0x8F : 0xBF;
+    return true;
 }
 
 FrameParser::Found FrameParser::Next(std::string_view& input) {
@@ -166,12 +160,18 @@ FrameParser::Found FrameParser::JudgeLength() {
         m_MessageSize += m_Left;
         m_InMessage = (m_Header[0] & FinBit) == 0;
         if (!m_InMessage) m_MessageSize = 0;
+        if (GetOpcode() != OP_CONTINUATION) {
+            m_InText = GetOpcode() == OP_TEXT;
+            m_Text = {};
+        }
+        m_MaskAt = m_HeaderNeeds - MaskSize;
+        m_Taken = 0;
     }
     m_PayloadSize = 0;
     m_HeaderHas = 0;
     m_HeaderNeeds = 2;
     m_Expects = m_Left > 0 ? Expects::Payload : Expects::Start;
-    return m_Left == 0 && IsControl() ? FinishControl() : Found::Nothing;
+    return m_Left == 0 ? FinishFrame() : Found::Nothing;
 }
 
 FrameParser::Found FrameParser::TakePayload(std::string_view& input) {
@@ -181,12 +181,28 @@ FrameParser::Found FrameParser::TakePayload(std::string_view& input) {
         const std::uint8_t* mask = m_Header.data() + 2;
         for (std::size_t i = 0; i < count && m_PayloadSize < length; ++i, ++m_PayloadSize)
             m_Payload[m_PayloadSize] = static_cast<char>(input[i] ^ mask[m_PayloadSize % MaskSize]);
+    } else if (m_InText && !IsText(input.substr(0, count))) {
+        return Violate(CLOSE_NOT_UTF8, "text not UTF-8");
     }
     input.remove_prefix(count);
     m_Left -= count;
     if (m_Left > 0) return Found::Nothing;
     m_Expects = Expects::Start;
-    return IsControl() ? FinishControl() : Found::Nothing;
+    return FinishFrame();
+}
+
+/// Looks at a piece of a text's payload.
+bool FrameParser::IsText(std::string_view masked) {
+    const std::uint8_t* mask = m_Header.data() + m_MaskAt;
+    return std::all_of(masked.begin(), masked.end(), [&](char byte) {
+        return m_Text.Take(static_cast<std::uint8_t>(byte) ^ mask[m_Taken++ % MaskSize]);
+    });
+}
+
+FrameParser::Found FrameParser::FinishFrame() {
+    if (IsControl()) return FinishControl();
+    const bool cut = m_InText && !m_InMessage && !m_Text.Whole();
+    return cut ? Violate(CLOSE_NOT_UTF8, "text not UTF-8") : Found::Nothing;
 }
 
 FrameParser::Found FrameParser::FinishControl() {
@@ -202,7 +218,7 @@ FrameParser::Found FrameParser::JudgeClose() {
     m_Code =
         static_cast<std::uint16_t>(big_endian(reinterpret_cast<const std::uint8_t*>(m_Payload.data()), 2));
     if (!code_is_valid(m_Code)) return Violate(CLOSE_PROTOCOL_ERROR, "close code not allowed");
-    if (!is_utf8(Payload().substr(2))) return Violate(CLOSE_PROTOCOL_ERROR, "close reason not UTF-8");
+    if (!is_utf8(Payload().substr(2))) return Violate(CLOSE_NOT_UTF8, "close reason not UTF-8");
     return Found::Close;
 }
 

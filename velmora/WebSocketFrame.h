@@ -14,6 +14,7 @@ enum CloseCode : std::uint16_t {
     CLOSE_NONE = 0,  // a close frame without a code
     CLOSE_GOING_AWAY = 1001,
     CLOSE_PROTOCOL_ERROR = 1002,
+    CLOSE_NOT_UTF8 = 1007,
     CLOSE_TOO_BIG = 1009,
     CLOSE_TRY_AGAIN_LATER = 1013,
 };
@@ -52,8 +53,23 @@ void AppendControlFrame(std::string& out, Opcode opcode, std::string_view payloa
 /// Appends a close frame with `code` and `reason` (nothing of either for CLOSE_NONE).
 void AppendCloseFrame(std::string& out, std::uint16_t code, std::string_view reason = {});
 
-/// Reads what one client sends, in pieces of any size. Payloads of data messages are skipped; only a control
-/// frame's is kept. Takes a fixed amount of memory. Not thread-safe.
+/// Whether text that comes in pieces is UTF-8.
+class Utf8Check {
+  public:
+    /// False once it can't be any more.
+    bool Take(std::uint8_t byte);
+    /// Whether the text may end here.
+    bool Whole() const { return m_Left == 0; }
+
+  private:
+    std::size_t m_Left = 0;  // bytes of the character that are still to come
+    std::uint8_t m_Low = 0;  // the range of the next one
+    std::uint8_t m_High = 0;
+};
+
+/// Reads what one client sends, in pieces of any size. Payloads of data messages are skipped, those of texts
+/// after a look whether they are UTF-8; only a control frame's is kept. Takes a fixed amount of memory. Not
+/// thread-safe.
 class FrameParser {
   public:
     enum class Found {
@@ -80,6 +96,8 @@ class FrameParser {
     bool TakeHeader(std::string_view& input);
     Found JudgeLength();
     Found TakePayload(std::string_view& input);
+    Found FinishFrame();
+    bool IsText(std::string_view masked);
     Found FinishControl();
     Found JudgeClose();
     bool IsControl() const { return (m_Header[0] & 0x08) != 0; }
@@ -92,6 +110,10 @@ class FrameParser {
     std::uint64_t m_Left = 0;         // payload bytes of the frame that are still to come
     std::uint64_t m_MessageSize = 0;  // payload bytes of the data message so far
     bool m_InMessage = false;         // between the fragments of a data message
+    bool m_InText = false;            // the data message that came last, or comes, is a text
+    std::size_t m_MaskAt = 0;         // where in the header the text frame's mask is
+    std::size_t m_Taken = 0;          // bytes of that frame that were looked at
+    Utf8Check m_Text;
     std::array<char, MaxControlPayload> m_Payload{};
     std::size_t m_PayloadSize = 0;
     std::uint16_t m_Code = CLOSE_NONE;

@@ -24,20 +24,15 @@ namespace Testing {
 namespace http = boost::beast::http;
 using Tcp = boost::asio::ip::tcp;
 
-/// One keep-alive connection to 127.0.0.1. What goes wrong on it throws boost::system::system_error.
+/// One connection to 127.0.0.1, and another where the server has closed that with an answer. What goes wrong
+/// on it throws boost::system::system_error.
 class HttpClient {
   public:
     using Answer = http::response<http::string_body>;
 
-    HttpClient(unsigned short port, bool tls, const std::string& token = "") : m_Token(token) {
-        const Tcp::endpoint server(boost::asio::ip::address_v4::loopback(), port);
-        if (tls) {
-            m_Tls.emplace(m_Io, m_TlsContext);
-            m_Tls->next_layer().connect(server);
-            m_Tls->handshake(boost::asio::ssl::stream_base::client);
-        } else {
-            m_Plain.connect(server);
-        }
+    HttpClient(unsigned short port, bool tls, const std::string& token = "")
+        : m_Server(boost::asio::ip::address_v4::loopback(), port), m_Secure(tls), m_Token(token) {
+        Connect();
     }
 
     Answer Call(const std::string& method, const std::string& target, const std::string& body = "",
@@ -56,6 +51,18 @@ class HttpClient {
     }
 
   private:
+    void Connect() {
+        m_Buffer.clear();
+        if (m_Secure) {
+            m_Tls.emplace(m_Io, m_TlsContext);
+            m_Tls->next_layer().connect(m_Server);
+            m_Tls->handshake(boost::asio::ssl::stream_base::client);
+        } else {
+            m_Plain = Tcp::socket(m_Io);
+            m_Plain.connect(m_Server);
+        }
+    }
+
     template <class Stream>
     Answer Exchange(Stream& stream, const http::request<http::string_body>& request) {
         http::write(stream, request);
@@ -63,9 +70,12 @@ class HttpClient {
         parser.skip(request.method() == http::verb::head);
         parser.body_limit(boost::none);
         http::read(stream, m_Buffer, parser);
+        if (!parser.keep_alive()) Connect();
         return parser.release();
     }
 
+    const Tcp::endpoint m_Server;
+    const bool m_Secure;
     const std::string m_Token;
     boost::asio::io_context m_Io;
     boost::asio::ssl::context m_TlsContext{boost::asio::ssl::context::tls_client};
