@@ -8,6 +8,7 @@
 #include <set>
 #include <sstream>
 
+#include "AskRouter.h"
 #include "EventManager.h"
 #include "HttpClient.h"
 #include "HttpTestServer.h"
@@ -48,7 +49,7 @@ class MetricsTest : public ::testing::Test {
         request.Path = path;
         request.Body = body;
         request.HasBody = !body.empty();
-        return router.Handle(request);
+        return Testing::AskRouter(router, request);
     }
     // The value of a sample, named with its labels.
     double Sample(const std::string& name) {

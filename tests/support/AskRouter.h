@@ -1,0 +1,16 @@
+// A request put to a router as connections do it: its head first.
+#pragma once
+
+#include <optional>
+
+#include "Router.h"
+
+namespace Testing {
+
+inline Server::HttpResponse AskRouter(Server::Router& router, const Server::HttpRequest& request) {
+    Server::HttpRoute route;
+    const std::optional<Server::HttpResponse> refused = router.Route(request, route);
+    return refused ? *refused : router.Handle(request, route);
+}
+
+}  // namespace Testing
