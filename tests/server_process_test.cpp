@@ -462,13 +462,17 @@ TEST_F(ServerProcessTest, AnEndWaitsForTheCallsUnderWay) {
     EXPECT_GE(gone.get_future().get() - began, std::chrono::milliseconds(950));
 }
 
-// Who reads the line may ask at once.
+// Who reads the line may ask at once, also where the worker has much to begin with.
 TEST_F(ServerProcessTest, ItIsReadyWhenItSaysThatItListens) {
-    for (int start = 0; start < 8; ++start) {
-        const auto server = Serve(R"({"BindAddress": {"ListenPort": 0}})");
-        HttpClient client(server->Port(), false);
-        EXPECT_EQ(Status(client, "GET", "/readyz"), 200u);
+    std::string watches;
+    for (int i = 0; i < 20000; ++i) {
+        watches +=
+            (i ? "," : "") + std::string(R"({"event_name": "e", "path": "none/)") + std::to_string(i) + "\"}";
     }
+    const auto server =
+        Serve(R"({"BindAddress": {"ListenPort": 0}, "EventManager": {"watch_list": [)" + watches + "]}}");
+    HttpClient client(server->Port(), false);
+    EXPECT_EQ(Status(client, "GET", "/readyz"), 200u);
 }
 
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)  // these need all the addresses there are
