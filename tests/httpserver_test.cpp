@@ -7,6 +7,7 @@
 
 #include <condition_variable>
 #include <csignal>
+#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -155,6 +156,9 @@ TEST_F(HttpServerTest, RefusesMalformedRequestsAndServesOn) {
         {post + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n", 400},
         {post + "Transfer-Encoding: gzip\r\n\r\n", 400},
         {post + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 400},
+        {"POST /a HTTP/1.0\r\nHost: localhost\r\nContent-Type: application/json\r\n"
+         "Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
+         400},
         {post + "Content-Length: 3\r\nContent-Length: 4\r\n\r\nabcd", 400},
         {post + "Content-Length: -1\r\n\r\n", 400},
         {post + "Content-Length: 99999999999999999999999\r\n\r\n", 400},
@@ -287,6 +291,11 @@ TEST_F(HttpServerTest, ClosesConnectionsThatTakeTooLong) {
     deaf.Send(Get("/large") + Get("/large"));
     EXPECT_EQ(slow.ReadAnswer().Status, 408);
     EXPECT_TRUE(slow.Ends() && idle.Ends() && silent.Ends());
+    const auto refused = [this] { return m_Server->Counters().AnsweredByClass[4]; };
+    const auto before = refused();
+    RawClient dripping(Port());  // its time is not that of each byte
+    dripping.Send("GET / HTTP/1.1\r\nX: ");
+    EXPECT_TRUE(Eventually([&] { return dripping.Send("a") && refused() > before; }));
     EXPECT_TRUE(Eventually([this] { return m_Server->Counters().Connections == 0; }));
 }
 
@@ -323,6 +332,12 @@ TEST_F(HttpServerTest, LetsInWhoMayAsk) {
         {"/./api/v1/events", "Host: localhost\r\n", 401},
         {"/api/v1/events", "Host: localhost\r\n" + wrong, 401},
         {"/api/v1/events", "Host: localhost\r\nAuthorization: Basic s3cret\r\n", 401},
+        {"/api/v1/events", "Host: localhost\r\nAuthorization: Bearer s3cre\r\n", 401},
+        {"/api/v1/events", "Host: localhost\r\nAuthorization: Bearer s3cret1\r\n", 401},
+        {"/api/v1/events", "Host: localhost\r\nAuthorization: Bearer s3crets3cret\r\n", 401},
+        {"/api/v1/events", "Host: localhost\r\nAuthorization: Bearer \r\n", 401},
+        {"/api/v1/events", "Host: localhost\r\nAuthorization: Bearer\r\n", 401},
+        {"/api/v1/events", "Host: localhost\r\nAuthorization:\r\n", 401},
         {"/api/v1/events", "Host: localhost\r\nAuthorization: Velmora-Self 00\r\n", 401},
         {"/api/v1/events?access_token=s3cret", "Host: localhost\r\n", 401},
         {"/api/v1/events", "Host: localhost\r\n" + wrong + token, 401},
@@ -337,7 +352,8 @@ TEST_F(HttpServerTest, LetsInWhoMayAsk) {
     }
     const std::string feed = std::string(ToFeed) + "Sec-WebSocket-Protocol: velmora.feed.v1, bearer.";
     EXPECT_EQ(AskOnce(Get("/api/v1/feed", ToFeed)).Status, 401);
-    EXPECT_EQ(AskOnce(Get("/api/v1/feed", feed + "czNjcmVU\r\n")).Status, 401);
+    for (const char* other : {"czNjcmVU", "czNjcmU", "czNjcmV0MQ", "cw", "", "s3cret"})
+        EXPECT_EQ(AskOnce(Get("/api/v1/feed", feed + other + "\r\n")).Status, 401) << other;
     EXPECT_EQ(AskOnce(Get("/api/v1/feed", feed + "czNjcmV0\r\nOrigin: http://evil.example\r\n")).Status, 403);
     const RawAnswer upgraded = AskOnce(Get("/api/v1/feed", feed + "czNjcmV0\r\n"));
     EXPECT_EQ(upgraded.Status, 101);
@@ -537,6 +553,16 @@ TEST_F(HttpServerTest, RefusesConnectionsBeyondTheCap) {
     EXPECT_EQ(third.ReadAnswer().Status, 503);
     EXPECT_TRUE(third.Ends());
     EXPECT_EQ(m_Server->Counters().RefusedConnections, 1u);
+    const auto descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto open = descriptors();
+    std::vector<std::unique_ptr<RawClient>> more;  // the server keeps nothing of those that it refuses
+    for (int i = 0; i < 20; ++i) {
+        more.push_back(std::make_unique<RawClient>(Port()));
+        EXPECT_EQ(more.back()->ReadAnswer().Status, 503);
+    }
+    EXPECT_TRUE(Eventually([&] { return descriptors() <= open + 20; }));
     first.reset();
     EXPECT_TRUE(Eventually([this] { return m_Server->Counters().Connections == 1; }));
     EXPECT_EQ(AskOnce(Get("/")).Status, 200);
