@@ -6,6 +6,8 @@
 
 #include <dlfcn.h>
 
+#include <future>
+
 #include "HttpTestServer.h"
 #include "LocalAccessManager.h"
 #include "NoMemory.h"
@@ -183,6 +185,25 @@ TEST_F(PostingTest, PostingsLeaveNoPythonReferencesBehind) {
     Ask("counted", "note()");
     for (int i = 0; i < 1000; ++i) Post("e", R"({"y":{}})");
     EXPECT_LT(std::stoi(Ask("counted", "drift()")), 500);
+}
+
+TEST_F(PostingTest, StatisticsDoNotWaitForAHandler) {
+    Module("slow",
+           "import time\ninside = go = False\ndef event_handler(payload):\n    global inside\n"
+           "    inside = True\n    while not go:\n        time.sleep(0.001)\n");
+    Event("e");
+    Listen("e", "python://slow");
+    EXPECT_EQ(Probe::Statistics(queue).Listeners, 1u);
+    std::thread poster([&] { Post("e"); });
+    EXPECT_TRUE(Testing::Eventually([] { return Ask("slow", "inside") == "True"; }));
+    auto asked = std::async(std::launch::async, [&] { return Probe::Statistics(queue); });
+    EXPECT_TRUE(Testing::Eventually(
+        [&] { return asked.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+    Ask("slow", "globals().update(go=True)");
+    poster.join();
+    const QueueStatistics seen = asked.get();
+    EXPECT_EQ(seen.Postings, 1u);
+    EXPECT_EQ(seen.Listeners, 1u);  // of the earlier reading
 }
 
 TEST_F(PostingTest, EveryClientSeesTheHistorysOrderWhoeverPosts) {

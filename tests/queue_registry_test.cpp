@@ -2,8 +2,6 @@
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 
-#include <regex>
-
 #include "CountedSyncs.h"
 #include "NoMemory.h"
 #include "support/QueueProbe.h"
@@ -351,9 +349,12 @@ TEST_F(StateFileTest, WithoutMemoryAChangeIsMadeWholeOrNotAtAllAndIsNotLost) {
         {[&] { queue.CreateWatch("/a/path/that/is/long", name, &data, false); },
          [&] { queue.DeleteAllWatches(); }},
     };
-    const auto shape = [&] {
-        static const std::regex ids("\\w{8}(-\\w{4}){3}-\\w{12}");
-        return std::regex_replace(State(), ids, "ID");
+    const auto shape = [&] {  // without the ids, which are new each time
+        const std::string begin = "\"id\":\"";
+        std::string text = State();
+        for (std::size_t at = text.find(begin); at != text.npos; at = text.find(begin, at + 1))
+            text.erase(at + begin.size(), Mirel::UUIDLen);
+        return text;
     };
     const auto try_everywhere = [&](const Change& change, const Change& undo) {
         const std::string before = shape();
