@@ -253,7 +253,7 @@ static std::vector<int> saved_events(const std::string& text, pid_t child) {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int KillRounds = 20;  // each start takes long with a sanitizer
 #else
-constexpr int KillRounds = 120;
+constexpr int KillRounds = 60;
 #endif
 
 TEST(GlobalQueue, KilledAtAnyInstantLeavesAWholeDocumentNoOlderThanWhatWasAnswered) {
