@@ -196,12 +196,13 @@ function build(html) {
 }
 
 const root = build(readFileSync(new URL("../../../console/index.html", import.meta.url), "utf8").replace(/<!doctype html>/, ""));
+const ids = new Map([...root.all()].filter(({ id }) => id).map((element) => [element.id, element])); // none comes later
 const listeners = new Map();
 const stored = new Map();
 
 globalThis.document = Object.assign(new EventTarget(), {
   root, hidden: false, title: "", activeElement: null,
-  getElementById: (id) => root.querySelector(`#${id}`),
+  getElementById: (id) => ids.get(id) ?? null,
   querySelector: (selector) => root.querySelector(selector),
   querySelectorAll: (selector) => root.querySelectorAll(selector),
   createElement(tag) {
