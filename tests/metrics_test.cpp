@@ -247,7 +247,8 @@ TEST_F(MetricsTest, ConnectionsAndTheFeedAreCounted) {
                                   .Requests = 13,
                                   .AnsweredByClass = {20, 21, 22, 23, 24, 25},
                                   .RefusedBusy = 14,
-                                  .RefusedConnections = 15};
+                                  .RefusedConnections = 15,
+                                  .RefusedFeedClients = 16};
     });
     EXPECT_EQ(Sample("velmora_http_connections"), 11);
     EXPECT_EQ(Sample("velmora_http_connections_total"), 12);
@@ -259,6 +260,7 @@ TEST_F(MetricsTest, ConnectionsAndTheFeedAreCounted) {
     }
     EXPECT_EQ(Sample("velmora_http_refused_total{reason=\"busy\"}"), 14);
     EXPECT_EQ(Sample("velmora_http_refused_total{reason=\"connections\"}"), 15);
+    EXPECT_EQ(Sample("velmora_http_refused_total{reason=\"feed_clients\"}"), 16);
 
     HttpServer server({}, router);
     ASSERT_TRUE(server.Bind().Success() && server.Serve().Success());

@@ -6,10 +6,13 @@
 #include <set>
 
 #include "AskRouter.h"
+#include "Console.h"
+#include "ConsoleFiles.h"
 #include "EventManager.h"
 #include "Health.h"
 #include "HttpClient.h"
 #include "HttpTestServer.h"
+#include "NoMemory.h"
 #include "OpenApi.h"
 #include "Router.h"
 #include "SchemaCheck.h"
@@ -347,6 +350,42 @@ TEST_P(RestTest, WrongBodiesAreRefusedAtTheirPlace) {
     EXPECT_EQ(last.Body, before);
 }
 
+// One answer lists so many faults, each at its place, and says how many it leaves out.
+TEST_F(RouterTest, OneAnswerListsAHundredFaults) {
+    std::string document = R"({"timer_list": [0)";
+    for (int i = 1; i < 130; ++i) document += ",0";
+    EXPECT_EQ(Call("POST /api/v1/queue", document + "]}"), 422);
+    const PListDict problem = Body();
+    EXPECT_EQ(problem.GetArray("errors").Size(), 100u);
+    EXPECT_EQ(AsDict(problem.GetArray("errors").GetItem(99))->GetData("pointer").Text(), "/timer_list/99");
+    EXPECT_NE(problem.GetData("detail").Text().find(" 30 more are not listed."), std::string::npos);
+}
+
+// Wherever the memory ends on its way, a request is answered.
+TEST_F(RouterTest, EveryRequestIsAnsweredWithoutMemory) {
+    const Testing::CapturedLog log;
+    HttpRequest request;
+    request.Method = METH_POST;
+    request.Path = "/api/v1/events";
+    request.Body = R"({"event_name":"a name that takes memory of its own","event_data":{"k":[1,2]}})";
+    request.HasBody = true;
+    bool refused = true;
+    for (int allocations = 0; refused; ++allocations) {
+        HttpRoute route;
+        ASSERT_FALSE(router.Route(request, route));
+        HttpResponse response;
+        {
+            const Testing::NoMemory none(allocations);
+            response = router.Handle(request, route);
+            refused = none.Refused();
+        }
+        const int status = response.Status;
+        EXPECT_TRUE(status == 503 || status == 400 || status == 201 || status == 412) << status;
+        EXPECT_TRUE(refused || status != 503);
+    }
+    EXPECT_TRUE(log.Has("Request POST /api/v1/events failed: "));
+}
+
 // ------------------------------------------------------------------------------------------- resources
 
 TEST_P(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {
@@ -458,6 +497,7 @@ TEST_P(RestTest, TimersAreTakenWithNumbersAndTexts) {
         const PListDict entry = Body();
         EXPECT_EQ(entry.GetData("interval_sec").Text() + entry.GetData("start_time").Text(), kept);
         EXPECT_EQ(entry.GetData("id").Text(), id);
+        EXPECT_EQ(entry.GetDict("timer_data").GetData("k").Text(), kept.size() > 3 ? "1" : "");
     }
     EXPECT_EQ(Count("/api/v1/timers", "timer_list"), 3u);
     const std::string location = "/api/v1/timers/" + Body().GetData("id").Text();
@@ -732,7 +772,59 @@ TEST_F(RouterTest, DeliveriesAreSlowFromHalfOfTheTimeout) {
     EXPECT_FALSE(slow(2 * took_ms + 2));
 }
 
+TEST_F(RouterTest, AHistoryBeyondTheMostSaysWhatItLeavesOut) {
+    EventManager::IEventQueue& queue = EventManager::GlobalEventQueue();
+    queue.CreateEvent("many", nullptr);
+    const PListDict first = Parse(R"({"first": true})");
+    queue.PostEvent("many", &first);
+    for (int i = 0; i < 100002; ++i) queue.PostEvent("many", nullptr);
+    const auto answer = [&](const std::string& query) {
+        return RouterTest::Exchange("GET", "/api/v1/history?event_name=many" + query, "", "").Body;
+    };
+    const std::string all = answer("");
+    EXPECT_TRUE(all.ends_with(R"("omitted":3})"));
+    EXPECT_EQ(all.find("first"), std::string::npos);
+    EXPECT_GT(all.size(), 100000 * std::string(R"({"event_name":"many","timestamp":""})").size());
+    EXPECT_EQ(answer("&limit=100000").find("omitted"), std::string::npos);
+    EXPECT_TRUE(answer("&limit=100001").ends_with(R"("omitted":1})"));
+}
+
 // ------------------------------------------------------------------------------------------- operations
+
+TEST_F(RouterTest, TheConsoleIsServedWithWhatKeepsItToItself) {
+    int files = 0;
+    for (const ConsoleFile* file = ConsoleFiles; !file->Name.empty(); ++file, ++files) {
+        const std::string name(file->Name), path = name == "index.html" ? "/" : "/console/" + name;
+        SCOPED_TRACE(path);
+        HttpRequest request;
+        request.Path = path;
+        last = Testing::AskRouter(router, request);
+        EXPECT_EQ(last.Status, 200);
+        EXPECT_EQ(last.StaticBody, file->Content);
+        const std::string type(last.ContentType);
+        const std::string ending = name.substr(name.rfind('.') + 1);
+        EXPECT_NE(type.find(ending == "js" ? "javascript" : ending), std::string::npos) << type;
+        EXPECT_NE(Header("Content-Security-Policy").find("default-src 'none'; script-src 'self'"),
+                  std::string::npos);
+        EXPECT_NE(Header("Content-Security-Policy").find("frame-ancestors 'none'"), std::string::npos);
+        EXPECT_EQ(Header("Referrer-Policy"), "no-referrer");
+        const std::string tags = "\"other\", W/" + Header("ETag");
+        for (const std::string& tag : {tags, std::string("*")}) {
+            request.IfNoneMatch = tag;
+            EXPECT_EQ(Testing::AskRouter(router, request).Status, 304);
+        }
+        request.IfNoneMatch = "\"other\"";
+        EXPECT_EQ(Testing::AskRouter(router, request).Status, 200);
+        request.Method = METH_POST;
+        EXPECT_EQ(Testing::AskRouter(router, request).Status, 404);
+    }
+    EXPECT_GT(files, 5);
+    for (const char* path : {"/console", "/console/", "/console/none.js", "/konsole/index.html",
+                             "/console/../index.html", "/index.html"}) {
+        EXPECT_EQ(Send("GET", path), 404) << path;
+    }
+    EXPECT_EQ(Send("GET", "/api/v1/queue", "", "*"), 304);
+}
 
 TEST_F(RouterTest, ReadinessSaysWhatIsWrong) {
     EXPECT_EQ(Call("GET /healthz"), 200);
