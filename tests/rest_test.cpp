@@ -471,6 +471,7 @@ TEST_P(RestTest, ListenersComeAndGoAndTheLimitHolds) {
     EXPECT_EQ(Send("GET", "/api/v1/events/other/listeners/" + id), 404);
     EXPECT_EQ(Send("POST", listeners, R"({"callback": "/x"})"), 412);
     EXPECT_EQ(Call("PATCH /api/v1/config", R"({"max_listeners": 1})"), 200);
+    EXPECT_TRUE(last.Body.starts_with(R"({"max_listeners":1,"max_watches":1024,)"));
     EXPECT_EQ(Send("POST", listeners, R"({"callback": "/y"})"), 201);  // one more than the limit
     EXPECT_EQ(Send("POST", listeners, R"({"callback": "/z"})"), 409);
     EXPECT_EQ(Call("POST /api/v1/events", R"({"event_name": "f"})"), 409);
