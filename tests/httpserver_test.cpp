@@ -12,6 +12,7 @@
 #include <optional>
 #include <thread>
 
+#include "Coroutine.h"
 #include "EventManager.h"
 #include "HttpClient.h"
 #include "RawClient.h"
@@ -221,6 +222,15 @@ TEST_F(HttpServerTest, AnswersWhateverWayTheBytesCome) {
         EXPECT_EQ(client.ReadAnswer().Body, "GET /last? ");
         EXPECT_TRUE(client.Ends());
     }
+}
+
+// Whoever is refused in the middle of what it sends is listened to until it has read why.
+TEST_F(HttpServerTest, TakesWhatIsSentBehindARefusal) {
+    Start();
+    RawClient client(Port());
+    EXPECT_TRUE(client.Send(Post("/a", std::string(12u << 20, 'x'))));  // more than sockets hold
+    EXPECT_EQ(client.ReadAnswer().Status, 413);
+    EXPECT_TRUE(client.Ends());
 }
 
 TEST_F(HttpServerTest, AnswersPipelinedRequestsInOrder) {
@@ -604,6 +614,35 @@ TEST_F(HttpServerTest, StopLetsRequestsFinish) {
     EXPECT_TRUE(busy.Ends());
     stopping.join();
     EXPECT_EQ(m_Server->Counters().Connections, 0u);
+}
+
+// Waits for nothing, for there is no memory to.
+struct FailingWait {
+    bool await_ready() const noexcept { return false; }
+    void await_suspend(std::coroutine_handle<>) const { throw std::bad_alloc(); }
+    void await_resume() const noexcept {}
+};
+
+Coroutine Fail(std::shared_ptr<int> caught, bool again) {
+    try {
+        co_await FailingWait();
+    } catch (const std::bad_alloc&) {
+        ++*caught;
+    }
+    if (again) co_await FailingWait();
+}
+
+TEST(CoroutineTest, AWaitThatCannotBeginFailsInsideAndAnEndFreesAll) {
+    Testing::CapturedLog log;
+    const auto caught = std::make_shared<int>(0);
+    Fail(caught, false);  // never started
+    EXPECT_EQ(*caught, 0);
+    for (const bool again : {false, true}) {
+        Fail(caught, again).Release().resume();
+        EXPECT_EQ(caught.use_count(), 1);
+        EXPECT_EQ(log.At(Mirel::LOG_ERROR).size(), again ? 1u : 0u);
+    }
+    EXPECT_EQ(*caught, 2);
 }
 
 TEST_F(HttpServerTest, SaysWhyItCannotBind) {
