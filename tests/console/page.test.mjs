@@ -191,3 +191,211 @@ it("creates events and listeners, and says which of them fails", async () => {
   assert.deepEqual(texts("#event-list h3"), ["a/b"]);
   byId("events-find").fill("");
 });
+
+it("shows the calls that one asks for, also when the server counts anew", async () => {
+  turnTo("deliveries");
+  const call = (sequence, path, status, duration_ms) => ({ sequence, time: stamp(), method: "POST", url: `https://x/${path}`, status, outcome: status === 200 ? "ok" : "failed", duration_ms, reason: "" });
+  server.deliveries = [call(3, "slow", 200, 250), call(2, "bad", 500, 249), call(1, "Good", 200, 1)];
+  await pass(5000);
+  const shown = () => texts("#delivery-rows code").map((text) => text.slice(10));
+  assert.deepEqual([shown(), byId("delivery-slow").textContent, byId("nav-deliveries").textContent], [["slow", "bad", "Good"], "1", "1"]);
+  const choose = (value) => byId("delivery-filters").querySelector(`input[value="${value}"]`).check();
+  choose("failed");
+  assert.deepEqual(shown(), ["bad"]);
+  choose("slow");
+  assert.deepEqual(shown(), ["slow"]);
+  byId("delivery-threshold").fill("100");
+  assert.deepEqual(shown(), ["slow", "bad"]);
+  choose("all");
+  byId("delivery-text").fill("gOOD");
+  assert.deepEqual(shown(), ["Good"]);
+  byId("delivery-text").fill("");
+  await pass(5 * 60 * 1000);
+  server.deliveries = [call(3, "three", 200, 1), call(2, "two", 200, 1), call(1, "one", 200, 1)];
+  await pass(5000);
+  assert.deepEqual([shown(), byId("nav-deliveries").textContent], [["three", "two", "one"], ""]);
+  server.deliveries = [];
+  await pass(5000);
+});
+
+it("sets timers at the time one means", async () => {
+  turnTo("timers");
+  const mode = (value) => byId("timer-form").querySelector(`input[value="${value}"]`).check();
+  const create = async () => {
+    byId("timer-form").submit();
+    await settle();
+    return last() && JSON.parse(last().body);
+  };
+  byId("timer-event").fill("door");
+  byId("timer-seconds").fill("90");
+  assert.match(byId("timer-explains").textContent, /^First fires 1 min 30 s after it is created, then every 1 min 30 s\.$/);
+  assert.deepEqual(await create(), { event_name: "door", interval_sec: 90 });
+  mode("in");
+  const due = new Date(Date.now() + 90000).toISOString().slice(0, 19);
+  assert.equal(byId("timer-explains").textContent, `Fires at ${due.replace("T", " ")} UTC.`);
+  byId("timer-data").querySelector("textarea").fill(NUMBERS);
+  assert.equal((await create()).start_time, `${due}+00:00`);
+  assert.ok(last().body.endsWith(`"timer_data":${NUMBERS}}`));
+  mode("at");
+  byId("timer-at").fill("2001-01-01T00:00");
+  assert.match(byId("timer-explains").textContent, /is past: the timer would be dropped/);
+  byId("timer-at").fill("2199-07-01T12:00");
+  assert.equal((await create()).start_time, `${new Date("2199-07-01T12:00").toISOString().slice(0, 19)}+00:00`);
+  const before = asked.length;
+  for (const [kind, value] of [["every", "0"], ["every", "1.5"], ["in", ""]]) {
+    mode(kind);
+    byId("timer-seconds").fill(value);
+    await create();
+  }
+  assert.equal(asked.length, before);
+  byId("timer-event").fill("nobody");
+  assert.match(byId("timer-explains").textContent, /There is no event “nobody” now/);
+});
+
+it("counts down to the next firing, and names timers that came too late", async () => {
+  const cells = () => document.querySelectorAll("#timer-rows tr").map((row) => row.children[1].textContent);
+  server.queue = `{"event_list":[],"watch_list":[],"max_listeners":1,"max_watches":-1,"timer_list":[
+    {"id":"1","event_name":"door","interval_sec":"60","timer_data":${NUMBERS}},{"id":"2","event_name":"door","interval_sec":"60"},
+    {"id":"3","event_name":"door","start_time":"${new Date(Date.now() + 95000).toISOString().slice(0, 19)}+00:00"}]}`;
+  await pass(5000);
+  assert.equal(byId("watch-use").textContent, "0 / no limit");
+  assert.deepEqual(cells().slice(0, 2), ["within 1 min", "within 1 min"]);
+  assert.match(cells()[2], /^in 1 min (29|30|31) s$/);
+  await feed(posting("door", NUMBERS));
+  await pass(10000);
+  assert.match(cells()[0], /^in (4[6789]|50) s$/);
+  assert.equal(cells()[1], "within 1 min");
+  await pass(100000);
+  assert.equal(cells()[2], "fired or dropped");
+  assert.equal(byId("timers-late").hidden, true);
+  server.expired = 2;
+  await pass(5100);
+  assert.deepEqual([byId("expired").textContent, byId("timers-late").hidden, document.title], ["2 timers too late", false, "(2 too late) Velmora events"]);
+  byId("timers-late-seen").click();
+  assert.deepEqual([byId("expired").hidden, byId("timers-late").hidden, document.title], [true, true, "Velmora events"]);
+  button("Delete the timer of door").click();
+  await answer("Delete");
+  assert.equal(last().url, "/api/v1/timers/1");
+});
+
+it("keeps watches by their very path", async () => {
+  turnTo("watches");
+  server.queue = '{"event_list":[],"timer_list":[],"max_listeners":1,"max_watches":1,"watch_list":[{"path":"/a#b&c \\udc80","event_name":"door","once":true},{"path":"/a","event_name":"door"}]}';
+  await pass(5000);
+  await feed(posting("door", '{"path":"/a"}'), posting("door", '{"path":3}'), posting("door", '{"x":{"path":"/a#b"}}'));
+  assert.deepEqual(document.querySelectorAll("#watch-rows tr").map((row) => row.children[2].textContent !== "none yet"), [false, true]);
+  byId("watch-path").fill("/x #1");
+  byId("watch-event").fill("door");
+  byId("watch-once").checked = false;
+  byId("watch-form").submit();
+  await settle();
+  assert.deepEqual(JSON.parse(last().body), { path: "/x #1", event_name: "door", once: false });
+  button("Delete the watch on /a#b&c \udc80").click();
+  await answer("Delete");
+  assert.deepEqual([last().method, last().url], ["DELETE", "/api/v1/watches?path=%2Fa%23b%26c%20%80"]);
+  assert.equal(byId("watch-rows").firstElementChild.classList.contains("leaving"), true);
+  await pass(4000);
+  assert.equal(byId("watch-rows").firstElementChild.classList.contains("leaving"), false);
+  byId("watches-clear").click();
+  await answer("Keep");
+  assert.equal(last().url.includes("?path="), true);
+  byId("watches-clear").click();
+  await answer("Delete all");
+  assert.equal(last().url, "/api/v1/watches");
+});
+
+it("sends a state document as it stands in the file, once, and waits for it", async () => {
+  turnTo("state");
+  const open = async (content) => {
+    byId("state-file").onchange({ target: { files: [new File([content], "new.json")] } });
+    for (let i = 0; i < 20; i += 1) await settle();
+  };
+  await open(new Uint8Array([0x22, 0x80, 0x22]));
+  assert.match(byId("state-preview").textContent, /cannot be applied.*no UTF-8/);
+  await open('{"event_list": [}');
+  assert.match(byId("state-preview").textContent, /Line 1, column 17: A value was expected/);
+  const text = `{ "event_list": [{"event_name": "n", "event_data": ${NUMBERS}}], "timer_list": [], "watch_list": [] }\n`;
+  await open(`\ufeff${text}`);
+  assert.match(byId("state-preview").textContent, /new\.json would add1 eventn with \{"10":9007199254740993/);
+  const { fetch } = globalThis;
+  let release;
+  globalThis.fetch = (url, options) => (options.method === "POST" ? new Promise((resolve) => (release = () => resolve(fetch(url, options)))) : fetch(url, options));
+  const add = button("Add these");
+  for (let i = 0; i < 3; i += 1) add.click();
+  await pass(120000);
+  assert.equal(add.textContent, "Adding…");
+  assert.equal(texts("#toasts p").length, 0);
+  release();
+  globalThis.fetch = fetch;
+  for (let i = 0; i < 5; i += 1) await settle();
+  assert.deepEqual(asked.map(({ url, body, signal }) => [url, body, signal]), [["/api/v1/queue", text, undefined]]);
+  assert.match(texts("#toasts p")[0], /^new\.json is applied/);
+  await open(text);
+  server.up = false;
+  button("Add these").click();
+  await settle();
+  assert.match(byId("state-preview").textContent, /^Whether new\.json was applied is not known/);
+  server.up = true;
+});
+
+it("downloads the server's numbers", async () => {
+  let blob;
+  URL.createObjectURL = (given) => ((blob = given), "blob:x");
+  server.queue = `{"max_listeners":1,"event_list":[{"event_name":"n","event_data":${NUMBERS}}],"timer_list":[],"watch_list":[]}`;
+  byId("state-download").click();
+  await settle();
+  assert.equal((await blob.text()).replaceAll(/\s/g, ""), server.queue);
+  server.queue = null;
+});
+
+it("sets limits, whole ones only", async () => {
+  byId("limits-open").click();
+  byId("max-listeners").fill("7.5");
+  byId("max-watches").fill("-1");
+  byId("limits-form").submit();
+  await settle();
+  assert.equal(asked.length, 0);
+  byId("max-listeners").fill("7");
+  byId("limits-form").submit();
+  await settle();
+  assert.deepEqual([last().method, last().url, last().body], ["PATCH", "/api/v1/config", '{"max_listeners":7,"max_watches":-1}']);
+  assert.match(texts("#toasts p")[0], /until the server ends/);
+});
+
+it("keeps the current area on a narrow screen in sight", () => {
+  const rail = document.querySelector(".rail");
+  rail.box = { left: 0, right: 390 };
+  turnTo("state");
+  const tab = rail.querySelector("[aria-current]");
+  assert.equal(tab.getAttribute("href"), "#/state");
+  tab.box = { left: 480, right: 540 };
+  globalThis.resized();
+  assert.ok(rail.scrollLeft >= 150);
+  tab.box = { left: -30, right: 30 };
+  globalThis.resized();
+  assert.ok(rail.scrollLeft <= 150);
+});
+
+it("asks for a token, refuses what cannot be one, and signs out", async () => {
+  assert.equal(byId("sign-out").hidden, true);
+  server.token = "abc>>>???~";
+  await pass(10000);
+  const give = async (token) => {
+    byId("token").value = token;
+    byId("token-form").submit();
+    await pass(100);
+    return byId("token-error").textContent;
+  };
+  assert.equal(byId("token-dialog").open, true);
+  assert.match(await give("geheim漢"), /No token holds “漢”/);
+  assert.equal(byId("token-dialog").open, true);
+  assert.equal(await give("wrong"), "The server did not take this token.");
+  await give(` ${server.token} `);
+  assert.deepEqual([byId("token-dialog").open, byId("sign-out").hidden, byId("token").value], [false, false, ""]);
+  byId("post-name").fill("door");
+  byId("post-form").submit();
+  await settle();
+  assert.equal(last().headers.Authorization, `Bearer ${server.token}`);
+  byId("sign-out").click();
+  assert.deepEqual([location.reloaded, sessionStorage.getItem("velmora.token")], [true, null]);
+});
