@@ -19,20 +19,27 @@ class [[nodiscard]] Result_t {
     constexpr Result_t(int value, const char* symbol, const char* message) noexcept
         : m_Value(value), m_Symbol(symbol), m_Message(message) {}
 
+    /// The code: 0 and above for successes, below 0 for failures.
     constexpr int Value() const noexcept { return m_Value; }
+    /// The code's name, "PARAM" say.
     constexpr const char* Symbol() const noexcept { return m_Symbol; }
+    /// The message, as long as this result or a copy of it lives.
     const char* Message() const noexcept { return m_Detail ? m_Detail->c_str() : m_Message; }
 
+    /// Whether this is a success.
     constexpr bool Success() const noexcept { return m_Value >= 0; }
+    /// Whether this is a failure.
     constexpr bool Failure() const noexcept { return m_Value < 0; }
 
-    /// The same code with a message of its own, say the system's reason for a failed exchange.
+    /// The same code with a message of its own, say the system's reason for a failed exchange. Throws
+    /// std::bad_alloc.
     Result_t WithMessage(const std::string& message) const {
         Result_t result(*this);
         result.m_Detail = std::make_shared<const std::string>(message);
         return result;
     }
 
+    /// Compares the codes, not the messages.
     friend bool operator==(const Result_t& lhs, const Result_t& rhs) noexcept {
         return lhs.m_Value == rhs.m_Value;
     }
@@ -44,6 +51,8 @@ class [[nodiscard]] Result_t {
     std::shared_ptr<const std::string> m_Detail;
 };
 
+/// The codes of this framework; the message says what each stands for.
+///@{
 constinit inline const Result_t RESULT_OK{0, "OK", "Success."};
 constinit inline const Result_t RESULT_FAIL{-1, "FAIL", "Unspecified failure."};
 constinit inline const Result_t RESULT_STATE{-4, "STATE", "Not possible in this state."};
@@ -55,5 +64,6 @@ constinit inline const Result_t RESULT_FILEOPEN{-13, "FILEOPEN", "File open fail
 constinit inline const Result_t RESULT_READFAIL{-14, "READFAIL", "File read failure."};
 constinit inline const Result_t RESULT_WRITEFAIL{-15, "WRITEFAIL", "File write failure."};
 constinit inline const Result_t RESULT_NETWORK{-20, "NETWORK", "Network exchange failure."};
+///@}
 
 }  // namespace Mirel

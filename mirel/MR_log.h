@@ -11,17 +11,18 @@
 
 namespace Mirel {
 
+/// What kind of entry it is. How severe one is, is another order: see ILogSink.
 enum LogType_t {
-    LOG_DEBUG = 0,
-    LOG_INFO = 1,
-    LOG_WARN = 2,
-    LOG_ERROR = 3,
-    LOG_NOTICE = 4,
-    LOG_ALERT = 5,
-    LOG_CRIT = 6,
+    LOG_DEBUG = 0,   ///< for finding faults: each posting, call and firing
+    LOG_INFO = 1,    ///< nothing to do
+    LOG_WARN = 2,    ///< goes on as it should, but somebody should look
+    LOG_ERROR = 3,   ///< something was not done
+    LOG_NOTICE = 4,  ///< of interest in ordinary operation: starts, ends, what was let go
+    LOG_ALERT = 5,   ///< must be acted on at once
+    LOG_CRIT = 6,    ///< the process cannot go on
 };
 
-/// "debug", "info", "warn", "error", "notice", "alert" or "crit".
+/// The level's name: "debug", "info", "warn", "error", "notice", "alert" or "crit".
 MR_EXPORT const char* LogTypeName(LogType_t type);
 
 /// Reads such a name (any letter case); false when `name` is none, `type` is then left alone.
@@ -37,6 +38,9 @@ class MR_EXPORT ILogSink {
   public:
     virtual ~ILogSink() = default;
 
+    /// Each makes one entry of its type where the level lets it, from a printf format and its arguments. What
+    /// no descriptor takes is counted (LostLogEntries). Throws std::bad_alloc at most.
+    ///@{
     void Debug(const char* format, ...) __attribute__((format(printf, 2, 3)));
     void Info(const char* format, ...) __attribute__((format(printf, 2, 3)));
     void Notice(const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -44,9 +48,11 @@ class MR_EXPORT ILogSink {
     void Error(const char* format, ...) __attribute__((format(printf, 2, 3)));
     void Crit(const char* format, ...) __attribute__((format(printf, 2, 3)));
     void Alert(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    ///@}
 
     /// The least severe entries that are still written. May be changed at any time.
     void Level(LogType_t level) { m_Level.store(level, std::memory_order_relaxed); }
+    /// The level; LOG_INFO at first.
     LogType_t Level() const { return m_Level.load(std::memory_order_relaxed); }
     /// Whether entries of this type are written: for callers whose arguments cost something to make.
     bool Logs(LogType_t type) const { return Severity(type) >= Severity(Level()); }
@@ -63,7 +69,8 @@ class MR_EXPORT ILogSink {
         constexpr int severities[] = {0, 1, 3, 4, 2, 6, 5};  // by enumerator, debug first
         return severities[type];
     }
-    void Format(LogType_t type, const char* format, va_list arguments) __attribute__((format(printf, 3, 0)));
+    MR_HIDDEN void Format(LogType_t type, const char* format, va_list arguments)
+        __attribute__((format(printf, 3, 0)));
 
     std::atomic<LogType_t> m_Level{LOG_INFO};
 };
@@ -79,10 +86,12 @@ MR_EXPORT ILogSink* SetDefaultLogSink(ILogSink* sink);
 /// to report itself.
 MR_EXPORT ui64_t LostLogEntries();
 
-/// Writes whole lines to a descriptor that it does not own, from any thread. A line is one write, so lines of
-/// other processes do not tear it either, where the kernel keeps a write whole (on a pipe up to 4096 bytes).
+/// What the two sinks below write with, and not for others: writes whole lines to a descriptor that it does
+/// not own, from any thread. A line is one write, so lines of other processes do not tear it either, where
+/// the kernel keeps a write whole (on a pipe up to 4096 bytes).
 class LineWriter {
   public:
+    /// `descriptor` must stay open as long as the writer lives.
     explicit LineWriter(int descriptor) : m_Descriptor(descriptor) {}
 
     /// `line` ends in its newline. Waits where the descriptor cannot take it now; counts it as lost where it
@@ -95,9 +104,10 @@ class LineWriter {
 };
 
 /// Writes lines "2026-01-31T12:00:00.123Z ERROR [EventQueue::Main] message" to a descriptor it does not own.
-/// The text is UTF-8: bytes that are not become \xHH, as control characters do.
+/// The text is UTF-8: bytes that are not become `\xHH`, as control characters do.
 class MR_EXPORT TextLogSink : public ILogSink {
   public:
+    /// `descriptor` must stay open as long as the sink lives.
     explicit TextLogSink(int descriptor) : m_Writer(descriptor) {}
 
   private:
@@ -109,6 +119,7 @@ class MR_EXPORT TextLogSink : public ILogSink {
 /// become U+FFFD.
 class MR_EXPORT JSONLogSink : public ILogSink {
   public:
+    /// `descriptor` must stay open as long as the sink lives.
     explicit JSONLogSink(int descriptor) : m_Writer(descriptor) {}
 
   private:
@@ -117,7 +128,7 @@ class MR_EXPORT JSONLogSink : public ILogSink {
 };
 
 /// Text from outside made safe for one line of a log: control characters and bytes that are no UTF-8 become
-/// \n, \t, \xHH. The sinks do this to every message; it is for lines that go elsewhere.
+/// `\n`, `\t`, `\xHH`. The sinks do this to every message; it is for lines that go elsewhere.
 MR_EXPORT std::string EscapeForLog(std::string_view text);
 
 }  // namespace Mirel

@@ -5,7 +5,9 @@
 #include <condition_variable>
 #include <mutex>
 
-// Clang's capability annotations (https://clang.llvm.org/docs/ThreadSafetyAnalysis.html); nothing elsewhere.
+/// Clang's capability annotations (https://clang.llvm.org/docs/ThreadSafetyAnalysis.html), which its
+/// `-Wthread-safety` checks; nothing elsewhere.
+///@{
 #if defined(__clang__)
 #define MR_THREAD_ANNOTATION(x) __attribute__((x))
 #else
@@ -15,16 +17,14 @@
 #define CAPABILITY(x) MR_THREAD_ANNOTATION(capability(x))
 #define SCOPED_CAPABILITY MR_THREAD_ANNOTATION(scoped_lockable)
 #define GUARDED_BY(x) MR_THREAD_ANNOTATION(guarded_by(x))
-#define PT_GUARDED_BY(x) MR_THREAD_ANNOTATION(pt_guarded_by(x))
 #define ACQUIRED_BEFORE(...) MR_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
-#define ACQUIRED_AFTER(...) MR_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 #define REQUIRES(...) MR_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define ACQUIRE(...) MR_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) MR_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define TRY_ACQUIRE(...) MR_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define EXCLUDES(...) MR_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define RETURN_CAPABILITY(x) MR_THREAD_ANNOTATION(lock_returned(x))
 #define NO_THREAD_SAFETY_ANALYSIS MR_THREAD_ANNOTATION(no_thread_safety_analysis)
+///@}
 
 namespace Mirel {
 
@@ -35,8 +35,11 @@ class CAPABILITY("mutex") Mutex {
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
+    /// Waits until no other thread holds the mutex.
     void Lock() ACQUIRE() { m_Mutex.lock(); }
+    /// Only for the thread that holds it.
     void Unlock() RELEASE() { m_Mutex.unlock(); }
+    /// False, without waiting, where a thread holds it.
     bool TryLock() TRY_ACQUIRE(true) { return m_Mutex.try_lock(); }
 
   private:
@@ -47,6 +50,7 @@ class CAPABILITY("mutex") Mutex {
 /// Locks a mutex for the life of the object.
 class SCOPED_CAPABILITY AutoMutex {
   public:
+    /// Locks `mutex`, which must outlive this object.
     explicit AutoMutex(Mutex& mutex) ACQUIRE(mutex) : m_Mutex(mutex) { m_Mutex.Lock(); }
     ~AutoMutex() RELEASE() { m_Mutex.Unlock(); }
     AutoMutex(const AutoMutex&) = delete;
@@ -59,13 +63,14 @@ class SCOPED_CAPABILITY AutoMutex {
 /// A condition that threads wait for under a mutex. Waits may wake without cause: test the condition again.
 class Condition {
   public:
+    /// Lets `mutex`, which the caller holds, go for the time of the wait, and holds it again when it returns.
     void Wait(Mutex& mutex) REQUIRES(mutex) {
         std::unique_lock<std::mutex> held(mutex.m_Mutex, std::adopt_lock);
         m_Condition.wait(held);
         held.release();
     }
 
-    /// False when `deadline` has passed.
+    /// The same, but no longer than until `deadline`. False when that has passed.
     bool WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) REQUIRES(mutex) {
         std::unique_lock<std::mutex> held(mutex.m_Mutex, std::adopt_lock);
         const bool in_time = m_Condition.wait_until(held, deadline) == std::cv_status::no_timeout;
@@ -73,7 +78,9 @@ class Condition {
         return in_time;
     }
 
+    /// Wakes one of the threads that wait, if any. With or without the mutex.
     void NotifyOne() { m_Condition.notify_one(); }
+    /// Wakes all threads that wait.
     void NotifyAll() { m_Condition.notify_all(); }
 
   private:

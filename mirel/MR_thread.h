@@ -22,6 +22,9 @@ namespace Mirel {
 /// destructor (the hooks are gone by the time the base's destructor waits).
 ///
 /// All public operations may be called from any thread; Start() at most once.
+///
+/// Binary interface: the hooks in this order and then the destructor are the first virtual operations of
+/// every class that is derived first from this one. Nothing may be moved, or put in front or between.
 class MR_EXPORT Thread {
   public:
     Thread(const Thread&) = delete;
@@ -60,6 +63,7 @@ class MR_EXPORT Thread {
     static std::string_view CurrentNameView();
 
   private:
+    // The hooks (see above); their order is part of the binary interface.
     virtual Result_t ThreadInit() = 0;
     virtual Result_t ThreadBody() = 0;
     virtual Result_t ThreadFini(Result_t result) = 0;
@@ -76,7 +80,7 @@ class MR_EXPORT Thread {
     void WaitUntilFinished();
 
   private:
-    struct Run;  // outlives the Thread object where need be: shared with the thread itself
+    struct MR_HIDDEN Run;  // outlives the Thread object where need be: shared with the thread itself
     std::shared_ptr<Run> m_Run;
 };
 

@@ -31,8 +31,10 @@ class MR_EXPORT Timestamp {
   public:
     /// Now.
     Timestamp();
+    /// The time so many microseconds after 1970-01-01T00:00:00Z (before it, where negative).
     static Timestamp FromMicroseconds(i64_t since_epoch) { return Timestamp(since_epoch); }
 
+    /// Microseconds since 1970-01-01T00:00:00Z.
     i64_t Microseconds() const { return m_Microseconds; }
 
     /// Forward, or back where `seconds` is negative; stays at the last time there is rather than wrap.
@@ -42,6 +44,7 @@ class MR_EXPORT Timestamp {
     /// `buf`. Where `len` is below 26 the text is empty (nothing is written where it is 0). Years outside
     /// 0001 to 9999 are written as the nearest time inside.
     char* EncodeString(char* buf, ui32_t len) const;
+    /// The text form, as EncodeString() writes it.
     std::string Text() const;
 
     /// Reads a text form with any offset ("…Z" and "…+hh:mm"; a fraction of a second is taken to the
@@ -50,6 +53,7 @@ class MR_EXPORT Timestamp {
     /// to 9999, text before or behind, null. The timestamp is then left as it was.
     bool DecodeString(const char* text);
 
+    /// The later time is the greater, to the microsecond.
     friend auto operator<=>(const Timestamp&, const Timestamp&) = default;
 
   private:
@@ -62,22 +66,27 @@ class MR_EXPORT Timestamp {
 template <std::size_t SIZE>
 class Identifier {
   public:
+    /// Number of bytes.
     static constexpr ui32_t Size = SIZE;
 
+    /// False until a value was given.
     bool HasValue() const { return m_HasValue; }
+    /// The `Size` bytes, all 0 where there is no value.
     const byte_t* Value() const { return m_Value; }
+    /// Copies `Size` bytes from `value`.
     void Set(const byte_t* value) {
         std::memmove(m_Value, value, SIZE);
         m_HasValue = true;
     }
 
-    bool m_HasValue = false;
-    byte_t m_Value[SIZE] = {};
+    bool m_HasValue = false;    ///< whether m_Value is one
+    byte_t m_Value[SIZE] = {};  ///< the bytes
 };
 
 /// A 16-byte identifier; no value when constructed. Equal when the 16 bytes are.
 class UUID : public Identifier<16> {
   public:
+    /// Compares the bytes only; two without a value are equal.
     friend bool operator==(const UUID& lhs, const UUID& rhs) {
         return std::memcmp(lhs.m_Value, rhs.m_Value, Size) == 0;
     }
@@ -96,6 +105,7 @@ MR_EXPORT void GenRandomBytes(byte_t* bytes, std::size_t size);
 /// Writes the text of `count` bytes (16 for a UUID: 36 characters in lower case) and a NUL into `buf` of
 /// `len` bytes, and returns `buf`; null, and nothing written, when `count` is not 16 or `len` below 37.
 MR_EXPORT char* bin2UUIDhex(const byte_t* bytes, ui32_t count, char* buf, ui32_t len);
+/// The same 36 characters as a string.
 MR_EXPORT std::string UUIDText(const UUID& id);
 
 /// Reads the 36 characters back (either letter case). False for everything else; `id` is then left as it was.

@@ -558,7 +558,9 @@ static std::string_view record_time(const PListItem& record) {
     return static_cast<const PListDict&>(record).GetData(Strings::timestamp).TextView();
 }
 
-/// Whether the index is as long as the history and begins with its first record.
+/// Whether the index is as long as the history and begins with its first record. It does not where memory ran
+/// out between a record and its run (AppendHistory), or between the runs and their records (TrimHistory):
+/// what no run covers would never leave.
 bool EventQueue::HistoryIsIndexed() const {
     if (m_HistoryIndexed != m_EventHistory.Size()) return false;
     return m_HistoryIndexed == 0 || record_time(m_EventHistory.Front()) == m_HistoryRuns.front().timestamp;

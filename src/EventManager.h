@@ -26,6 +26,7 @@
 #include "VL_PList.h"
 #include "VL_WebSocket.h"
 
+/// The event manager module.
 namespace EventManager {
 
 using Mirel::i32_t;
@@ -49,52 +50,54 @@ using Velmora::WebSocketBroadcastManager;
 
 /// Every key of every dictionary that the module reads or writes, and those that servers publish beside them.
 namespace Strings {
-inline const std::string callback = "callback";
-inline const std::string config = "config";
-inline const std::string event_data = "event_data";
-inline const std::string event_list = "event_list";
-inline const std::string event_name = "event_name";
-inline const std::string events = "events";
-inline const std::string history = "history";
-inline const std::string id = "id";
-inline const std::string interval_sec = "interval_sec";
-inline const std::string listener_data = "listener_data";
-inline const std::string listener_id = "listener_id";
-inline const std::string listener_list = "listener_list";
-inline const std::string listeners = "listeners";
-inline const std::string max_listeners = "max_listeners";
-inline const std::string max_watches = "max_watches";
-inline const std::string once = "once";
-inline const std::string path = "path";
-inline const std::string post_data = "post_data";
-inline const std::string queue = "queue";
-inline const std::string start_time = "start_time";
-inline const std::string timer_data = "timer_data";
-inline const std::string timer_id = "timer_id";
-inline const std::string timer_list = "timer_list";
-inline const std::string timers = "timers";
-inline const std::string timestamp = "timestamp";
-inline const std::string watch = "watch";
-inline const std::string watches = "watches";
-inline const std::string watch_data = "watch_data";
-inline const std::string watch_list = "watch_list";
-inline const std::string EventManager = "EventManager";
-inline const std::string Timeout_ms = "Timeout_ms";
-inline const std::string StateFile = "StateFile";
-inline const std::string MaxListeners = "MaxListeners";
-inline const std::string MaxWatches = "MaxWatches";
-inline const std::string Timers = "Timers";
-inline const std::string KeepRepeating = "KeepRepeating";
+inline const std::string callback = "callback";            ///< where a listener is called
+inline const std::string config = "config";                ///< for servers: the configuration
+inline const std::string event_data = "event_data";        ///< an event's own data
+inline const std::string event_list = "event_list";        ///< the events of the queue state document
+inline const std::string event_name = "event_name";        ///< the name of an event
+inline const std::string events = "events";                ///< for servers: the events
+inline const std::string history = "history";              ///< the array of the history document
+inline const std::string id = "id";                        ///< the id of a listener or timer
+inline const std::string interval_sec = "interval_sec";    ///< a timer's interval, in seconds
+inline const std::string listener_data = "listener_data";  ///< a listener's own data
+inline const std::string listener_id = "listener_id";      ///< for servers: the id of a listener
+inline const std::string listener_list = "listener_list";  ///< an event's listeners
+inline const std::string listeners = "listeners";          ///< for servers: the listeners of an event
+inline const std::string max_listeners = "max_listeners";  ///< the limit on listeners
+inline const std::string max_watches = "max_watches";      ///< the limit on watches
+inline const std::string once = "once";                    ///< whether a watch was asked for one change only
+inline const std::string path = "path";                    ///< the watched path
+inline const std::string post_data = "post_data";          ///< what the poster handed over
+inline const std::string queue = "queue";                  ///< for servers: the queue
+inline const std::string start_time = "start_time";        ///< when a timer is due, as a timestamp
+inline const std::string timer_data = "timer_data";        ///< a timer's data, which it posts
+inline const std::string timer_id = "timer_id";            ///< for servers: the id of a timer
+inline const std::string timer_list = "timer_list";        ///< the timers of the queue state document
+inline const std::string timers = "timers";                ///< for servers: the timers
+inline const std::string timestamp = "timestamp";          ///< when a posting was made
+inline const std::string watch = "watch";                  ///< for servers: a watch
+inline const std::string watches = "watches";              ///< for servers: the watches
+inline const std::string watch_data = "watch_data";        ///< a watch's own data
+inline const std::string watch_list = "watch_list";        ///< the watches of the queue state document
+inline const std::string EventManager = "EventManager";    ///< the configuration's queue state document
+inline const std::string Timeout_ms = "Timeout_ms";  ///< milliseconds for a call and for a write to a client
+inline const std::string StateFile = "StateFile";    ///< where the queue is saved
+inline const std::string MaxListeners = "MaxListeners";    ///< the limit on listeners to begin with
+inline const std::string MaxWatches = "MaxWatches";        ///< the limit on watches to begin with
+inline const std::string Timers = "Timers";                ///< the dictionary about timers
+inline const std::string KeepRepeating = "KeepRepeating";  ///< whether repeating timers outlive being late
 }  // namespace Strings
 
 /// One registration of a callback on one event.
 class MR_EXPORT Listener {
   public:
-    UUID id;  // random, given at construction; the handle by which the listener is deleted
-    std::string callback;
-    PListDict data;
+    UUID id;               ///< random, given at construction; the handle by which the listener is deleted
+    std::string callback;  ///< "python://module", a URL, or a path on the server itself
+    PListDict data;  ///< goes with each call; where it is empty a URL is called with GET, else with POST
 
+    /// A listener with a new id and a copy of the data.
     Listener(const std::string& callback, const PListDict& data);
+    /// The same without data.
     explicit Listener(const std::string& callback);
 };
 
@@ -104,11 +107,13 @@ using listener_list_t = std::list<Listener>;
 /// One named event with its data and its listeners.
 class MR_EXPORT EventDistributor {
   public:
-    std::string name;
-    PListDict data;  // never changed after construction
-    listener_list_t listeners;
+    std::string name;           ///< any bytes
+    PListDict data;             ///< goes with each posting; never changed after construction
+    listener_list_t listeners;  ///< in order of creation
 
+    /// An event without listeners, with a copy of the data.
     EventDistributor(const std::string& name, const PListDict& data);
+    /// The same without data.
     explicit EventDistributor(const std::string& name);
 };
 
@@ -118,17 +123,20 @@ using event_map = std::map<std::string, EventDistributor>;
 /// Posts an event at a time, and again at an interval.
 class MR_EXPORT Timer {
   public:
-    UUID id;  // random, given at construction
-    std::string event_name;
-    PListDict data;
-    Timestamp start_time;  // when the timer is next due
-    i64_t interval_sec;    // below 1: fires once
+    UUID id;                 ///< random, given at construction
+    std::string event_name;  ///< what is posted, whether there is such an event or not
+    PListDict data;          ///< what is posted with it
+    Timestamp start_time;    ///< when the timer is next due
+    i64_t interval_sec;      ///< below 1: fires once
 
+    /// A timer with a new id and a copy of the data.
     Timer(const std::string& event_name, const i64_t& interval_sec, const Timestamp& start_time,
           const PListDict& data);
+    /// The same without data.
     Timer(const std::string& event_name, const i64_t& interval_sec, const Timestamp& start_time);
     /// A copy has the same id.
     Timer(const Timer& other);
+    /// The id as well.
     Timer& operator=(const Timer& other);
 };
 
@@ -137,28 +145,30 @@ using timer_list = std::list<Timer*>;
 
 /// Where a watch stands in its life.
 enum WatchMode_t {
-    WM_CREATE = 0,   // requested: the worker registers it with the kernel next
-    WM_RUNNING = 1,  // registered, waiting for changes
-    WM_FIRED = 2,    // a change was seen: the worker posts the event next
-    WM_DESTROY = 3,  // removal requested: the worker unregisters it next
-    WM_END = 4,      // over: the worker erases it next
-    WM_MAX = 5,      // the number of modes
+    WM_CREATE = 0,   ///< requested: the worker registers it with the kernel next
+    WM_RUNNING = 1,  ///< registered, waiting for changes
+    WM_FIRED = 2,    ///< a change was seen: the worker posts the event next
+    WM_DESTROY = 3,  ///< removal requested: the worker unregisters it next
+    WM_END = 4,      ///< over: the worker erases it next
+    WM_MAX = 5,      ///< the number of modes
 };
 
 /// Posts an event when a filesystem path changes.
 class MR_EXPORT Watch {
   public:
-    bool once;  // kept and reported; firing does not consult it
-    std::string path;
-    std::string event_name;
-    PListDict data;   // kept and reported; the posting does not carry it
-    int handle = -1;  // kernel watch descriptor; -1 while there is none
-    WatchMode_t mode = WM_CREATE;
+    bool once;                     ///< kept and reported; firing does not consult it
+    std::string path;              ///< of a file or directory
+    std::string event_name;        ///< what is posted
+    PListDict data;                ///< kept and reported; the posting does not carry it
+    int handle = -1;               ///< kernel watch descriptor; -1 while there is none
+    WatchMode_t mode = WM_CREATE;  ///< the worker's next step
 
+    /// A watch that is requested, with a copy of the data.
     Watch(const std::string& path, const std::string& event_name, const PListDict& data, bool once);
+    /// The same without data.
     Watch(const std::string& path, const std::string& event_name, bool once);
-    Watch(Watch&&) = default;
-    Watch& operator=(Watch&&) = default;
+    Watch(Watch&&) = default;             ///< of a watch there is one: it is moved, not copied
+    Watch& operator=(Watch&&) = default;  ///< as above
 };
 
 /// Watches by path, without regard to letter case.
@@ -170,6 +180,9 @@ using watch_map = std::map<const std::string, Watch, ci_comp>;
 /// A Python handler runs inside the posting that calls it, while the queue's locks are held: it must not call
 /// any operation of the queue, also not through the server's REST interface and waiting for the answer, for
 /// that call would wait for the handler and the handler for it, for ever.
+///
+/// Binary interface: the destructor and the operations in this order are what programs were compiled with.
+/// None may be moved, added or taken away within a major version.
 class MR_EXPORT IEventQueue {
   public:
     virtual ~IEventQueue() = default;
@@ -181,6 +194,7 @@ class MR_EXPORT IEventQueue {
     /// applied.
     virtual void SetQueueState(const PListDict& config) = 0;
 
+    /// The limit on listeners; 1024 at first.
     virtual i32_t GetMaxListeners() const = 0;
     /// An operation that creates is refused once there are more listeners than this over all events; so there
     /// can be one more. A negative value sets no limit.
@@ -198,10 +212,12 @@ class MR_EXPORT IEventQueue {
     /// STATUS_201_CREATED; STATUS_409_CONFLICT over the listener limit; STATUS_412_PRECOND_FAILED where the
     /// event exists. `event_data` may be null.
     virtual Status_t CreateEvent(const std::string& event_name, PListDict* event_data) = 0;
+    /// Deletes every event with its listeners. Calls that are under way go on.
     virtual void DeleteAllEvents() = 0;
     /// Posts the event with the data in `value` (may be null). False where there is no such event. Returns
     /// without waiting for any HTTP listener; Python handlers have run.
     virtual bool PostEvent(const std::string& event_name, const PListDict* value) = 0;
+    /// Deletes the event with its listeners. False where there is no such event.
     virtual bool DeleteEvent(const std::string& event_name) = 0;
     /// STATUS_201_CREATED, and only then `callback_id` is written; else, tested in this order:
     /// STATUS_409_CONFLICT over the limit, STATUS_404_NOT_FOUND without such an event, STATUS_400_BAD_REQ for
@@ -209,7 +225,9 @@ class MR_EXPORT IEventQueue {
     /// event has that callback already.
     virtual Status_t CreateEventListener(const std::string& event_name, const std::string& callback,
                                          const PListDict* listener_data, UUID& callback_id) = 0;
+    /// Deletes all listeners of the event. False where there is no such event.
     virtual bool DeleteListenersForEvent(const std::string& event_name) = 0;
+    /// Deletes one listener. False where there is no such event, or it has no such listener.
     virtual bool DeleteEventListener(const std::string& event_name, const UUID& id) = 0;
 
     /// Sets "timer_list".
@@ -222,9 +240,12 @@ class MR_EXPORT IEventQueue {
     /// and more. A timer found more than 10 seconds late is dropped. Always true.
     virtual bool CreateTimer(const std::string& event_name, const Timestamp& timestamp,
                              const i64_t& interval_sec, const PListDict* timer_data, UUID& timer_id) = 0;
+    /// Deletes every timer. Waits for the posting of one that is firing.
     virtual void DeleteAllTimers() = 0;
+    /// Deletes one timer, as above. False where there is no such timer.
     virtual bool DeleteTimer(const UUID& timer_id) = 0;
 
+    /// The limit on watches; 1024 at first.
     virtual i32_t GetMaxWatches() const = 0;
     /// A watch is refused once there are more than this; so there can be one more. Negative sets no limit.
     virtual void SetMaxWatches(i32_t max) = 0;
@@ -237,34 +258,36 @@ class MR_EXPORT IEventQueue {
     /// over the limit. A path that the kernel refuses is logged and dropped by the worker later.
     virtual bool CreateWatch(const std::string& path, const std::string& event_name,
                              const PListDict* watch_data, const bool& once) = 0;
+    /// Deletes every watch at once; the kernel's part of them is given back when the worker ends.
     virtual void DeleteAllWatches() = 0;
-    /// Marks the watch for removal by the worker's next pass; it is reported until it is gone.
+    /// Marks the watch for removal by the worker's next pass; it is reported until it is gone. False where
+    /// the path (in any letter case) is not watched.
     virtual bool DeleteWatch(const std::string& path) = 0;
 };
 
 /// What the queue has done so far and holds now, for the process that runs it. Sizes are read without
 /// waiting: while a posting keeps a registry busy, they are those of an earlier reading.
 struct QueueStatistics {
-    bool Installed = false;      // there is a live queue
-    bool WorkerRunning = false;  // from when the restored watches are the kernel's, to its end
-    bool WorkerEnded = false;
-    ui64_t Passes = 0;
-    ui64_t SinceLastPass_ms = 0;  // since the end of the last pass, or since the start of the worker
-    ui64_t LastPass_us = 0;       // its work, without the wait
-    ui64_t PassTime_us = 0;       // the same, added up over all passes
-    ui64_t Postings = 0;          // of existing events
-    ui64_t TimerPostings = 0;     // what timers and watches posted, existing event or not
-    ui64_t WatchPostings = 0;
-    ui64_t ExpiredTimers = 0;  // found too late to fire
-    ui64_t Saves = 0;
-    ui64_t FailedSaves = 0;
-    bool LastSaveFailed = false;
-    ui64_t Events = 0;
-    ui64_t Listeners = 0;
-    ui64_t Timers = 0;
-    ui64_t Watches = 0;
-    ui64_t HistoryRecords = 0;
-    ui64_t CallersUnreaped = 0;
+    bool Installed = false;       ///< there is a live queue
+    bool WorkerRunning = false;   ///< from when the restored watches are the kernel's, to its end
+    bool WorkerEnded = false;     ///< it ran, and does not any more: nothing fires
+    ui64_t Passes = 0;            ///< of the worker so far
+    ui64_t SinceLastPass_ms = 0;  ///< since the end of the last pass, or since the start of the worker
+    ui64_t LastPass_us = 0;       ///< its work, without the wait
+    ui64_t PassTime_us = 0;       ///< the same, added up over all passes
+    ui64_t Postings = 0;          ///< of existing events, by whomever
+    ui64_t TimerPostings = 0;     ///< what timers posted, existing event or not
+    ui64_t WatchPostings = 0;     ///< what watches posted, existing event or not
+    ui64_t ExpiredTimers = 0;     ///< found too late to fire
+    ui64_t Saves = 0;             ///< that succeeded
+    ui64_t FailedSaves = 0;       ///< that did not
+    bool LastSaveFailed = false;  ///< what is on the disk is an earlier state
+    ui64_t Events = 0;            ///< now
+    ui64_t Listeners = 0;         ///< now, over all events
+    ui64_t Timers = 0;            ///< now
+    ui64_t Watches = 0;           ///< now, those that are about to go included
+    ui64_t HistoryRecords = 0;    ///< now
+    ui64_t CallersUnreaped = 0;   ///< calls to listeners, under way or not yet looked at by the worker
 };
 
 /// The live queue: the registries, and the worker thread that fires timers and watches, reaps callers and
@@ -272,6 +295,9 @@ struct QueueStatistics {
 ///
 /// Locks, in the order in which they are taken: m_SaveLock; m_TimerLock or m_WatchLock (never both);
 /// m_EventLock; m_HistoryLock. Nothing is saved while one of the registries' locks is held.
+///
+/// Binary interface: the operations are declared in the interface's order, since they stand once more behind
+/// the thread's.
 class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
   public:
     /// `timeout_ms`: of requests to listeners, and of writes to WebSocket clients that make no progress.
@@ -475,7 +501,9 @@ class MR_EXPORT NilEventQueue : public IEventQueue {
 /// configuration: "Timeout_ms", "BindAddress" ("ListenPort", "TLSIdentity"), "EventManager" (a queue state
 /// document, applied before anything is saved), "StateFile", and the limits to begin with, "MaxListeners" and
 /// "MaxWatches" (1024 each where they are absent). "Timers" {"KeepRepeating": true} keeps repeating timers
-/// that are found too late: each fires next at the first of its times that is still to come.
+/// that are found too late: each fires next at the first of its times that is still to come. Answers what the
+/// start of the worker does (RESULT_THREAD: no thread was to be had; the queue is there, but nothing fires).
+/// This and the functions below may be called from any thread.
 MR_EXPORT Result_t InitEventQueue(const PListDict& dict);
 
 /// The same, with a hook for the process that runs the queue: `restored` (may be empty) is called once the
@@ -487,11 +515,13 @@ MR_EXPORT Result_t RestoreEventQueue(const PListDict& dict, const std::function<
 MR_EXPORT IEventQueue& GlobalEventQueue();
 
 /// Stops the live queue's worker and waits for the end of its pass (at most 10 seconds). The queue stays and
-/// answers, but nothing fires any more.
+/// answers, but nothing fires any more. RESULT_TIMEOUT where the pass has not ended by then; RESULT_OK
+/// without a live queue.
 MR_EXPORT Result_t StopEventQueue();
 
 /// Saves the live queue's document once more, for the end of a process: what fired or ended since the last
-/// change is then not restored. RESULT_OK too where no state file is configured.
+/// change is then not restored. RESULT_OK too where no state file is configured; otherwise what writing the
+/// file answers, which is logged as well.
 MR_EXPORT Result_t SaveEventQueue();
 
 /// Applies a queue state document to the live queue as SetQueueState does, but saves once, when the last
@@ -500,7 +530,8 @@ MR_EXPORT Result_t SaveEventQueue();
 /// InitEventQueue.
 MR_EXPORT void ApplyQueueState(const PListDict& document);
 
-/// May be called from any thread at any time.
+/// What the live queue has done and holds; all 0 and false without one. May be called from any thread at any
+/// time.
 MR_EXPORT QueueStatistics GetQueueStatistics();
 
 }  // namespace EventManager

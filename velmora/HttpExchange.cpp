@@ -12,6 +12,7 @@
 #include "CurlHandle.h"
 #include "LocalAccessManager.h"
 #include "MR_log.h"
+#include "OwnServer.h"
 
 namespace Velmora {
 

@@ -12,6 +12,7 @@
 
 #include "MR_mutex.h"
 #include "MR_util.h"
+#include "OwnServer.h"
 
 namespace LocalAccessManager {
 

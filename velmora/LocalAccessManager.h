@@ -8,11 +8,13 @@
 #include "MR_types.h"
 #include "VL_HTTP.h"
 
+/// Calls of this process to its own server.
 namespace LocalAccessManager {
 
 /// Tells where this process's own server takes its calls: at the address and port that `listener`, a bound
 /// socket, has; one that is bound to every address is reached over loopback of its family. From now on calls
-/// to the server itself bear the credential. A later call replaces what an earlier one said. Any thread.
+/// to the server itself bear the credential. A later call replaces what an earlier one said. RESULT_PARAM
+/// with the system's reason, and nothing changed, where `listener` has no address. Any thread.
 MR_EXPORT Mirel::Result_t ServerListens(int listener);
 
 /// The server takes no more calls: from now on nobody is told the credential. Any thread.
@@ -31,9 +33,5 @@ class MR_EXPORT SelfAuthRestCallback {
 /// Whether the value of a request's Authorization header is this process's own credential. Compares in
 /// constant time. May be called from any thread.
 MR_EXPORT bool IsSelfAuthorized(std::string_view authorization);
-
-/// "address:port" of ServerListens(), an IPv6 address in brackets; empty while it is not known. For the
-/// client, which connects there and nowhere else when a call bears the credential.
-std::string OwnServerAddress();
 
 }  // namespace LocalAccessManager

@@ -12,23 +12,24 @@
 #include "MR_types.h"
 #include "VL_PListText.h"
 
+/// The framework library: property lists, URLs and the HTTP client, broadcasting, sockets.
 namespace Velmora {
 
 using Mirel::Result_t;
 
-/// A boolean is one of the two types IT_TRUE and IT_FALSE.
+/// Types of items. A boolean is one of the two types IT_TRUE and IT_FALSE.
 enum ItemType_t {
-    IT_STRING = 0,
-    IT_TRUE = 1,
-    IT_FALSE = 2,
-    IT_INT = 3,
-    IT_INT64 = 4,
-    IT_REAL = 5,
-    IT_DATE = 6,
-    IT_DATA = 7,
-    IT_NULL = 8,
-    IT_DICT = 9,
-    IT_ARRAY = 10,
+    IT_STRING = 0,  ///< text
+    IT_TRUE = 1,    ///< true
+    IT_FALSE = 2,   ///< false
+    IT_INT = 3,     ///< an integer of 32 bits, signed
+    IT_INT64 = 4,   ///< an integer of 64 bits, signed
+    IT_REAL = 5,    ///< any other number
+    IT_DATE = 6,    ///< a date, as text
+    IT_DATA = 7,    ///< bytes, as base64 text
+    IT_NULL = 8,    ///< nothing
+    IT_DICT = 9,    ///< a PListDict
+    IT_ARRAY = 10,  ///< a PListArray
 };
 
 class PListArray;
@@ -59,6 +60,9 @@ struct PListInside;
 ///
 /// A program may derive from the three (to follow an item's life, say) and store what it derived by pointer;
 /// copies are plain items again.
+///
+/// Binary interface: the destructor and the virtual operations in this order are the first of every item.
+/// None may be moved, added in front or between, or added behind, where those of programs stand.
 class MR_EXPORT PListItem {
   public:
     virtual ~PListItem();
@@ -69,9 +73,9 @@ class MR_EXPORT PListItem {
     /// nothing changes.
     virtual void ForceType(const ItemType_t& type);
 
-    /// The item as an element of an XML property list: <string>, <true/>, <integer>, <real>, <date>, <data>
-    /// (base64), <dict>, <array>; null is an empty <string>. Text is escaped; what XML cannot hold (invalid
-    /// UTF-8, control characters) is replaced by U+FFFD.
+    /// The item as an element of an XML property list: `<string>`, `<true/>`, `<integer>`, `<real>`,
+    /// `<date>`, `<data>` (base64), `<dict>`, `<array>`; null is an empty `<string>`. Text is escaped; what
+    /// XML cannot hold (invalid UTF-8, control characters) is replaced by U+FFFD.
     virtual std::string CreateXMLElement() const = 0;
 
     /// A new deep copy, owned by the caller.
@@ -79,18 +83,21 @@ class MR_EXPORT PListItem {
 
     /// Appends nothing and replaces `out` by the item's JSON text (RFC 8259), always valid, which
     /// CreateFromJSON reads back with AnyDepth: different keys and texts stay different. Each byte that is
-    /// not UTF-8 is written as an escape from \udc80 to \udcff, half of a surrogate pair that stands for it
-    /// and for nothing else (RFC 8259, section 8.2, has strings with such halves). Numbers keep their text
+    /// not UTF-8 is written as an escape from `\udc80` to `\udcff`, half of a surrogate pair that stands for
+    /// it and for nothing else (RFC 8259, section 8.2, has strings with such halves). Numbers keep their text
     /// where JSON has such a number; 64-bit integers are exact; an infinity, or what is no number, is written
     /// as null. Dates and data are written as their text. Keys are written in their order. Always RESULT_OK.
     virtual Result_t EncodeJSON(std::string& out) const = 0;
 
+    /// What kind of item it is.
     ItemType_t GetType() const { return m_type; }
+    /// Whether it is of that type.
     bool HasType(ItemType_t type) const { return m_type == type; }
 
     /// How deep a JSON text from outside may be nested. What it is stored in adds levels of its own: whatever
     /// this library has written is to be read with AnyDepth, which needs no more of the stack.
     static constexpr std::size_t UsualDepth = 256;
+    /// No limit.
     static constexpr std::size_t AnyDepth = static_cast<std::size_t>(-1);
 
     /// Builds a tree from JSON text: any valid JSON value, nested at most `max_depth` levels, duplicate keys
@@ -105,11 +112,12 @@ class MR_EXPORT PListItem {
     friend MR_EXPORT bool operator==(const PListItem& lhs, const PListItem& rhs);
 
   protected:
+    /// An item of that type, which the derived class fills.
     explicit PListItem(ItemType_t type) : m_type(type) {}
-    PListItem(const PListItem&) = default;
-    PListItem& operator=(const PListItem&) = default;
+    PListItem(const PListItem&) = default;             ///< for derived classes: copies the type
+    PListItem& operator=(const PListItem&) = default;  ///< for derived classes: copies the type
 
-    ItemType_t m_type;
+    ItemType_t m_type;  ///< what GetType() tells
 };
 
 /// A scalar, held as text; the getters read that text as the type asked for. The text of IT_DATA is base64,
@@ -118,13 +126,15 @@ class MR_EXPORT PListData : public PListItem {
   public:
     /// Empty text.
     PListData();
-    explicit PListData(std::string_view text);
+    explicit PListData(std::string_view text);  ///< an IT_STRING
+    /// An IT_STRING.
     explicit PListData(const std::string& text) : PListData(std::string_view(text)) {}
+    /// An IT_STRING; `text` is not null.
     explicit PListData(const char* text) : PListData(std::string_view(text)) {}
-    explicit PListData(int value);
-    explicit PListData(long long value);
-    explicit PListData(double value);  ///< the shortest text that reads back as the same real, as "5.0"
-    explicit PListData(bool value);
+    explicit PListData(int value);        ///< an IT_INT
+    explicit PListData(long long value);  ///< an IT_INT64
+    explicit PListData(double value);     ///< the shortest text that reads back as the same real, as "5.0"
+    explicit PListData(bool value);       ///< an IT_TRUE or IT_FALSE
     /// The text as it stands, whether it reads as the type or not; a boolean's text is always "true" or
     /// "false", null's is empty. A type that is no scalar's makes an IT_STRING.
     PListData(ItemType_t type, std::string_view text);
@@ -132,10 +142,10 @@ class MR_EXPORT PListData : public PListItem {
     requires(!std::is_same_v<std::remove_cv_t<T>, char>) explicit PListData(T*) =
         delete;  // no pointer becomes a boolean
 
-    PListData(const PListData& other);
-    PListData(PListData&& other) noexcept;  ///< the other is left with an empty text
-    PListData& operator=(const PListData& other);
-    PListData& operator=(PListData&& other) noexcept;
+    PListData(const PListData& other);                 ///< shares a longer text
+    PListData(PListData&& other) noexcept;             ///< the other is left with an empty text
+    PListData& operator=(const PListData& other);      ///< type and text become the other's
+    PListData& operator=(PListData&& other) noexcept;  ///< the other is left with an empty text
     ~PListData() override;
 
     void ForceType(const ItemType_t& type) override;
@@ -143,8 +153,9 @@ class MR_EXPORT PListData : public PListItem {
     PListItem* Copy() const override;
     Result_t EncodeJSON(std::string& out) const override;
 
+    /// The value's text.
     std::string Text() const { return std::string(TextView()); }
-    /// Valid as long as the item is unchanged.
+    /// The same in place: valid as long as the item is unchanged.
     std::string_view TextView() const { return m_Text.View(); }
 
     /// Each reads the text as its type and answers whether it could; `value` is otherwise zero (false).
@@ -153,10 +164,12 @@ class MR_EXPORT PListData : public PListItem {
     /// boolean reads as 1 or 0, a real is cut towards zero where the type can hold it, and a number out of
     /// the type's range does not read. Booleans: "true", "yes" and "false", "no" in any letter case, and
     /// numbers, of which all but 0 are true.
+    ///@{
     bool GetValue(bool& value) const;
     bool GetValue(int& value) const;
     bool GetValue(long long& value) const;
     bool GetValue(double& value) const;
+    ///@}
     /// The same with a default for empty text, which an absent key has; false is answered then, too.
     bool GetValue(int& value, const int& default_value) const;
 
@@ -170,11 +183,11 @@ class MR_EXPORT PListData : public PListItem {
 /// change to an array of which there are copies costs one pointer per chunk and at most one chunk of items.
 class MR_EXPORT PListArray : public PListItem {
   public:
-    PListArray();
-    PListArray(const PListArray& other);
-    PListArray(PListArray&& other) noexcept;  ///< the other is left empty
-    PListArray& operator=(const PListArray& other);
-    PListArray& operator=(PListArray&& other) noexcept;
+    PListArray();                                        ///< an empty array
+    PListArray(const PListArray& other);                 ///< a deep copy
+    PListArray(PListArray&& other) noexcept;             ///< the other is left empty
+    PListArray& operator=(const PListArray& other);      ///< a deep copy; what was in it is destroyed
+    PListArray& operator=(PListArray&& other) noexcept;  ///< the other is left empty
     ~PListArray() override;
 
     std::string CreateXMLElement() const override;
@@ -189,10 +202,12 @@ class MR_EXPORT PListArray : public PListItem {
     /// As above, but takes a list's content over where nobody may hold any of it to change.
     void Append(PListItem&& item);
 
+    /// Number of items.
     std::size_t Size() const;
+    /// Whether there is none.
     bool Empty() const { return Size() == 0; }
 
-    /// Null beyond the end.
+    /// The item at `index`, counted from 0. Null beyond the end.
     const PListItem* GetItem(std::size_t index) const;
     /// As above, to be changed. Costs an own copy of the item's chunk where copies share it.
     PListItem* GetItem(std::size_t index);
@@ -206,11 +221,13 @@ class MR_EXPORT PListArray : public PListItem {
     /// under a lock and be destroyed after it. Pointers got from GetItem end; items stored by pointer stay
     /// where they are.
     PListArray TakeFirst(std::size_t count);
+    /// Removes and destroys all items.
     void Clear();
 
-    /// Walks the items; any change of the array ends the walk.
+    /// Walks the items; any change of the array ends the walk. A forward iterator of the standard library.
     class MR_EXPORT const_iterator {
       public:
+        /// @cond the standard library's names
         using iterator_category = std::forward_iterator_tag;
         using value_type = PListItem;
         using difference_type = std::ptrdiff_t;
@@ -230,6 +247,7 @@ class MR_EXPORT PListArray : public PListItem {
             return before;
         }
         bool operator==(const const_iterator&) const = default;
+        /// @endcond
 
       private:
         friend class PListArray;
@@ -237,7 +255,9 @@ class MR_EXPORT PListArray : public PListItem {
         const PListArray* m_Array = nullptr;
         std::size_t m_Index = 0;
     };
+    /// At the first item.
     const_iterator begin() const { return {this, 0}; }
+    /// Behind the last item.
     const_iterator end() const { return {this, Size()}; }
 
   private:
@@ -249,11 +269,11 @@ class MR_EXPORT PListArray : public PListItem {
 /// and removal cost the same in large dictionaries as in small ones, whoever chose the keys.
 class MR_EXPORT PListDict : public PListItem {
   public:
-    PListDict();
-    PListDict(const PListDict& other);
-    PListDict(PListDict&& other) noexcept;  ///< the other is left empty
-    PListDict& operator=(const PListDict& other);
-    PListDict& operator=(PListDict&& other) noexcept;
+    PListDict();                                       ///< an empty dictionary
+    PListDict(const PListDict& other);                 ///< a deep copy
+    PListDict(PListDict&& other) noexcept;             ///< the other is left empty
+    PListDict& operator=(const PListDict& other);      ///< a deep copy; what was in it is destroyed
+    PListDict& operator=(PListDict&& other) noexcept;  ///< the other is left empty
     ~PListDict() override;
 
     std::string CreateXMLElement() const override;
@@ -262,7 +282,7 @@ class MR_EXPORT PListDict : public PListItem {
     void Copy(const PListDict& other);
     Result_t EncodeJSON(std::string& out) const override;
 
-    /// Null when there is none.
+    /// The item under `key`. Null when there is none.
     const PListItem* GetItem(std::string_view key) const;
     /// As above, to be changed. Prefer HasItem, GetData, GetDict and GetArray for reading: this one makes
     /// later copies of the dictionary cost its size.
@@ -270,9 +290,11 @@ class MR_EXPORT PListDict : public PListItem {
 
     /// The scalar, dictionary or array under `key`; an empty one, which lives as long as the program, when
     /// there is nothing of that kind.
+    ///@{
     const PListData& GetData(std::string_view key) const;
     const PListDict& GetDict(std::string_view key) const;
     const PListArray& GetArray(std::string_view key) const;
+    ///@}
 
     /// Stores `item`, made with new and owned by nobody else, and takes ownership. The item stays where it is
     /// and may be changed through the pointer later. The item that is already there may be stored again,
@@ -283,7 +305,8 @@ class MR_EXPORT PListDict : public PListItem {
     /// As above, but takes a list's content over where nobody may hold any of it to change.
     void SetItem(std::string_view key, PListItem&& item);
 
-    /// Stores a scalar. Keys and texts may be views into what is being replaced.
+    /// Stores a scalar of the value's type. Keys and texts may be views into what is being replaced.
+    ///@{
     void SetValue(std::string_view key, std::string_view text);
     void SetValue(std::string_view key, const std::string& text) { SetValue(key, std::string_view(text)); }
     void SetValue(std::string_view key, const char* text) { SetValue(key, std::string_view(text)); }
@@ -291,6 +314,7 @@ class MR_EXPORT PListDict : public PListItem {
     void SetValue(std::string_view key, const long long& value);
     void SetValue(std::string_view key, const double& value);
     void SetValue(std::string_view key, const bool& value);
+    ///@}
     template <class T>
     requires(!std::is_same_v<std::remove_cv_t<T>, char>) void SetValue(std::string_view key, T* value) =
         delete;  // no pointer becomes a boolean
@@ -298,20 +322,26 @@ class MR_EXPORT PListDict : public PListItem {
     /// Removes and destroys the item under `key`, if there is one.
     void DeleteItem(std::string_view key);
 
+    /// Whether there is an item under `key`.
     bool HasItem(std::string_view key) const;
+    /// Number of entries.
     std::size_t Size() const;
+    /// Whether there is none.
     bool Empty() const { return Size() == 0; }
+    /// Removes and destroys all items.
     void Clear();
 
     /// What the iterator gives: valid as long as the dictionary is unchanged.
     struct Entry {
-        std::string_view key;
-        const PListItem& item;
+        std::string_view key;   ///< the entry's key
+        const PListItem& item;  ///< what stands under it
     };
 
-    /// Walks the entries in their order; any change of the dictionary ends the walk.
+    /// Walks the entries in their order; any change of the dictionary ends the walk. An input iterator of the
+    /// standard library.
     class MR_EXPORT const_iterator {
       public:
+        /// @cond the standard library's names
         using iterator_category = std::input_iterator_tag;
         using value_type = Entry;
         using difference_type = std::ptrdiff_t;
@@ -323,6 +353,7 @@ class MR_EXPORT PListDict : public PListItem {
         const_iterator& operator++();
         void operator++(int) { ++*this; }
         bool operator==(const const_iterator&) const = default;
+        /// @endcond
 
       private:
         friend class PListDict;
@@ -331,7 +362,9 @@ class MR_EXPORT PListDict : public PListItem {
         const PListBlock* m_Block = nullptr;  // null: at the end
         Mirel::ui32_t m_Index = 0;
     };
+    /// At the first entry.
     const_iterator begin() const;
+    /// Behind the last entry.
     const_iterator end() const { return {}; }
 
   private:

@@ -12,9 +12,11 @@ namespace Velmora {
 
 /// Makes an immutable text on the heap with one reference. Throws std::length_error from 4 GiB on.
 MR_EXPORT void* NewSharedText(std::string_view text);
+/// Adds a reference.
 MR_EXPORT void RetainSharedText(void* text) noexcept;
 /// Takes one reference back and frees the text with the last one.
 MR_EXPORT void ReleaseSharedText(void* text) noexcept;
+/// The text, as long as there is a reference.
 MR_EXPORT std::string_view ViewSharedText(const void* text) noexcept;
 
 /// A text in an object of SIZE bytes: up to SIZE - 1 bytes stand in place, a longer text stands on the heap
@@ -30,7 +32,9 @@ class CompactText {
     /// The longest text that needs no memory of its own.
     static constexpr std::size_t Inline = SIZE - 1;
 
+    /// An empty text.
     CompactText() noexcept { SetEmpty(); }
+    /// A copy of `text`. Throws std::length_error from 4 GiB on.
     explicit CompactText(std::string_view text) {
         if (text.size() > Inline) {
             SetShared(NewSharedText(text));
@@ -39,14 +43,17 @@ class CompactText {
         if (!text.empty()) std::memcpy(m_Bytes, text.data(), text.size());
         m_Bytes[SIZE - 1] = static_cast<Mirel::byte_t>(text.size());
     }
+    /// Shares a text that stands on the heap.
     CompactText(const CompactText& other) noexcept {
         std::memcpy(m_Bytes, other.m_Bytes, SIZE);
         if (IsShared()) RetainSharedText(Shared());
     }
+    /// The other is left empty.
     CompactText(CompactText&& other) noexcept {
         std::memcpy(m_Bytes, other.m_Bytes, SIZE);
         other.SetEmpty();
     }
+    /// Lets its own text go and takes the other's.
     CompactText& operator=(CompactText other) noexcept {
         Swap(other);
         return *this;
@@ -55,6 +62,7 @@ class CompactText {
         if (IsShared()) ReleaseSharedText(Shared());
     }
 
+    /// Exchanges the texts.
     void Swap(CompactText& other) noexcept {
         Mirel::byte_t bytes[SIZE];
         std::memcpy(bytes, m_Bytes, SIZE);

@@ -19,10 +19,10 @@ MR_EXPORT Mirel::Result_t SetSockNonBlocking(const int& descriptor);
 
 /// What a step on a stream came to.
 enum class StreamState {
-    Moved,    // bytes went, or the step is done
-    Blocked,  // nothing now: wait for what Interest() says, then do the same again
-    Closed,   // the peer is done
-    Failed,   // LastError() says why
+    Moved,    ///< bytes went, or the step is done
+    Blocked,  ///< nothing now: wait for what Interest() says, then do the same again
+    Closed,   ///< the peer is done
+    Failed,   ///< LastError() says why
 };
 
 /// The server's end of a connected stream socket, with TLS on top where there is one; owns both. Moved, not
@@ -31,19 +31,26 @@ enum class StreamState {
 /// that signal. Used by one thread at a time.
 class MR_EXPORT SocketStream {
   public:
+    /// Holds nothing.
     SocketStream() = default;
+    /// Takes the descriptor of a connected stream socket over.
     explicit SocketStream(int descriptor) : m_Descriptor(descriptor) {}
+    /// `from` holds nothing afterwards.
     SocketStream(SocketStream&& from) noexcept;
+    /// Closes what it held; `from` holds nothing afterwards.
     SocketStream& operator=(SocketStream&& from) noexcept;
     ~SocketStream() { Close(); }
 
+    /// Whether it holds a connection.
     bool Open() const { return m_Descriptor >= 0; }
+    /// The socket, still the stream's; -1 where it holds none.
     int Descriptor() const { return m_Descriptor; }
     /// The peer's address and port, for the log; "unknown" where there are none.
     std::string Peer() const;
 
     /// Speaks TLS from now on: `tls` (taken over) does its I/O on the descriptor.
     void Secure(ssl_st* tls);
+    /// Whether it speaks TLS.
     bool IsSecure() const { return m_TLS != nullptr; }
 
     /// Makes the socket fit for small messages: non-blocking, without Nagle's delay, TLS by the record. False
@@ -57,9 +64,11 @@ class MR_EXPORT SocketStream {
     /// the socket takes no more now. TLS may have made a record of what follows: where WriteCommitted() is
     /// not 0, the next call must offer the bytes behind `done`, and at least that many.
     StreamState Write(const char* data, std::size_t size, std::size_t& done);
-    StreamState Write(const iovec* pieces, std::size_t count, std::size_t& done);
+    StreamState Write(const iovec* pieces, std::size_t count, std::size_t& done);  ///< @copydoc Write
+    /// Bytes that the next Write() must offer at least; 0 where it may offer anything.
     std::size_t WriteCommitted() const { return m_WriteCommitted; }
 
+    /// Reads what is there, at most `size` bytes; `done` is how many.
     StreamState Read(char* data, std::size_t size, std::size_t& done);
     /// Reads and throws away what is there, bytes as they are on the wire; `done` is how much that was.
     StreamState Discard(std::size_t& done);
@@ -77,6 +86,7 @@ class MR_EXPORT SocketStream {
 
     /// Tells the peer that nothing more is coming.
     void EndWriting();
+    /// Closes the connection, over TLS without a word to the peer. Nothing where it holds none.
     void Close();
 
     /// Why a step Failed, or Prepare().

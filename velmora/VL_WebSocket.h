@@ -25,7 +25,9 @@ class MR_EXPORT BroadcastReader {
   public:
     virtual ~BroadcastReader() = default;
     /// One posting's JSON text, every posting since the adoption once and in order. Called on the
-    /// broadcaster's thread without a lock; every other client waits for it, so it must be quick.
+    /// broadcaster's thread without a lock; every other client waits for it, so it must be quick. It may post
+    /// and use the queue. `json` is good until it returns. A reader that throws, or is left behind by the
+    /// log (BroadcastOptions::LogLimit), is let go with a line in the log.
     virtual void OnPosting(std::string_view json) = 0;
     /// The broadcaster lets go of the reader, which it then destroys. Called once.
     virtual void OnClose() {}
@@ -37,7 +39,9 @@ class MR_EXPORT TCPSession {
   public:
     /// Holds nothing.
     TCPSession();
+    /// The other is empty afterwards.
     TCPSession(TCPSession&&) noexcept;
+    /// Closes what it held; the other is empty afterwards.
     TCPSession& operator=(TCPSession&&) noexcept;
     ~TCPSession();
 
@@ -46,9 +50,10 @@ class MR_EXPORT TCPSession {
     static TCPSession WebSocket(SocketStream stream, const std::string& peer, std::string_view received = {});
     /// The same on a connected stream socket that the session takes over.
     static TCPSession WebSocket(int descriptor, const std::string& peer, std::string_view received = {});
-    /// A reader inside the process.
+    /// A reader inside the process, which the log calls `name`. Without a reader the session is empty.
     static TCPSession Reader(std::unique_ptr<BroadcastReader> reader, const std::string& name);
 
+    /// Whether it holds nothing.
     bool Empty() const;
 
   private:
@@ -82,6 +87,7 @@ class MR_EXPORT WebSocketBroadcastManager {
   public:
     /// The usual options with this time-out. The thread is started with the first client.
     explicit WebSocketBroadcastManager(ui32_t timeout_ms);
+    /// With these options; times below 1 ms count as 1 ms.
     explicit WebSocketBroadcastManager(const BroadcastOptions& options);
     /// Closes all clients as CloseAll() does and ends the thread.
     ~WebSocketBroadcastManager();
@@ -110,17 +116,17 @@ class MR_EXPORT WebSocketBroadcastManager {
 
 /// What all broadcasters of the process have done so far.
 struct BroadcastCounters {
-    ui64_t Clients = 0;  // now
-    ui64_t Adopted = 0;
-    ui64_t Postings = 0;         // encoded and put into the log
-    ui64_t FramesDelivered = 0;  // handed to the kernel whole, added up over clients
-    ui64_t BytesDelivered = 0;
-    ui64_t SlowDisconnects =
-        0;  // left behind by the log, no progress within the time-out, no answer to a ping
-    ui64_t ProtocolErrors = 0;
-    ui64_t LogBytes = 0;  // now: the memory of all logs
+    ui64_t Clients = 0;          ///< clients and readers now
+    ui64_t Adopted = 0;          ///< clients and readers so far
+    ui64_t Postings = 0;         ///< encoded and put into the log
+    ui64_t FramesDelivered = 0;  ///< handed to the kernel whole, added up over clients
+    ui64_t BytesDelivered = 0;   ///< of those frames
+    /// Clients left behind by the log, without progress within the time-out, or without an answer to a ping.
+    ui64_t SlowDisconnects = 0;
+    ui64_t ProtocolErrors = 0;  ///< clients that broke the protocol
+    ui64_t LogBytes = 0;        ///< now: the memory of all logs
 };
-/// May be called from any thread.
+/// The counters as they are now, each for itself. May be called from any thread.
 MR_EXPORT BroadcastCounters GetBroadcastCounters();
 
 /// CloseAll() on every broadcaster of the process, for the end of a server.
