@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <deque>
 #include <new>
 #include <numeric>
@@ -8,27 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "NoMemory.h"
 #include "VL_PList.h"
-
-namespace {
-
-/// How often memory is still to be had on this thread; negative: always.
-thread_local int allocations_left = -1;
-
-}  // namespace
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    if (allocations_left == 0) throw std::bad_alloc();
-    if (allocations_left > 0) --allocations_left;
-    if (void* memory = std::malloc(size)) return memory;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -166,24 +146,21 @@ TEST(PListArray, SplitsAnywhere) {
 
 TEST(PListArray, IsWholeWhereMemoryRunsOutWhileItIsSplit) {
     for (const bool copied : {false, true}) {
-        for (int left = 0, done = 0; !done; ++left) {
+        for (int before = 0, refused = 1; refused; ++before) {
             PListArray array;
             for (int i = 0; i < 1000; ++i) array.Append(PListData(i));
             const PListArray copy = copied ? array : PListArray();
             PListArray taken;
-            allocations_left = left;
             try {
+                const Testing::NoMemory none(before);
                 taken = array.TakeFirst(700);
-                done = 1;
+                refused = 0;
             } catch (const std::bad_alloc&) {
             }
-            allocations_left = -1;
-            ASSERT_EQ(Numbers(taken).size(), done ? 700 : 0);
-            ASSERT_EQ(Numbers(array), [&] {
-                std::deque<int> rest(done ? 300 : 1000);
-                std::iota(rest.begin(), rest.end(), done ? 700 : 0);
-                return rest;
-            }());
+            std::deque<int> rest(refused ? 1000 : 300);
+            std::iota(rest.begin(), rest.end(), refused ? 0 : 700);
+            ASSERT_EQ(Numbers(array), rest);
+            ASSERT_EQ(taken.Size(), refused ? 0 : 700);
         }
     }
 }
