@@ -18,7 +18,7 @@ if(CMAKE_SCRIPT_MODE_FILE)
     endif()
     string(APPEND entries "    {\"${name}\", \"\\\"${digest}\\\"\", R\"VELMORA(${content})VELMORA\"},\n")
   endforeach()
-  file(WRITE ${OUTPUT} "#include \"ConsoleFiles.h\"\n\nnamespace Server {\n\n"
+  file(WRITE ${OUTPUT} "#include \"rest/ConsoleFiles.h\"\n\nnamespace Server {\n\n"
     "const ConsoleFile ConsoleFiles[] = {\n${entries}    {},\n};\n\n}  // namespace Server\n")
   return()
 endif()
@@ -38,6 +38,6 @@ function(velmora_embed_console target)
     COMMAND ${CMAKE_COMMAND} -DOUTPUT=${output} -DDIRECTORY=${directory} "-DFILES=${names}" -P ${VELMORA_EMBED_CONSOLE}
     DEPENDS ${paths} ${VELMORA_EMBED_CONSOLE}
     COMMENT "Embedding the console" VERBATIM)
-  target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/server/Console.cpp ${output})
+  target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/server/rest/Console.cpp ${output})
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/server)
 endfunction()

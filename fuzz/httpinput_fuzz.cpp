@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
-#include "ConnectionHead.h"
-#include "ConnectionInput.h"
-#include "Feed.h"
+#include "http/ConnectionInput.h"
+#include "http/FeedUpgrade.h"
+#include "http/RefuseHead.h"
 
 namespace {
 

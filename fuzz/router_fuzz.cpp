@@ -9,7 +9,7 @@
 
 #include "EventManager.h"
 #include "MR_log.h"
-#include "Router.h"
+#include "rest/Router.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "WebSocketFrame.cpp"  // local to the library
+#include "feed/Frame.cpp"  // local to the library
 
 namespace {
 

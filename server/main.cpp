@@ -14,16 +14,16 @@
 #include <memory>
 #include <thread>
 
-#include "CommandLine.h"
-#include "Config.h"
 #include "EventManager.h"
-#include "HttpServer.h"
 #include "MR_log.h"
-#include "Router.h"
-#include "StateFile.h"
 #include "VL_HTTP.h"
 #include "VL_Python.h"
 #include "VL_WebSocket.h"
+#include "config/CommandLine.h"
+#include "config/Config.h"
+#include "config/StateFile.h"
+#include "http/HttpServer.h"
+#include "rest/Router.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Who is let in when, and who is turned away.
-#include "Admission.h"
+#include "http/Admission.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The configuration file: what is read, and that every fault is named at its place.
-#include "Config.h"
+#include "config/Config.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,11 +8,11 @@
 #include <set>
 #include <sstream>
 
-#include "CommandLine.h"
 #include "EventManager.h"
-#include "Secrets.h"
-#include "StateFile.h"
 #include "Testing.h"
+#include "config/CommandLine.h"
+#include "config/Secrets.h"
+#include "config/StateFile.h"
 
 namespace Server {
 

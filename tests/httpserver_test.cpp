@@ -1,5 +1,5 @@
 // The server's connections, through real sockets.
-#include "HttpServer.h"
+#include "http/HttpServer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,12 +12,12 @@
 #include <optional>
 #include <thread>
 
-#include "Coroutine.h"
 #include "EventManager.h"
 #include "HttpClient.h"
 #include "RawClient.h"
 #include "Testing.h"
 #include "VL_WebSocket.h"
+#include "http/Coroutine.h"
 
 namespace Server {
 

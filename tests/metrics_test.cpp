@@ -14,8 +14,8 @@
 #include "HttpTestServer.h"
 #include "MR_log.h"
 #include "RawClient.h"
-#include "Router.h"
 #include "Testing.h"
+#include "rest/Router.h"
 
 namespace Server {
 

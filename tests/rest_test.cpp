@@ -6,18 +6,18 @@
 #include <set>
 
 #include "AskRouter.h"
-#include "Console.h"
-#include "ConsoleFiles.h"
 #include "EventManager.h"
-#include "Health.h"
 #include "HttpClient.h"
 #include "HttpTestServer.h"
 #include "NoMemory.h"
-#include "OpenApi.h"
-#include "Router.h"
 #include "SchemaCheck.h"
-#include "StateFile.h"
 #include "Testing.h"
+#include "config/StateFile.h"
+#include "rest/Console.h"
+#include "rest/ConsoleFiles.h"
+#include "rest/Health.h"
+#include "rest/OpenApi.h"
+#include "rest/Router.h"
 
 namespace Server {
 

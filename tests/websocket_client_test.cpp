@@ -1,8 +1,8 @@
 // One client of the feed and the log it is written from, at times that the test chooses. With the sources
 // inside, for the library hides them.
-#include "WebSocketClient.cpp"
-#include "WebSocketFrame.cpp"
-#include "WebSocketLog.cpp"
+#include "feed/FeedClient.cpp"
+#include "feed/Frame.cpp"
+#include "feed/FrameLog.cpp"
 
 #include <fcntl.h>
 #include <netinet/in.h>

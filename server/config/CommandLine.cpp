@@ -1,11 +1,11 @@
-#include "CommandLine.h"
+#include "config/CommandLine.h"
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <cstdio>
 
-#include "Access.h"
+#include "http/AccessPolicy.h"
 
 namespace Server {
 

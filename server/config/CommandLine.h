@@ -5,9 +5,9 @@
 #include <string>
 #include <utility>
 
-#include "Config.h"
 #include "MR_log.h"
 #include "MR_types.h"
+#include "config/Config.h"
 
 namespace Server {
 

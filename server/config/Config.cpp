@@ -1,4 +1,4 @@
-#include "Config.h"
+#include "config/Config.h"
 
 #include <arpa/inet.h>
 #include <sys/resource.h>
@@ -8,11 +8,11 @@
 #include <limits>
 #include <utility>
 
-#include "Access.h"
 #include "EventManager.h"
 #include "MR_util.h"
-#include "Secrets.h"
 #include "VL_HTTP.h"
+#include "config/Secrets.h"
+#include "http/AccessPolicy.h"
 
 namespace Server {
 

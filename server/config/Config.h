@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
-#include "HttpServer.h"
 #include "MR_error.h"
 #include "MR_log.h"
-#include "Shape.h"
 #include "VL_PList.h"
+#include "config/Shape.h"
+#include "http/HttpServerOptions.h"
 
 namespace Server {
 

@@ -3,11 +3,11 @@
 #include <set>
 #include <utility>
 
-#include "Config.h"
 #include "EventManager.h"
-#include "QueueShape.h"
-#include "Secrets.h"
 #include "VL_HTTP.h"
+#include "config/Config.h"
+#include "config/QueueShape.h"
+#include "config/Secrets.h"
 
 namespace Server {
 

@@ -3,9 +3,9 @@
 #include <set>
 #include <utility>
 
-#include "Config.h"
 #include "EventManager.h"
 #include "VL_HTTP.h"
+#include "config/Config.h"
 
 namespace Server {
 

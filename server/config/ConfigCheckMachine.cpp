@@ -8,14 +8,14 @@
 #include <set>
 #include <string_view>
 
-#include "Config.h"
 #include "EventManager.h"
-#include "Http.h"
-#include "HttpServerBind.h"
-#include "PythonModules.h"
-#include "StateFile.h"
-#include "TlsIdentity.h"
 #include "VL_HTTP.h"
+#include "config/Config.h"
+#include "config/PythonModules.h"
+#include "config/StateFile.h"
+#include "http/Http.h"
+#include "http/HttpServerBind.h"
+#include "http/TlsIdentity.h"
 
 namespace Server {
 

@@ -10,9 +10,9 @@
 
 #include <utility>
 
-#include "Config.h"
 #include "EventManager.h"
-#include "Secrets.h"
+#include "config/Config.h"
+#include "config/Secrets.h"
 
 namespace Server {
 

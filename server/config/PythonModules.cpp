@@ -3,8 +3,8 @@
 // (Python wants to be first)
 #include <memory>
 
-#include "PythonModules.h"
 #include "VL_Python.h"
+#include "config/PythonModules.h"
 
 namespace Server {
 

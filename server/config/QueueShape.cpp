@@ -1,4 +1,4 @@
-#include "QueueShape.h"
+#include "config/QueueShape.h"
 
 #include <limits>
 

@@ -6,7 +6,7 @@
 
 #include "MR_types.h"
 #include "MR_util.h"
-#include "Shape.h"
+#include "config/Shape.h"
 
 namespace Server {
 

@@ -1,4 +1,4 @@
-#include "Secrets.h"
+#include "config/Secrets.h"
 
 #include <algorithm>
 #include <string_view>

@@ -1,4 +1,4 @@
-#include "Shape.h"
+#include "config/Shape.h"
 
 #include <algorithm>
 #include <numeric>

@@ -1,4 +1,4 @@
-#include "StateFile.h"
+#include "config/StateFile.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

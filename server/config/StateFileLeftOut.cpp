@@ -6,9 +6,9 @@
 #include "EventManager.h"
 #include "MR_log.h"
 #include "MR_util.h"
-#include "Secrets.h"
-#include "Shape.h"
-#include "StateFile.h"
+#include "config/Secrets.h"
+#include "config/Shape.h"
+#include "config/StateFile.h"
 
 namespace Server {
 

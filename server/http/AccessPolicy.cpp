@@ -1,4 +1,4 @@
-#include "Access.h"
+#include "http/AccessPolicy.h"
 
 #include <arpa/inet.h>
 #include <openssl/crypto.h>

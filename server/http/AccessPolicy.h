@@ -6,9 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include "ConnectionParser.h"
-#include "Http.h"
-#include "HttpServer.h"
+#include "http/Http.h"
+#include "http/HttpServerOptions.h"
+#include "http/RequestParser.h"
 
 namespace Server {
 

@@ -1,4 +1,4 @@
-#include "Admission.h"
+#include "http/Admission.h"
 
 namespace Server {
 

@@ -1,4 +1,4 @@
-#include "Connection.h"
+#include "http/Connection.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -7,9 +7,9 @@
 #include <boost/asio/post.hpp>
 #include <utility>
 
-#include "ConnectionReply.h"
-#include "Feed.h"
 #include "MR_log.h"
+#include "http/FeedUpgrade.h"
+#include "http/ReplyForm.h"
 
 namespace Server {
 
@@ -57,7 +57,7 @@ Coroutine Connection::Serve(std::unique_ptr<Connection> /*self*/) {
             while (step == Step::Again && !m_Output.Full() && !Leaving()) {
                 step = NextStep();
                 if (step != Step::Admission) continue;
-                const bool admitted = co_await AdmissionWait(m_Shared.Crew, m_Shared.Io);
+                const bool admitted = co_await AdmissionWait(m_Shared.Pool, m_Shared.Io);
                 step = admitted ? AnswerAdmitted() : AnswerBusy();
             }
             // The answers go out before anything else is waited for.
@@ -211,7 +211,7 @@ ConnectionShared::ConnectionShared(const HttpServerOptions& options, HttpHandler
     : Options(options),
       Handler(handler),
       Io(io),
-      Crew(threads, working,
+      Pool(threads, working,
            {[&io] { io.run(); }, [&io](std::function<void()> call) { asio::post(io, std::move(call)); }}),
       OnFeed(options.MaxFeedClients) {}
 

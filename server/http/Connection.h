@@ -5,16 +5,16 @@
 #include <exception>
 #include <memory>
 
-#include "ConnectionInput.h"
-#include "ConnectionOutput.h"
-#include "ConnectionShared.h"
-#include "ConnectionWaits.h"
-#include "Coroutine.h"
 #include "VL_Socket.h"
+#include "http/ConnectionInput.h"
+#include "http/ConnectionOutput.h"
+#include "http/ConnectionShared.h"
+#include "http/ConnectionWaits.h"
+#include "http/Coroutine.h"
 
 namespace Server {
 
-/// Serves the connected, non-blocking socket until its end. On a thread of the crew.
+/// Serves the connected, non-blocking socket until its end. On a thread of the pool.
 void ServeConnection(ConnectionShared& shared, Velmora::SocketStream stream);
 
 /// Serves one connection. Its coroutine waits for one thing at a time, and whatever ends that goes on with

@@ -2,10 +2,10 @@
 #include <exception>
 #include <utility>
 
-#include "Connection.h"
-#include "ConnectionHead.h"
-#include "Feed.h"
 #include "MR_log.h"
+#include "http/Connection.h"
+#include "http/FeedUpgrade.h"
+#include "http/RefuseHead.h"
 
 namespace Server {
 
@@ -72,13 +72,13 @@ Connection::Step Connection::RequestComplete() {
 Connection::Step Connection::Answer() {
     if (!m_Route.MayBlock) return Respond(CallHandler());
     m_Life.Enter(Phase::Handling, 0);
-    if (!m_Shared.Crew.Enter()) return Step::Admission;
+    if (!m_Shared.Pool.Enter()) return Step::Admission;
     return Respond(CallHandlerAndLeave());
 }
 
 // The turn of a request that waited has come.
 Connection::Step Connection::AnswerAdmitted() {
-    m_Shared.Crew.Resumed();
+    m_Shared.Pool.Resumed();
     return Respond(CallHandlerAndLeave());
 }
 
@@ -88,10 +88,10 @@ Connection::Step Connection::AnswerBusy() {
     return Respond(busy());
 }
 
-// For a request that is inside the crew.
+// For a request that is inside the pool.
 HttpResponse Connection::CallHandlerAndLeave() {
-    const std::unique_ptr<AdmissionCrew, void (*)(AdmissionCrew*)> inside(
-        &m_Shared.Crew, [](AdmissionCrew* crew) { crew->Leave(); });
+    const std::unique_ptr<ThreadPool, void (*)(ThreadPool*)> inside(&m_Shared.Pool,
+                                                                    [](ThreadPool* pool) { pool->Leave(); });
     return CallHandler();
 }
 

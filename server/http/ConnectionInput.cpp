@@ -1,4 +1,4 @@
-#include "ConnectionInput.h"
+#include "http/ConnectionInput.h"
 
 namespace Server {
 

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <string_view>
 
-#include "ConnectionBuffer.h"
-#include "ConnectionParser.h"
+#include "http/ConnectionBuffer.h"
+#include "http/RequestParser.h"
 
 namespace Server {
 

@@ -1,4 +1,4 @@
-#include "ConnectionOutput.h"
+#include "http/ConnectionOutput.h"
 
 #include <utility>
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "ConnectionReply.h"
-#include "Http.h"
 #include "VL_Socket.h"
+#include "http/Http.h"
+#include "http/ReplyForm.h"
 
 namespace Server {
 

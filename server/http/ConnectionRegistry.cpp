@@ -1,4 +1,4 @@
-#include "ConnectionRegistry.h"
+#include "http/ConnectionRegistry.h"
 
 #include <sys/socket.h>
 

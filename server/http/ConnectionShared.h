@@ -4,13 +4,13 @@
 #include <atomic>
 #include <memory>
 
-#include "Access.h"
-#include "AdmissionCrew.h"
-#include "ConnectionRegistry.h"
-#include "Feed.h"
-#include "Http.h"
-#include "HttpServer.h"
-#include "TlsIdentity.h"
+#include "http/AccessPolicy.h"
+#include "http/ConnectionRegistry.h"
+#include "http/FeedUpgrade.h"
+#include "http/Http.h"
+#include "http/HttpServerOptions.h"
+#include "http/ThreadPool.h"
+#include "http/TlsIdentity.h"
 
 namespace boost::asio {
 class io_context;
@@ -19,7 +19,7 @@ class io_context;
 namespace Server {
 
 struct ConnectionShared {
-    /// A crew of `threads`, `working` of them at a time, that serve on `io`.
+    /// A pool of `threads`, `working` of them at a time, that serve on `io`.
     ConnectionShared(const HttpServerOptions& options, HttpHandler& handler, boost::asio::io_context& io,
                      unsigned threads, unsigned working);
 
@@ -31,7 +31,7 @@ struct ConnectionShared {
     std::unique_ptr<AccessPolicy> Policy;
 
     // Self-synchronised.
-    AdmissionCrew Crew;
+    ThreadPool Pool;
     ConnectionRegistry Registry;
     FeedPlaces OnFeed;
     std::atomic<bool> Stopping{false};

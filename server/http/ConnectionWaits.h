@@ -10,8 +10,8 @@
 #include <cstddef>
 #include <new>
 
-#include "AdmissionCrew.h"
 #include "MR_log.h"
+#include "http/ThreadPool.h"
 
 namespace Server {
 
@@ -99,16 +99,16 @@ class TurnWait {
     boost::asio::io_context& m_Io;
 };
 
-/// Until the request may go into the crew. Answers whether it is inside, not if its time is over or too many
+/// Until the request may go into the pool. Answers whether it is inside, not if its time is over or too many
 /// wait.
 class AdmissionWait : private AdmissionWaiter {
   public:
-    AdmissionWait(AdmissionCrew& crew, boost::asio::io_context& io) : m_Crew(crew), m_Io(io) {}
+    AdmissionWait(ThreadPool& pool, boost::asio::io_context& io) : m_Pool(pool), m_Io(io) {}
 
     bool await_ready() const noexcept { return false; }
     [[gnu::noinline]] bool await_suspend(std::coroutine_handle<> frame) {
         m_Frame = frame;
-        return m_Crew.Wait(*this);
+        return m_Pool.Wait(*this);
     }
     bool await_resume() const noexcept { return m_Admitted; }
 
@@ -117,17 +117,17 @@ class AdmissionWait : private AdmissionWaiter {
     void Resume(bool admitted) override {
         m_Admitted = admitted;
         const std::coroutine_handle<> frame = m_Frame;
-        AdmissionCrew& crew = m_Crew;
+        ThreadPool& pool = m_Pool;
         try {
             boost::asio::post(m_Io, [frame] { frame.resume(); });
         } catch (const std::bad_alloc&) {
             Mirel::DefaultLogSink().Error("A waiting request is dropped: out of memory\n");
             frame.destroy();
-            if (admitted) crew.GiveBack();
+            if (admitted) pool.GiveBack();
         }
     }
 
-    AdmissionCrew& m_Crew;
+    ThreadPool& m_Pool;
     boost::asio::io_context& m_Io;
     std::coroutine_handle<> m_Frame;
     bool m_Admitted = false;

@@ -1,12 +1,12 @@
-#include "Feed.h"
+#include "http/FeedUpgrade.h"
 
 #include <openssl/evp.h>
 
 #include <utility>
 
-#include "Access.h"
 #include "EventManager.h"
 #include "VL_WebSocket.h"
+#include "http/AccessPolicy.h"
 
 namespace Server {
 

@@ -8,9 +8,9 @@
 #include <string>
 #include <string_view>
 
-#include "ConnectionParser.h"
-#include "Http.h"
 #include "VL_Socket.h"
+#include "http/Http.h"
+#include "http/RequestParser.h"
 
 namespace Server {
 

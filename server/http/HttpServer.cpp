@@ -1,4 +1,4 @@
-#include "HttpServer.h"
+#include "http/HttpServer.h"
 
 #include <sys/socket.h>
 
@@ -12,10 +12,10 @@
 #include <thread>
 #include <utility>
 
-#include "Connection.h"
-#include "HttpServerBind.h"
 #include "LocalAccessManager.h"
 #include "MR_log.h"
+#include "http/Connection.h"
+#include "http/HttpServerBind.h"
 
 namespace Server {
 
@@ -122,7 +122,7 @@ Mirel::Result_t HttpServer::Impl::Serve() {
     if (m_Serving || !m_Acceptor->is_open()) return Mirel::RESULT_STATE;
     AwaitConnections();
     AwaitSweep();
-    const Mirel::Result_t started = m_Shared.Crew.Start([this] { m_Io->stop(); });
+    const Mirel::Result_t started = m_Shared.Pool.Start([this] { m_Io->stop(); });
     m_Serving = started.Success();
     return started;
 }
@@ -191,8 +191,8 @@ void HttpServer::Impl::Stop(Mirel::ui32_t limit_ms) {
         m_Shared.Registry.EndIdle(true);
     }
     m_Io->stop();
-    m_Shared.Crew.Join();
-    m_Shared.Crew.RefuseWaiters();
+    m_Shared.Pool.Join();
+    m_Shared.Pool.RefuseWaiters();
     m_Acceptor->close();
 }
 

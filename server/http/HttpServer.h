@@ -3,31 +3,13 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "Http.h"
 #include "MR_error.h"
 #include "MR_types.h"
+#include "http/Http.h"
+#include "http/HttpServerOptions.h"
 
 namespace Server {
-
-/// What a server is told once, before it binds.
-struct HttpServerOptions {
-    std::string Host = "127.0.0.1";
-    Mirel::ui16_t Port = 0;                 // 0: any free port
-    std::string TLSIdentity;                // PEM file with certificate chain and key; empty: plain HTTP
-    std::string AccessToken;                // empty: none wanted
-    std::vector<std::string> AllowedHosts;  // names beside the bound one, localhost and loopback addresses
-
-    std::size_t IOThreads = 0;  // 0: chosen from the number of cores
-    std::size_t MaxConnections = 4096;
-    std::size_t MaxFeedClients = 4096;
-    std::size_t BodyLimit = 1u << 20;
-    std::size_t HeaderLimit = 16u << 10;
-    Mirel::ui32_t IdleTimeout_ms = 75000;  // between requests
-    Mirel::ui32_t RequestTimeout_ms =
-        15000;  // from a request's first byte to its last, and to take the answer
-};
 
 struct HttpServerCounters {
     Mirel::ui64_t Connections = 0;  // now, without those on the feed

@@ -1,4 +1,4 @@
-#include "HttpServerBind.h"
+#include "http/HttpServerBind.h"
 
 #include <netdb.h>
 #include <netinet/in.h>

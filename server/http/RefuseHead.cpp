@@ -1,6 +1,6 @@
-#include "ConnectionHead.h"
+#include "http/RefuseHead.h"
 
-#include "Feed.h"
+#include "http/FeedUpgrade.h"
 
 namespace Server {
 

@@ -3,9 +3,9 @@
 
 #include <optional>
 
-#include "Access.h"
-#include "ConnectionParser.h"
-#include "Http.h"
+#include "http/AccessPolicy.h"
+#include "http/Http.h"
+#include "http/RequestParser.h"
 
 namespace Server {
 

@@ -1,4 +1,4 @@
-#include "ConnectionReply.h"
+#include "http/ReplyForm.h"
 
 #include <strings.h>
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "Http.h"
+#include "http/Http.h"
 
 namespace Server {
 

@@ -1,4 +1,4 @@
-#include "ConnectionParser.h"
+#include "http/RequestParser.h"
 
 #include <algorithm>
 #include <boost/beast/http/basic_parser.hpp>

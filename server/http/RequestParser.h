@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "ConnectionTarget.h"
-#include "Http.h"
+#include "http/Http.h"
+#include "http/RequestTarget.h"
 
 namespace Server {
 

@@ -1,4 +1,4 @@
-#include "ConnectionTarget.h"
+#include "http/RequestTarget.h"
 
 #include <algorithm>
 

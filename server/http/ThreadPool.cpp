@@ -1,4 +1,4 @@
-#include "AdmissionCrew.h"
+#include "http/ThreadPool.h"
 
 #include <pthread.h>
 
@@ -17,12 +17,12 @@ constexpr std::chrono::milliseconds WatchInterval{2};
 // How many quiet looks before the watch sleeps: waking it is a part of the request that does.
 constexpr unsigned QuietLooks = 50;
 
-// The calling thread's place in its crew.
+// The calling thread's place in its pool.
 thread_local std::atomic<unsigned>* t_sequence = nullptr;
 
 }  // namespace
 
-AdmissionCrew::AdmissionCrew(unsigned threads, unsigned working, Loop loop)
+ThreadPool::ThreadPool(unsigned threads, unsigned working, Loop loop)
     : m_Threads(threads),
       m_Working(working),
       m_Loop(std::move(loop)),
@@ -31,7 +31,7 @@ AdmissionCrew::AdmissionCrew(unsigned threads, unsigned working, Loop loop)
       m_AtWork(threads),
       m_Wanted(working) {}
 
-Mirel::Result_t AdmissionCrew::Start(const std::function<void()>& stop_loop) {
+Mirel::Result_t ThreadPool::Start(const std::function<void()>& stop_loop) {
     try {
         for (std::size_t i = 0; i < m_Threads; ++i) m_Running.emplace_back([this, i] { Serve(i); });
         m_Running.emplace_back([this] { Watch(); });
@@ -43,7 +43,7 @@ Mirel::Result_t AdmissionCrew::Start(const std::function<void()>& stop_loop) {
     return Mirel::RESULT_OK;
 }
 
-void AdmissionCrew::Join() {
+void ThreadPool::Join() {
     {
         Mirel::AutoMutex held(m_Lock);
         m_Ending = true;
@@ -54,7 +54,7 @@ void AdmissionCrew::Join() {
     m_Running.clear();
 }
 
-void AdmissionCrew::Serve(std::size_t index) {
+void ThreadPool::Serve(std::size_t index) {
     pthread_setname_np(pthread_self(), "Http::Serve");
     t_sequence = &m_Places[index].Sequence;
     if (index >= m_Working) Rest();
@@ -68,35 +68,35 @@ void AdmissionCrew::Serve(std::size_t index) {
     }
 }
 
-bool AdmissionCrew::Enter() {
+bool ThreadPool::Enter() {
     if (!m_Admission.TryEnter()) return false;
     Resumed();
     return true;
 }
 
-void AdmissionCrew::Resumed() {
+void ThreadPool::Resumed() {
     t_sequence->fetch_add(1);
     if (m_WatchAsleep.load()) WakeWatch();
 }
 
-void AdmissionCrew::Leave() {
+void ThreadPool::Leave() {
     t_sequence->fetch_add(1, std::memory_order_release);
     m_Admission.Leave();
 }
 
-bool AdmissionCrew::Wait(AdmissionWaiter& waiter) {
+bool ThreadPool::Wait(AdmissionWaiter& waiter) {
     return m_Admission.Wait(waiter);
 }
 
-void AdmissionCrew::GiveBack() {
+void ThreadPool::GiveBack() {
     m_Admission.Leave();
 }
 
-void AdmissionCrew::RefuseWaiters() {
+void ThreadPool::RefuseWaiters() {
     m_Admission.Expire(std::chrono::steady_clock::now(), true);
 }
 
-void AdmissionCrew::Rest() {
+void ThreadPool::Rest() {
     Mirel::AutoMutex held(m_Lock);
     if (m_Leaving > 0) --m_Leaving;
     if (m_AtWork <= m_Wanted) return;
@@ -105,12 +105,12 @@ void AdmissionCrew::Rest() {
     ++m_AtWork;
 }
 
-void AdmissionCrew::WakeWatch() {
+void ThreadPool::WakeWatch() {
     Mirel::AutoMutex held(m_Lock);
     m_Watched.NotifyOne();
 }
 
-unsigned AdmissionCrew::CountStuck(std::vector<unsigned>& seen, bool& quiet) const {
+unsigned ThreadPool::CountStuck(std::vector<unsigned>& seen, bool& quiet) const {
     unsigned stuck = 0;
     for (std::size_t i = 0; i < m_Places.size(); ++i) {
         const unsigned sequence = m_Places[i].Sequence.load();
@@ -122,7 +122,7 @@ unsigned AdmissionCrew::CountStuck(std::vector<unsigned>& seen, bool& quiet) con
 }
 
 // Has so many threads at work: wakes resting ones, or asks surplus ones to rest when they come by.
-void AdmissionCrew::Staff(unsigned wanted) {
+void ThreadPool::Staff(unsigned wanted) {
     unsigned surplus = 0;
     {
         Mirel::AutoMutex held(m_Lock);
@@ -136,7 +136,7 @@ void AdmissionCrew::Staff(unsigned wanted) {
 
 // Looks at the places every few milliseconds while requests come in, and sleeps when none have come for a
 // while.
-void AdmissionCrew::Watch() {
+void ThreadPool::Watch() {
     pthread_setname_np(pthread_self(), "Http::Watch");
     std::vector<unsigned> seen(m_Places.size(), 0);
     unsigned quiet_looks = 0;

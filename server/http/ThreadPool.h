@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "Admission.h"
 #include "MR_error.h"
 #include "MR_mutex.h"
+#include "http/Admission.h"
 
 namespace Server {
 
@@ -18,27 +18,27 @@ namespace Server {
 /// serves connections fastest. A thread that stays inside a request (it waits for the queue, or for a Python
 /// handler in it) is relieved by a resting one within a few milliseconds, and because fewer requests are let
 /// in than there are threads, one is always left for everything else.
-class AdmissionCrew {
+class ThreadPool {
   public:
-    /// What the crew needs of the loop.
+    /// What the pool needs of the loop.
     struct Loop {
         std::function<void()> Run;                        // serves until the loop is stopped
         std::function<void(std::function<void()>)> Post;  // has one of the running threads call the function
     };
 
     /// `threads` in all (at least 2), `working` of them at a time.
-    AdmissionCrew(unsigned threads, unsigned working, Loop loop);
+    ThreadPool(unsigned threads, unsigned working, Loop loop);
     /// Join() must have been called after a successful Start().
-    ~AdmissionCrew() = default;
-    AdmissionCrew(const AdmissionCrew&) = delete;
-    AdmissionCrew& operator=(const AdmissionCrew&) = delete;
+    ~ThreadPool() = default;
+    ThreadPool(const ThreadPool&) = delete;
+    ThreadPool& operator=(const ThreadPool&) = delete;
 
     /// RESULT_THREAD with the system's reason where a thread cannot be started; none is running then.
     Mirel::Result_t Start(const std::function<void()>& stop_loop);
     /// Returns when all threads have ended; the loop must have been stopped.
     void Join();
 
-    /// Around a request that may block, on a thread of the crew: Enter() or, where a waiter was resumed as
+    /// Around a request that may block, on a thread of the pool: Enter() or, where a waiter was resumed as
     /// admitted, Resumed(), then Leave().
     bool Enter();
     void Resumed();

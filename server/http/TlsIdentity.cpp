@@ -1,4 +1,4 @@
-#include "TlsIdentity.h"
+#include "http/TlsIdentity.h"
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>

@@ -1,6 +1,6 @@
-#include "Console.h"
+#include "rest/Console.h"
 
-#include "ConsoleFiles.h"
+#include "rest/ConsoleFiles.h"
 
 namespace Server {
 

@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "Http.h"
+#include "http/Http.h"
 
 namespace Server {
 

@@ -1,4 +1,4 @@
-#include "Health.h"
+#include "rest/Health.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 
 #include "EventManager.h"
 #include "MR_util.h"
-#include "Rest.h"
+#include "rest/Rest.h"
 
 namespace Server {
 

@@ -1,10 +1,10 @@
-#include "Metrics.h"
+#include "rest/Metrics.h"
 
 #include "EventManager.h"
 #include "MR_log.h"
-#include "Rest.h"
 #include "VL_HTTP.h"
 #include "VL_WebSocket.h"
+#include "rest/Rest.h"
 
 namespace Server {
 

@@ -1,4 +1,4 @@
-#include "Rest.h"
+#include "rest/Rest.h"
 
 #include <openssl/evp.h>
 

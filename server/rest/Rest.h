@@ -11,10 +11,10 @@
 #include <utility>
 #include <vector>
 
-#include "Http.h"
-#include "HttpServer.h"
-#include "Shape.h"
 #include "VL_PList.h"
+#include "config/Shape.h"
+#include "http/Http.h"
+#include "http/HttpServer.h"
 
 namespace Server {
 

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "EventManager.h"
-#include "Rest.h"
+#include "rest/Rest.h"
 
 namespace Server {
 

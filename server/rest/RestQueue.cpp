@@ -2,10 +2,10 @@
 #include <limits>
 #include <utility>
 
-#include "Config.h"
 #include "EventManager.h"
-#include "Rest.h"
-#include "RestRegistration.h"
+#include "config/Config.h"
+#include "rest/Rest.h"
+#include "rest/RestRegistration.h"
 
 namespace Server {
 

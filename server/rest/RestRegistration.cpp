@@ -1,4 +1,4 @@
-#include "RestRegistration.h"
+#include "rest/RestRegistration.h"
 
 #include <strings.h>
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Shape.h"
+#include "config/Shape.h"
 
 namespace Server {
 

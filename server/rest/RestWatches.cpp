@@ -8,9 +8,9 @@
 #include <utility>
 
 #include "EventManager.h"
-#include "QueueShape.h"
-#include "Rest.h"
-#include "RestRegistration.h"
+#include "config/QueueShape.h"
+#include "rest/Rest.h"
+#include "rest/RestRegistration.h"
 
 namespace Server {
 

@@ -1,12 +1,12 @@
-#include "Router.h"
+#include "rest/Router.h"
 
 #include <algorithm>
 #include <exception>
 #include <new>
 #include <utility>
 
-#include "Console.h"
 #include "MR_log.h"
+#include "rest/Console.h"
 
 namespace Server {
 

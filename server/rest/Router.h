@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "Config.h"
-#include "Http.h"
-#include "HttpServer.h"
-#include "Rest.h"
+#include "config/Config.h"
+#include "http/Http.h"
+#include "http/HttpServerOptions.h"
+#include "rest/Rest.h"
 
 namespace Server {
 

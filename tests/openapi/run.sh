@@ -23,6 +23,6 @@ if [ ! -d node_modules ] || ! cmp --silent package-lock.json node_modules/instal
     npm ci --no-audit --no-fund --loglevel=error
     cp package-lock.json node_modules/installed
 fi
-npx openapi-typescript "$root/server/openapi.json" --redocly redocly.yaml --output api.d.ts
+npx openapi-typescript "$root/server/rest/openapi.json" --redocly redocly.yaml --output api.d.ts
 npx tsc --project tsconfig.json
 node --test client.test.mjs

@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "Router.h"
+#include "rest/Router.h"
 
 namespace Testing {
 

@@ -1,11 +1,11 @@
-#include "WebSocketBroadcaster.h"
+#include "feed/Broadcaster.h"
 
 #include <algorithm>
 #include <new>
 #include <utility>
 
 #include "MR_log.h"
-#include "WebSocketCounters.h"
+#include "feed/CounterSet.h"
 
 namespace Velmora::Feed {
 

@@ -10,9 +10,9 @@
 #include "MR_mutex.h"
 #include "VL_Socket.h"
 #include "VL_WebSocket.h"
-#include "WebSocketClient.h"
-#include "WebSocketLog.h"
-#include "WebSocketLoop.h"
+#include "feed/FeedClient.h"
+#include "feed/FeedLoop.h"
+#include "feed/FrameLog.h"
 
 namespace Velmora::Feed {
 

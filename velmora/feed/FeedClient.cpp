@@ -1,4 +1,4 @@
-#include "WebSocketClient.h"
+#include "feed/FeedClient.h"
 
 #include <algorithm>
 #include <exception>
@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "MR_log.h"
-#include "WebSocketCounters.h"
+#include "feed/CounterSet.h"
 
 namespace Velmora::Feed {
 

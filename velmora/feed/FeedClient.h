@@ -12,8 +12,8 @@
 
 #include "VL_Socket.h"
 #include "VL_WebSocket.h"
-#include "WebSocketFrame.h"
-#include "WebSocketLog.h"
+#include "feed/Frame.h"
+#include "feed/FrameLog.h"
 
 namespace Velmora::Feed {
 

@@ -1,4 +1,4 @@
-#include "WebSocketLoop.h"
+#include "feed/FeedLoop.h"
 
 #include <sched.h>
 #include <signal.h>

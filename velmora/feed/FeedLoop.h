@@ -8,8 +8,8 @@
 
 #include "MR_mutex.h"
 #include "MR_thread.h"
-#include "WebSocketClient.h"
-#include "WebSocketLog.h"
+#include "feed/FeedClient.h"
+#include "feed/FrameLog.h"
 
 namespace Velmora::Feed {
 

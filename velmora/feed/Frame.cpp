@@ -1,4 +1,4 @@
-#include "WebSocketFrame.h"
+#include "feed/Frame.h"
 
 #include <algorithm>
 

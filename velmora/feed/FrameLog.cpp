@@ -1,4 +1,4 @@
-#include "WebSocketLog.h"
+#include "feed/FrameLog.h"
 
 #include <sys/mman.h>
 
@@ -6,8 +6,8 @@
 #include <cstring>
 #include <new>
 
-#include "WebSocketCounters.h"
-#include "WebSocketFrame.h"
+#include "feed/CounterSet.h"
+#include "feed/Frame.h"
 
 namespace Velmora::Feed {
 

@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
-#include "WebSocketBroadcaster.h"
-#include "WebSocketCounters.h"
+#include "feed/Broadcaster.h"
+#include "feed/CounterSet.h"
 
 namespace Velmora {
 

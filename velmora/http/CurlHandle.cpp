@@ -1,4 +1,4 @@
-#include "CurlHandle.h"
+#include "http/CurlHandle.h"
 
 #include <openssl/crypto.h>
 

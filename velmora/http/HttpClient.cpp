@@ -2,9 +2,9 @@
 #include <exception>
 #include <string>
 
-#include "HttpExchange.h"
-#include "HttpRecorder.h"
 #include "VL_HTTP.h"
+#include "http/HttpExchange.h"
+#include "http/HttpRecorder.h"
 
 namespace Velmora {
 

@@ -1,4 +1,4 @@
-#include "HttpExchange.h"
+#include "http/HttpExchange.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -9,10 +9,10 @@
 #include <memory>
 #include <new>
 
-#include "CurlHandle.h"
 #include "LocalAccessManager.h"
 #include "MR_log.h"
-#include "OwnServer.h"
+#include "http/CurlHandle.h"
+#include "http/OwnServer.h"
 
 namespace Velmora {
 

@@ -1,4 +1,4 @@
-#include "HttpRecorder.h"
+#include "http/HttpRecorder.h"
 
 #include <algorithm>
 #include <exception>

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "HttpExchange.h"
+#include "http/HttpExchange.h"
 
 namespace Velmora {
 

@@ -12,7 +12,7 @@
 
 #include "MR_mutex.h"
 #include "MR_util.h"
-#include "OwnServer.h"
+#include "http/OwnServer.h"
 
 namespace LocalAccessManager {
 

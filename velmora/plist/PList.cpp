@@ -3,7 +3,7 @@
 #include <utility>
 #include <vector>
 
-#include "VL_PListBody.h"
+#include "plist/PListBody.h"
 
 namespace Velmora {
 

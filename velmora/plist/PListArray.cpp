@@ -2,7 +2,7 @@
 #include <bit>
 #include <cassert>
 
-#include "VL_PListBody.h"
+#include "plist/PListBody.h"
 
 namespace Velmora {
 

@@ -1,9 +1,9 @@
-#include "VL_PListBody.h"
+#include "plist/PListBody.h"
 
 #include <algorithm>
 #include <bit>
 
-#include "VL_PListIndex.h"
+#include "plist/PListIndex.h"
 
 namespace Velmora {
 

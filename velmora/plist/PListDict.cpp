@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "VL_PListBody.h"
+#include "plist/PListBody.h"
 
 namespace Velmora {
 

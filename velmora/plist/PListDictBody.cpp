@@ -1,7 +1,7 @@
 #include <algorithm>
 
-#include "VL_PListBody.h"
-#include "VL_PListIndex.h"
+#include "plist/PListBody.h"
+#include "plist/PListIndex.h"
 
 namespace Velmora {
 

@@ -1,4 +1,4 @@
-#include "VL_PListIndex.h"
+#include "plist/PListIndex.h"
 
 #include <bit>
 #include <cstring>

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "VL_PListBody.h"
+#include "plist/PListBody.h"
 
 namespace Velmora {
 

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "VL_PListWalk.h"
+#include "plist/TreeWalk.h"
 
 namespace Velmora {
 

@@ -18,8 +18,8 @@
 #include <new>
 #include <optional>
 
-#include "VL_PListBody.h"
-#include "VL_PListWalk.h"
+#include "plist/PListBody.h"
+#include "plist/TreeWalk.h"
 
 namespace Velmora {
 

@@ -1,4 +1,4 @@
-#include "VL_PListWalk.h"
+#include "plist/TreeWalk.h"
 
 namespace Velmora {
 

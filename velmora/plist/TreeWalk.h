@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "VL_PListBody.h"
+#include "plist/PListBody.h"
 
 namespace Velmora {
 
