@@ -32,18 +32,18 @@ constexpr std::size_t FrameSize = PayloadSize + 4;
 constexpr std::size_t BareBatch = 64;
 constexpr std::size_t MostPostings = 200000;  // what the log holds of them
 
-double seconds_since(SteadyClock::time_point start) {
+double SecondsSince(SteadyClock::time_point start) {
     return std::chrono::duration<double>(SteadyClock::now() - start).count();
 }
 
 /// What the calling thread has computed: the cost of its work on a machine that is busy with other work too.
-double thread_seconds() {
+double ThreadSeconds() {
     timespec time{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
-[[noreturn]] void fail(const char* what) {
+[[noreturn]] void Fail(const char* what) {
     std::perror(what);
     std::exit(1);
 }
@@ -54,7 +54,7 @@ class Drain {
     explicit Drain(std::size_t clients) : m_Epoll(epoll_create1(0)) {
         for (std::size_t i = 0; i < clients; ++i) {
             int ends[2];
-            if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) fail("socketpair");
+            if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) Fail("socketpair");
             Near.push_back(ends[0]);
             epoll_event event{};
             event.events = EPOLLIN;
@@ -106,7 +106,7 @@ struct Rates {
 };
 
 /// A burst of postings, from the first one to the last delivery.
-Rates fan_out(std::size_t clients, std::size_t postings) {
+Rates FanOut(std::size_t clients, std::size_t postings) {
     const std::string text(PayloadSize, 'x');
     Drain drain(clients);
     WebSocketBroadcastManager feed(30000);
@@ -115,41 +115,41 @@ Rates fan_out(std::size_t clients, std::size_t postings) {
         feed.AdoptWsClient(session);
     }
     const auto start = SteadyClock::now();
-    const double before = thread_seconds();
+    const double before = ThreadSeconds();
     for (std::size_t i = 0; i < postings; ++i) feed.SendText(text);
-    const double posting = thread_seconds() - before;
+    const double posting = ThreadSeconds() - before;
     drain.Await(clients * postings * FrameSize);
-    const double all = seconds_since(start);
+    const double all = SecondsSince(start);
     return {static_cast<double>(clients * postings) / all, posting * 1e9 / static_cast<double>(postings)};
 }
 
 /// Sends everything to a full socket, too.
-void send_all(int socket, const char* data, std::size_t size) {
+void SendAll(int socket, const char* data, std::size_t size) {
     while (size > 0) {
         const ssize_t sent = send(socket, data, size, MSG_NOSIGNAL);
-        if (sent < 0) fail("send");
+        if (sent < 0) Fail("send");
         data += sent;
         size -= static_cast<std::size_t>(sent);
     }
 }
 
 /// The least that a fan-out can do: batches of frames that stand ready, one blocking send each.
-double bare_loop(std::size_t clients, std::size_t postings) {
+double BareLoop(std::size_t clients, std::size_t postings) {
     const std::string batch(BareBatch * FrameSize, 'x');
     Drain drain(clients);
     const std::size_t rounds = std::max<std::size_t>(postings / BareBatch, 1);
     const auto start = SteadyClock::now();
     for (std::size_t round = 0; round < rounds; ++round)
-        for (const int near : drain.Near) send_all(near, batch.data(), batch.size());
+        for (const int near : drain.Near) SendAll(near, batch.data(), batch.size());
     drain.Await(clients * rounds * batch.size());
-    const double all = seconds_since(start);
+    const double all = SecondsSince(start);
     for (const int near : drain.Near) close(near);
     return static_cast<double>(clients * rounds * BareBatch) / all;
 }
 
 /// What a posting costs that follows the one before after `pause`, when everybody has got that.
 double spaced_posting_ns(std::size_t clients, std::chrono::microseconds pause) {
-    constexpr std::size_t postings = 500;
+    constexpr std::size_t Postings = 500;
     const std::string text(PayloadSize, 'x');
     Drain drain(clients);
     WebSocketBroadcastManager feed(30000);
@@ -158,17 +158,17 @@ double spaced_posting_ns(std::size_t clients, std::chrono::microseconds pause) {
         feed.AdoptWsClient(session);
     }
     double total = 0;
-    for (std::size_t i = 1; i <= postings; ++i) {
-        const double before = thread_seconds();
+    for (std::size_t i = 1; i <= Postings; ++i) {
+        const double before = ThreadSeconds();
         feed.SendText(text);
-        total += thread_seconds() - before;
+        total += ThreadSeconds() - before;
         drain.Await(clients * i * FrameSize);
         for (const auto end = SteadyClock::now() + pause; SteadyClock::now() < end;) continue;
     }
-    return total * 1e9 / static_cast<double>(postings);
+    return total * 1e9 / static_cast<double>(Postings);
 }
 
-void raise_descriptor_limit() {
+void RaiseDescriptorLimit() {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
@@ -179,14 +179,14 @@ void raise_descriptor_limit() {
 
 int main(int argc, char** argv) {
     const std::size_t deliveries = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 20000000;
-    raise_descriptor_limit();
+    RaiseDescriptorLimit();
     std::printf("payload %zu bytes, one sending and one reading thread\n", PayloadSize);
     std::printf("%8s %10s %18s %18s %12s %14s %14s\n", "clients", "postings", "feed, M/s", "bare loop, M/s",
                 "posting, ns", "at once, ns", "after 1 ms, ns");
     for (const std::size_t clients : {1u, 10u, 100u, 1000u}) {
         const std::size_t postings = std::clamp<std::size_t>(deliveries / clients, 1, MostPostings);
-        const Rates feed = fan_out(clients, postings);
-        const double bare = bare_loop(clients, postings);
+        const Rates feed = FanOut(clients, postings);
+        const double bare = BareLoop(clients, postings);
         std::printf("%8zu %10zu %18.2f %18.2f %12.0f %14.0f %14.0f\n", clients, postings,
                     feed.Deliveries / 1e6, bare / 1e6, feed.Posting_ns, spaced_posting_ns(clients, 0us),
                     spaced_posting_ns(clients, 1000us));

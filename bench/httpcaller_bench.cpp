@@ -30,17 +30,17 @@
 
 namespace {
 
-constexpr std::size_t in_flight = 64;
-constexpr std::size_t stack_size = 256 * 1024;
+constexpr std::size_t InFlight = 64;
+constexpr std::size_t StackSize = 256 * 1024;
 
-[[noreturn]] void fail(const char* what) {
+[[noreturn]] void Fail(const char* what) {
     std::perror(what);
     std::exit(1);
 }
 
 // ---------------------------------------------------------------- the listener's process
 
-SSL_CTX* make_tls_context() {
+SSL_CTX* MakeTlsContext() {
     SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
     EVP_PKEY* const key = EVP_RSA_gen(2048u);
     X509* const certificate = X509_new();
@@ -53,52 +53,52 @@ SSL_CTX* make_tls_context() {
     return context;
 }
 
-constexpr char answer[] = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
-constexpr int answer_size = sizeof answer - 1;
+constexpr char Answer[] = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+constexpr int AnswerSize = sizeof Answer - 1;
 
 /// A caller's request comes in one segment here, and so in one read.
-void answer_plain(int connection) {
+void AnswerPlain(int connection) {
     char request[4096];
-    if (read(connection, request, sizeof request) > 0) (void)!write(connection, answer, answer_size);
+    if (read(connection, request, sizeof request) > 0) (void)!write(connection, Answer, AnswerSize);
 }
 
-void answer_tls(int connection, SSL_CTX* context) {
+void AnswerTls(int connection, SSL_CTX* context) {
     SSL* const tls = SSL_new(context);
     SSL_set_fd(tls, connection);
     char request[4096];
     if (SSL_accept(tls) == 1 && SSL_read(tls, request, sizeof request) > 0)
-        SSL_write(tls, answer, answer_size);
+        SSL_write(tls, Answer, AnswerSize);
     SSL_shutdown(tls);
     SSL_free(tls);
 }
 
-void serve(int listener, SSL_CTX* context) {
+void Serve(int listener, SSL_CTX* context) {
     for (;;) {
         const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (connection < 0) continue;
         const int on = 1;
         setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        context != nullptr ? answer_tls(connection, context) : answer_plain(connection);
+        context != nullptr ? AnswerTls(connection, context) : AnswerPlain(connection);
         close(connection);
     }
 }
 
 /// Starts the process, which ends with this one; returns the port.
-int start_listener(bool tls) {
+int StartListener(bool tls) {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
-    if (bind(listener, generic, size) != 0 || listen(listener, 4096) != 0) fail("listen");
+    if (bind(listener, generic, size) != 0 || listen(listener, 4096) != 0) Fail("listen");
     getsockname(listener, generic, &size);
     if (fork() == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         std::signal(SIGPIPE, SIG_IGN);
-        SSL_CTX* const context = tls ? make_tls_context() : nullptr;
-        for (int i = 0; i < 15; ++i) std::thread(serve, listener, context).detach();
-        serve(listener, context);
+        SSL_CTX* const context = tls ? MakeTlsContext() : nullptr;
+        for (int i = 0; i < 15; ++i) std::thread(Serve, listener, context).detach();
+        Serve(listener, context);
     }
     close(listener);
     return ntohs(address.sin_port);
@@ -110,11 +110,11 @@ std::atomic<int> failures{0};
 
 using Caller = Velmora::BackgroundHTTPRequestHandle<Velmora::TLSHTTPRequestHandle>;
 
-void run_callers(const std::string& text, int calls) {
+void RunCallers(const std::string& text, int calls) {
     Velmora::BasicRestEntryCall call;
     call.TargetUrl.Parse(text);
     call.RequestHeaders[Velmora::Strings::ContentType] = Velmora::Strings::MIME_json;
-    std::array<std::unique_ptr<Caller>, in_flight> ring;
+    std::array<std::unique_ptr<Caller>, InFlight> ring;
     const auto reap = [](std::unique_ptr<Caller>& caller) {
         if (!caller) return;
         Caller* const finished = caller.get();
@@ -123,7 +123,7 @@ void run_callers(const std::string& text, int calls) {
         caller.reset();
     };
     for (int i = 0; i < calls; ++i) {
-        std::unique_ptr<Caller>& place = ring[static_cast<std::size_t>(i) % in_flight];
+        std::unique_ptr<Caller>& place = ring[static_cast<std::size_t>(i) % InFlight];
         reap(place);
         place = std::make_unique<Caller>(call, "{\"event_name\":\"bench\"}");
         place->Timeout_ms(30000);
@@ -158,7 +158,7 @@ struct BareCall {
     CURLSH* Share;
 };
 
-void* bare_call(void* argument) {
+void* BareCall(void* argument) {
     const auto* const call = static_cast<const BareCall*>(argument);
     CURL* const handle = curl_easy_init();
     curl_slist* const headers = curl_slist_append(nullptr, "Content-Type: application/json");
@@ -182,21 +182,21 @@ void* bare_call(void* argument) {
     return nullptr;
 }
 
-void run_bare(const std::string& url, int calls, bool sessions) {
+void RunBare(const std::string& url, int calls, bool sessions) {
     BareStore store(sessions);
     BareCall call{url.c_str(), store.Share};
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, stack_size);
-    std::array<pthread_t, in_flight> ring;
+    pthread_attr_setstacksize(&attributes, StackSize);
+    std::array<pthread_t, InFlight> ring;
     for (int i = 0; i < calls; ++i) {
-        pthread_t& place = ring[static_cast<std::size_t>(i) % in_flight];
-        if (i >= static_cast<int>(in_flight)) pthread_join(place, nullptr);
-        if (pthread_create(&place, &attributes, bare_call, &call) != 0) fail("pthread_create");
+        pthread_t& place = ring[static_cast<std::size_t>(i) % InFlight];
+        if (i >= static_cast<int>(InFlight)) pthread_join(place, nullptr);
+        if (pthread_create(&place, &attributes, BareCall, &call) != 0) Fail("pthread_create");
     }
-    const int open = std::min(calls, static_cast<int>(in_flight));
+    const int open = std::min(calls, static_cast<int>(InFlight));
     for (int i = calls - open; i < calls; ++i)
-        pthread_join(ring[static_cast<std::size_t>(i) % in_flight], nullptr);
+        pthread_join(ring[static_cast<std::size_t>(i) % InFlight], nullptr);
     pthread_attr_destroy(&attributes);
 }
 
@@ -223,32 +223,32 @@ struct Figures {
     }
 };
 
-double median(std::vector<double> values) {
+double Median(std::vector<double> values) {
     std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
                      values.end());
     return values[values.size() / 2];
 }
 
 /// Measures both in turns, so that what else the machine does meets both alike.
-void compare(const std::string& url, int calls, int rounds, bool sessions, const char* peer, double wanted) {
+void Compare(const std::string& url, int calls, int rounds, bool sessions, const char* peer, double wanted) {
     Figures ours, bare;
     std::vector<double> ratios;
-    run_callers(url, calls / 4);
-    run_bare(url, calls / 4, sessions);
+    RunCallers(url, calls / 4);
+    RunBare(url, calls / 4, sessions);
     for (int i = 0; i < rounds; ++i) {
-        ours.Measure(calls, [&] { run_callers(url, calls); });
-        bare.Measure(calls, [&] { run_bare(url, calls, sessions); });
+        ours.Measure(calls, [&] { RunCallers(url, calls); });
+        bare.Measure(calls, [&] { RunBare(url, calls, sessions); });
         ratios.push_back(ours.PerSecond.back() / bare.PerSecond.back());
     }
-    const double ratio = median(ratios);
+    const double ratio = Median(ratios);
     std::printf("%-6s %9.0f %9.0f %9.0f %9.0f   %-36s %5.2f (wanted %.2f: %s)\n",
-                url.substr(0, url.find(':')).c_str(), median(ours.PerSecond), median(bare.PerSecond),
-                median(ours.Computed_us), median(bare.Computed_us), peer, ratio, wanted,
+                url.substr(0, url.find(':')).c_str(), Median(ours.PerSecond), Median(bare.PerSecond),
+                Median(ours.Computed_us), Median(bare.Computed_us), peer, ratio, wanted,
                 ratio >= wanted ? "met" : "missed");
     std::fflush(stdout);
 }
 
-int usage(const char* name, int status) {
+int Usage(const char* name, int status) {
     std::printf(
         "usage: %s [CALLS [ROUNDS]]\n\nCalls a round (default 4000; a quarter for https) and rounds (default "
         "7).\n"
@@ -262,16 +262,16 @@ int usage(const char* name, int status) {
 int main(int argc, char** argv) {
     const int calls = argc > 1 ? std::atoi(argv[1]) : 4000;
     const int rounds = argc > 2 ? std::atoi(argv[2]) : 7;
-    if (argc > 1 && argv[1] == std::string("--help")) return usage(argv[0], 0);
-    if (argc > 3 || calls < 4 || rounds < 1) return usage(argv[0], 2);
-    const std::string http = "http://127.0.0.1:" + std::to_string(start_listener(false)) + "/hook";
-    const std::string https = "https://127.0.0.1:" + std::to_string(start_listener(true)) + "/hook";
+    if (argc > 1 && argv[1] == std::string("--help")) return Usage(argv[0], 0);
+    if (argc > 3 || calls < 4 || rounds < 1) return Usage(argv[0], 2);
+    const std::string http = "http://127.0.0.1:" + std::to_string(StartListener(false)) + "/hook";
+    const std::string https = "https://127.0.0.1:" + std::to_string(StartListener(true)) + "/hook";
     curl_global_init(CURL_GLOBAL_ALL);
     std::printf("%-6s %9s %9s %9s %9s   %-36s %5s\n", "", "callers/s", "bare/s", "us each", "us bare",
                 "bare: a thread a call, libcurl,", "ratio");
-    compare(http, calls, rounds, true, "shared names and sessions", 0.95);
-    compare(https, std::max(calls / 4, 4), rounds, true, "shared names and sessions", 0.95);
-    compare(https, std::max(calls / 4, 4), rounds, false, "shared names, every TLS session new", 1.3);
+    Compare(http, calls, rounds, true, "shared names and sessions", 0.95);
+    Compare(https, std::max(calls / 4, 4), rounds, true, "shared names and sessions", 0.95);
+    Compare(https, std::max(calls / 4, 4), rounds, false, "shared names, every TLS session new", 1.3);
     if (failures != 0) std::printf("failed calls: %d\n", failures.load());
     return failures == 0 ? 0 : 1;
 }

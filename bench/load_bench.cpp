@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t Payload = 200;
 
-int usage() {
+int Usage() {
     std::fprintf(stderr, "load_bench fanout|latency|watch|bare-watch|silent …\n");
     return 1;
 }
@@ -39,6 +39,6 @@ int main(int argc, char** argv) {
     else if (what == "silent")
         BeSilent();
     else
-        return usage();
+        return Usage();
     return 0;
 }

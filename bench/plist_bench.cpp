@@ -13,9 +13,9 @@ using Velmora::PListArray;
 using Velmora::PListDict;
 using Velmora::PListItem;
 
-const std::string kPostData =
+const std::string KPostData =
     R"({"sensor":"door-17","state":"open","reading":21.5,"note":"opened from outside by badge"})";
-const std::string kTimestamp = "2026-03-01T12:00:00+00:00";
+const std::string KTimestamp = "2026-03-01T12:00:00+00:00";
 
 PListDict Parsed(const std::string& json) {
     return static_cast<const PListDict&>(*PListItem::CreateFromJSON(json));
@@ -24,7 +24,7 @@ PListDict Parsed(const std::string& json) {
 PListDict Posting(const std::string& name, const PListDict& post_data, const PListDict& event_data) {
     PListDict payload;
     payload.SetValue("event_name", name);
-    payload.SetValue("timestamp", kTimestamp);
+    payload.SetValue("timestamp", KTimestamp);
     payload.SetItem("post_data", post_data);
     payload.SetItem("event_data", event_data);
     return payload;
@@ -71,7 +71,7 @@ BENCHMARK(RemoveEveryKey)->Arg(3)->Arg(100000);
 
 // Built, recorded in a history of 1,000 and, when it falls out of it, destroyed.
 void PostingBuildRecordDestroy(benchmark::State& state) {
-    const PListDict post_data = Parsed(kPostData);
+    const PListDict post_data = Parsed(KPostData);
     const PListDict event_data;
     const std::string name = "door.opened";
     PListArray history;
@@ -83,7 +83,7 @@ void PostingBuildRecordDestroy(benchmark::State& state) {
 BENCHMARK(PostingBuildRecordDestroy);
 
 void PostingEncode(benchmark::State& state) {
-    const PListDict posting = Posting("door.opened", Parsed(kPostData), {});
+    const PListDict posting = Posting("door.opened", Parsed(KPostData), {});
     std::string out;
     for (auto _ : state) {
         (void)posting.EncodeJSON(out);
@@ -94,7 +94,7 @@ void PostingEncode(benchmark::State& state) {
 BENCHMARK(PostingEncode);
 
 void PostDataRead(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(PListItem::CreateFromJSON(kPostData));
+    for (auto _ : state) benchmark::DoNotOptimize(PListItem::CreateFromJSON(KPostData));
 }
 BENCHMARK(PostDataRead);
 
@@ -104,7 +104,7 @@ void HistoryRecordBytes(benchmark::State& state) {
     for (auto _ : state) {
         const std::size_t before = mallinfo2().uordblks;
         PListArray history;
-        for (long i = 0; i < count; ++i) history.Append(Posting("door.opened", Parsed(kPostData), {}));
+        for (long i = 0; i < count; ++i) history.Append(Posting("door.opened", Parsed(KPostData), {}));
         const double bytes = static_cast<double>(mallinfo2().uordblks - before);
         state.counters["bytes/record"] = bytes / static_cast<double>(count);
     }
@@ -112,7 +112,7 @@ void HistoryRecordBytes(benchmark::State& state) {
 BENCHMARK(HistoryRecordBytes)->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 PListArray History(long count) {
-    const PListDict posting = Posting("door.opened", Parsed(kPostData), {});
+    const PListDict posting = Posting("door.opened", Parsed(KPostData), {});
     PListArray history;
     for (long i = 0; i < count; ++i) history.Append(posting);
     return history;
@@ -135,7 +135,7 @@ BENCHMARK(TakeFirst)->Arg(1000)->Arg(1000000)->Iterations(20)->Unit(benchmark::k
 
 void CopyThenAppend(benchmark::State& state) {
     PListArray history = History(state.range(0));
-    const PListDict posting = Posting("door.opened", Parsed(kPostData), {});
+    const PListDict posting = Posting("door.opened", Parsed(KPostData), {});
     for (auto _ : state) {
         PListArray copy(history);
         history.Append(posting);

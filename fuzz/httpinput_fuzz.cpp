@@ -21,7 +21,7 @@ using Progress = ConnectionInput::Progress;
 constexpr std::size_t HeaderLimit = 1u << 10;
 constexpr std::size_t BodyLimit = 2u << 10;
 
-void require(bool condition) {
+void Require(bool condition) {
     if (!condition) std::abort();
 }
 
@@ -32,18 +32,18 @@ class AnyHandler : public HttpHandler {
     HttpResponse Handle(const HttpRequest&, HttpRoute&) override { return {}; }
 };
 
-void check_refusal(const std::optional<HttpResponse>& refusal) {
-    require(!refusal || refusal->Status >= 400);
+void CheckRefusal(const std::optional<HttpResponse>& refusal) {
+    Require(!refusal || refusal->Status >= 400);
 }
 
 /// The request in one text. Asks for it to be let in, as a connection does.
-std::string described(const ConnectionInput& input) {
+std::string Described(const ConnectionInput& input) {
     static const AccessPolicy policy({.AccessToken = "token", .AllowedHosts = {"events.example"}});
     const RequestHead& head = input.Head();
     HttpRoute route;
-    check_refusal(RefuseHead(head, policy, AnyHandler(), route));
-    check_refusal(RefuseUpgrade(head));
-    require(input.Body().size() <= BodyLimit);
+    CheckRefusal(RefuseHead(head, policy, AnyHandler(), route));
+    CheckRefusal(RefuseUpgrade(head));
+    Require(input.Body().size() <= BodyLimit);
     std::string text = head.Method ? Velmora::MethodToString(*head.Method) : "?";
     text.append(" ").append(head.Target).append(head.Http10 ? " 1.0" : " 1.1");
     text.append(input.KeepAlive() ? " stays" : " ends").append(head.HasBody ? " with " : " without ");
@@ -54,24 +54,24 @@ std::string described(const ConnectionInput& input) {
 }
 
 /// All that is found when the bytes come in pieces of at most `piece`.
-std::string requests_in(std::string_view bytes, std::size_t piece) {
+std::string RequestsIn(std::string_view bytes, std::size_t piece) {
     ConnectionInput input(HeaderLimit, BodyLimit);
     std::string found;
     for (;;) {
         while (input.HasUnparsed() && (input.HeadKnown() || input.SkipEmptyLines())) {
             const Progress progress = input.Parse();
             if (progress == Progress::Failed) {
-                require(input.Error().Status >= 400);
+                Require(input.Error().Status >= 400);
                 return found;
             }
             if (progress == Progress::NeedMore) break;
-            found += described(input);
+            found += Described(input);
             if (progress == Progress::Complete) input.FinishRequest();
         }
         if (bytes.empty()) return found;
         input.MakeRoom();
         const std::size_t size = std::min({piece, input.Room(), bytes.size()});
-        require(size > 0);
+        Require(size > 0);
         std::memcpy(input.Free(), bytes.data(), size);
         input.Commit(size);
         bytes.remove_prefix(size);
@@ -82,8 +82,8 @@ std::string requests_in(std::string_view bytes, std::size_t piece) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);
-    const std::string whole = requests_in(input, input.size() + 1);
-    require(whole == requests_in(input, 1));
-    require(whole == requests_in(input, 7));
+    const std::string whole = RequestsIn(input, input.size() + 1);
+    Require(whole == RequestsIn(input, 1));
+    Require(whole == RequestsIn(input, 7));
     return 0;
 }

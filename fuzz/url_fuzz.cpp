@@ -8,13 +8,13 @@
 
 namespace {
 
-bool equal(const Velmora::URL& lhs, const Velmora::URL& rhs) {
+bool Equal(const Velmora::URL& lhs, const Velmora::URL& rhs) {
     return lhs.m_Empty == rhs.m_Empty && lhs.Scheme == rhs.Scheme && lhs.Username == rhs.Username &&
            lhs.Password == rhs.Password && lhs.Hostname == rhs.Hostname && lhs.Path == rhs.Path &&
            lhs.QueryString == rhs.QueryString && lhs.HasQueryToken == rhs.HasQueryToken;
 }
 
-void check(const std::string& text, bool (Velmora::URL::*parse)(const std::string&)) {
+void Check(const std::string& text, bool (Velmora::URL::*parse)(const std::string&)) {
     Velmora::URL url;
     if (!(url.*parse)(text)) {
         if (!url.Empty() || !url.ComposeAbsolute().empty()) std::abort();
@@ -23,7 +23,7 @@ void check(const std::string& text, bool (Velmora::URL::*parse)(const std::strin
     const std::string composed = url.ComposeAbsolute();  // without the scheme's own port
     if (url.Empty() || composed.find_first_of(" \r\n#") != std::string::npos) std::abort();
     Velmora::URL again;
-    if (!(again.*parse)(composed) || !equal(url, again) || again.ComposeAbsolute() != composed) {
+    if (!(again.*parse)(composed) || !Equal(url, again) || again.ComposeAbsolute() != composed) {
         std::abort();
     }
 }
@@ -32,7 +32,7 @@ void check(const std::string& text, bool (Velmora::URL::*parse)(const std::strin
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    check(text, &Velmora::URL::Parse);
-    check(text, &Velmora::URL::ParsePath);
+    Check(text, &Velmora::URL::Parse);
+    Check(text, &Velmora::URL::ParsePath);
     return 0;
 }

@@ -18,12 +18,12 @@ struct Event {
     bool operator==(const Event&) const = default;
 };
 
-void require(bool condition) {
+void Require(bool condition) {
     if (!condition) std::abort();
 }
 
 /// All that is found when the input comes in pieces of `piece` bytes.
-std::vector<Event> parse(std::string_view input, std::size_t piece) {
+std::vector<Event> Parse(std::string_view input, std::size_t piece) {
     FrameParser parser;
     std::vector<Event> events;
     bool dead = false;
@@ -33,13 +33,13 @@ std::vector<Event> parse(std::string_view input, std::size_t piece) {
         for (;;) {
             const FrameParser::Found found = parser.Next(part);
             if (found == FrameParser::Found::Nothing) break;
-            require(!dead && parser.Payload().size() <= Velmora::Feed::MaxControlPayload);
+            Require(!dead && parser.Payload().size() <= Velmora::Feed::MaxControlPayload);
             dead = found == FrameParser::Found::Violation;
             const bool has_code = dead || found == FrameParser::Found::Close;
             events.push_back(
                 {found, has_code ? parser.Code() : 0, dead ? "" : std::string(parser.Payload())});
         }
-        require(part.empty() || dead);
+        Require(part.empty() || dead);
     }
     return events;
 }
@@ -48,8 +48,8 @@ std::vector<Event> parse(std::string_view input, std::size_t piece) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);
-    const std::vector<Event> whole = parse(input, input.size() + 1);
-    require(whole == parse(input, 1));
-    require(whole == parse(input, 7));
+    const std::vector<Event> whole = Parse(input, input.size() + 1);
+    Require(whole == Parse(input, 1));
+    Require(whole == Parse(input, 7));
     return 0;
 }

@@ -25,7 +25,7 @@ constinit std::atomic<ILogSink*> g_Sink{nullptr};
 constinit std::atomic<ui64_t> g_LostEntries{0};
 
 // Never destroyed: threads may still log while the process ends.
-ILogSink& first_sink() {
+ILogSink& FirstSink() {
     static ILogSink* const sink = new TextLogSink(STDERR_FILENO);
     return *sink;
 }
@@ -42,37 +42,37 @@ class Line {
     std::pmr::string m_Text{&m_Memory};
 };
 
-byte_t byte_at(std::string_view text, std::size_t index) {
+byte_t ByteAt(std::string_view text, std::size_t index) {
     return static_cast<byte_t>(text[index]);
 }
 
 // Bytes of the well-formed UTF-8 character that `text` begins with (RFC 3629); 0 where there is none.
-std::size_t character_length(std::string_view text) {
-    const byte_t lead = byte_at(text, 0);
+std::size_t CharacterLength(std::string_view text) {
+    const byte_t lead = ByteAt(text, 0);
     if (lead < 0x80) return 1;
     const std::size_t length = lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
     if (length == 0 || text.size() < length) return 0;
     // The second byte's range keeps out overlong forms, surrogates, and what lies beyond U+10FFFF.
     const byte_t least = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
     const byte_t most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
-    if (byte_at(text, 1) < least || byte_at(text, 1) > most) return 0;
+    if (ByteAt(text, 1) < least || ByteAt(text, 1) > most) return 0;
     for (std::size_t i = 2; i < length; ++i) {
-        if ((byte_at(text, i) & 0xC0) != 0x80) return 0;
+        if ((ByteAt(text, i) & 0xC0) != 0x80) return 0;
     }
     return length;
 }
 
 // Terminals obey these: C0, delete, and C1 (as UTF-8).
-bool is_control(std::string_view character) {
-    const byte_t lead = byte_at(character, 0);
-    return lead < 0x20 || lead == 0x7F || (lead == 0xC2 && byte_at(character, 1) < 0xA0);
+bool IsControl(std::string_view character) {
+    const byte_t lead = ByteAt(character, 0);
+    return lead < 0x20 || lead == 0x7F || (lead == 0xC2 && ByteAt(character, 1) < 0xA0);
 }
 
 template <class String>
-void append_hex(String& out, byte_t byte) {
-    constexpr char digits[] = "0123456789abcdef";
-    out += digits[byte >> 4];
-    out += digits[byte & 15];
+void AppendHex(String& out, byte_t byte) {
+    constexpr char Digits[] = "0123456789abcdef";
+    out += Digits[byte >> 4];
+    out += Digits[byte & 15];
 }
 
 // How a character that cannot stand as it is looks in a line of text.
@@ -100,7 +100,7 @@ struct TextEscapes {
     static void Invalid(String& out, std::string_view bytes) {
         for (std::size_t i = 0; i < bytes.size(); ++i) {
             out += "\\x";
-            append_hex(out, byte_at(bytes, i));
+            AppendHex(out, ByteAt(bytes, i));
         }
     }
 };
@@ -123,7 +123,7 @@ struct JSONEscapes {
                 return;
             default:
                 out += "\\u00";  // all of them are below U+0100, with the last byte's value
-                append_hex(out, byte_at(character, character.size() - 1));
+                AppendHex(out, ByteAt(character, character.size() - 1));
         }
     }
 
@@ -134,7 +134,7 @@ struct JSONEscapes {
 };
 
 template <class Escapes, class String>
-void append_escaped(String& out, std::string_view text) {
+void AppendEscaped(String& out, std::string_view text) {
     while (!text.empty()) {
         const auto special = std::find_if_not(text.begin(), text.end(), Escapes::IsPlain);
         const auto plain = static_cast<std::size_t>(special - text.begin());
@@ -142,11 +142,11 @@ void append_escaped(String& out, std::string_view text) {
         text.remove_prefix(plain);
         if (text.empty()) return;
 
-        const std::size_t length = character_length(text);
+        const std::size_t length = CharacterLength(text);
         const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
         if (length == 0) {
             Escapes::Invalid(out, character);
-        } else if (is_control(character)) {
+        } else if (IsControl(character)) {
             Escapes::Control(out, character);
         } else {
             if (length == 1) out += '\\';  // the quote and the backslash of JSON
@@ -157,7 +157,7 @@ void append_escaped(String& out, std::string_view text) {
 }
 
 // "2026-01-31T12:00:00.123Z"
-void append_time(std::pmr::string& out) {
+void AppendTime(std::pmr::string& out) {
     const Timestamp now;
     char text[DateTimeLen + 1];
     now.EncodeString(text, sizeof text);
@@ -169,24 +169,24 @@ void append_time(std::pmr::string& out) {
     out += 'Z';
 }
 
-std::string_view without_final_newline(std::string_view message) {
+std::string_view WithoutFinalNewline(std::string_view message) {
     if (message.ends_with('\n')) message.remove_suffix(1);
     return message;
 }
 
-bool wait_until_writable(int descriptor) {
+bool WaitUntilWritable(int descriptor) {
     pollfd wanted{descriptor, POLLOUT, 0};
     return poll(&wanted, 1, -1) >= 0 || errno == EINTR;
 }
 
 // False with the reason in errno.
-bool write_all(int descriptor, std::string_view line) {
+bool WriteAll(int descriptor, std::string_view line) {
     while (!line.empty()) {
         const ssize_t written = write(descriptor, line.data(), line.size());
         if (written >= 0) {
             line.remove_prefix(static_cast<std::size_t>(written));
         } else if (errno == EAGAIN) {
-            if (!wait_until_writable(descriptor)) return false;
+            if (!WaitUntilWritable(descriptor)) return false;
         } else if (errno != EINTR) {
             return false;
         }
@@ -250,12 +250,12 @@ MR_LOG_OPERATION(Alert, LOG_ALERT)
 
 ILogSink& DefaultLogSink() {
     ILogSink* const sink = g_Sink.load(std::memory_order_acquire);
-    return sink != nullptr ? *sink : first_sink();
+    return sink != nullptr ? *sink : FirstSink();
 }
 
 ILogSink* SetDefaultLogSink(ILogSink* sink) {
     ILogSink* const before = g_Sink.exchange(sink, std::memory_order_acq_rel);
-    return before != nullptr ? before : &first_sink();
+    return before != nullptr ? before : &FirstSink();
 }
 
 ui64_t LostLogEntries() {
@@ -264,17 +264,17 @@ ui64_t LostLogEntries() {
 
 void LineWriter::Write(std::string_view line) {
     AutoMutex lock(m_Lock);
-    if (!write_all(m_Descriptor, line)) g_LostEntries.fetch_add(1, std::memory_order_relaxed);
+    if (!WriteAll(m_Descriptor, line)) g_LostEntries.fetch_add(1, std::memory_order_relaxed);
 }
 
 void TextLogSink::WriteEntry(LogType_t type, std::string_view message) {
     Line line;
     std::pmr::string& text = line.Text();
-    append_time(text);
+    AppendTime(text);
     text.append(" ").append(LevelTags[type]).append(" [");
-    append_escaped<TextEscapes>(text, Thread::CurrentNameView());
+    AppendEscaped<TextEscapes>(text, Thread::CurrentNameView());
     text.append("] ");
-    append_escaped<TextEscapes>(text, without_final_newline(message));
+    AppendEscaped<TextEscapes>(text, WithoutFinalNewline(message));
     text += '\n';
     m_Writer.Write(text);
 }
@@ -283,11 +283,11 @@ void JSONLogSink::WriteEntry(LogType_t type, std::string_view message) {
     Line line;
     std::pmr::string& text = line.Text();
     text.append(R"({"time":")");
-    append_time(text);
+    AppendTime(text);
     text.append(R"(","level":")").append(LevelNames[type]).append(R"(","thread":")");
-    append_escaped<JSONEscapes>(text, Thread::CurrentNameView());
+    AppendEscaped<JSONEscapes>(text, Thread::CurrentNameView());
     text.append(R"(","message":")");
-    append_escaped<JSONEscapes>(text, without_final_newline(message));
+    AppendEscaped<JSONEscapes>(text, WithoutFinalNewline(message));
     text.append("\"}\n");
     m_Writer.Write(text);
 }
@@ -295,7 +295,7 @@ void JSONLogSink::WriteEntry(LogType_t type, std::string_view message) {
 std::string EscapeForLog(std::string_view text) {
     std::string out;
     out.reserve(text.size());
-    append_escaped<TextEscapes>(out, text);
+    AppendEscaped<TextEscapes>(out, text);
     return out;
 }
 

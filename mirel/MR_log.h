@@ -66,8 +66,8 @@ class MR_EXPORT ILogSink {
 
   private:
     static constexpr int Severity(LogType_t type) {
-        constexpr int severities[] = {0, 1, 3, 4, 2, 6, 5};  // by enumerator, debug first
-        return severities[type];
+        constexpr int Severities[] = {0, 1, 3, 4, 2, 6, 5};  // by enumerator, debug first
+        return Severities[type];
     }
     MR_HIDDEN void Format(LogType_t type, const char* format, va_list arguments)
         __attribute__((format(printf, 3, 0)));

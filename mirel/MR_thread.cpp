@@ -29,7 +29,7 @@ constinit thread_local const void* t_Run = nullptr;
 constinit thread_local const std::string* t_Name = nullptr;
 
 // Cut to what the kernel takes, never within a character.
-std::string kernel_name(const std::string& name) {
+std::string KernelName(const std::string& name) {
     std::size_t length = std::min(name.size(), KernelNameLen);
     if (length < name.size()) {
         while (length > 0 && (static_cast<unsigned char>(name[length]) & 0xC0) == 0x80) --length;
@@ -37,7 +37,7 @@ std::string kernel_name(const std::string& name) {
     return name.substr(0, length);
 }
 
-Result_t exception_result(const char* hook, const char* reason) {
+Result_t ExceptionResult(const char* hook, const char* reason) {
     DefaultLogSink().Error("%s ended with an exception: %s\n", hook, reason);
     try {
         return RESULT_FAIL.WithMessage(std::string(hook) + " ended with an exception: " + reason);
@@ -47,18 +47,18 @@ Result_t exception_result(const char* hook, const char* reason) {
 }
 
 template <class Hook>
-Result_t run_hook(const char* name, Hook hook) {
+Result_t RunHook(const char* name, Hook hook) {
     try {
         return hook();
     } catch (const std::exception& exception) {
-        return exception_result(name, exception.what());
+        return ExceptionResult(name, exception.what());
     } catch (...) {
-        return exception_result(name, "not a std::exception");
+        return ExceptionResult(name, "not a std::exception");
     }
 }
 
 // 0 or the system's error. `stack_size` 0 takes the default.
-int create_detached(std::size_t stack_size, void* (*main)(void*), void* argument) {
+int CreateDetached(std::size_t stack_size, void* (*main)(void*), void* argument) {
     pthread_attr_t attributes;
     int error = pthread_attr_init(&attributes);
     if (error != 0) return error;
@@ -121,12 +121,12 @@ void* Thread::Run::Main(void* argument) {
     const std::unique_ptr<Launch> launch(static_cast<Launch*>(argument));
     t_Run = launch->m_Run.get();
     t_Name = &launch->m_Name;
-    pthread_setname_np(pthread_self(), kernel_name(launch->m_Name).c_str());
+    pthread_setname_np(pthread_self(), KernelName(launch->m_Name).c_str());
 
     Thread& thread = *launch->m_Thread;
-    Result_t result = run_hook("ThreadInit", [&] { return thread.ThreadInit(); });
-    if (result.Success()) result = run_hook("ThreadBody", [&] { return thread.ThreadBody(); });
-    result = run_hook("ThreadFini", [&] { return thread.ThreadFini(result); });
+    Result_t result = RunHook("ThreadInit", [&] { return thread.ThreadInit(); });
+    if (result.Success()) result = RunHook("ThreadBody", [&] { return thread.ThreadBody(); });
+    result = RunHook("ThreadFini", [&] { return thread.ThreadFini(result); });
 
     t_Run = nullptr;
     t_Name = nullptr;
@@ -147,7 +147,7 @@ Result_t Thread::Start(const std::string& name) {
     if (m_Run->m_Started) return RESULT_STATE;
     m_Run->m_Started = true;
     m_Run->m_Name = name;
-    const int error = create_detached(m_Run->m_StackSize, &Run::Main, launch.get());
+    const int error = CreateDetached(m_Run->m_StackSize, &Run::Main, launch.get());
     if (error != 0) {
         const std::string reason = std::generic_category().message(error);
         const Result_t failure = RESULT_THREAD.WithMessage("Thread start failure: " + reason);
@@ -159,7 +159,7 @@ Result_t Thread::Start(const std::string& name) {
 }
 
 Result_t Thread::Stop(ui32_t limit_ms, bool wait) {
-    const Result_t asked = run_hook("ThreadStop", [this] { return ThreadStop(); });
+    const Result_t asked = RunHook("ThreadStop", [this] { return ThreadStop(); });
     if (!wait || IsFinished()) return asked;
     if (m_Run->IsOwnThread()) return RESULT_STATE;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);

@@ -25,11 +25,11 @@ i64_t now_us() {
     return now.tv_sec * Second_us + now.tv_nsec / 1000;
 }
 
-i64_t floor_divided(i64_t value, i64_t by) {
+i64_t FloorDivided(i64_t value, i64_t by) {
     return value / by - (value % by < 0 ? 1 : 0);
 }
 
-void put_digits(char* text, unsigned value, int count) {
+void PutDigits(char* text, unsigned value, int count) {
     while (count-- > 0) {
         text[count] = static_cast<char>('0' + value % 10);
         value /= 10;
@@ -37,17 +37,17 @@ void put_digits(char* text, unsigned value, int count) {
 }
 
 // The text of a second within the years 0001 to 9999, and its NUL.
-void write_text(i64_t second, char* text) {
-    const i64_t days = floor_divided(second, Day_s);
+void WriteText(i64_t second, char* text) {
+    const i64_t days = FloorDivided(second, Day_s);
     const std::chrono::year_month_day date{std::chrono::sys_days(std::chrono::days(days))};
     const unsigned time = static_cast<unsigned>(second - days * Day_s);
     std::memcpy(text, "0000-00-00T00:00:00+00:00", DateTimeLen + 1);
-    put_digits(text, static_cast<unsigned>(static_cast<int>(date.year())), 4);
-    put_digits(text + 5, static_cast<unsigned>(date.month()), 2);
-    put_digits(text + 8, static_cast<unsigned>(date.day()), 2);
-    put_digits(text + 11, time / 3600, 2);
-    put_digits(text + 14, time / 60 % 60, 2);
-    put_digits(text + 17, time % 60, 2);
+    PutDigits(text, static_cast<unsigned>(static_cast<int>(date.year())), 4);
+    PutDigits(text + 5, static_cast<unsigned>(date.month()), 2);
+    PutDigits(text + 8, static_cast<unsigned>(date.day()), 2);
+    PutDigits(text + 11, time / 3600, 2);
+    PutDigits(text + 14, time / 60 % 60, 2);
+    PutDigits(text + 17, time % 60, 2);
 }
 
 // Reads a NUL-terminated text from the front. A function that answers false may have taken part of it.
@@ -149,9 +149,9 @@ char* Timestamp::EncodeString(char* buf, ui32_t len) const {
         if (len > 0) buf[0] = '\0';
         return buf;
     }
-    const i64_t second = std::clamp(floor_divided(m_Microseconds, Second_us), FirstSecond, LastSecond);
+    const i64_t second = std::clamp(FloorDivided(m_Microseconds, Second_us), FirstSecond, LastSecond);
     if (second != last.Second) {
-        write_text(second, last.Text);
+        WriteText(second, last.Text);
         last.Second = second;
     }
     std::memcpy(buf, last.Text, sizeof last.Text);

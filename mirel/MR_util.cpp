@@ -116,7 +116,7 @@ bool File::Close() {
 }
 
 // `code` with the path and the reason that errno holds, which stays in errno.
-Result_t file_failure(const Result_t& code, const std::string& path) {
+Result_t FileFailure(const Result_t& code, const std::string& path) {
     const int reason = errno;
     const Result_t result =
         code.WithMessage("\"" + path + "\": " + std::generic_category().message(reason) + ".");
@@ -125,7 +125,7 @@ Result_t file_failure(const Result_t& code, const std::string& path) {
 }
 
 // 0 to 15, or -1.
-int hex_value(char digit) {
+int HexValue(char digit) {
     if (digit >= '0' && digit <= '9') return digit - '0';
     if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
     if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
@@ -133,7 +133,7 @@ int hex_value(char digit) {
 }
 
 // Whether a hyphen stands before this byte of a UUID's text.
-bool begins_group(std::size_t byte) {
+bool BeginsGroup(std::size_t byte) {
     return byte == 4 || byte == 6 || byte == 8 || byte == 10;
 }
 
@@ -158,13 +158,13 @@ void GenRandomValue(UUID& id) {
 }
 
 char* bin2UUIDhex(const byte_t* bytes, ui32_t count, char* buf, ui32_t len) {
-    constexpr char digits[] = "0123456789abcdef";
+    constexpr char Digits[] = "0123456789abcdef";
     if (count != UUID::Size || len <= UUIDLen) return nullptr;
     char* at = buf;
     for (ui32_t i = 0; i < count; ++i) {
-        if (begins_group(i)) *at++ = '-';
-        *at++ = digits[bytes[i] >> 4];
-        *at++ = digits[bytes[i] & 15];
+        if (BeginsGroup(i)) *at++ = '-';
+        *at++ = Digits[bytes[i] >> 4];
+        *at++ = Digits[bytes[i] & 15];
     }
     *at = '\0';
     return buf;
@@ -180,9 +180,9 @@ bool UUIDFromText(const std::string& text, UUID& id) {
     byte_t bytes[UUID::Size];
     const char* at = text.data();
     for (std::size_t i = 0; i < UUID::Size; ++i) {
-        if (begins_group(i) && *at++ != '-') return false;
-        const int high = hex_value(*at++);
-        const int low = hex_value(*at++);
+        if (BeginsGroup(i) && *at++ != '-') return false;
+        const int high = HexValue(*at++);
+        const int low = HexValue(*at++);
         if (high < 0 || low < 0) return false;
         bytes[i] = static_cast<byte_t>(high << 4 | low);
     }
@@ -192,19 +192,19 @@ bool UUIDFromText(const std::string& text, UUID& id) {
 
 Result_t WriteStringIntoFile(const std::string& path, const std::string& text) {
     File file(path, O_WRONLY | O_CREAT | O_TRUNC);
-    if (!file.IsOpen()) return file_failure(RESULT_FILEOPEN, path);
-    if (!file.WriteAll(text) || !file.Sync() || !file.Close()) return file_failure(RESULT_WRITEFAIL, path);
+    if (!file.IsOpen()) return FileFailure(RESULT_FILEOPEN, path);
+    if (!file.WriteAll(text) || !file.Sync() || !file.Close()) return FileFailure(RESULT_WRITEFAIL, path);
     return RESULT_OK;
 }
 
 Result_t WriteStringIntoNewFile(const std::string& path, const std::string& text, const std::string& like) {
     if (path.find('\0') == std::string::npos && unlink(path.c_str()) != 0 && errno != ENOENT) {
-        return file_failure(RESULT_FILEOPEN, path);
+        return FileFailure(RESULT_FILEOPEN, path);
     }
     File file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-    if (!file.IsOpen()) return file_failure(RESULT_FILEOPEN, path);
+    if (!file.IsOpen()) return FileFailure(RESULT_FILEOPEN, path);
     if (!file.BeLike(like) || !file.WriteAll(text) || !file.Sync() || !file.Close()) {
-        return file_failure(RESULT_WRITEFAIL, path);
+        return FileFailure(RESULT_WRITEFAIL, path);
     }
     return RESULT_OK;
 }
@@ -212,14 +212,14 @@ Result_t WriteStringIntoNewFile(const std::string& path, const std::string& text
 Result_t SyncFolderOf(const std::string& path) {
     const std::string folder = std::filesystem::path(path).parent_path().string();
     File file(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
-    if (!file.IsOpen()) return file_failure(RESULT_FILEOPEN, folder);
-    return file.Sync() ? RESULT_OK : file_failure(RESULT_WRITEFAIL, folder);
+    if (!file.IsOpen()) return FileFailure(RESULT_FILEOPEN, folder);
+    return file.Sync() ? RESULT_OK : FileFailure(RESULT_WRITEFAIL, folder);
 }
 
 std::string FollowLinks(const std::string& path) {
-    constexpr int most = 40;  // as many as the kernel follows, path_resolution(7)
+    constexpr int Most = 40;  // as many as the kernel follows, path_resolution(7)
     std::string target = path;
-    for (int i = 0; i < most && path.find('\0') == std::string::npos; ++i) {
+    for (int i = 0; i < Most && path.find('\0') == std::string::npos; ++i) {
         std::error_code no_link;
         const std::filesystem::path next = std::filesystem::read_symlink(target, no_link);
         if (no_link) return target;
@@ -231,10 +231,10 @@ std::string FollowLinks(const std::string& path) {
 Result_t ReadFileIntoString(const std::string& path, std::string& text, std::size_t limit) {
     text.clear();
     File file(path, O_RDONLY);
-    if (!file.IsOpen()) return file_failure(RESULT_FILEOPEN, path);
+    if (!file.IsOpen()) return FileFailure(RESULT_FILEOPEN, path);
     if (file.ReadAll(text, limit)) return RESULT_OK;
     text.clear();
-    return file_failure(RESULT_READFAIL, path);
+    return FileFailure(RESULT_READFAIL, path);
 }
 
 bool PathIsDirectory(const std::string& path) {

@@ -34,32 +34,32 @@ using Server::ConfigFault;
 
 constexpr Mirel::ui32_t RequestsLimit_ms = 5000;  // for requests in progress, when the server ends
 
-int fail(const std::string& reason) {
+int Fail(const std::string& reason) {
     std::fprintf(stderr, "velmora-server: %s\n", reason.c_str());
     return 1;
 }
 
-std::string fault_text(const ConfigFault& fault) {
+std::string FaultText(const ConfigFault& fault) {
     return Mirel::EscapeForLog((fault.Pointer.empty() ? "" : fault.Pointer + ": ") + fault.What);
 }
 
-int refuse(const std::vector<ConfigFault>& faults) {
+int Refuse(const std::vector<ConfigFault>& faults) {
     const std::string more =
         faults.size() > 1 ? " (and " + std::to_string(faults.size() - 1) + " more: see --check)" : "";
-    return fail("Cannot use the configuration: " + fault_text(faults[0]) + more);
+    return Fail("Cannot use the configuration: " + FaultText(faults[0]) + more);
 }
 
 // Everything that can be found out without serving; one line for each fault and warning.
-int check(const Config& config, std::vector<ConfigFault> faults) {
+int Check(const Config& config, std::vector<ConfigFault> faults) {
     std::vector<ConfigFault> warnings;
     Server::CheckMachine(config, faults, warnings);
-    for (const ConfigFault& fault : faults) fail(fault_text(fault));
-    for (const ConfigFault& warning : warnings) fail("warning: " + fault_text(warning));
+    for (const ConfigFault& fault : faults) Fail(FaultText(fault));
+    for (const ConfigFault& warning : warnings) Fail("warning: " + FaultText(warning));
     if (faults.empty()) std::puts("The configuration is fine.");
     return faults.empty() ? 0 : 1;
 }
 
-void set_up_log(const Config& config) {
+void SetUpLog(const Config& config) {
     // Lives as long as any thread may log, which is longer than main().
     static Mirel::ILogSink* sink = nullptr;
     if (config.LogAsJSON) {
@@ -70,7 +70,7 @@ void set_up_log(const Config& config) {
 }
 
 // As many descriptors as the system allows this process: every client is one.
-void raise_descriptor_limit() {
+void RaiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
     limit.rlim_cur = limit.rlim_max;
@@ -82,14 +82,14 @@ void raise_descriptor_limit() {
 sem_t ending;
 std::atomic<int> ending_signal{0};
 
-void on_ending(int number) {
+void OnEnding(int number) {
     ending_signal = number;
     sem_post(&ending);
 }
 
-void on_nothing(int) {}
+void OnNothing(int) {}
 
-void handle(int number, void (*handler)(int)) {
+void Handle(int number, void (*handler)(int)) {
     struct sigaction action {};
     action.sa_handler = handler;
     action.sa_flags = SA_RESTART;
@@ -98,40 +98,40 @@ void handle(int number, void (*handler)(int)) {
 
 // Nothing is blocked or ignored: programs that Python handlers start would inherit that, and could not be
 // ended.
-void set_up_signals() {
+void SetUpSignals() {
     sem_init(&ending, 0, 0);
     sigset_t none;
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, nullptr);  // whatever this process has inherited itself
     // A peer that has gone and a file that may not grow are found where they are written to.
-    for (const int number : {SIGPIPE, SIGXFSZ, SIGHUP}) handle(number, on_nothing);
-    for (const int number : {SIGINT, SIGTERM}) handle(number, on_ending);
+    for (const int number : {SIGPIPE, SIGXFSZ, SIGHUP}) Handle(number, OnNothing);
+    for (const int number : {SIGINT, SIGTERM}) Handle(number, OnEnding);
 }
 
-void wait_for_signal() {
+void WaitForSignal() {
     while (sem_wait(&ending) != 0) {
     }
     const int number = ending_signal;
     // The next one ends the process at once.
-    for (const int next : {SIGINT, SIGTERM}) handle(next, SIG_DFL);
+    for (const int next : {SIGINT, SIGTERM}) Handle(next, SIG_DFL);
     Mirel::DefaultLogSink().Notice("Ending on signal %d (%s)\n", number, strsignal(number));
 }
 
 // The end takes too long: a Python handler that never returns holds what the rest waits for.
-void on_end_limit(int) {
-    static constexpr char text[] = "velmora-server: the orderly end took too long, giving up\n";
-    const ssize_t written = write(STDERR_FILENO, text, sizeof text - 1);
+void OnEndLimit(int) {
+    static constexpr char Text[] = "velmora-server: the orderly end took too long, giving up\n";
+    const ssize_t written = write(STDERR_FILENO, Text, sizeof Text - 1);
     _exit(written < 0 ? 2 : 1);
 }
 
-void limit_end(Mirel::ui32_t limit_ms) {
-    handle(SIGALRM, on_end_limit);
+void LimitEnd(Mirel::ui32_t limit_ms) {
+    Handle(SIGALRM, OnEndLimit);
     itimerval limit{};
     limit.it_value = {static_cast<time_t>(limit_ms / 1000), static_cast<suseconds_t>(limit_ms % 1000 * 1000)};
     setitimer(ITIMER_REAL, &limit, nullptr);
 }
 
-void wait_for_callers(Mirel::i32_t timeout_ms) {
+void WaitForCallers(Mirel::i32_t timeout_ms) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms) + 1s;
     while (Velmora::GetRequestCounters().Running > 0 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(5ms);
@@ -139,23 +139,23 @@ void wait_for_callers(Mirel::i32_t timeout_ms) {
 }
 
 // The order is that of who might still cause work for whom.
-int end(Server::HttpServer& server, const Config& config) {
-    limit_end(config.EndTimeout_ms);
+int End(Server::HttpServer& server, const Config& config) {
+    LimitEnd(config.EndTimeout_ms);
     server.Stop(RequestsLimit_ms);
     const Result_t stopped = EventManager::StopEventQueue();
     if (stopped.Failure())
         Mirel::DefaultLogSink().Error("Stopping the queue failed: %s\n", stopped.Message());
-    wait_for_callers(config.Timeout_ms);
+    WaitForCallers(config.Timeout_ms);
     Velmora::CloseAllWebSocketClients();
     const Result_t saved = EventManager::SaveEventQueue();
-    if (saved.Failure()) return fail(std::string("Saving the state failed: ") + saved.Message());
+    if (saved.Failure()) return Fail(std::string("Saving the state failed: ") + saved.Message());
     Mirel::DefaultLogSink().Notice("Ended\n");
     return stopped.Success() ? 0 : 1;
 }
 
 // Restores without limits, which would cut what was saved under higher ones; then they are set. What was left
 // out for another reason is kept before the first save takes the file's place.
-Result_t start_queue(const Config& config, Mirel::ui16_t port) {
+Result_t StartQueue(const Config& config, Mirel::ui16_t port) {
     std::optional<Velmora::PListDict> document;
     const Result_t read = Server::ReadStateFile(config.StateFile, document);
     if (read.Failure()) return read;
@@ -176,7 +176,7 @@ Result_t start_queue(const Config& config, Mirel::ui16_t port) {
 }
 
 // Until the restored watches are the kernel's and timers fire; or not, which /readyz then says.
-void wait_for_worker() {
+void WaitForWorker() {
     while (ending_signal == 0) {
         const EventManager::QueueStatistics queue = EventManager::GetQueueStatistics();
         if (queue.WorkerRunning || queue.WorkerEnded) return;
@@ -185,60 +185,60 @@ void wait_for_worker() {
 }
 
 // Bind, restore the queue, serve: a restored timer that calls the server itself finds it.
-int run(const Config& config) {
+int Run(const Config& config) {
     Server::Router router(config);
     Server::HttpServer server(config.Http, router);
     router.CountersFrom([&server] { return server.Counters(); });
     const Result_t bound = server.Bind();
-    if (bound.Failure()) return fail(bound.Message());
+    if (bound.Failure()) return Fail(bound.Message());
 
     const Result_t locked = Server::LockStateFile(config.StateFile);
-    if (locked.Failure()) return fail(locked.Message());
+    if (locked.Failure()) return Fail(locked.Message());
     Velmora::SetMaxCallers(config.MaxCallers);
-    const Result_t started = start_queue(config, server.Port());
-    if (started.Failure()) return fail(started.Message());
+    const Result_t started = StartQueue(config, server.Port());
+    if (started.Failure()) return Fail(started.Message());
 
     const Result_t serving = server.Serve();
     if (serving.Failure()) {
         const Result_t stopped = EventManager::StopEventQueue();
-        return fail(stopped.Success() ? serving.Message() : stopped.Message());
+        return Fail(stopped.Success() ? serving.Message() : stopped.Message());
     }
-    wait_for_worker();
+    WaitForWorker();
     std::printf("Listening on %s\n", server.Url().c_str());
     std::fflush(stdout);
-    wait_for_signal();
-    return end(server, config);
+    WaitForSignal();
+    return End(server, config);
 }
 
 // All threads share one arena: the history is written by whoever posts and freed by the worker, and the main
 // arena grows in larger steps, and into huge pages where they are asked for, than those of other threads do.
-void set_up_memory() {
+void SetUpMemory() {
     mallopt(M_ARENA_MAX, 1);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    set_up_memory();
+    SetUpMemory();
     Server::CommandLine command_line;
     if (const std::optional<int> status = Server::ReadCommandLine(argc, argv, command_line)) return *status;
     std::vector<ConfigFault> faults;
     Config config = Server::LoadConfig(command_line.ConfigFile, faults);
     command_line.ApplyTo(config);
-    if (command_line.Check) return check(config, std::move(faults));
-    if (!faults.empty()) return refuse(faults);
+    if (command_line.Check) return Check(config, std::move(faults));
+    if (!faults.empty()) return Refuse(faults);
     if (command_line.PrintConfig) {
         std::puts(Server::PrintConfig(config).c_str());
         return 0;
     }
-    set_up_log(config);
-    set_up_signals();
-    raise_descriptor_limit();
+    SetUpLog(config);
+    SetUpSignals();
+    RaiseDescriptorLimit();
     int status = 1;
     try {
-        status = run(config);
+        status = Run(config);
     } catch (const std::exception& failure) {
-        fail(std::string("Given up: ") + failure.what());
+        Fail(std::string("Given up: ") + failure.what());
     }
     std::fflush(stdout);
     // Threads that were left behind (a caller that does not end) must not find the process half taken down.

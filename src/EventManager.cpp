@@ -126,7 +126,7 @@ Timer::Timer(const std::string& timer_event_name, const i64_t& timer_interval_se
              const Timestamp& timer_start_time)
     : Timer(timer_event_name, timer_interval_sec, timer_start_time, PListDict()) {}
 
-static void Timer_copy_impl(const Timer& from, Timer& to) {
+static void timer_copy_impl(const Timer& from, Timer& to) {
     to.id = from.id;
     to.event_name = from.event_name;
     to.data = from.data;
@@ -135,11 +135,11 @@ static void Timer_copy_impl(const Timer& from, Timer& to) {
 }
 
 Timer::Timer(const Timer& other) : interval_sec(0) {
-    Timer_copy_impl(other, *this);
+    timer_copy_impl(other, *this);
 }
 
 Timer& Timer::operator=(const Timer& other) {
-    Timer_copy_impl(other, *this);
+    timer_copy_impl(other, *this);
     return *this;
 }
 

@@ -102,7 +102,7 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
 }
 
 TEST_F(ConfigTest, TheCommandLineGoesBeforeTheFile) {
-    const auto read = [this](std::vector<const char*> arguments, Config& config) {
+    const auto read = [](std::vector<const char*> arguments, Config& config) {
         CommandLine command_line;
         arguments.insert(arguments.begin(), "velmora-server");
         const auto status =

@@ -57,14 +57,14 @@ extern "C" MR_EXPORT int X509_verify_cert(X509_STORE_CTX* context) {
 
 namespace {
 
-URL url_of(const std::string& text) {
+URL UrlOf(const std::string& text) {
     URL url;
     EXPECT_TRUE(url.Parse(text)) << text;
     return url;
 }
 
-BasicRestEntryCall call_of(const std::string& text, Method_t method = METH_GET) {
-    return {method, url_of(text), {{Strings::ContentType, Strings::MIME_json}}};
+BasicRestEntryCall CallOf(const std::string& text, Method_t method = METH_GET) {
+    return {method, UrlOf(text), {{Strings::ContentType, Strings::MIME_json}}};
 }
 
 /// One exchange with room for a slow machine.
@@ -73,10 +73,10 @@ struct Client : TLSHTTPRequestHandle {
         Timeout_ms(20000);
         VerifyPeer(false);
     }
-    Result_t Get(const std::string& url) { return Exec(url_of(url), {}, METH_GET, HTTP_1_1); }
+    Result_t Get(const std::string& url) { return Exec(UrlOf(url), {}, METH_GET, HTTP_1_1); }
 };
 
-RequestOutcome last_outcome() {
+RequestOutcome LastOutcome() {
     return GetRequestOutcomes().at(0);
 }
 
@@ -85,7 +85,7 @@ TEST(Client, SendsRequestsAsGiven) {
     Client client;
     const HeaderSet headers{{"Content-Type", "application/json"}, {"X-Empty", ""}};
     const std::string body("{\"a\":\"\0\r\n\"}", 11);
-    const URL url = url_of(server.Url("/a/../b%20c?x=%2F&y"));
+    const URL url = UrlOf(server.Url("/a/../b%20c?x=%2F&y"));
     EXPECT_EQ(client.Exec(url, headers, METH_GET, HTTP_1_1), Mirel::RESULT_OK);
     EXPECT_EQ(client.Exec(url, headers, body, METH_POST, HTTP_1_1), Mirel::RESULT_OK);
     EXPECT_EQ(client.Exec(url, headers, body, METH_GET, HTTP_1_1),
@@ -108,10 +108,10 @@ TEST(Client, SendsLargeBodiesAndEveryMethod) {
     HttpTestServer server(HttpTestServer::Answers("200 OK"));
     Client client;
     const std::string body(3 << 20, 'x');
-    EXPECT_EQ(client.Exec(url_of(server.Url()), {}, body, METH_PUT, HTTP_1_1), Mirel::RESULT_OK);
+    EXPECT_EQ(client.Exec(UrlOf(server.Url()), {}, body, METH_PUT, HTTP_1_1), Mirel::RESULT_OK);
     EXPECT_TRUE(server.Requests().at(0).ends_with("\r\n\r\n" + body));
     for (const Method_t method : {METH_OPTIONS, METH_HEAD, METH_DELETE, METH_TRACE, METH_PATCH}) {
-        EXPECT_EQ(client.Exec(url_of(server.Url()), {}, method, HTTP_1_0), Mirel::RESULT_OK);
+        EXPECT_EQ(client.Exec(UrlOf(server.Url()), {}, method, HTTP_1_0), Mirel::RESULT_OK);
         EXPECT_TRUE(
             server.Requests().back().starts_with(MethodToString(method) + std::string(" / HTTP/1.0\r\n")));
     }
@@ -143,33 +143,33 @@ TEST(Client, EveryWholeAnswerIsASuccess) {
             const auto status_class = static_cast<std::size_t>(status / 100);
             EXPECT_EQ(GetRequestCounters().AnsweredByClass[status_class],
                       before.AnsweredByClass[status_class] + 1);
-            EXPECT_EQ(last_outcome().Status, status);
-            EXPECT_EQ(last_outcome().Reason, "");
+            EXPECT_EQ(LastOutcome().Status, status);
+            EXPECT_EQ(LastOutcome().Reason, "");
         }
     }
     EXPECT_TRUE(elsewhere.Requests().empty());
 }
 
 TEST(Client, ABodyIsReadUpToTheLimitAndThenCutOff) {
-    constexpr std::size_t limit = TLSHTTPRequestHandle::ResponseBodyLimit;
+    constexpr std::size_t Limit = TLSHTTPRequestHandle::ResponseBodyLimit;
     std::atomic<std::size_t> taken{0};
     const auto sends = [&taken](std::size_t size) {
         return [&taken, size](TestConnection& connection) {
             connection.ReadRequest();
             connection.Write("HTTP/1.1 200 OK\r\n\r\n");
-            constexpr std::size_t piece = 65536;
+            constexpr std::size_t Piece = 65536;
             for (taken = 0;
-                 taken < size && connection.Write(std::string(std::min(piece, size - taken), 'x'));)
-                taken += std::min(piece, size - taken);
+                 taken < size && connection.Write(std::string(std::min(Piece, size - taken), 'x'));)
+                taken += std::min(Piece, size - taken);
         };
     };
     for (const auto transport : {HttpTestServer::Plain, HttpTestServer::Tls}) {
         Client client;
         {
-            HttpTestServer whole(sends(limit), transport);
+            HttpTestServer whole(sends(Limit), transport);
             EXPECT_STREQ(client.Get(whole.Url()).Message(), Mirel::RESULT_OK.Message());
         }
-        EXPECT_EQ(taken, limit);
+        EXPECT_EQ(taken, Limit);
         {
             HttpTestServer endless(sends(SIZE_MAX), transport);
             const Result_t result = client.Get(endless.Url());
@@ -177,7 +177,7 @@ TEST(Client, ABodyIsReadUpToTheLimitAndThenCutOff) {
             EXPECT_STREQ(result.Message(), "Answered; the response body was cut off at the limit.");
         }
         EXPECT_EQ(client.Status(), STATUS_200_OK);
-        EXPECT_LT(taken, 16 * limit);  // what sockets hold included
+        EXPECT_LT(taken, 16 * Limit);  // what sockets hold included
     }
 }
 
@@ -188,10 +188,10 @@ TEST(Client, ACertificateMustBeTheServersOwn) {
     client.VerifyPeer(true);
     EXPECT_EQ(client.Get(named), Mirel::RESULT_NETWORK);
     chains_are_good = true;
-    EXPECT_EQ(client.Get(named), Mirel::RESULT_OK) << last_outcome().Reason;
+    EXPECT_EQ(client.Get(named), Mirel::RESULT_OK) << LastOutcome().Reason;
     EXPECT_EQ(client.Get(server.Url()), Mirel::RESULT_NETWORK);
     chains_are_good = false;
-    EXPECT_EQ(last_outcome().Failure, RequestFailure::TLS);
+    EXPECT_EQ(LastOutcome().Failure, RequestFailure::TLS);
     std::size_t whole_requests = 0;
     for (const std::string& request : server.Requests()) whole_requests += !request.empty();
     EXPECT_EQ(whole_requests, 1u);
@@ -213,7 +213,7 @@ TEST(Client, AsksNoProxyOfTheEnvironment) {
     EXPECT_TRUE(proxy.Requests().empty());
 }
 
-std::string refusing_url() {
+std::string RefusingUrl() {
     return HttpTestServer(HttpTestServer::Answers("200 OK")).Url();  // gone when the request is made
 }
 
@@ -248,7 +248,7 @@ TEST(Client, FailuresSayWhy) {
         RequestFailure Failure;
         ui64_t Counts::*Counter;
     } const cases[] = {
-        {refusing_url(), RequestFailure::Connect, &Counts::FailedConnect},
+        {RefusingUrl(), RequestFailure::Connect, &Counts::FailedConnect},
         {resets.Url(), RequestFailure::Transfer, &Counts::FailedTransfer},
         {closes.Url(), RequestFailure::Transfer, &Counts::FailedTransfer},
         {talks_on.Url(), RequestFailure::Transfer, &Counts::FailedTransfer},
@@ -275,8 +275,8 @@ TEST(Client, FailuresSayWhy) {
         EXPECT_EQ(result, wanted) << result.Message();
         EXPECT_EQ(client.Status(), STATUS_NONE);
         EXPECT_EQ(GetRequestCounters().*test.Counter, before + 1);
-        EXPECT_EQ(last_outcome().Failure, test.Failure);
-        EXPECT_EQ(last_outcome().Reason, result.Message());
+        EXPECT_EQ(LastOutcome().Failure, test.Failure);
+        EXPECT_EQ(LastOutcome().Reason, result.Message());
         EXPECT_STRNE(result.Message(), wanted.Message());  // a reason of its own
     }
     {
@@ -285,12 +285,12 @@ TEST(Client, FailuresSayWhy) {
         gate_opened.notify_all();
     }
     EXPECT_EQ(Client().Get("http://slow.test/"), Mirel::RESULT_NETWORK);
-    EXPECT_EQ(last_outcome().Failure, RequestFailure::Resolve);
+    EXPECT_EQ(LastOutcome().Failure, RequestFailure::Resolve);
 }
 
 TEST(Client, SendsNothingOfAnUnusableRequest) {
     HttpTestServer server(HttpTestServer::Answers("200 OK"));
-    const URL url = url_of(server.Url()), gopher = url_of("gopher://" + server.Authority());
+    const URL url = UrlOf(server.Url()), gopher = UrlOf("gopher://" + server.Authority());
     Client client;
     const auto refused = [&](const URL& target, const HeaderSet& headers, const std::string& body,
                              Method_t method) {
@@ -300,7 +300,7 @@ TEST(Client, SendsNothingOfAnUnusableRequest) {
     };
     EXPECT_TRUE(refused(URL(), {}, "", METH_GET));
     EXPECT_TRUE(refused(gopher, {}, "", METH_GET));
-    EXPECT_TRUE(refused(url_of("http://%00/"), {}, "", METH_GET));
+    EXPECT_TRUE(refused(UrlOf("http://%00/"), {}, "", METH_GET));
     EXPECT_TRUE(refused(url, {}, "body", METH_HEAD));
     EXPECT_TRUE(refused(url, {}, "", METH_CONNECT));
     EXPECT_TRUE(refused(url, {}, "", static_cast<Method_t>(15)));
@@ -308,7 +308,7 @@ TEST(Client, SendsNothingOfAnUnusableRequest) {
     EXPECT_TRUE(refused(url, {{"X: y\r\nEvil", "b"}}, "", METH_GET));
     EXPECT_TRUE(refused(url, {{"content-length", "3"}}, "body", METH_POST));
     EXPECT_TRUE(refused(url, {{"Transfer-Encoding", "chunked"}}, "body", METH_POST));
-    EXPECT_EQ(last_outcome().Failure, RequestFailure::Parameter);
+    EXPECT_EQ(LastOutcome().Failure, RequestFailure::Parameter);
     EXPECT_TRUE(server.Requests().empty());
 }
 
@@ -317,8 +317,8 @@ TEST(Client, CredentialsReachTheServerAndNobodyElse) {
     Client client;
     const std::string url = "http://us%3Aer:secret@" + server.Authority() + "/x?y";
     EXPECT_EQ(client.Get(url), Mirel::RESULT_OK);
-    EXPECT_EQ(last_outcome().Url, server.Url("/x?y"));
-    EXPECT_EQ(client.Exec(url_of(url), {{Strings::Authorization, "Bearer t"}}, METH_GET, HTTP_1_1),
+    EXPECT_EQ(LastOutcome().Url, server.Url("/x?y"));
+    EXPECT_EQ(client.Exec(UrlOf(url), {{Strings::Authorization, "Bearer t"}}, METH_GET, HTTP_1_1),
               Mirel::RESULT_OK);
     const std::vector<std::string> requests = server.Requests();
     EXPECT_NE(requests.at(0).find("\r\nAuthorization: Basic dXM6ZXI6c2VjcmV0\r\n"), std::string::npos);
@@ -341,7 +341,7 @@ TEST(Client, ResumesTlsSessions) {
 TEST(Client, KeepsTheLastOutcomesNewestFirst) {
     const ui64_t failed = GetRequestCounters().FailedResources;
     for (std::size_t i = 0; i < RequestOutcomesKept + 10; ++i) {
-        CountRequestNotStarted(call_of("http://h/" + std::to_string(i)),
+        CountRequestNotStarted(CallOf("http://h/" + std::to_string(i)),
                                Mirel::RESULT_THREAD.WithMessage("no thread"));
     }
     const std::vector<RequestOutcome> outcomes = GetRequestOutcomes();
@@ -357,7 +357,7 @@ TEST(Client, KeepsTheLastOutcomesNewestFirst) {
 
 TEST(BackgroundCaller, PerformsItsRequestUnderItsSettings) {
     HttpTestServer server(HttpTestServer::Answers("404 Not Found"), HttpTestServer::Tls);
-    Caller caller(call_of(server.Url("/hook"), METH_POST), "{}");
+    Caller caller(CallOf(server.Url("/hook"), METH_POST), "{}");
     caller.Timeout_ms(20000);
     caller.VerifyPeer(false);
     ASSERT_EQ(caller.Start("caller"), Mirel::RESULT_OK);
@@ -366,7 +366,7 @@ TEST(BackgroundCaller, PerformsItsRequestUnderItsSettings) {
     EXPECT_EQ(caller.Status(), STATUS_404_NOT_FOUND);
     EXPECT_TRUE(server.Requests().at(0).ends_with("\r\n\r\n{}"));
 
-    Caller strict(call_of(server.Url()));
+    Caller strict(CallOf(server.Url()));
     strict.Timeout_ms(20000);
     Caller nowhere{BasicRestEntryCall()};
     ASSERT_EQ(strict.Start("caller"), Mirel::RESULT_OK);
@@ -377,7 +377,7 @@ TEST(BackgroundCaller, PerformsItsRequestUnderItsSettings) {
 }
 
 /// The connections that a program which is started now would inherit.
-int inherited_connections() {
+int InheritedConnections() {
     int count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         const int descriptor = std::stoi(entry.path().filename());
@@ -399,11 +399,11 @@ TEST(BackgroundCaller, StopAndDestructionLetTheRequestEnd) {
     });
     const ui64_t answered = GetRequestCounters().AnsweredByClass[2];
     {
-        Caller caller(call_of(server.Url()));
+        Caller caller(CallOf(server.Url()));
         caller.Timeout_ms(20000);
         ASSERT_EQ(caller.Start("caller"), Mirel::RESULT_OK);
         ASSERT_TRUE(Eventually([&] { return asked.load(); }));
-        EXPECT_EQ(inherited_connections(), 0);
+        EXPECT_EQ(InheritedConnections(), 0);
         EXPECT_EQ(caller.Stop(0, true), Mirel::RESULT_TIMEOUT);
         EXPECT_FALSE(caller.IsFinished());
         stopped = true;
@@ -413,7 +413,7 @@ TEST(BackgroundCaller, StopAndDestructionLetTheRequestEnd) {
 
 /// ThreadSanitizer does not see the atomic counts by which OpenSSL, compiled without it, keeps its threads
 /// apart, and takes threads that are at work at the end for forgotten ones. For programs started from now on.
-void look_into_our_own_code_only() {
+void LookIntoOurOwnCodeOnly() {
 #if defined(__SANITIZE_THREAD__)
     const char* const given = getenv("TSAN_OPTIONS");
     const std::string options = given ? std::string(given) + ':' : std::string();
@@ -423,7 +423,7 @@ void look_into_our_own_code_only() {
 
 TEST(BackgroundCaller, AProgramMayEndWhileCallsAreUnderWay) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    look_into_our_own_code_only();
+    LookIntoOurOwnCodeOnly();
     const auto end_amid_handshakes = [] {
         HttpTestServer server(HttpTestServer::Answers("200 OK"), HttpTestServer::Tls);
         std::atomic<int> answered{0};
@@ -461,7 +461,7 @@ TEST(BackgroundCaller, ABurstBeyondTheDescriptorsFailsInPartAndPasses) {
         DescriptorLimit limit(40);
         std::vector<std::unique_ptr<Caller>> callers;
         for (int i = 0; i < 100; ++i) {
-            callers.push_back(std::make_unique<Caller>(call_of(silent.Url())));
+            callers.push_back(std::make_unique<Caller>(CallOf(silent.Url())));
             callers.back()->Timeout_ms(2000);
             if (const Result_t started = callers.back()->Start("caller"); started.Failure()) {
                 CountRequestNotStarted(callers.back()->CallData(), started);

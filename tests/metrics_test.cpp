@@ -30,15 +30,15 @@ class MetricsTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         PListDict dict;
-        dict.SetValue("StateFile", folder() / "state/state.json");
-        std::filesystem::create_directory(folder() / "state");
+        dict.SetValue("StateFile", Folder() / "state/state.json");
+        std::filesystem::create_directory(Folder() / "state");
         ASSERT_TRUE(EventManager::InitEventQueue(dict).Success());
     }
     void TearDown() override {
         GlobalEventQueue().DeleteAllEvents();
         GlobalEventQueue().DeleteAllTimers();
     }
-    static const Testing::TemporaryFolder& folder() {
+    static const Testing::TemporaryFolder& Folder() {
         static const Testing::TemporaryFolder own;
         return own;
     }
@@ -69,7 +69,7 @@ class MetricsTest : public ::testing::Test {
 
     static Config Configured() {
         Config config;
-        config.StateFile = folder() / "state/state.json";
+        config.StateFile = Folder() / "state/state.json";
         return config;
     }
 
@@ -119,11 +119,11 @@ TEST_F(MetricsTest, PostingsAreCountedByWhatPostedThem) {
     EXPECT_TRUE(Eventually([&] { return postings("timer") == before["timer"] + 2; }));
     EXPECT_EQ(postings("watch"), before["watch"]);
 
-    std::filesystem::create_directory(folder() / "watched");
-    EXPECT_TRUE(GlobalEventQueue().CreateWatch(folder() / "watched", "e", nullptr, false));
+    std::filesystem::create_directory(Folder() / "watched");
+    EXPECT_TRUE(GlobalEventQueue().CreateWatch(Folder() / "watched", "e", nullptr, false));
     int files = 0;  // until the kernel has the watch, nobody sees a change
     EXPECT_TRUE(Eventually([&] {
-        Testing::WriteFile(folder() / ("watched/" + std::to_string(files++)), "");
+        Testing::WriteFile(Folder() / ("watched/" + std::to_string(files++)), "");
         return postings("watch") > before["watch"];
     }));
     GlobalEventQueue().DeleteAllWatches();
@@ -140,8 +140,8 @@ TEST_F(MetricsTest, SizesAreThoseOfTheRegistries) {
     Mirel::UUID id;
     for (int i = 0; i < 3; ++i) GlobalEventQueue().CreateTimer("a", Mirel::Timestamp(), 600, nullptr, id);
     for (const char* name : {"w1", "w2", "w3", "w4"}) {
-        std::filesystem::create_directory(folder() / name);
-        GlobalEventQueue().CreateWatch(folder() / name, "a", nullptr, false);
+        std::filesystem::create_directory(Folder() / name);
+        GlobalEventQueue().CreateWatch(Folder() / name, "a", nullptr, false);
     }
     EXPECT_EQ(Sample("velmora_events"), 2);
     EXPECT_EQ(Sample("velmora_listeners"), 1);
@@ -187,14 +187,14 @@ TEST_F(MetricsTest, SavesAndFailedOnesAreCountedAndReadinessTells) {
     EXPECT_EQ(Sample("velmora_saves_total"), saves + 1);
     EXPECT_EQ(Sample("velmora_failed_saves_total"), failed);
 
-    std::filesystem::rename(folder() / "state", folder() / "away");
+    std::filesystem::rename(Folder() / "state", Folder() / "away");
     Create("not saved");
     EXPECT_GE(Sample("velmora_failed_saves_total"), failed + 1);
     EXPECT_EQ(Sample("velmora_saves_total"), saves + 1);
     EXPECT_EQ(ready().Status, STATUS_503_NO_SERVICE);
     EXPECT_NE(ready().Body.find(R"("ready":false,"checks":{"worker":{"ok":true,)"), std::string::npos);
     EXPECT_NE(ready().Body.find(R"("state_file":{"ok":false,)"), std::string::npos);
-    std::filesystem::rename(folder() / "away", folder() / "state");
+    std::filesystem::rename(Folder() / "away", Folder() / "state");
     EXPECT_TRUE(Eventually([&] { return ready().Status == STATUS_200_OK; }, 3000)) << ready().Body;
     EXPECT_NE(ready().Body.find(R"("ready":true)"), std::string::npos);
 }

@@ -39,7 +39,7 @@ class Worker : public Thread {
     Result_t ThreadStop() override { return ++Stops, Asked(); }
 };
 
-i64_t address_space_pages() {
+i64_t AddressSpacePages() {
     i64_t pages = -1;
     std::ifstream("/proc/self/statm") >> pages;
     return pages;
@@ -140,7 +140,7 @@ TEST(Thread, MayBeDeletedTheMomentItIsFinished) {
 }
 
 TEST(Thread, GivesItsStackBackBeforeAnybodyAsksForTheOutcome) {
-    const i64_t before = address_space_pages();
+    const i64_t before = AddressSpacePages();
     ASSERT_GT(before, 0);
     std::vector<std::unique_ptr<Worker>> workers;
     for (int i = 0; i < 64; ++i) {
@@ -148,5 +148,5 @@ TEST(Thread, GivesItsStackBackBeforeAnybodyAsksForTheOutcome) {
         workers.back()->StackSize(64u << 20);
         ASSERT_TRUE(workers.back()->Start("stack").Success());
     }
-    EXPECT_TRUE(Eventually([&] { return address_space_pages() < before + (1 << 18); }));
+    EXPECT_TRUE(Eventually([&] { return AddressSpacePages() < before + (1 << 18); }));
 }

@@ -16,12 +16,12 @@ namespace {
 
 constexpr i64_t Day_us = 86400LL * 1000000;
 
-Timestamp at(i64_t microseconds) {
+Timestamp At(i64_t microseconds) {
     return Timestamp::FromMicroseconds(microseconds);
 }
 
 // The C library's idea of the same text.
-std::string expected_text(i64_t second) {
+std::string ExpectedText(i64_t second) {
     const time_t time = second;
     tm fields{};
     gmtime_r(&time, &fields);
@@ -36,11 +36,11 @@ std::string expected_text(i64_t second) {
 TEST(Timestamp, KeepsEverySecondThroughItsText) {
     const i64_t first = -62135596800, last = 253402300799;
     for (i64_t second = first; second <= last; second += 86399) {  // every day, at ever other times
-        const std::string text = at(second * 1000000 + 999999).Text();
-        Timestamp back = at(0);
+        const std::string text = At(second * 1000000 + 999999).Text();
+        Timestamp back = At(0);
         ASSERT_TRUE(back.DecodeString(text.c_str())) << text;
         ASSERT_EQ(back.Microseconds(), second * 1000000) << text;
-        ASSERT_EQ(text, expected_text(second));
+        ASSERT_EQ(text, ExpectedText(second));
     }
 }
 
@@ -55,7 +55,7 @@ TEST(Timestamp, ReadsAnyOffsetAndFraction) {
                                                    {"1969-12-31T23:59:59.999999Z", -1},
                                                    {"0001-01-01T00:00:00Z", -719162 * Day_us}};
     for (const auto& [text, microseconds] : cases) {
-        Timestamp time = at(42);
+        Timestamp time = At(42);
         EXPECT_TRUE(time.DecodeString(text)) << text;
         EXPECT_EQ(time.Microseconds(), microseconds) << text;
     }
@@ -70,7 +70,7 @@ TEST(Timestamp, RefusesEverythingElseAndStaysAsItWas) {
         "2026-01-31T00:00:00+24:00;2026-01-31T00:00:00+00:60;2026-01-31T00:00:00+0000;"
         "2026-01-31T00:00:00+00:00 ;2026-01-31T00:00:00ZZ; 2026-01-31T00:00:00Z;+026-01-31T00:00:00Z;"
         "12026-01-31T00:00:00Z;2026-1-31T00:00:00Z;0001-01-01T00:00:00+00:01;9999-12-31T23:59:59-00:01");
-    Timestamp time = at(42);
+    Timestamp time = At(42);
     for (std::string text; std::getline(refused, text, ';');)
         EXPECT_FALSE(time.DecodeString(text.c_str())) << text;
     EXPECT_FALSE(time.DecodeString(nullptr));
@@ -79,14 +79,14 @@ TEST(Timestamp, RefusesEverythingElseAndStaysAsItWas) {
 
 TEST(Timestamp, EncodesIntoTheBufferItIsGiven) {
     char buf[64] = "unchanged";
-    EXPECT_EQ(at(0).EncodeString(buf, 0), buf);
+    EXPECT_EQ(At(0).EncodeString(buf, 0), buf);
     EXPECT_STREQ(buf, "unchanged");
-    EXPECT_STREQ(at(0).EncodeString(buf, 25), "");
-    EXPECT_STREQ(at(0).EncodeString(buf, 26), "1970-01-01T00:00:00+00:00");
-    EXPECT_STREQ(at(-1).EncodeString(buf, sizeof buf), "1969-12-31T23:59:59+00:00");
+    EXPECT_STREQ(At(0).EncodeString(buf, 25), "");
+    EXPECT_STREQ(At(0).EncodeString(buf, 26), "1970-01-01T00:00:00+00:00");
+    EXPECT_STREQ(At(-1).EncodeString(buf, sizeof buf), "1969-12-31T23:59:59+00:00");
 
     using limits = std::numeric_limits<i64_t>;
-    Timestamp latest = at(limits::max() - 1), earliest = at(limits::min() + 1);
+    Timestamp latest = At(limits::max() - 1), earliest = At(limits::min() + 1);
     latest.AddSeconds(1);
     earliest.AddSeconds(-1);
     EXPECT_EQ(latest.Microseconds(), limits::max());

@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t Unlimited = std::numeric_limits<std::size_t>::max();
 
-void expect_failure(const Result_t& result, const Result_t& code, const std::string& path, int reason) {
+void ExpectFailure(const Result_t& result, const Result_t& code, const std::string& path, int reason) {
     EXPECT_EQ(errno, reason) << path;
     EXPECT_EQ(result, code) << path;
     EXPECT_NE(std::string(result.Message()).find(path), std::string::npos) << result.Message();
@@ -40,7 +40,7 @@ TEST(Files, ComeBackAsTheyWereWritten) {
     EXPECT_TRUE(WriteStringIntoFile("/dev/null", "nothing to bring to a disk").Success());
     EXPECT_TRUE(ReadFileIntoString("/proc/self/status", back, Unlimited).Success());  // says it has no size
     EXPECT_FALSE(back.empty());
-    expect_failure(ReadFileIntoString(folder / "file", back, 5), RESULT_READFAIL, folder / "file", EFBIG);
+    ExpectFailure(ReadFileIntoString(folder / "file", back, 5), RESULT_READFAIL, folder / "file", EFBIG);
     EXPECT_EQ(back, "");
 }
 
@@ -48,11 +48,11 @@ TEST(Files, FailWithPathAndReason) {
     const Testing::TemporaryFolder folder;
     const std::string missing = folder / "missing/file";
     std::string text = "old";
-    expect_failure(WriteStringIntoFile("/dev/full", "text"), RESULT_WRITEFAIL, "/dev/full", ENOSPC);
-    expect_failure(WriteStringIntoFile(missing, "text"), RESULT_FILEOPEN, missing, ENOENT);
-    expect_failure(WriteStringIntoFile(folder.Path(), "text"), RESULT_FILEOPEN, folder.Path(), EISDIR);
-    expect_failure(ReadFileIntoString(missing, text, 100), RESULT_FILEOPEN, missing, ENOENT);
-    expect_failure(ReadFileIntoString(folder.Path(), text, 100), RESULT_READFAIL, folder.Path(), EISDIR);
+    ExpectFailure(WriteStringIntoFile("/dev/full", "text"), RESULT_WRITEFAIL, "/dev/full", ENOSPC);
+    ExpectFailure(WriteStringIntoFile(missing, "text"), RESULT_FILEOPEN, missing, ENOENT);
+    ExpectFailure(WriteStringIntoFile(folder.Path(), "text"), RESULT_FILEOPEN, folder.Path(), EISDIR);
+    ExpectFailure(ReadFileIntoString(missing, text, 100), RESULT_FILEOPEN, missing, ENOENT);
+    ExpectFailure(ReadFileIntoString(folder.Path(), text, 100), RESULT_READFAIL, folder.Path(), EISDIR);
     EXPECT_EQ(text, "");
 }
 
@@ -95,7 +95,7 @@ TEST(Files, ANewFileIsNobodyElses) {
     EXPECT_EQ(Testing::ReadFile(other), "other");
     EXPECT_FALSE(std::filesystem::exists(folder / "nothing"));
     std::filesystem::create_directory(file);
-    expect_failure(WriteStringIntoNewFile(file, "text", like), RESULT_FILEOPEN, file, EISDIR);
+    ExpectFailure(WriteStringIntoNewFile(file, "text", like), RESULT_FILEOPEN, file, EISDIR);
     EXPECT_EQ(WriteStringIntoNewFile(other + std::string(1, '\0'), "", like), RESULT_FILEOPEN);
     EXPECT_EQ(Testing::ReadFile(other), "other");
 }
@@ -144,7 +144,7 @@ TEST(Files, LinksAreFollowedToWhereAFileIsOrWouldBe) {
     const Testing::CountedSyncs syncs;
     EXPECT_TRUE(SyncFolderOf(folder / "file").Success() && SyncFolderOf("file").Success());
     EXPECT_EQ(syncs.Seen, "dd");
-    expect_failure(SyncFolderOf(folder / "none/file"), RESULT_FILEOPEN, folder / "none", ENOENT);
+    ExpectFailure(SyncFolderOf(folder / "none/file"), RESULT_FILEOPEN, folder / "none", ENOENT);
 }
 
 TEST(UUID, IsRandomAndKeepsItsValueThroughItsText) {

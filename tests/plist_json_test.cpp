@@ -188,11 +188,11 @@ class RandomTree {
         }
     }
     std::string Text() {
-        static constexpr std::string_view pieces[] = {"a",      "\"",         "\\",          "\n",
+        static constexpr std::string_view Pieces[] = {"a",      "\"",         "\\",          "\n",
                                                       "\u00e9", "\U0001F600", "longer text", "\x01",
                                                       "\xED",   "\xB3\xBF",   "\xF0\x9F"};
         std::string text;
-        for (auto i = m_Random() % 6; i > 0; --i) text += pieces[m_Random() % std::size(pieces)];
+        for (auto i = m_Random() % 6; i > 0; --i) text += Pieces[m_Random() % std::size(Pieces)];
         return text;
     }
     std::unique_ptr<PListItem> Dict(int depth) {

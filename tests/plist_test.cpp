@@ -307,12 +307,12 @@ TEST(PListData, IsForcedIntoOtherTypes) {
 }
 
 // Recursion would not survive as many levels.
-constexpr int kLevels = 100000;
+constexpr int Levels = 100000;
 
 template <class Wrap>
 PListDict DeepTree(Wrap wrap) {
     PListDict tree;
-    for (int i = 0; i < kLevels; ++i) tree = wrap(std::move(tree));
+    for (int i = 0; i < Levels; ++i) tree = wrap(std::move(tree));
     return tree;
 }
 
@@ -335,7 +335,7 @@ TEST(PListDeep, IsNoDangerToTheStack) {
     EXPECT_TRUE(copy == shared);
     marked.SetValue("other", 1);
     EXPECT_FALSE(copy == marked);
-    EXPECT_EQ(JSON(copy).size(), kLevels * 8U + 2);
+    EXPECT_EQ(JSON(copy).size(), Levels * 8U + 2);
     EXPECT_EQ(copy.CreateXMLElement(), shared.CreateXMLElement());
     const auto read = PListItem::CreateFromJSON(JSON(copy), nullptr, PListItem::AnyDepth);
     EXPECT_TRUE(read && *read == shared);

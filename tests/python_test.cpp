@@ -22,7 +22,7 @@ using Velmora::PListItem;
 
 namespace {
 
-constexpr bool IS_PYTHON3 = PY_MAJOR_VERSION >= 3;
+constexpr bool IsPython3 = PY_MAJOR_VERSION >= 3;
 
 /// Runs statements in a fresh namespace that knows `value`, and returns str(result). An exception stays
 /// pending, the answer is then empty. The interpreter lock must be held.
@@ -34,7 +34,7 @@ std::string Execute(const std::string& code, PyObject* value = Py_None) {
     std::string answer;
     if (PyObject* result = ran ? PyDict_GetItemString(names, "result") : nullptr) {
         PyObject* text = PyObject_Str(result);
-        PyObject* bytes = IS_PYTHON3 ? PyUnicode_AsUTF8String(text) : (Py_INCREF(text), text);
+        PyObject* bytes = IsPython3 ? PyUnicode_AsUTF8String(text) : (Py_INCREF(text), text);
         answer = PyBytes_AsString(bytes);
         Py_DECREF(bytes);
         Py_DECREF(text);
@@ -165,7 +165,7 @@ TEST(PythonTest, ConvertsEveryTypeOfItem) {
         "== (\n"
         "    int, bool, float, str)";
     EXPECT_EQ(Execute(check, value), "True") << Execute("result = repr(value)", value);
-    if (IS_PYTHON3) {
+    if (IsPython3) {
         EXPECT_EQ(Execute("result = ' '.join(value[1])", value),
                   "text int most beyond no number real yes no nothing date data");
     }
@@ -180,15 +180,15 @@ TEST(PythonTest, NumbersThatNoRealHoldsAreTheNearestOnes) {
 
 TEST(PythonTest, TextThatIsNotUTF8IsNoError) {
     EXPECT_EQ(Repr(PListData("gr\xc3\xbc\xc3\x9f")),
-              IS_PYTHON3 ? "'gr\xc3\xbc\xc3\x9f'" : R"('gr\xc3\xbc\xc3\x9f')");
-    EXPECT_EQ(Repr(PListData("a\xff")), IS_PYTHON3 ? "'a\xef\xbf\xbd'" : R"('a\xff')");
+              IsPython3 ? "'gr\xc3\xbc\xc3\x9f'" : R"('gr\xc3\xbc\xc3\x9f')");
+    EXPECT_EQ(Repr(PListData("a\xff")), IsPython3 ? "'a\xef\xbf\xbd'" : R"('a\xff')");
     EXPECT_EQ(Repr(PListData(std::string_view("a\0b", 3))), R"('a\x00b')");
     // Keys that turn equal: the last value stays, whatever the ones before it hold.
     PListDict dict;
     PListDict inner;
     inner.SetItem("x", PListArray());
     for (const char* key : {"\xfe", "\xff"}) dict.SetItem(key, inner);
-    const std::string bad = IS_PYTHON3 ? "'\xef\xbf\xbd': {'x': []}}" : R"('\xfe': {'x': []})";
+    const std::string bad = IsPython3 ? "'\xef\xbf\xbd': {'x': []}}" : R"('\xfe': {'x': []})";
     EXPECT_NE(Repr(dict).find(bad), std::string::npos) << Repr(dict);
 }
 

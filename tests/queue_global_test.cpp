@@ -13,14 +13,14 @@ namespace EventManager {
 
 using Velmora::PListItem;
 
-static PListDict dict(const std::string& json) {
+static PListDict Dict(const std::string& json) {
     const auto item = PListItem::CreateFromJSON(json);
     const auto* read = dynamic_cast<const PListDict*>(item.get());
     return read ? *read : PListDict();
 }
 
 /// Runs `body` in a child process; its failures are the test's.
-static void in_process(const std::function<void()>& body) {
+static void InProcess(const std::function<void()>& body) {
     const pid_t child = fork();
     ASSERT_NE(child, -1);
     if (child == 0) {
@@ -32,7 +32,7 @@ static void in_process(const std::function<void()>& body) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
 }
 
-static std::string state_text() {
+static std::string StateText() {
     PListDict state;
     GlobalEventQueue().GetQueueState(state);
     std::string text;
@@ -41,7 +41,7 @@ static std::string state_text() {
 }
 
 TEST(GlobalQueue, AnswersNothingBeforeItIsThere) {
-    in_process([] {
+    InProcess([] {
         EXPECT_TRUE(StopEventQueue().Success());
         EXPECT_TRUE(SaveEventQueue().Success());
         EXPECT_FALSE(GetQueueStatistics().Installed);
@@ -54,16 +54,16 @@ TEST(GlobalQueue, AnswersNothingBeforeItIsThere) {
         EXPECT_FALSE(id.HasValue());
         queue.SetMaxListeners(7);
         EXPECT_EQ(queue.GetMaxListeners() + queue.GetMaxWatches(), 0);
-        EXPECT_EQ(state_text(), "{}");
+        EXPECT_EQ(StateText(), "{}");
     });
 }
 
 TEST(GlobalQueue, IsOneHoweverManyStartItAndStaysWhenStopped) {
-    in_process([] {
+    InProcess([] {
         std::vector<std::thread> threads;
         for (int t = 0; t < 8; ++t) {
             threads.emplace_back([] {
-                EXPECT_TRUE(InitEventQueue(dict(R"({"EventManager":{"timer_list":[
+                EXPECT_TRUE(InitEventQueue(Dict(R"({"EventManager":{"timer_list":[
                     {"event_name":"e","interval_sec":"60"}]}})"))
                                 .Success());
             });
@@ -81,7 +81,7 @@ TEST(GlobalQueue, IsOneHoweverManyStartItAndStaysWhenStopped) {
 
         EXPECT_TRUE(StopEventQueue().Success());
         EXPECT_FALSE(GetQueueStatistics().WorkerRunning);
-        EXPECT_TRUE(InitEventQueue(dict(R"({"EventManager":{"timer_list":[]}})")).Success());
+        EXPECT_TRUE(InitEventQueue(Dict(R"({"EventManager":{"timer_list":[]}})")).Success());
         EXPECT_EQ(&GlobalEventQueue(), &queue);
         EXPECT_EQ(queue.CreateEvent("e", nullptr), Velmora::STATUS_201_CREATED);
     });
@@ -92,9 +92,9 @@ TEST(GlobalQueue, RestoresBeforeItSavesAndSavesWhatHasEndedAway) {
     const std::string path = folder / "state.json";
     const std::string watched = folder / "watched";
     std::filesystem::create_directory(watched);
-    in_process([&] {
+    InProcess([&] {
         PListDict config =
-            dict(R"({"MaxWatches":7,"EventManager":{"event_list":[{"event_name":"a"},{"event_name":"b"}],
+            Dict(R"({"MaxWatches":7,"EventManager":{"event_list":[{"event_name":"a"},{"event_name":"b"}],
             "timer_list":[{"event_name":"a","interval_sec":"-1"}],
             "watch_list":[{"path":")" +
                  watched + R"(","event_name":"a"}]}})");
@@ -116,19 +116,19 @@ TEST(GlobalQueue, RestoresBeforeItSavesAndSavesWhatHasEndedAway) {
 TEST(GlobalQueue, WhoRunsItMayRefuseWhatWasRestoredBeforeAnythingIsSavedOrFired) {
     Testing::TemporaryFolder folder;
     const std::string path = folder / "state.json";
-    in_process([&] {
+    InProcess([&] {
         Testing::WriteFile(path, "from before");
-        PListDict config = dict(R"({"EventManager":{"event_list":[{"event_name":"e"}],
+        PListDict config = Dict(R"({"EventManager":{"event_list":[{"event_name":"e"}],
             "timer_list":[{"event_name":"e","interval_sec":"-1"}]}})");
         config.SetValue("StateFile", path);
         const Result_t answer = RestoreEventQueue(config, [] {
-            EXPECT_NE(state_text().find("\"e\""), std::string::npos);
+            EXPECT_NE(StateText().find("\"e\""), std::string::npos);
             return Mirel::RESULT_STATE;
         });
         EXPECT_TRUE(answer == Mirel::RESULT_STATE);
         GlobalEventQueue().CreateEvent("f", nullptr);
         EXPECT_EQ(Testing::ReadFile(path), "from before");
-        EXPECT_NE(state_text().find("-1"), std::string::npos);
+        EXPECT_NE(StateText().find("-1"), std::string::npos);
         EXPECT_FALSE(GetQueueStatistics().WorkerRunning);
     });
 }
@@ -136,10 +136,10 @@ TEST(GlobalQueue, WhoRunsItMayRefuseWhatWasRestoredBeforeAnythingIsSavedOrFired)
 TEST(GlobalQueue, CountsWhatTimersAndWatchesPostAndKeepsLateTimersWhereAsked) {
     Testing::TemporaryFolder folder;
     for (const char* timers : {"{}", R"({"KeepRepeating":true})"}) {
-        in_process([&] {
+        InProcess([&] {
             Testing::SteppedClock clock;
             EXPECT_TRUE(
-                InitEventQueue(dict(R"({"EventManager":{"event_list":[{"event_name":"e"}],"timer_list":[
+                InitEventQueue(Dict(R"({"EventManager":{"event_list":[{"event_name":"e"}],"timer_list":[
                 {"event_name":"e","interval_sec":"-1"},{"event_name":"e","interval_sec":"3600"}]},"Timers":)" +
                                     std::string(timers) + "}"))
                     .Success());
@@ -156,7 +156,7 @@ TEST(GlobalQueue, CountsWhatTimersAndWatchesPostAndKeepsLateTimersWhereAsked) {
             EXPECT_TRUE(Testing::Eventually([] { return GetQueueStatistics().ExpiredTimers == 1; }));
             EXPECT_TRUE(StopEventQueue().Success());
             const bool kept = std::string(timers).find("true") != std::string::npos;
-            EXPECT_EQ(state_text().find("3600") != std::string::npos, kept) << timers;
+            EXPECT_EQ(StateText().find("3600") != std::string::npos, kept) << timers;
         });
     }
 }
@@ -164,9 +164,9 @@ TEST(GlobalQueue, CountsWhatTimersAndWatchesPostAndKeepsLateTimersWhereAsked) {
 TEST(GlobalQueue, ADocumentThatIsAppliedIsSavedOnceAndWhatOthersChangeMeanwhileAsEver) {
     Testing::TemporaryFolder folder;
     const std::string path = folder / "state.json";
-    in_process([&] {
+    InProcess([&] {
         const PListDict document =
-            dict(R"({"event_list":[{"event_name":"a","listener_list":[{"callback":"/1"}]},
+            Dict(R"({"event_list":[{"event_name":"a","listener_list":[{"callback":"/1"}]},
             {"event_name":"b"}],"timer_list":[{"event_name":"a","interval_sec":60}],
             "watch_list":[{"path":"/","event_name":"a"}]})");
         ApplyQueueState(document);  // nothing to apply it to
@@ -175,14 +175,14 @@ TEST(GlobalQueue, ADocumentThatIsAppliedIsSavedOnceAndWhatOthersChangeMeanwhileA
         EXPECT_TRUE(InitEventQueue(config).Success());
         ApplyQueueState(document);
         EXPECT_EQ(GetQueueStatistics().Saves, 2u);
-        EXPECT_EQ(Testing::ReadFile(path), state_text());
-        ApplyQueueState(dict(R"({"event_list":[{"event_name":"a"}]})"));
+        EXPECT_EQ(Testing::ReadFile(path), StateText());
+        ApplyQueueState(Dict(R"({"event_list":[{"event_name":"a"}]})"));
         EXPECT_EQ(GetQueueStatistics().Saves, 2u);  // nothing has changed
         GlobalEventQueue().CreateEvent("c", nullptr);
         EXPECT_EQ(GetQueueStatistics().Saves, 3u);
 
         PListArray many;
-        for (int i = 0; i < 20000; ++i) many.Append(dict(R"({"event_name":"m)" + std::to_string(i) + "\"}"));
+        for (int i = 0; i < 20000; ++i) many.Append(Dict(R"({"event_name":"m)" + std::to_string(i) + "\"}"));
         PListDict large;
         large.SetItem("event_list", many);
         std::thread applying([&] { ApplyQueueState(large); });
@@ -191,11 +191,11 @@ TEST(GlobalQueue, ADocumentThatIsAppliedIsSavedOnceAndWhatOthersChangeMeanwhileA
         EXPECT_NE(Testing::ReadFile(path).find("\"meanwhile\""), std::string::npos);
         applying.join();
         EXPECT_EQ(GetQueueStatistics().Saves, 5u);
-        EXPECT_EQ(Testing::ReadFile(path), state_text());
+        EXPECT_EQ(Testing::ReadFile(path), StateText());
 
         std::filesystem::remove(path);
         std::filesystem::create_directories(path + "/occupied");
-        ApplyQueueState(dict(R"({"event_list":[{"event_name":"d"},{"event_name":"f"}]})"));
+        ApplyQueueState(Dict(R"({"event_list":[{"event_name":"d"},{"event_name":"f"}]})"));
         EXPECT_TRUE(GetQueueStatistics().LastSaveFailed);
         std::filesystem::remove_all(path);
     });
@@ -209,8 +209,8 @@ struct Answer {
 
 /// Each thread creates its events 0, 1, 2 … and deletes the one before each; what was answered goes into the
 /// pipe.
-[[noreturn]] static void change_until_killed(const std::string& path, int answers) {
-    PListDict config = dict(Testing::ReadFile(path));
+[[noreturn]] static void ChangeUntilKilled(const std::string& path, int answers) {
+    PListDict config = Dict(Testing::ReadFile(path));
     PListDict whole;
     whole.SetItem("EventManager", config);
     whole.SetValue("StateFile", path);
@@ -231,7 +231,7 @@ struct Answer {
 }
 
 /// The youngest event of each thread of process `child` in a saved document; -1 without one.
-static std::vector<int> saved_events(const std::string& text, pid_t child) {
+static std::vector<int> SavedEvents(const std::string& text, pid_t child) {
     Result_t why;
     const auto item = PListItem::CreateFromJSON(text, &why);
     const auto* state = dynamic_cast<const PListDict*>(item.get());
@@ -265,7 +265,7 @@ TEST(GlobalQueue, KilledAtAnyInstantLeavesAWholeDocumentNoOlderThanWhatWasAnswer
         ASSERT_EQ(pipe(ends), 0);
         const pid_t child = fork();
         ASSERT_NE(child, -1);
-        if (child == 0) change_until_killed(path, ends[1]);
+        if (child == 0) ChangeUntilKilled(path, ends[1]);
         close(ends[1]);
 
         std::vector<int> answered(8, -1);
@@ -279,7 +279,7 @@ TEST(GlobalQueue, KilledAtAnyInstantLeavesAWholeDocumentNoOlderThanWhatWasAnswer
         close(ends[0]);
         waitpid(child, nullptr, 0);
 
-        const std::vector<int> saved = saved_events(Testing::ReadFile(path), child);
+        const std::vector<int> saved = SavedEvents(Testing::ReadFile(path), child);
         for (std::size_t t = 0; t < 8; ++t) EXPECT_GE(saved[t], answered[t]) << "thread " << t;
         std::filesystem::remove(path);
     }

@@ -198,8 +198,8 @@ class RestTest : public RouterTest, public ::testing::WithParamInterface<Transpo
 };
 
 std::string TransportName(const ::testing::TestParamInfo<Transport>& transport) {
-    constexpr std::array<const char*, 3> words = {"Direct", "Plain", "TLS"};
-    return words[transport.index];
+    constexpr std::array<const char*, 3> Words = {"Direct", "Plain", "TLS"};
+    return Words[transport.index];
 }
 INSTANTIATE_TEST_SUITE_P(Transports, RestTest,
                          ::testing::Values(Transport::Direct, Transport::Plain, Transport::TLS),
@@ -610,21 +610,21 @@ class AnyData {
 class AnyStateTest : public RouterTest {
   protected:
     void FillFromREST(AnyData& any, const std::string& name) {
-        constexpr std::size_t depth = PListItem::UsualDepth - 1;  // the body is one level of it
+        constexpr std::size_t Depth = PListItem::UsualDepth - 1;  // the body is one level of it
         EXPECT_EQ(Call("POST /api/v1/events",
-                       R"({"event_name":")" + name + R"(","event_data":)" + any.Json(depth) + "}"),
+                       R"({"event_name":")" + name + R"(","event_data":)" + any.Json(Depth) + "}"),
                   201);
         EXPECT_EQ(Call("POST /api/v1/events/" + name + "/listeners",
-                       R"({"callback":"/1","listener_data":)" + any.Json(depth) + "}"),
+                       R"({"callback":"/1","listener_data":)" + any.Json(Depth) + "}"),
                   201);
         EXPECT_EQ(Call("POST /api/v1/timers",
-                       R"({"event_name":"e","interval_sec":60,"timer_data":)" + any.Json(depth) + "}"),
+                       R"({"event_name":"e","interval_sec":60,"timer_data":)" + any.Json(Depth) + "}"),
                   201);
         EXPECT_EQ(Call("POST /api/v1/watches", R"({"event_name":"e","path":")" + Watched(name) +
-                                                   R"(","watch_data":)" + any.Json(depth) + "}"),
+                                                   R"(","watch_data":)" + any.Json(Depth) + "}"),
                   201);
         EXPECT_EQ(
-            Call("POST /api/v1/events", R"({"event_name":"deep","event_data":)" + any.Json(depth + 1) + "}"),
+            Call("POST /api/v1/events", R"({"event_name":"deep","event_data":)" + any.Json(Depth + 1) + "}"),
             400);
     }
     void FillFromProgram(AnyData& any, int depth) {

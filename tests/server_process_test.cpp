@@ -171,22 +171,22 @@ TEST_F(ServerProcessTest, AKillLosesNothingThatWasAnswered) {
 }
 
 TEST_F(ServerProcessTest, EveryClientOfTheFeedSeesEveryPostingInOrder) {
-    constexpr int clients = 200, postings = 500;
+    constexpr int Clients = 200, Postings = 500;
     const auto server = Serve(R"({"Timeout_ms": 20000, "BindAddress": {"ListenPort": 0},
                                   "EventManager": {"event_list": [{"event_name": "e"}]}})");
     std::vector<std::unique_ptr<FeedClient>> feeds;
-    for (int i = 0; i < clients; ++i) feeds.push_back(std::make_unique<FeedClient>(server->Port()));
+    for (int i = 0; i < Clients; ++i) feeds.push_back(std::make_unique<FeedClient>(server->Port()));
     HttpClient poster(server->Port(), false);
     ASSERT_TRUE(Eventually([&] {
         return poster.Call("GET", "/metrics").body().find("\nvelmora_feed_clients 200\n") !=
                std::string::npos;
     }));
-    for (int i = 0; i < postings; ++i) {
+    for (int i = 0; i < Postings; ++i) {
         ASSERT_EQ(Status(poster, "POST", "/api/v1/events/e", R"({"n":)" + std::to_string(i) + "}"), 202u);
     }
     std::jthread ending([&] { EXPECT_EQ(server->End(SIGTERM), 0); });
     for (const auto& feed : feeds) {
-        for (int next = 0; next < postings; ++next) {
+        for (int next = 0; next < Postings; ++next) {
             EXPECT_NE(feed->Read().find("{\"n\":" + std::to_string(next) + "}"), std::string::npos);
         }
         EXPECT_EQ(feed->CloseCode(), 1001);
@@ -407,7 +407,7 @@ TEST_F(ServerProcessTest, AHandlerThatNeverReturnsDoesNotKeepItFromEnding) {
                   folder / "hanging" + R"("}}]}]}})");
         return server;
     };
-    const auto post = [this](unsigned short port) {
+    const auto post = [](unsigned short port) {
         return std::jthread([port] {
             HttpClient client(port, false);
             EXPECT_ANY_THROW(Status(client, "POST", "/api/v1/events/e"));

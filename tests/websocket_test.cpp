@@ -19,7 +19,7 @@ using namespace Testing;
 using namespace Velmora;
 using Texts = std::vector<std::string>;
 
-std::string close_payload(int code, const std::string& reason = "") {
+std::string ClosePayload(int code, const std::string& reason = "") {
     return std::string{static_cast<char>(code >> 8), static_cast<char>(code & 0xFF)} + reason;
 }
 
@@ -63,7 +63,7 @@ class CountingReader : public BroadcastReader {
 };
 
 TEST_F(WebSocketTest, EveryClientGetsAllPostingsInOneOrder) {
-    constexpr int posters = 3, postings = 300;
+    constexpr int Posters = 3, Postings = 300;
     const std::size_t sizes[] = {0, 125 - 8, 126 - 8, 2000, 65535 - 8, 65536 - 8, 300000};
     Manager feed(m_Patient);
     std::list<Peer> peers;
@@ -82,9 +82,9 @@ TEST_F(WebSocketTest, EveryClientGetsAllPostingsInOneOrder) {
             return texts;
         }));
     std::vector<std::thread> threads;
-    for (int poster = 0; poster < posters; ++poster)
+    for (int poster = 0; poster < Posters; ++poster)
         threads.emplace_back([&, poster] {
-            for (int i = 0; i < postings; ++i) {
+            for (int i = 0; i < Postings; ++i) {
                 const std::string number = std::to_string(poster * 1000000 + 10000000 + i);
                 feed.SendText(number + std::string(i % 40 == poster ? sizes[i / 40 % 7] : 40, 'x'));
             }
@@ -93,9 +93,9 @@ TEST_F(WebSocketTest, EveryClientGetsAllPostingsInOneOrder) {
     feed.CloseAll();
 
     const Texts& first = seen.Postings;
-    ASSERT_EQ(first.size(), posters * postings);
+    ASSERT_EQ(first.size(), Posters * Postings);
     EXPECT_EQ(seen.Closes, 1);
-    std::vector<int> last(posters, -1);
+    std::vector<int> last(Posters, -1);
     for (const std::string& text : first) {
         const int number = std::stoi(text.substr(0, 8)) - 10000000;
         EXPECT_EQ(number % 1000000, ++last[static_cast<std::size_t>(number / 1000000)]);
@@ -139,31 +139,31 @@ TEST_F(WebSocketTest, EveryPostingWakesTheFeedAndWithoutOneItSleeps) {
 }
 
 TEST_F(WebSocketTest, ClientsThatJoinMeanwhileGetAllFromThenOn) {
-    constexpr int clients = 40, postings = 40 * 400;
+    constexpr int Clients = 40, Postings = 40 * 400;
     Manager feed(m_Patient);
     std::list<Peer> peers;
     std::atomic<int> posted{0};
     std::thread poster([&] {
-        while (posted < postings) feed.SendText(std::to_string(posted++));
+        while (posted < Postings) feed.SendText(std::to_string(posted++));
     });
     const ui64_t delivered = GetBroadcastCounters().FramesDelivered;
     std::vector<int> before;
-    for (int i = 0; i < clients; ++i) {
-        Eventually([&] { return posted >= i * postings / clients; });
+    for (int i = 0; i < Clients; ++i) {
+        Eventually([&] { return posted >= i * Postings / Clients; });
         before.push_back(posted);
         Adopt(feed, peers.emplace_back(static_cast<Link>(i % 3)));
     }
     poster.join();
-    feed.SendText(std::to_string(postings));
+    feed.SendText(std::to_string(Postings));
     auto closing = std::async(std::launch::async, [&feed] { feed.CloseAll(); });
     auto joined = before.begin();
     int read = 0;
     for (Peer& peer : peers) {
         int next = std::stoi(peer.Read().Payload);
         EXPECT_GE(next, *joined++ - 1);
-        read += postings - next + 1;
+        read += Postings - next + 1;
         for (const std::string& text : peer.ReadTexts()) ASSERT_EQ(text, std::to_string(++next));
-        EXPECT_EQ(next, postings);
+        EXPECT_EQ(next, Postings);
         peer.HangUp();
     }
     EXPECT_EQ(GetBroadcastCounters().FramesDelivered, delivered + static_cast<ui64_t>(read));
@@ -236,15 +236,15 @@ TEST_F(WebSocketTest, BrokenProtocolIsClosedWithItsCode) {
         {std::string("\x81\xFE\x00\x7D", 4) + "maskdata", 1002},  // length not in its shortest form
         {std::string("\x82\xFF\x80\0\0\0\0\0\0\0mask", 14), 1002},
         {ClientFrame(0x88, "\x03"), 1002},  // close payloads
-        {ClientFrame(0x88, close_payload(999)), 1002},
-        {ClientFrame(0x88, close_payload(1004)), 1002},
-        {ClientFrame(0x88, close_payload(1005)), 1002},
-        {ClientFrame(0x88, close_payload(1006)), 1002},
-        {ClientFrame(0x88, close_payload(1015)), 1002},
-        {ClientFrame(0x88, close_payload(2999)), 1002},
-        {ClientFrame(0x88, close_payload(5000)), 1002},
-        {ClientFrame(0x88, close_payload(1000, "\xC0\xAF")), 1007},  // what is not UTF-8
-        {ClientFrame(0x88, close_payload(1000, "\xED\xA0\x80")), 1007},
+        {ClientFrame(0x88, ClosePayload(999)), 1002},
+        {ClientFrame(0x88, ClosePayload(1004)), 1002},
+        {ClientFrame(0x88, ClosePayload(1005)), 1002},
+        {ClientFrame(0x88, ClosePayload(1006)), 1002},
+        {ClientFrame(0x88, ClosePayload(1015)), 1002},
+        {ClientFrame(0x88, ClosePayload(2999)), 1002},
+        {ClientFrame(0x88, ClosePayload(5000)), 1002},
+        {ClientFrame(0x88, ClosePayload(1000, "\xC0\xAF")), 1007},  // what is not UTF-8
+        {ClientFrame(0x88, ClosePayload(1000, "\xED\xA0\x80")), 1007},
         {ClientFrame(0x81, "\xF5"), 1007},
         {ClientFrame(0x81, "gr\xC3\xBC\xC3"), 1007},
         {ClientFrame(0x01, std::string(200, 'x') + "\xF0\x9F") + ClientFrame(0x89, "p") +
@@ -253,19 +253,19 @@ TEST_F(WebSocketTest, BrokenProtocolIsClosedWithItsCode) {
         {ClientFrame(0x01, "\xF4") + ClientFrame(0x80, "\x90\x80\x80"), 1007},
         {ClientFrame(0x01, std::string(200, 'x') + "\xF0\x9F") + ClientFrame(0x00, "") +
              ClientFrame(0x80, "\x91\x8B") + ClientFrame(0x81, "") + ClientFrame(0x82, "\xFF") +
-             ClientFrame(0x88, close_payload(1000)),
+             ClientFrame(0x88, ClosePayload(1000)),
          1000},
         {ClientFrame(0x82, std::string(65537, 'x')), 1009},
         {ClientFrame(0x02, std::string(60000, 'x')) + ClientFrame(0x80, std::string(5537, 'x')), 1009},
         {ClientFrame(0x02, std::string(60000, 'x')) + ClientFrame(0x80, std::string(5536, 'x')) +
-             ClientFrame(0x88, close_payload(4999, "\xF0\x9F\x91\x8B")),
+             ClientFrame(0x88, ClosePayload(4999, "\xF0\x9F\x91\x8B")),
          4999},  // just right
         {ClientFrame(0x82, std::string(40000, 'x')) + ClientFrame(0x82, std::string(40000, 'x')) +
-             ClientFrame(0x88, close_payload(1003)),
+             ClientFrame(0x88, ClosePayload(1003)),
          1003},  // the limit is for each
-        {ClientFrame(0x88, close_payload(1007)), 1007, false},
-        {ClientFrame(0x88, close_payload(1014)), 1014},
-        {ClientFrame(0x88, close_payload(3000)), 3000},
+        {ClientFrame(0x88, ClosePayload(1007)), 1007, false},
+        {ClientFrame(0x88, ClosePayload(1014)), 1014},
+        {ClientFrame(0x88, ClosePayload(3000)), 3000},
         {ClientFrame(0x88, ""), 0},
     };
     for (const auto& test : cases) {
@@ -367,7 +367,7 @@ TEST_F(WebSocketTest, SilentClientsArePingedAndGivenUp) {
     }
     EXPECT_EQ(silent.Read().Opcode, -1);
     EXPECT_TRUE(m_Log.Has("silent is disconnected: does not answer a ping"));
-    EXPECT_TRUE(answering.Write(ClientFrame(0x88, close_payload(1000, "bye"))));
+    EXPECT_TRUE(answering.Write(ClientFrame(0x88, ClosePayload(1000, "bye"))));
     EXPECT_EQ(answering.Read().CloseCode(), 1000);
     EXPECT_EQ(m_Log.At(Mirel::LOG_NOTICE).size(), 1u);
 }

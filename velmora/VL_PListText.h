@@ -77,19 +77,19 @@ class CompactText {
     }
 
   private:
-    static constexpr Mirel::byte_t kShared = 0xFF;  // in the last byte, which otherwise holds the length
-    static constexpr std::size_t kPointerAt = SIZE % sizeof(void*);
+    static constexpr Mirel::byte_t SharedMark = 0xFF;  // in the last byte, which otherwise holds the length
+    static constexpr std::size_t PointerAt = SIZE % sizeof(void*);
 
-    bool IsShared() const noexcept { return m_Bytes[SIZE - 1] == kShared; }
+    bool IsShared() const noexcept { return m_Bytes[SIZE - 1] == SharedMark; }
     void SetEmpty() noexcept { m_Bytes[SIZE - 1] = 0; }
     void* Shared() const noexcept {
         void* text;
-        std::memcpy(&text, m_Bytes + kPointerAt, sizeof(text));
+        std::memcpy(&text, m_Bytes + PointerAt, sizeof(text));
         return text;
     }
     void SetShared(void* text) noexcept {
-        std::memcpy(m_Bytes + kPointerAt, &text, sizeof(text));
-        m_Bytes[SIZE - 1] = kShared;
+        std::memcpy(m_Bytes + PointerAt, &text, sizeof(text));
+        m_Bytes[SIZE - 1] = SharedMark;
     }
 
     Mirel::byte_t m_Bytes[SIZE];

@@ -16,7 +16,7 @@ constexpr std::size_t JsonAround = 99;  // of a posting, around its data's text
 constexpr std::size_t NatsBatch = 64;
 
 /// "HTTP/1.1 202 …" with a Content-Length.
-std::size_t http_answer_size(std::string_view begin) {
+std::size_t HttpAnswerSize(std::string_view begin) {
     const std::size_t head = begin.find("\r\n\r\n");
     if (head == begin.npos) return 0;
     Check(begin.substr(0, 10) == "HTTP/1.1 2", std::string(begin.substr(0, head)));
@@ -27,13 +27,13 @@ std::size_t http_answer_size(std::string_view begin) {
 }
 
 /// The length of "+OK", ":3" and the like.
-std::size_t line_size(std::string_view begin) {
+std::size_t LineSize(std::string_view begin) {
     const std::size_t end = begin.find("\r\n");
     return end == begin.npos ? 0 : end + 2;
 }
 
 /// *3 $7 message $2 ev $N …
-std::size_t redis_delivery_size(std::string_view begin) {
+std::size_t RedisDeliverySize(std::string_view begin) {
     const std::size_t length = begin.rfind("$", begin.size() < 64 ? begin.size() : 64);
     const std::size_t head = begin.find("\r\n", length);
     if (begin.size() < 48 || head == begin.npos) return 0;
@@ -41,20 +41,20 @@ std::size_t redis_delivery_size(std::string_view begin) {
 }
 
 /// MSG ev 1 N
-std::size_t nats_delivery_size(std::string_view begin) {
+std::size_t NatsDeliverySize(std::string_view begin) {
     const std::size_t head = begin.find("\r\n");
     if (head == begin.npos) return 0;
     return head + 2 + std::strtoul(begin.data() + begin.rfind(' ', head) + 1, nullptr, 10) + 2;
 }
 
-std::string padded_text(std::size_t size, bool with_time) {
+std::string PaddedText(std::size_t size, bool with_time) {
     std::string text(size, 'x');
     if (with_time) text.replace(0, 2 + TimeDigits, TimeMark + std::string(TimeDigits, '0'));
     return text;
 }
 
-Protocol web_socket(std::size_t payload, bool with_time) {
-    const std::string body = R"({"text":")" + padded_text(payload - JsonAround, with_time) + R"("})";
+Protocol WebSocket(std::size_t payload, bool with_time) {
+    const std::string body = R"({"text":")" + PaddedText(payload - JsonAround, with_time) + R"("})";
     Protocol protocol;
     protocol.Subscribe =
         "GET /api/v1/feed HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
@@ -64,23 +64,23 @@ Protocol web_socket(std::size_t payload, bool with_time) {
         "POST /api/v1/events/bench.event HTTP/1.1\r\nHost: 127.0.0.1\r\n"
         "Content-Type: application/json\r\nContent-Length: " +
         std::to_string(body.size()) + "\r\n\r\n" + body;
-    protocol.AnswerSize = http_answer_size;
+    protocol.AnswerSize = HttpAnswerSize;
     protocol.DeliverySize = WebSocketFrameSize;
     return protocol;
 }
 
-Protocol redis(std::size_t payload, bool with_time) {
+Protocol Redis(std::size_t payload, bool with_time) {
     Protocol protocol;
     protocol.Subscribe = "*2\r\n$9\r\nSUBSCRIBE\r\n$2\r\nev\r\n";
     protocol.SubscribeEnd = ":1\r\n";
     protocol.Publish = "*3\r\n$7\r\nPUBLISH\r\n$2\r\nev\r\n$" + std::to_string(payload) + "\r\n" +
-                       padded_text(payload, with_time) + "\r\n";
-    protocol.AnswerSize = line_size;
-    protocol.DeliverySize = redis_delivery_size;
+                       PaddedText(payload, with_time) + "\r\n";
+    protocol.AnswerSize = LineSize;
+    protocol.DeliverySize = RedisDeliverySize;
     return protocol;
 }
 
-Protocol nats(std::size_t payload, bool with_time) {
+Protocol Nats(std::size_t payload, bool with_time) {
     const std::string hello = R"(CONNECT {"verbose":false,"pedantic":false})"
                               "\r\n";
     Protocol protocol;
@@ -88,21 +88,20 @@ Protocol nats(std::size_t payload, bool with_time) {
     protocol.SubscribeEnd = "PONG\r\n";
     protocol.PublisherHello = hello + "PING\r\n";
     protocol.PublisherHelloEnd = "PONG\r\n";
-    protocol.Publish =
-        "PUB ev " + std::to_string(payload) + "\r\n" + padded_text(payload, with_time) + "\r\n";
+    protocol.Publish = "PUB ev " + std::to_string(payload) + "\r\n" + PaddedText(payload, with_time) + "\r\n";
     protocol.PublishBatchEnd = "PING\r\n";
     protocol.Batch = NatsBatch;
-    protocol.AnswerSize = line_size;
-    protocol.DeliverySize = nats_delivery_size;
+    protocol.AnswerSize = LineSize;
+    protocol.DeliverySize = NatsDeliverySize;
     return protocol;
 }
 
 }  // namespace
 
 Protocol ProtocolNamed(const std::string& name, std::size_t payload, bool with_time) {
-    if (name == "redis") return redis(payload, with_time);
-    if (name == "nats") return nats(payload, with_time);
-    return web_socket(payload, with_time);
+    if (name == "redis") return Redis(payload, with_time);
+    if (name == "nats") return Nats(payload, with_time);
+    return WebSocket(payload, with_time);
 }
 
 int ConnectWith(std::uint16_t port, const std::string& hello, const std::string& end) {

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::chrono::milliseconds Pause{3};  // so that every change finds the reader waiting
 
-void change(const std::string& path) {
+void Change(const std::string& path) {
     const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     Check(file >= 0 && write(file, "x", 1) == 1, path);
     close(file);
@@ -34,7 +34,7 @@ void MeasureWatch(std::uint16_t port, const std::string& path, std::size_t chang
     for (std::size_t i = 0; i < changes; ++i) {
         std::this_thread::sleep_for(Pause);
         const std::int64_t before = Now_ns();
-        change(path);
+        Change(path);
         while (recv(feed, room, sizeof(room), MSG_DONTWAIT) <= 0)
             Check(Now_ns() - before < 5'000'000'000, "waiting for the change of " + path);
         delays_us.push_back(static_cast<double>(Now_ns() - before) / 1e3);
@@ -45,7 +45,7 @@ void MeasureWatch(std::uint16_t port, const std::string& path, std::size_t chang
 
 void MeasureBareWatch(const std::string& path, std::size_t changes) {
     const int stream = inotify_init1(IN_CLOEXEC);
-    change(path);
+    Change(path);
     Check(inotify_add_watch(stream, path.c_str(), IN_MODIFY) >= 0, path);
     std::atomic<std::int64_t> seen{0};
     std::thread reader([&] {
@@ -60,7 +60,7 @@ void MeasureBareWatch(const std::string& path, std::size_t changes) {
     for (std::size_t i = 0; i < changes; ++i) {
         std::this_thread::sleep_for(Pause);
         const std::int64_t before = Now_ns();
-        change(path);
+        Change(path);
         while (seen < before) {
         }
         delays_us.push_back(static_cast<double>(seen - before) / 1e3);

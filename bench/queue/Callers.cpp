@@ -20,18 +20,18 @@ constexpr std::size_t StackSize = 256 * 1024;
 
 const char* const ListenerData = R"({"priority":1})";
 
-std::size_t running() {
+std::size_t Running() {
     return Velmora::GetRequestCounters().Running;
 }
 
-void await_idle(EventQueue& queue) {
+void AwaitIdle(EventQueue& queue) {
     Await("callers to end", [&] {
         Probe::Reap(queue);
         return Probe::Callers(queue) == 0;
     });
 }
 
-void check_all_answered(std::size_t calls) {
+void CheckAllAnswered(std::size_t calls) {
     const auto counters = Velmora::GetRequestCounters();
     Check(counters.AnsweredByClass[2] == calls, "not every call was answered with success");
 }
@@ -52,9 +52,9 @@ void MeasureListenerCost(const std::string& url) {
     std::vector<double> with;
     for (std::size_t i = 0; i < SinglePostings; ++i) {
         with.push_back(CostOf([&] { posting.PostEvent(EventName, &data); }).Wall_ns);
-        await_idle(queue);
+        AwaitIdle(queue);
     }
-    check_all_answered(SinglePostings);
+    CheckAllAnswered(SinglePostings);
     Print("poster_us", (Percentile(with, 0.5) - Percentile(without, 0.5)) / 1e3);
 }
 
@@ -75,9 +75,9 @@ void MeasureCallers(const std::string& url, std::size_t calls, std::size_t in_fl
         }
         posting.PostEvent(EventName, &data);
     }
-    await_idle(queue);
+    AwaitIdle(queue);
     const auto all = static_cast<double>(Now_ns() - start);
-    check_all_answered(calls);
+    CheckAllAnswered(calls);
     Print("calls_per_s", static_cast<double>(calls) * 1e9 / all);
 }
 
@@ -91,13 +91,13 @@ void MeasureWaitingCallers(const std::string& url, std::size_t callers) {
     CreateListener(queue, url, ListenerData);
     const PListDict data = TypicalData();
     posting.PostEvent(EventName, &data);  // what is set up once
-    Await("the first caller", [] { return running() == 1; });
+    Await("the first caller", [] { return Running() == 1; });
     const double before = ResidentBytes();
     for (std::size_t i = 0; i < callers; ++i) {
-        while (running() + 200 < i) std::this_thread::yield();  // no more than the listener's backlog takes
+        while (Running() + 200 < i) std::this_thread::yield();  // no more than the listener's backlog takes
         posting.PostEvent(EventName, &data);
     }
-    Await("callers to wait", [&] { return running() == callers + 1; });
+    Await("callers to wait", [&] { return Running() == callers + 1; });
     std::this_thread::sleep_for(
         std::chrono::milliseconds(300));  // until the last ones have sent their request
     Print("bytes_per_caller", (ResidentBytes() - before) / static_cast<double>(callers));

@@ -24,13 +24,13 @@ class SteppedClock : public Mirel::Clock {
     std::atomic<Mirel::i64_t> m_Now_us;
 };
 
-double heap_bytes() {
+double HeapBytes() {
     const auto info = mallinfo2();
     return static_cast<double>(info.uordblks + info.hblkhd);
 }
 
 /// As a request posts: every record has data of its own.
-void post_typical(IEventQueue& queue, std::size_t records) {
+void PostTypical(IEventQueue& queue, std::size_t records) {
     const std::string json = [] {
         std::string text;
         (void)TypicalData().EncodeJSON(text);
@@ -42,7 +42,7 @@ void post_typical(IEventQueue& queue, std::size_t records) {
     }
 }
 
-double longest_posting_during(EventQueue& queue, const std::function<void()>& work) {
+double LongestPostingDuring(EventQueue& queue, const std::function<void()>& work) {
     IEventQueue& posting = queue;
     const PListDict data = TypicalData();
     Bystander poster([&] { posting.PostEvent(EventName, &data); }, 2'000'000);
@@ -55,7 +55,7 @@ double longest_posting_during(EventQueue& queue, const std::function<void()>& wo
 void MeasureHistoryBytes(std::size_t records) {
     EventQueue queue(500);
     CreateEvent(queue);
-    post_typical(queue, 1000);
+    PostTypical(queue, 1000);
     PListDict history;
     static_cast<IEventQueue&>(queue).GetEventHistory(history);
     std::string json;
@@ -64,11 +64,11 @@ void MeasureHistoryBytes(std::size_t records) {
         ->EncodeJSON(json);
     history.Clear();
 
-    const double heap = heap_bytes();
+    const double heap = HeapBytes();
     const double resident = ResidentBytes();
-    post_typical(queue, records);
+    PostTypical(queue, records);
     Print("json_bytes", static_cast<double>(json.size()));
-    Print("heap_bytes_per_record", (heap_bytes() - heap) / static_cast<double>(records));
+    Print("heap_bytes_per_record", (HeapBytes() - heap) / static_cast<double>(records));
     Print("resident_bytes_per_record", (ResidentBytes() - resident) / static_cast<double>(records));
 }
 
@@ -83,13 +83,13 @@ void MeasureHistoryLocks(std::size_t records) {
     const PListDict data = TypicalData();
     for (std::size_t i = 0; i < records; ++i) reading.PostEvent(EventName, &data);
 
-    Print("quiet_wait_ns", longest_posting_during(queue, [] {
+    Print("quiet_wait_ns", LongestPostingDuring(queue, [] {
               const std::int64_t until = Now_ns() + 20'000'000;
               while (Now_ns() < until) {
               }
           }));
     double reading_ns = 0;
-    Print("read_wait_ns", longest_posting_during(queue, [&] {
+    Print("read_wait_ns", LongestPostingDuring(queue, [&] {
               PListDict history;
               reading_ns = CostOf([&] { reading.GetEventHistory(history); }).Computed_ns;
               const std::int64_t until = Now_ns() + 5'000'000;
@@ -101,7 +101,7 @@ void MeasureHistoryLocks(std::size_t records) {
     clock.Step(31);
     double trimming_ns = 0;
     double destroying_ns = 0;
-    Print("trim_wait_ns", longest_posting_during(queue, [&] {
+    Print("trim_wait_ns", LongestPostingDuring(queue, [&] {
               trimming_ns = CostOf([&] { Probe::TrimHistory(queue); }).Computed_ns;
               destroying_ns = CostOf([&] { Probe::DestroyTrimmedHistory(queue); }).Computed_ns;
           }));

@@ -20,7 +20,7 @@ constexpr std::size_t Postings = 300'000;
 constexpr std::size_t PostingsToClients = 20'000;  // however many they are, so that rows compare
 
 /// Blocks of postings, each timed.
-std::vector<double> post_blocks(IEventQueue& queue, const PListDict& data, std::size_t blocks) {
+std::vector<double> PostBlocks(IEventQueue& queue, const PListDict& data, std::size_t blocks) {
     std::vector<double> costs;
     costs.reserve(blocks);
     for (std::size_t i = 0; i < blocks; ++i) {
@@ -49,7 +49,7 @@ void MeasurePosting(std::size_t events, std::size_t clients) {
     for (std::size_t i = 0; i < Warmup; ++i) posting.PostEvent(EventName, &data);
 
     const std::int64_t computed = ThreadTime_ns();
-    std::vector<double> costs = post_blocks(queue, data, blocks);
+    std::vector<double> costs = PostBlocks(queue, data, blocks);
     Print("mean_ns", static_cast<double>(ThreadTime_ns() - computed) / static_cast<double>(blocks * Block));
     Print("posting_ns", Percentile(costs, 0.5));
     if (readers) readers->AwaitEnd_ns();

@@ -41,7 +41,7 @@ double posting_ns(EventQueue& queue, const PListDict& data) {
            static_cast<double>(Calls);
 }
 
-PyObject* import_handler() {
+PyObject* ImportHandler() {
     const PythonContextLock context;
     PyObject* module = PyImport_ImportModule("bench_handler");
     PyObject* handler = module != nullptr ? PyObject_GetAttrString(module, "event_handler") : nullptr;
@@ -57,7 +57,7 @@ void MeasurePython() {
     const Folder folder;
     std::ofstream(folder / "bench_handler.py") << "def event_handler(posting):\n    pass\n";
     InitPython({folder.Path()});
-    PyObject* handler = import_handler();
+    PyObject* handler = ImportHandler();
 
     EventQueue silent(500);
     EventQueue listening(500);

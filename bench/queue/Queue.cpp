@@ -70,11 +70,11 @@ PListDict DataForPostingOf(std::size_t bytes) {
 }
 
 void WarmHeap(std::size_t bytes) {
-    constexpr std::size_t piece = 64u << 10;  // of the heap's own memory, not mapped by itself
+    constexpr std::size_t Piece = 64u << 10;  // of the heap's own memory, not mapped by itself
     mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
     std::vector<std::unique_ptr<char[]>> pieces;
-    for (std::size_t taken = 0; taken < bytes; taken += piece) {
-        pieces.push_back(std::make_unique<char[]>(piece));  // zeroed, and so written to
+    for (std::size_t taken = 0; taken < bytes; taken += Piece) {
+        pieces.push_back(std::make_unique<char[]>(Piece));  // zeroed, and so written to
     }
 }
 

@@ -18,7 +18,7 @@ namespace {
 constexpr int Saves = 15;
 constexpr std::size_t EventDataSize = 150;
 
-void write_file(const std::string& path, const std::string& text) {
+void WriteFile(const std::string& path, const std::string& text) {
     const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     Check(file >= 0, path);
     Check(write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size()), path);
@@ -26,14 +26,14 @@ void write_file(const std::string& path, const std::string& text) {
     close(file);
 }
 
-std::string encoded(const PListDict& dict) {
+std::string Encoded(const PListDict& dict) {
     std::string json;
     (void)dict.EncodeJSON(json);
     return json;
 }
 
 /// A configuration of 1,000 events with a listener each, 5,000 timers and 1,000 watches.
-PListDict start_document(const Folder& folder) {
+PListDict StartDocument(const Folder& folder) {
     PListDict document;
     auto* events = new PListArray;
     auto* timers = new PListArray;
@@ -59,7 +59,7 @@ PListDict start_document(const Folder& folder) {
 }
 
 /// Events `from` and so on, every tenth with a listener.
-PListDict events_document(std::size_t from, std::size_t count) {
+PListDict EventsDocument(std::size_t from, std::size_t count) {
     PListArray events;
     for (std::size_t i = from; i < from + count; ++i) {
         PListDict event;
@@ -86,7 +86,7 @@ void MeasureSave(std::size_t bytes) {
     data.SetValue("note", std::string(EventDataSize, 'n'));
     for (std::size_t i = 0; i < bytes / 230; ++i) filling.CreateEvent("event." + std::to_string(i), &data);
     filling.GetQueueState(state);
-    Print("document_bytes", static_cast<double>(encoded(state).size()));
+    Print("document_bytes", static_cast<double>(Encoded(state).size()));
     Probe::UseStateFile(queue, folder / "state.json");
 
     std::vector<double> saving;
@@ -95,7 +95,7 @@ void MeasureSave(std::size_t bytes) {
     for (int i = 0; i < Saves; ++i) {
         saving.push_back(CostOf([&] { Check(Probe::Save(queue).Success(), "saving"); }).Wall_ns);
         bare.push_back(CostOf([&] {
-                           write_file(path + ".temp", encoded(state));
+                           WriteFile(path + ".temp", Encoded(state));
                            Check(rename((path + ".temp").c_str(), path.c_str()) == 0, path);
                        }).Wall_ns);
     }
@@ -107,7 +107,7 @@ void MeasureStart() {
     UseCore(0);
     const Folder folder;
     PListDict configuration;
-    configuration.SetItem("EventManager", start_document(folder));
+    configuration.SetItem("EventManager", StartDocument(folder));
     configuration.SetValue("StateFile", folder / "state.json");
     const Cost cost =
         CostOf([&] { Check(EventManager::InitEventQueue(configuration).Success(), "starting"); });
@@ -124,20 +124,20 @@ void MeasureStart() {
 void MeasureRestore(std::size_t events) {
     UseCore(0);
     const Folder folder;
-    constexpr std::size_t more = 10'000;
+    constexpr std::size_t More = 10'000;
     PListDict configuration;
-    configuration.SetItem("EventManager", events_document(0, events));
+    configuration.SetItem("EventManager", EventsDocument(0, events));
     configuration.SetValue("MaxListeners", -1);
     configuration.SetValue("StateFile", folder / "state.json");
     const Cost restoring =
         CostOf([&] { Check(EventManager::InitEventQueue(configuration).Success(), "starting"); });
     Print("restore_ms", restoring.Wall_ns / 1e6);
     const auto saved = EventManager::GetQueueStatistics().Saves;
-    const PListDict document = events_document(events, more);
+    const PListDict document = EventsDocument(events, More);
     Print("apply_ms", CostOf([&] { EventManager::ApplyQueueState(document); }).Wall_ns / 1e6);
     const auto statistics = EventManager::GetQueueStatistics();
     Print("apply_saves", static_cast<double>(statistics.Saves - saved));
-    Check(statistics.Events == events + more, "restoring and applying everything");
+    Check(statistics.Events == events + More, "restoring and applying everything");
     (void)EventManager::StopEventQueue();
 }
 

@@ -22,13 +22,13 @@ namespace {
 
 constexpr std::int64_t AwaitLimit_ns = 60'000'000'000;
 
-std::int64_t read_clock(clockid_t clock) {
+std::int64_t ReadClock(clockid_t clock) {
     timespec time{};
     clock_gettime(clock, &time);
     return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
 }
 
-sockaddr_in loopback(std::uint16_t port) {
+sockaddr_in Loopback(std::uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -39,10 +39,10 @@ sockaddr_in loopback(std::uint16_t port) {
 }  // namespace
 
 std::int64_t Now_ns() {
-    return read_clock(CLOCK_MONOTONIC);
+    return ReadClock(CLOCK_MONOTONIC);
 }
 std::int64_t ThreadTime_ns() {
-    return read_clock(CLOCK_THREAD_CPUTIME_ID);
+    return ReadClock(CLOCK_THREAD_CPUTIME_ID);
 }
 
 void Print(const std::string& key, double value) {
@@ -83,7 +83,7 @@ void RaiseDescriptorLimit() {
 
 int Listen(std::uint16_t& port) {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(0);
+    sockaddr_in address = Loopback(0);
     socklen_t size = sizeof(address);
     Check(bind(listener, reinterpret_cast<sockaddr*>(&address), size) == 0, "bind");
     Check(listen(listener, SOMAXCONN) == 0, "listen");
@@ -95,7 +95,7 @@ int Listen(std::uint16_t& port) {
 int Connect(std::uint16_t port) {
     const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     Check(connection >= 0, "socket");
-    const sockaddr_in address = loopback(port);
+    const sockaddr_in address = Loopback(port);
     Check(connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "connect");
     const int on = 1;
     setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));

@@ -11,7 +11,7 @@ namespace Server {
 
 namespace {
 
-void add_config(CLI::App& app, CommandLine& command_line) {
+void AddConfig(CLI::App& app, CommandLine& command_line) {
     app.add_option_function<std::string>(
            "--config",
            [&command_line](const std::string& path) {
@@ -22,7 +22,7 @@ void add_config(CLI::App& app, CommandLine& command_line) {
         ->type_name("FILE");
 }
 
-void add_listen(CLI::App& app, CommandLine& command_line) {
+void AddListen(CLI::App& app, CommandLine& command_line) {
     app.add_option_function<std::string>(
            "--listen",
            [&command_line](const std::string& text) {
@@ -36,7 +36,7 @@ void add_listen(CLI::App& app, CommandLine& command_line) {
         ->type_name("HOST:PORT");
 }
 
-void add_log_options(CLI::App& app, CommandLine& command_line) {
+void AddLogOptions(CLI::App& app, CommandLine& command_line) {
     app.add_option_function<std::string>(
            "--log-level",
            [&command_line](const std::string& text) {
@@ -83,13 +83,13 @@ std::optional<int> ReadCommandLine(int argc, const char* const* argv, CommandLin
                  "velmora-server");
     app.set_version_flag("--version", std::string("velmora-server ") + VELMORA_VERSION);
     app.set_help_flag("--help", "Print this help and exit");
-    add_config(app, command_line);
-    add_listen(app, command_line);
+    AddConfig(app, command_line);
+    AddListen(app, command_line);
     app.add_flag("--check", command_line.Check,
                  "Check the configuration and what it names, say every fault, and exit");
     app.add_flag("--print-config", command_line.PrintConfig,
                  "Print what is in force, secrets hidden, and exit");
-    add_log_options(app, command_line);
+    AddLogOptions(app, command_line);
     app.footer(
         "Limits that PATCH /api/v1/config sets hold until this process ends. Each start begins with those "
         "of\n"

@@ -16,7 +16,6 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 using Mirel::i32_t;
 using Mirel::ui16_t;
@@ -24,8 +23,8 @@ using Mirel::ui32_t;
 
 namespace {
 
-constexpr std::size_t largest_config = 16u << 20;
-constexpr std::size_t largest_secret_file = 64u << 10;
+constexpr std::size_t LargestConfig = 16u << 20;
+constexpr std::size_t LargestSecretFile = 64u << 10;
 
 bool IsAddress(int family, const std::string& text) {
     in6_addr any{};
@@ -34,21 +33,21 @@ bool IsAddress(int family, const std::string& text) {
 
 // A name that DNS could have. One that ends in a number would be an address.
 bool IsHostName(const std::string& name) {
-    constexpr std::size_t longest_name = 253, longest_label = 63;
-    constexpr const char* digits = "0123456789";
+    constexpr std::size_t LongestName = 253, LongestLabel = 63;
+    constexpr const char* Digits = "0123456789";
     const std::string allowed =
-        std::string(digits) + "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_-";
-    if (name.empty() || name.size() > longest_name) return false;
+        std::string(Digits) + "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_-";
+    if (name.empty() || name.size() > LongestName) return false;
     std::size_t begin = 0;
     std::string label;
     while (begin < name.size()) {  // behind the last label a dot may stand
         const std::size_t end = std::min(name.find('.', begin), name.size());
         label = name.substr(begin, end - begin);
-        if (label.empty() || label.size() > longest_label) return false;
+        if (label.empty() || label.size() > LongestLabel) return false;
         if (label.find_first_not_of(allowed) != label.npos) return false;
         begin = end + 1;
     }
-    return label.find_first_not_of(digits) != label.npos;
+    return label.find_first_not_of(Digits) != label.npos;
 }
 
 // What the Host field of a request can carry; a port does no harm.
@@ -66,44 +65,46 @@ class Loader {
     Loader(Config& config, std::filesystem::path directory, std::vector<Fault>& faults)
         : m_Config(config), m_Directory(std::move(directory)), m_Faults(faults) {}
 
-    void Load(const PListDict& dict);
+    void Load(const Velmora::PListDict& dict);
 
   private:
     std::string Resolved(const std::string& path) const {
         return (m_Directory / path).lexically_normal().string();
     }
-    void BindAddress(const PListDict& dict);
+    void BindAddress(const Velmora::PListDict& dict);
     void AllowedHosts(Shape& shape);
     void TLSIdentity(Shape& shape);
     void Token(Shape& shape);
     void TokenText(Shape& shape, const std::string& key, std::string token);
-    void Log(const PListDict& dict);
-    void Limits(const PListDict& dict);
-    void Timers(const PListDict& dict);
-    void Document(const PListDict& dict);
+    void Log(const Velmora::PListDict& dict);
+    void Limits(const Velmora::PListDict& dict);
+    void Timers(const Velmora::PListDict& dict);
+    void Document(const Velmora::PListDict& dict);
 
     Config& m_Config;
     const std::filesystem::path m_Directory;
     std::vector<Fault>& m_Faults;
 };
 
-void Loader::Load(const PListDict& dict) {
+void Loader::Load(const Velmora::PListDict& dict) {
     Shape shape(dict, "", m_Faults);
-    if (const auto timeout = shape.Integer(Keys::Timeout_ms, 1, TLSHTTPRequestHandle::MaxTimeout_ms)) {
+    if (const auto timeout =
+            shape.Integer(Keys::Timeout_ms, 1, Velmora::TLSHTTPRequestHandle::MaxTimeout_ms)) {
         m_Config.Timeout_ms = static_cast<i32_t>(*timeout);
     }
-    if (const PListDict* address = shape.Dict(Velmora::Strings::Config::BindAddress)) BindAddress(*address);
+    if (const Velmora::PListDict* address = shape.Dict(Velmora::Strings::Config::BindAddress))
+        BindAddress(*address);
     Token(shape);
     if (const auto path = shape.NonEmptyText(Keys::StateFile)) m_Config.StateFile = Resolved(*path);
     for (const std::string& path : shape.Texts("PythonPath")) m_Config.PythonPath.push_back(Resolved(path));
-    if (const PListDict* log = shape.Dict("Log")) Log(*log);
-    if (const PListDict* limits = shape.Dict("Limits")) Limits(*limits);
-    if (const PListDict* timers = shape.Dict(Keys::Timers)) Timers(*timers);
-    if (const PListDict* document = shape.Dict(Keys::EventManager)) Document(*document);
+    if (const Velmora::PListDict* log = shape.Dict("Log")) Log(*log);
+    if (const Velmora::PListDict* limits = shape.Dict("Limits")) Limits(*limits);
+    if (const Velmora::PListDict* timers = shape.Dict(Keys::Timers)) Timers(*timers);
+    if (const Velmora::PListDict* document = shape.Dict(Keys::EventManager)) Document(*document);
     shape.NothingElse();
 }
 
-void Loader::BindAddress(const PListDict& dict) {
+void Loader::BindAddress(const Velmora::PListDict& dict) {
     Shape shape(dict, PointerTo("", Velmora::Strings::Config::BindAddress), m_Faults);
     if (const auto host = shape.NonEmptyText("Host")) m_Config.Http.Host = *host;
     if (const auto port = shape.Integer("ListenPort", 0, 65535))
@@ -128,8 +129,7 @@ void Loader::TLSIdentity(Shape& shape) {
     if (!path) return;
     m_Config.Http.TLSIdentity = Resolved(*path);
     std::string pem;
-    const Mirel::Result_t read =
-        Mirel::ReadFileIntoString(m_Config.Http.TLSIdentity, pem, largest_secret_file);
+    const Mirel::Result_t read = Mirel::ReadFileIntoString(m_Config.Http.TLSIdentity, pem, LargestSecretFile);
     if (read.Failure()) {
         shape.Blame("TLSIdentity", std::string("cannot be read: ") + read.Message());
     } else if (pem.find("-----BEGIN CERTIFICATE") == std::string::npos ||
@@ -146,8 +146,7 @@ void Loader::Token(Shape& shape) {
     m_Config.AccessTokenFile = Resolved(*path);
     if (token) shape.Blame("AccessTokenFile", "cannot stand beside \"AccessToken\"");
     std::string text;
-    const Mirel::Result_t read =
-        Mirel::ReadFileIntoString(m_Config.AccessTokenFile, text, largest_secret_file);
+    const Mirel::Result_t read = Mirel::ReadFileIntoString(m_Config.AccessTokenFile, text, LargestSecretFile);
     if (read.Success()) {
         TokenText(shape, "AccessTokenFile", text.substr(0, text.find_last_not_of("\r\n") + 1));
     } else {
@@ -167,7 +166,7 @@ void Loader::TokenText(Shape& shape, const std::string& key, std::string token) 
     m_Config.Http.AccessToken = std::move(token);
 }
 
-void Loader::Log(const PListDict& dict) {
+void Loader::Log(const Velmora::PListDict& dict) {
     Shape shape(dict, "/Log", m_Faults);
     const auto level = shape.Text("Level");
     if (level && !Mirel::LogTypeFromName(*level, m_Config.LogLevel)) {
@@ -186,8 +185,8 @@ void TakeNumber(Shape& shape, const char* key, Mirel::i64_t min, Mirel::i64_t ma
     if (const auto value = shape.Integer(key, min, max)) field = static_cast<Field>(*value);
 }
 
-void Loader::Limits(const PListDict& dict) {
-    constexpr Mirel::i64_t day_ms = 86400000, i32_max = std::numeric_limits<i32_t>::max();
+void Loader::Limits(const Velmora::PListDict& dict) {
+    constexpr Mirel::i64_t day_ms = 86400000, I32Max = std::numeric_limits<i32_t>::max();
     HttpServerOptions& http = m_Config.Http;
     Shape shape(dict, "/Limits", m_Faults);
     TakeNumber(shape, "MaxConnections", 1, 1000000, http.MaxConnections);
@@ -198,27 +197,28 @@ void Loader::Limits(const PListDict& dict) {
     TakeNumber(shape, "IdleTimeout_ms", 100, day_ms, http.IdleTimeout_ms);
     TakeNumber(shape, "RequestTimeout_ms", 100, day_ms, http.RequestTimeout_ms);
     TakeNumber(shape, "IOThreads", 0, 256, http.IOThreads);
-    TakeNumber(shape, Keys::MaxListeners.c_str(), -1, i32_max, m_Config.MaxListeners);
-    TakeNumber(shape, Keys::MaxWatches.c_str(), -1, i32_max, m_Config.MaxWatches);
+    TakeNumber(shape, Keys::MaxListeners.c_str(), -1, I32Max, m_Config.MaxListeners);
+    TakeNumber(shape, Keys::MaxWatches.c_str(), -1, I32Max, m_Config.MaxWatches);
     TakeNumber(shape, "EndTimeout_ms", 100, day_ms, m_Config.EndTimeout_ms);
     shape.NothingElse();
 }
 
-void Loader::Timers(const PListDict& dict) {
+void Loader::Timers(const Velmora::PListDict& dict) {
     Shape shape(dict, PointerTo("", Keys::Timers), m_Faults);
     m_Config.KeepRepeatingTimers = shape.Boolean(Keys::KeepRepeating).value_or(false);
     shape.NothingElse();
 }
 
 // The document with the watches' relative paths made to start at the configuration's directory.
-void Loader::Document(const PListDict& dict) {
+void Loader::Document(const Velmora::PListDict& dict) {
     const std::string base = PointerTo("", Keys::EventManager);
     CheckQueueDocument(dict, base, m_Faults);
     m_Config.EventManager = dict;
     if (AsArray(dict.GetItem(Keys::watch_list)) == nullptr) return;
-    PListArray watches;
-    for (const PListItem& item : dict.GetArray(Keys::watch_list)) {
-        PListDict watch = AsDict(&item) != nullptr ? *AsDict(&item) : PListDict();  // which is a fault
+    Velmora::PListArray watches;
+    for (const Velmora::PListItem& item : dict.GetArray(Keys::watch_list)) {
+        Velmora::PListDict watch =
+            AsDict(&item) != nullptr ? *AsDict(&item) : Velmora::PListDict();  // which is a fault
         watch.SetValue(Keys::path, Resolved(watch.GetData(Keys::path).Text()));
         watches.Append(watch);
     }
@@ -230,7 +230,7 @@ void Loader::Document(const PListDict& dict) {
 namespace {
 
 // So many as one in `share` of the process's descriptors are enough for, at `for_each` for each of them.
-rlim_t share_of_descriptors(rlim_t share, rlim_t for_each, rlim_t most) {
+rlim_t ShareOfDescriptors(rlim_t share, rlim_t for_each, rlim_t most) {
     rlimit limit{};  // the server raises it to what it may have
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return most;
     return std::clamp<rlim_t>(limit.rlim_max / share / for_each, 1, most);
@@ -239,13 +239,13 @@ rlim_t share_of_descriptors(rlim_t share, rlim_t for_each, rlim_t most) {
 }  // namespace
 
 ui32_t DefaultMaxCallers() {
-    return static_cast<ui32_t>(share_of_descriptors(2, 4, 4096));
+    return static_cast<ui32_t>(ShareOfDescriptors(2, 4, 4096));
 }
 
 HttpServerOptions DefaultHttpOptions() {
     HttpServerOptions options;
-    options.MaxFeedClients = share_of_descriptors(4, 1, 65536);
-    options.MaxConnections = share_of_descriptors(8, 1, 4096);
+    options.MaxFeedClients = ShareOfDescriptors(4, 1, 65536);
+    options.MaxConnections = ShareOfDescriptors(8, 1, 4096);
     return options;
 }
 
@@ -253,14 +253,15 @@ Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults) {
     Config config;
     if (path.empty()) return config;
     std::string text;
-    const Mirel::Result_t read = Mirel::ReadFileIntoString(path, text, largest_config);
+    const Mirel::Result_t read = Mirel::ReadFileIntoString(path, text, LargestConfig);
     if (read.Failure()) {
         faults.push_back({"", std::string("cannot be read: ") + read.Message()});
         return config;
     }
     Mirel::Result_t why;
-    const std::unique_ptr<PListItem> item = PListItem::CreateFromJSON(text, &why, PListItem::AnyDepth);
-    const PListDict* dict = AsDict(item.get());
+    const std::unique_ptr<Velmora::PListItem> item =
+        Velmora::PListItem::CreateFromJSON(text, &why, Velmora::PListItem::AnyDepth);
+    const Velmora::PListDict* dict = AsDict(item.get());
     if (dict == nullptr) {
         faults.push_back({"", item ? "must be an object" : std::string("is not JSON: ") + why.Message()});
         return config;
@@ -270,13 +271,13 @@ Config LoadConfig(const std::string& path, std::vector<ConfigFault>& faults) {
     return config;
 }
 
-PListDict Config::ForEventQueue(ui16_t port, const PListDict& document) const {
-    PListDict address;
+Velmora::PListDict Config::ForEventQueue(ui16_t port, const Velmora::PListDict& document) const {
+    Velmora::PListDict address;
     address.SetValue("ListenPort", static_cast<int>(port));
     if (!Http.TLSIdentity.empty()) address.SetValue("TLSIdentity", Http.TLSIdentity);
-    PListDict timers;
+    Velmora::PListDict timers;
     timers.SetValue(Keys::KeepRepeating, KeepRepeatingTimers);
-    PListDict dict;
+    Velmora::PListDict dict;
     dict.SetValue(Keys::Timeout_ms, static_cast<int>(Timeout_ms));
     dict.SetItem(Velmora::Strings::Config::BindAddress, address);
     dict.SetItem(Keys::Timers, timers);

@@ -11,7 +11,6 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 using Mirel::i32_t;
 
@@ -19,12 +18,12 @@ namespace {
 
 // Calls `check` with every dictionary of the array and its pointer; whatever else stands there is a fault.
 template <class Check>
-void EachEntry(const PListArray& array, const std::string& base, std::vector<Fault>& faults,
+void EachEntry(const Velmora::PListArray& array, const std::string& base, std::vector<Fault>& faults,
                const Check& check) {
     std::size_t index = 0;
-    for (const PListItem& item : array) {
+    for (const Velmora::PListItem& item : array) {
         const std::string pointer = PointerTo(base, index++);
-        if (const PListDict* entry = AsDict(&item)) {
+        if (const Velmora::PListDict* entry = AsDict(&item)) {
             check(*entry, pointer);
         } else {
             faults.push_back({pointer, "must be an object"});
@@ -33,12 +32,12 @@ void EachEntry(const PListArray& array, const std::string& base, std::vector<Fau
 }
 
 bool CanBeCalled(const std::string& callback) {
-    URL url;
+    Velmora::URL url;
     return callback.find("python://") != std::string::npos || url.Parse(callback) || url.ParsePath(callback);
 }
 
-void CheckListener(const PListDict& entry, const std::string& pointer, std::set<std::string>& callbacks,
-                   std::vector<Fault>& faults) {
+void CheckListener(const Velmora::PListDict& entry, const std::string& pointer,
+                   std::set<std::string>& callbacks, std::vector<Fault>& faults) {
     Shape shape(entry, pointer, faults);
     const auto callback = shape.NonEmptyText(Keys::callback, Need::Required);
     if (callback && !CanBeCalled(*callback)) {
@@ -54,23 +53,23 @@ void CheckListener(const PListDict& entry, const std::string& pointer, std::set<
     shape.NothingElse();
 }
 
-void CheckEvent(const PListDict& entry, const std::string& pointer, std::set<std::string>& names,
+void CheckEvent(const Velmora::PListDict& entry, const std::string& pointer, std::set<std::string>& names,
                 std::vector<Fault>& faults) {
     Shape shape(entry, pointer, faults);
     const auto name = shape.NonEmptyText(Keys::event_name, Need::Required);
     if (name && !names.insert(*name).second) shape.Blame(Keys::event_name, "stands twice in the document");
     shape.Dict(Keys::event_data);
     std::set<std::string> callbacks;
-    if (const PListArray* listeners = shape.Array(Keys::listener_list)) {
+    if (const Velmora::PListArray* listeners = shape.Array(Keys::listener_list)) {
         EachEntry(*listeners, PointerTo(pointer, Keys::listener_list), faults,
-                  [&](const PListDict& listener, const std::string& at) {
+                  [&](const Velmora::PListDict& listener, const std::string& at) {
                       CheckListener(listener, at, callbacks, faults);
                   });
     }
     shape.NothingElse();
 }
 
-void CheckTimer(const PListDict& entry, const std::string& pointer, std::vector<Fault>& faults) {
+void CheckTimer(const Velmora::PListDict& entry, const std::string& pointer, std::vector<Fault>& faults) {
     Shape shape(entry, pointer, faults);
     shape.NonEmptyText(Keys::event_name, Need::Required);
     ReadTimerTimes(shape);
@@ -79,9 +78,9 @@ void CheckTimer(const PListDict& entry, const std::string& pointer, std::vector<
     shape.NothingElse();
 }
 
-using PathSet = std::set<std::string, ci_comp>;
+using PathSet = std::set<std::string, Velmora::ci_comp>;
 
-void CheckWatch(const PListDict& entry, const std::string& pointer, PathSet& paths,
+void CheckWatch(const Velmora::PListDict& entry, const std::string& pointer, PathSet& paths,
                 std::vector<Fault>& faults) {
     Shape shape(entry, pointer, faults);
     const auto path = ReadWatchPath(shape);
@@ -96,24 +95,27 @@ void CheckWatch(const PListDict& entry, const std::string& pointer, PathSet& pat
 
 }  // namespace
 
-void CheckQueueDocument(const PListDict& document, const std::string& base,
+void CheckQueueDocument(const Velmora::PListDict& document, const std::string& base,
                         std::vector<ConfigFault>& faults) {
     Shape shape(document, base, faults);
     std::set<std::string> names;
     PathSet paths;
-    if (const PListArray* events = shape.Array(Keys::event_list)) {
-        EachEntry(
-            *events, PointerTo(base, Keys::event_list), faults,
-            [&](const PListDict& entry, const std::string& at) { CheckEvent(entry, at, names, faults); });
+    if (const Velmora::PListArray* events = shape.Array(Keys::event_list)) {
+        EachEntry(*events, PointerTo(base, Keys::event_list), faults,
+                  [&](const Velmora::PListDict& entry, const std::string& at) {
+                      CheckEvent(entry, at, names, faults);
+                  });
     }
-    if (const PListArray* timers = shape.Array(Keys::timer_list)) {
-        EachEntry(*timers, PointerTo(base, Keys::timer_list), faults,
-                  [&](const PListDict& entry, const std::string& at) { CheckTimer(entry, at, faults); });
-    }
-    if (const PListArray* watches = shape.Array(Keys::watch_list)) {
+    if (const Velmora::PListArray* timers = shape.Array(Keys::timer_list)) {
         EachEntry(
-            *watches, PointerTo(base, Keys::watch_list), faults,
-            [&](const PListDict& entry, const std::string& at) { CheckWatch(entry, at, paths, faults); });
+            *timers, PointerTo(base, Keys::timer_list), faults,
+            [&](const Velmora::PListDict& entry, const std::string& at) { CheckTimer(entry, at, faults); });
+    }
+    if (const Velmora::PListArray* watches = shape.Array(Keys::watch_list)) {
+        EachEntry(*watches, PointerTo(base, Keys::watch_list), faults,
+                  [&](const Velmora::PListDict& entry, const std::string& at) {
+                      CheckWatch(entry, at, paths, faults);
+                  });
     }
     for (const std::string& limit : {Keys::max_listeners, Keys::max_watches}) {
         shape.Integer(limit, std::numeric_limits<i32_t>::min(), std::numeric_limits<i32_t>::max());

@@ -9,7 +9,6 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 using Mirel::i32_t;
 
@@ -49,11 +48,11 @@ class ListenerCount {
     void Limit(i32_t limit) { m_Limit = limit; }
 
     /// The pointer of the first entry of the document that would be refused; empty where all fit.
-    std::string Add(const PListDict& document) {
+    std::string Add(const Velmora::PListDict& document) {
         std::size_t index = 0;
-        for (const PListItem& item : document.GetArray(Keys::event_list)) {
+        for (const Velmora::PListItem& item : document.GetArray(Keys::event_list)) {
             const std::string pointer = PointerTo(PointerTo("", Keys::event_list), index++);
-            const PListDict* event = AsDict(&item);
+            const Velmora::PListDict* event = AsDict(&item);
             if (event == nullptr) continue;
             const std::string name = event->GetData(Keys::event_name).Text();
             if (!AddEvent(name)) return pointer;
@@ -64,11 +63,12 @@ class ListenerCount {
     }
 
   private:
-    std::string AddListeners(const std::string& name, const PListDict& event, const std::string& pointer) {
+    std::string AddListeners(const std::string& name, const Velmora::PListDict& event,
+                             const std::string& pointer) {
         std::size_t index = 0;
-        for (const PListItem& item : event.GetArray(Keys::listener_list)) {
+        for (const Velmora::PListItem& item : event.GetArray(Keys::listener_list)) {
             const std::size_t position = index++;
-            const PListDict* listener = AsDict(&item);
+            const Velmora::PListDict* listener = AsDict(&item);
             if (listener == nullptr || AddListener(name, listener->GetData(Keys::callback).Text())) continue;
             return PointerTo(PointerTo(pointer, Keys::listener_list), position);
         }
@@ -80,15 +80,16 @@ class ListenerCount {
     std::map<std::string, std::set<std::string>> m_Callbacks;
 };
 
-std::string FirstWatchRefused(const PListDict& document, const PListDict& existing, i32_t limit) {
-    std::set<std::string, ci_comp> paths;
-    for (const PListItem& item : existing.GetArray(Keys::watch_list)) {
-        if (const PListDict* watch = AsDict(&item)) paths.insert(watch->GetData(Keys::path).Text());
+std::string FirstWatchRefused(const Velmora::PListDict& document, const Velmora::PListDict& existing,
+                              i32_t limit) {
+    std::set<std::string, Velmora::ci_comp> paths;
+    for (const Velmora::PListItem& item : existing.GetArray(Keys::watch_list)) {
+        if (const Velmora::PListDict* watch = AsDict(&item)) paths.insert(watch->GetData(Keys::path).Text());
     }
     std::size_t index = 0;
-    for (const PListItem& item : document.GetArray(Keys::watch_list)) {
+    for (const Velmora::PListItem& item : document.GetArray(Keys::watch_list)) {
         const std::size_t position = index++;
-        const PListDict* watch = AsDict(&item);
+        const Velmora::PListDict* watch = AsDict(&item);
         if (watch == nullptr) continue;
         const std::string path = watch->GetData(Keys::path).Text();
         if (paths.contains(path)) continue;
@@ -100,8 +101,9 @@ std::string FirstWatchRefused(const PListDict& document, const PListDict& existi
 
 }  // namespace
 
-void CheckQueueLimits(const PListDict& document, const PListDict& existing, i32_t max_listeners,
-                      i32_t max_watches, const std::string& base, std::vector<ConfigFault>& faults) {
+void CheckQueueLimits(const Velmora::PListDict& document, const Velmora::PListDict& existing,
+                      i32_t max_listeners, i32_t max_watches, const std::string& base,
+                      std::vector<ConfigFault>& faults) {
     ListenerCount listeners(-1);
     listeners.Add(existing);
     listeners.Limit(max_listeners);

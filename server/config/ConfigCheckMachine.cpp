@@ -19,12 +19,11 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 
 namespace {
 
-const std::string address_pointer = PointerTo("", Velmora::Strings::Config::BindAddress);
+const std::string AddressPointer = PointerTo("", Velmora::Strings::Config::BindAddress);
 
 bool IsBlamed(const std::vector<Fault>& faults, const std::string& pointer) {
     return std::any_of(faults.begin(), faults.end(),
@@ -38,8 +37,8 @@ bool CanRead(const std::string& path) {
 // As the server binds, for a moment. A token that is at fault is a token.
 void CheckAddress(const Config& config, std::vector<Fault>& faults, std::vector<Fault>& warnings) {
     const HttpServerOptions& http = config.Http;
-    const std::string host = PointerTo(address_pointer, "Host"),
-                      port = PointerTo(address_pointer, "ListenPort");
+    const std::string host = PointerTo(AddressPointer, "Host"),
+                      port = PointerTo(AddressPointer, "ListenPort");
     if (IsBlamed(faults, host) || IsBlamed(faults, port)) return;
     const bool guarded =
         !http.AccessToken.empty() || IsBlamed(faults, "/AccessToken") || IsBlamed(faults, "/AccessTokenFile");
@@ -56,7 +55,7 @@ void CheckAddress(const Config& config, std::vector<Fault>& faults, std::vector<
 }
 
 void CheckTLSIdentity(const std::string& path, std::vector<Fault>& faults) {
-    const std::string pointer = PointerTo(address_pointer, "TLSIdentity");
+    const std::string pointer = PointerTo(AddressPointer, "TLSIdentity");
     if (path.empty() || IsBlamed(faults, pointer)) return;
     TlsIdentity identity;
     const Mirel::Result_t loaded = identity.Load(path);
@@ -68,7 +67,7 @@ void CheckStateFile(const std::string& path, std::vector<Fault>& faults, std::ve
     const Mirel::Result_t usable = TryStateFile(path);
     if (usable.Failure())
         (usable == Mirel::RESULT_STATE ? warnings : faults).push_back({pointer, usable.Message()});
-    std::optional<PListDict> document;
+    std::optional<Velmora::PListDict> document;
     const Mirel::Result_t read = ReadStateFile(path, document);
     if (read.Failure()) faults.push_back({pointer, read.Message()});
 }
@@ -84,64 +83,66 @@ void CheckPythonPath(const std::vector<std::string>& path, std::vector<Fault>& f
 // What a queue state document refers to.
 class References {
   public:
-    References(const PListDict& document, std::vector<Fault>& faults, std::vector<Fault>& warnings);
+    References(const Velmora::PListDict& document, std::vector<Fault>& faults, std::vector<Fault>& warnings);
 
   private:
     // Calls `check` with every dictionary of the list and its pointer.
     template <class Check>
-    static void Each(const PListDict& owner, const std::string& base, const std::string& key,
+    static void Each(const Velmora::PListDict& owner, const std::string& base, const std::string& key,
                      const Check& check) {
         std::size_t index = 0;
-        for (const PListItem& item : owner.GetArray(key)) {
+        for (const Velmora::PListItem& item : owner.GetArray(key)) {
             const std::string pointer = PointerTo(PointerTo(base, key), index++);
-            if (const PListDict* entry = AsDict(&item)) check(*entry, pointer);
+            if (const Velmora::PListDict* entry = AsDict(&item)) check(*entry, pointer);
         }
     }
     void Callback(const std::string& callback, const std::string& pointer);
-    void Event(const PListDict& entry, const std::string& pointer);
-    void WatchedPath(const PListDict& watch, const std::string& pointer);
+    void Event(const Velmora::PListDict& entry, const std::string& pointer);
+    void WatchedPath(const Velmora::PListDict& watch, const std::string& pointer);
 
     std::set<std::string> m_Events;
     std::vector<Fault>& m_Faults;
     std::vector<Fault>& m_Warnings;
 };
 
-References::References(const PListDict& document, std::vector<Fault>& faults, std::vector<Fault>& warnings)
+References::References(const Velmora::PListDict& document, std::vector<Fault>& faults,
+                       std::vector<Fault>& warnings)
     : m_Faults(faults), m_Warnings(warnings) {
     const std::string base = PointerTo("", Keys::EventManager);
-    Each(document, base, Keys::event_list, [&](const PListDict& event, const std::string&) {
+    Each(document, base, Keys::event_list, [&](const Velmora::PListDict& event, const std::string&) {
         m_Events.insert(event.GetData(Keys::event_name).Text());
     });
-    Each(document, base, Keys::event_list, [&](const PListDict& event, const std::string& at) {
-        Each(event, at, Keys::listener_list, [&](const PListDict& listener, const std::string& inside) {
-            Callback(listener.GetData(Keys::callback).Text(), PointerTo(inside, Keys::callback));
-        });
+    Each(document, base, Keys::event_list, [&](const Velmora::PListDict& event, const std::string& at) {
+        Each(event, at, Keys::listener_list,
+             [&](const Velmora::PListDict& listener, const std::string& inside) {
+                 Callback(listener.GetData(Keys::callback).Text(), PointerTo(inside, Keys::callback));
+             });
     });
     Each(document, base, Keys::timer_list,
-         [&](const PListDict& timer, const std::string& at) { Event(timer, at); });
-    Each(document, base, Keys::watch_list, [&](const PListDict& watch, const std::string& at) {
+         [&](const Velmora::PListDict& timer, const std::string& at) { Event(timer, at); });
+    Each(document, base, Keys::watch_list, [&](const Velmora::PListDict& watch, const std::string& at) {
         WatchedPath(watch, at);
         Event(watch, at);
     });
 }
 
 void References::Callback(const std::string& callback, const std::string& pointer) {
-    constexpr std::string_view python = "python://", chain = "/api/v1/events/";
-    if (callback.starts_with(python)) {
-        const std::string module = callback.substr(python.size());
+    constexpr std::string_view Python = "python://", Chain = "/api/v1/events/";
+    if (callback.starts_with(Python)) {
+        const std::string module = callback.substr(Python.size());
         if (!HasPythonModule(module))
             m_Faults.push_back({pointer, "there is no Python module \"" + module + "\""});
         return;
     }
-    URL url;
-    if (!callback.starts_with(chain) || !url.ParsePath(callback)) return;
-    const std::string name = url.Path.substr(chain.size());
+    Velmora::URL url;
+    if (!callback.starts_with(Chain) || !url.ParsePath(callback)) return;
+    const std::string name = url.Path.substr(Chain.size());
     const std::optional<std::string> decoded = PercentDecode(name);
     if (name.find('/') != name.npos || !decoded || m_Events.contains(*decoded)) return;
     m_Warnings.push_back({pointer, "chains to the event \"" + *decoded + "\", which is not in the document"});
 }
 
-void References::Event(const PListDict& entry, const std::string& pointer) {
+void References::Event(const Velmora::PListDict& entry, const std::string& pointer) {
     const std::string name = entry.GetData(Keys::event_name).Text();
     if (name.empty() || m_Events.contains(name)) return;
     m_Warnings.push_back({PointerTo(pointer, Keys::event_name),
@@ -149,7 +150,7 @@ void References::Event(const PListDict& entry, const std::string& pointer) {
 }
 
 // The kernel watches what can be read.
-void References::WatchedPath(const PListDict& watch, const std::string& pointer) {
+void References::WatchedPath(const Velmora::PListDict& watch, const std::string& pointer) {
     const std::string path = watch.GetData(Keys::path).Text();
     if (IsBlamed(m_Faults, PointerTo(pointer, Keys::path)) || CanRead(path)) return;
     m_Warnings.push_back(

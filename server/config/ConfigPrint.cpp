@@ -16,19 +16,18 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 
 namespace {
 
-PListArray Texts(const std::vector<std::string>& texts) {
-    PListArray array;
-    for (const std::string& text : texts) array.Append(PListData(text));
+Velmora::PListArray Texts(const std::vector<std::string>& texts) {
+    Velmora::PListArray array;
+    for (const std::string& text : texts) array.Append(Velmora::PListData(text));
     return array;
 }
 
-PListDict AddressInForce(const HttpServerOptions& http) {
-    PListDict address;
+Velmora::PListDict AddressInForce(const HttpServerOptions& http) {
+    Velmora::PListDict address;
     address.SetValue("Host", http.Host);
     address.SetValue("ListenPort", static_cast<int>(http.Port));
     if (!http.TLSIdentity.empty()) address.SetValue("TLSIdentity", http.TLSIdentity);
@@ -36,10 +35,10 @@ PListDict AddressInForce(const HttpServerOptions& http) {
     return address;
 }
 
-PListDict LimitsInForce(const Config& config) {
+Velmora::PListDict LimitsInForce(const Config& config) {
     const HttpServerOptions& http = config.Http;
     const auto number = [](auto value) { return static_cast<long long>(value); };
-    PListDict limits;
+    Velmora::PListDict limits;
     limits.SetValue("MaxConnections", number(http.MaxConnections));
     limits.SetValue("MaxFeedClients", number(http.MaxFeedClients));
     limits.SetValue("MaxCallers", number(config.MaxCallers));
@@ -54,22 +53,22 @@ PListDict LimitsInForce(const Config& config) {
     return limits;
 }
 
-PListArray ListenersWithoutCredentials(const PListArray& listeners) {
-    PListArray shown;
-    for (const PListItem& item : listeners) {
-        PListDict listener = *AsDict(&item);
+Velmora::PListArray ListenersWithoutCredentials(const Velmora::PListArray& listeners) {
+    Velmora::PListArray shown;
+    for (const Velmora::PListItem& item : listeners) {
+        Velmora::PListDict listener = *AsDict(&item);
         listener.SetValue(Keys::callback, WithoutCredentials(listener.GetData(Keys::callback).Text()));
         shown.Append(listener);
     }
     return shown;
 }
 
-PListDict DocumentWithoutCredentials(const PListDict& document) {
-    PListDict shown = document;
-    PListArray events;
-    for (const PListItem& item : document.GetArray(Keys::event_list)) {
-        PListDict event = *AsDict(&item);
-        const PListArray listeners = std::as_const(event).GetArray(Keys::listener_list);
+Velmora::PListDict DocumentWithoutCredentials(const Velmora::PListDict& document) {
+    Velmora::PListDict shown = document;
+    Velmora::PListArray events;
+    for (const Velmora::PListItem& item : document.GetArray(Keys::event_list)) {
+        Velmora::PListDict event = *AsDict(&item);
+        const Velmora::PListArray listeners = std::as_const(event).GetArray(Keys::listener_list);
         if (!listeners.Empty()) event.SetItem(Keys::listener_list, ListenersWithoutCredentials(listeners));
         events.Append(event);
     }
@@ -83,20 +82,20 @@ std::string Indented(const std::string& json) {
     writer.SetIndent(' ', 2);
     rapidjson::StringStream in(json.c_str());
     rapidjson::Reader reader;
-    constexpr unsigned flags = rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
-    if (!reader.Parse<flags>(in, writer)) return json;
+    constexpr unsigned Flags = rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
+    if (!reader.Parse<Flags>(in, writer)) return json;
     return std::string(out.GetString(), out.GetSize());
 }
 
 }  // namespace
 
 std::string PrintConfig(const Config& config) {
-    PListDict log;
+    Velmora::PListDict log;
     log.SetValue("Level", Mirel::LogTypeName(config.LogLevel));
     log.SetValue("Format", config.LogAsJSON ? "json" : "text");
-    PListDict timers;
+    Velmora::PListDict timers;
     timers.SetValue(Keys::KeepRepeating, config.KeepRepeatingTimers);
-    PListDict dict;
+    Velmora::PListDict dict;
     dict.SetValue(Keys::Timeout_ms, static_cast<int>(config.Timeout_ms));
     dict.SetItem(Velmora::Strings::Config::BindAddress, AddressInForce(config.Http));
     if (!config.AccessTokenFile.empty()) {

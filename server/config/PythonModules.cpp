@@ -15,7 +15,7 @@ struct Release {
 };
 using Reference = std::unique_ptr<PyObject, Release>;
 
-constexpr const char* has_module = R"(
+constexpr const char* HasModule = R"(
 import sys
 try:
     from importlib.util import find_spec as find
@@ -36,7 +36,7 @@ bool HasPythonModule(const std::string& module) {
     const PythonContextLock context;
     const Reference names(PyDict_New());
     const bool ready = names && PyDict_SetItemString(names.get(), "__builtins__", PyEval_GetBuiltins()) == 0;
-    const Reference defined(ready ? PyRun_String(has_module, Py_file_input, names.get(), names.get())
+    const Reference defined(ready ? PyRun_String(HasModule, Py_file_input, names.get(), names.get())
                                   : nullptr);
     PyObject* const function = defined ? PyDict_GetItemString(names.get(), "has_module") : nullptr;
     const Reference found(function ? PyObject_CallFunction(function, "s#", module.data(),

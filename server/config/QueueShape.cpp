@@ -18,10 +18,10 @@ bool HoldsNul(const std::string& text) {
 }  // namespace
 
 TimerTimes ReadTimerTimes(Shape& shape) {
-    constexpr i32_t min = std::numeric_limits<i32_t>::min(), max = std::numeric_limits<i32_t>::max();
+    constexpr i32_t Min = std::numeric_limits<i32_t>::min(), Max = std::numeric_limits<i32_t>::max();
     const std::size_t before = shape.FaultCount();
     TimerTimes times;
-    times.Interval_sec = shape.IntegerOrText(Keys::interval_sec, min, max).value_or(0);
+    times.Interval_sec = shape.IntegerOrText(Keys::interval_sec, Min, Max).value_or(0);
     const auto start = shape.NonEmptyText(Keys::start_time);
     if (start && (HoldsNul(*start) || !times.Start.DecodeString(start->c_str()))) {
         shape.Blame(Keys::start_time, "must be a time like \"2026-01-31T12:00:00+00:00\"");

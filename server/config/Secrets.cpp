@@ -10,10 +10,10 @@ namespace {
 
 // Where user and password stand, up to the "@"; nothing where there are none.
 std::string_view Credentials(std::string_view url) {
-    constexpr std::string_view before = "://";
-    const std::size_t scheme = url.find(before);
+    constexpr std::string_view Before = "://";
+    const std::size_t scheme = url.find(Before);
     if (scheme == url.npos || url.find_first_of("/?#") < scheme) return {};  // a path
-    const std::size_t begin = scheme + before.size();
+    const std::size_t begin = scheme + Before.size();
     const std::string_view authority =
         url.substr(begin, std::min(url.find_first_of("/?#", begin), url.size()) - begin);
     const std::size_t at = authority.rfind('@');

@@ -65,10 +65,10 @@ std::size_t Distance(std::string_view from, std::string_view to) {
 
 // A known key so close to `key` that a slip of the hand explains it; otherwise empty.
 std::string Meant(std::string_view key, const std::vector<std::string>& known) {
-    constexpr std::size_t longest_key = 64, slips = 3;
+    constexpr std::size_t LongestKey = 64, Slips = 3;
     std::string best;
-    if (key.size() > longest_key) return best;
-    std::size_t closest = std::min(slips, key.size() / 2) + 1;
+    if (key.size() > LongestKey) return best;
+    std::size_t closest = std::min(Slips, key.size() / 2) + 1;
     for (const std::string& candidate : known) {
         const std::size_t distance = Distance(key, candidate);
         if (distance < closest) {

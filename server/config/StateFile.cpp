@@ -60,14 +60,14 @@ Mirel::Result_t Lock(const std::string& path, int flags, int& lock) {
     return CannotUse(taken ? Mirel::RESULT_STATE : Mirel::RESULT_FILEOPEN, path, why);
 }
 
-Mirel::Result_t unusable(const std::string& path, std::string reason) {
+Mirel::Result_t Unusable(const std::string& path, std::string reason) {
     if (!reason.empty() && reason.back() == '.') reason.pop_back();
     return CannotUse(Mirel::RESULT_READFAIL, path,
                      reason + ". It was left as it is; move it away to start without it.");
 }
 
 // What is wrong with the document, or nothing. Entries inside the lists are the queue's to judge.
-std::string fault_of(const Velmora::PListDict& document) {
+std::string FaultOf(const Velmora::PListDict& document) {
     namespace Keys = EventManager::Strings;
     bool any = false;
     for (const std::string& key : {Keys::event_list, Keys::timer_list, Keys::watch_list}) {
@@ -79,19 +79,19 @@ std::string fault_of(const Velmora::PListDict& document) {
     return any ? "" : "it is not a queue state document";
 }
 
-Mirel::Result_t read_document(const std::string& path, std::optional<Velmora::PListDict>& document) {
+Mirel::Result_t ReadDocument(const std::string& path, std::optional<Velmora::PListDict>& document) {
     std::string text;
     const Mirel::Result_t read = Mirel::ReadFileIntoString(path, text, StateFileLimit);
-    if (read.Failure()) return unusable(path, read.Message());
+    if (read.Failure()) return Unusable(path, read.Message());
 
     Mirel::Result_t why;
     const std::unique_ptr<Velmora::PListItem> item =
         Velmora::PListItem::CreateFromJSON(text, &why, Velmora::PListItem::AnyDepth);
-    if (!item) return unusable(path, why.Message());
+    if (!item) return Unusable(path, why.Message());
     const auto* const dict = dynamic_cast<const Velmora::PListDict*>(item.get());
-    if (!dict) return unusable(path, "it is not a queue state document");
-    const std::string fault = fault_of(*dict);
-    if (!fault.empty()) return unusable(path, fault);
+    if (!dict) return Unusable(path, "it is not a queue state document");
+    const std::string fault = FaultOf(*dict);
+    if (!fault.empty()) return Unusable(path, fault);
     document = *dict;
     return Mirel::RESULT_OK;
 }
@@ -131,9 +131,9 @@ Mirel::Result_t ReadStateFile(const std::string& path, std::optional<Velmora::PL
     struct stat status {};
     if (path.empty() || (stat(path.c_str(), &status) != 0 && errno == ENOENT)) return Mirel::RESULT_OK;
     try {
-        return read_document(path, document);
+        return ReadDocument(path, document);
     } catch (const std::bad_alloc&) {
-        return unusable(path, "there is not enough memory for it");
+        return Unusable(path, "there is not enough memory for it");
     }
 }
 

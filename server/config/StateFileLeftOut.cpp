@@ -12,12 +12,11 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 
 namespace {
 
-constexpr std::size_t most_named = 100;  // in one line of the log
+constexpr std::size_t MostNamed = 100;  // in one line of the log
 
 struct EntryName {
     std::string Name;
@@ -28,17 +27,18 @@ struct EntryName {
 // a name, and what is of a wrong type, are named by their place, as no entry of a queue is.
 class EntryNames {
   public:
-    explicit EntryNames(const PListDict& document) {
-        Each(document, "", Keys::event_list, [this](const PListDict& event, const std::string& at) {
+    explicit EntryNames(const Velmora::PListDict& document) {
+        Each(document, "", Keys::event_list, [this](const Velmora::PListDict& event, const std::string& at) {
             const std::string event_name = Name("event", event, Keys::event_name, Keys::event_data, at);
-            Each(event, at, Keys::listener_list, [&](const PListDict& listener, const std::string& inside) {
-                Name("listener of " + event_name, listener, Keys::callback, Keys::listener_data, inside);
-            });
+            Each(event, at, Keys::listener_list,
+                 [&](const Velmora::PListDict& listener, const std::string& inside) {
+                     Name("listener of " + event_name, listener, Keys::callback, Keys::listener_data, inside);
+                 });
         });
-        Each(document, "", Keys::timer_list, [this](const PListDict& timer, const std::string& at) {
+        Each(document, "", Keys::timer_list, [this](const Velmora::PListDict& timer, const std::string& at) {
             Name("timer of event", timer, Keys::event_name, Keys::timer_data, at);
         });
-        Each(document, "", Keys::watch_list, [this](const PListDict& watch, const std::string& at) {
+        Each(document, "", Keys::watch_list, [this](const Velmora::PListDict& watch, const std::string& at) {
             Name("watch of", watch, Keys::path, Keys::watch_data, at);
         });
     }
@@ -47,14 +47,15 @@ class EntryNames {
 
   private:
     template <class Entry>
-    void Each(const PListDict& dict, const std::string& base, const std::string& key, const Entry& entry) {
-        const PListItem* const list = dict.GetItem(key);
+    void Each(const Velmora::PListDict& dict, const std::string& base, const std::string& key,
+              const Entry& entry) {
+        const Velmora::PListItem* const list = dict.GetItem(key);
         if (list == nullptr) return;
-        if (!list->HasType(IT_ARRAY)) NamePlace(PointerTo(base, key));
+        if (!list->HasType(Velmora::IT_ARRAY)) NamePlace(PointerTo(base, key));
         std::size_t index = 0;
-        for (const PListItem& item : dict.GetArray(key)) {
+        for (const Velmora::PListItem& item : dict.GetArray(key)) {
             const std::string at = PointerTo(PointerTo(base, key), index++);
-            if (const PListDict* const one = AsDict(&item)) {
+            if (const Velmora::PListDict* const one = AsDict(&item)) {
                 entry(*one, at);
             } else {
                 NamePlace(at);
@@ -63,13 +64,13 @@ class EntryNames {
     }
 
     // What the entry is named for the log.
-    std::string Name(const std::string& kind, const PListDict& entry, const std::string& key,
+    std::string Name(const std::string& kind, const Velmora::PListDict& entry, const std::string& key,
                      const std::string& data_key, const std::string& at) {
         const std::string name = entry.GetData(key).Text();
         const std::string shown = key == Keys::callback ? WithoutCredentials(name) : name;
         const std::string named = name.empty() ? at : kind + " \"" + shown + "\"";
         Names.push_back({name.empty() ? at : kind + " \"" + name + "\"", named});
-        const PListItem* const data = entry.GetItem(data_key);
+        const Velmora::PListItem* const data = entry.GetItem(data_key);
         if (data != nullptr && AsDict(data) == nullptr) NamePlace(PointerTo(at, data_key));
         return named;
     }
@@ -79,8 +80,8 @@ class EntryNames {
 
 std::string Listed(const std::vector<std::string>& names) {
     std::string text;
-    for (std::size_t i = 0; i < std::min(names.size(), most_named); ++i) text += (i ? ", " : "") + names[i];
-    if (names.size() > most_named) text += " and " + std::to_string(names.size() - most_named) + " more";
+    for (std::size_t i = 0; i < std::min(names.size(), MostNamed); ++i) text += (i ? ", " : "") + names[i];
+    if (names.size() > MostNamed) text += " and " + std::to_string(names.size() - MostNamed) + " more";
     return text;
 }
 
@@ -107,7 +108,7 @@ Mirel::Result_t Copy(const std::string& from, const std::string& to) {
 
 }  // namespace
 
-std::vector<std::string> LeftOut(const PListDict& document, const PListDict& queue) {
+std::vector<std::string> LeftOut(const Velmora::PListDict& document, const Velmora::PListDict& queue) {
     std::unordered_map<std::string, std::size_t> there;
     for (EntryName& entry : EntryNames(queue).Names) ++there[std::move(entry.Name)];
     std::vector<std::string> left_out;

@@ -13,21 +13,21 @@ namespace Server {
 
 namespace {
 
-char lower(char c) {
+char Lower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-std::string lowered(std::string_view text) {
+std::string Lowered(std::string_view text) {
     std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(), lower);
+    std::transform(result.begin(), result.end(), result.begin(), Lower);
     return result;
 }
 
-bool starts_with_letters(std::string_view text, std::string_view prefix) {
+bool StartsWithLetters(std::string_view text, std::string_view prefix) {
     return text.size() >= prefix.size() && SameLetters(text.substr(0, prefix.size()), prefix);
 }
 
-std::string_view trimmed(std::string_view text) {
+std::string_view Trimmed(std::string_view text) {
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
     while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
     return text;
@@ -36,42 +36,42 @@ std::string_view trimmed(std::string_view text) {
 using Visit = std::function<bool(std::string_view)>;
 
 // Calls `visit` with each element of a comma-separated list until it answers true; whether it did.
-bool any_element(std::string_view list, const Visit& visit) {
+bool AnyElement(std::string_view list, const Visit& visit) {
     while (!list.empty()) {
         const std::size_t comma = std::min(list.find(','), list.size());
-        if (visit(trimmed(list.substr(0, comma)))) return true;
+        if (visit(Trimmed(list.substr(0, comma)))) return true;
         list.remove_prefix(std::min(comma + 1, list.size()));
     }
     return false;
 }
 
 // The same for a field: all its lines are one list (RFC 9110, 5.3).
-bool any_element(const RequestHead& head, Field field, const Visit& visit) {
-    if (any_element(head[field], visit)) return true;
+bool AnyElement(const RequestHead& head, Field field, const Visit& visit) {
+    if (AnyElement(head[field], visit)) return true;
     return std::any_of(head.More.begin(), head.More.end(), [&](const auto& line) {
-        return line.first == field && any_element(line.second, visit);
+        return line.first == field && AnyElement(line.second, visit);
     });
 }
 
-std::string host_of(const std::string& name) {
+std::string HostOf(const std::string& name) {
     const auto split = SplitAuthority(name);
     // An IPv6 address may stand there without brackets.
-    return lowered(split ? split->first : name);
+    return Lowered(split ? split->first : name);
 }
 
-std::vector<std::string> allowed_hosts(const HttpServerOptions& options) {
+std::vector<std::string> AllowedHosts(const HttpServerOptions& options) {
     std::vector<std::string> hosts;
-    for (const std::string& name : options.AllowedHosts) hosts.push_back(host_of(name));
+    for (const std::string& name : options.AllowedHosts) hosts.push_back(HostOf(name));
     return hosts;
 }
 
 // The addresses that stand for every interface are no names to be called by.
-std::string bound_host(const HttpServerOptions& options) {
-    return options.Host == "0.0.0.0" || options.Host == "::" ? "" : host_of(options.Host);
+std::string BoundHost(const HttpServerOptions& options) {
+    return options.Host == "0.0.0.0" || options.Host == "::" ? "" : HostOf(options.Host);
 }
 
 // The port's number; `usual` where none is named.
-int port_number(std::string_view port, int usual) {
+int PortNumber(std::string_view port, int usual) {
     int number = usual;
     std::from_chars(port.data(), port.data() + port.size(), number);
     return number;
@@ -79,15 +79,15 @@ int port_number(std::string_view port, int usual) {
 
 // Whether the path is under "/api", however it is spelled: what a handler might decode or skip over must not
 // lead around the token.
-bool under_api(std::string_view path) {
+bool UnderApi(std::string_view path) {
     if (path.substr(0, 5) == "/api/") return true;
     const std::size_t begin = std::min(path.find_first_not_of('/'), path.size());
     const std::string_view first = path.substr(begin, path.find('/', begin) - begin);
     const std::optional<std::string> decoded = PercentDecode(first);
-    return !decoded || lowered(*decoded).substr(0, 3) == "api" || decoded->substr(0, 1) == ".";
+    return !decoded || Lowered(*decoded).substr(0, 3) == "api" || decoded->substr(0, 1) == ".";
 }
 
-HttpResponse unauthorized() {
+HttpResponse Unauthorized() {
     HttpResponse response = Problem(Velmora::STATUS_401_UNAUTHORIZED,
                                     "An access token is wanted: Authorization: Bearer <token>.");
     response.Headers.emplace_back("WWW-Authenticate", "Bearer realm=\"velmora\"");
@@ -98,7 +98,7 @@ HttpResponse unauthorized() {
 
 bool SameLetters(std::string_view a, std::string_view b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](char x, char y) { return lower(x) == lower(y); });
+                      [](char x, char y) { return Lower(x) == Lower(y); });
 }
 
 std::optional<std::pair<std::string_view, std::string_view>> SplitAuthority(std::string_view authority) {
@@ -132,20 +132,20 @@ bool IsLoopbackName(std::string_view host) {
 }
 
 bool ListHas(const RequestHead& head, Field field, std::string_view element) {
-    return any_element(head, field, [element](std::string_view one) { return SameLetters(one, element); });
+    return AnyElement(head, field, [element](std::string_view one) { return SameLetters(one, element); });
 }
 
 std::optional<std::string> DecodeBase64Url(std::string_view text) {
     while (!text.empty() && text.back() == '=') text.remove_suffix(1);
     if (text.size() % 4 == 1) return std::nullopt;
-    static constexpr std::string_view alphabet =
+    static constexpr std::string_view Alphabet =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
     std::string bytes;
     unsigned held = 0;
     int bits = 0;
     for (const char c : text) {
-        const std::size_t value = alphabet.find(c);
-        if (value == alphabet.npos) return std::nullopt;
+        const std::size_t value = Alphabet.find(c);
+        if (value == Alphabet.npos) return std::nullopt;
         held = (held << 6 | static_cast<unsigned>(value)) & 0xffff;
         bits += 6;
         if (bits < 8) continue;
@@ -158,8 +158,8 @@ std::optional<std::string> DecodeBase64Url(std::string_view text) {
 AccessPolicy::AccessPolicy(const HttpServerOptions& options)
     : m_Token(options.AccessToken),
       m_Secure(!options.TLSIdentity.empty()),
-      m_AllowedHosts(allowed_hosts(options)),
-      m_BoundHost(bound_host(options)) {}
+      m_AllowedHosts(AllowedHosts(options)),
+      m_BoundHost(BoundHost(options)) {}
 
 bool AccessPolicy::NamedByOperator(std::string_view host) const {
     return std::any_of(m_AllowedHosts.begin(), m_AllowedHosts.end(),
@@ -175,15 +175,15 @@ bool AccessPolicy::HostAllowed(std::string_view host) const {
 // is not the one that is bound. Where the server speaks plain HTTP the page may have come over TLS only
 // through a proxy, whose name the operator has given.
 bool AccessPolicy::OriginAllowed(std::string_view origin, std::string_view authority) const {
-    const bool secure = starts_with_letters(origin, "https://");
-    if (!secure && (m_Secure || !starts_with_letters(origin, "http://"))) return false;
+    const bool secure = StartsWithLetters(origin, "https://");
+    if (!secure && (m_Secure || !StartsWithLetters(origin, "http://"))) return false;
     origin.remove_prefix(origin.find("//") + 2);
     const auto from = SplitAuthority(origin);
     const auto to = SplitAuthority(authority);
     if (!from || !to || !SameLetters(from->first, to->first)) return false;
     if (secure && !m_Secure && !NamedByOperator(from->first)) return false;
     const int usual = secure ? 443 : 80;
-    return port_number(from->second, usual) == port_number(to->second, usual);
+    return PortNumber(from->second, usual) == PortNumber(to->second, usual);
 }
 
 bool AccessPolicy::TokenMatches(std::string_view token) const {
@@ -191,7 +191,7 @@ bool AccessPolicy::TokenMatches(std::string_view token) const {
 }
 
 bool AccessPolicy::OffersToken(const RequestHead& head) const {
-    return any_element(head, Field::WebSocketProtocol, [this](std::string_view one) {
+    return AnyElement(head, Field::WebSocketProtocol, [this](std::string_view one) {
         if (one.substr(0, BearerProtocol.size()) != BearerProtocol) return false;
         const std::optional<std::string> token = DecodeBase64Url(one.substr(BearerProtocol.size()));
         return token && TokenMatches(*token);
@@ -200,7 +200,7 @@ bool AccessPolicy::OffersToken(const RequestHead& head) const {
 
 bool AccessPolicy::Authorized(const RequestHead& head) const {
     const std::string_view given = head[Field::Authorization];
-    if (starts_with_letters(given, "bearer ") && TokenMatches(trimmed(given.substr(7)))) return true;
+    if (StartsWithLetters(given, "bearer ") && TokenMatches(Trimmed(given.substr(7)))) return true;
     if (LocalAccessManager::IsSelfAuthorized(given)) return true;
     return head.Has(Field::Upgrade) && ListHas(head, Field::WebSocketProtocol, FeedProtocol) &&
            OffersToken(head);
@@ -221,8 +221,8 @@ std::optional<HttpResponse> AccessPolicy::Check(const RequestHead& head, std::st
         (head.Has(Field::Origin) && !OriginAllowed(head[Field::Origin], authority))) {
         return Problem(Velmora::STATUS_403_FORBIDDEN, "Requests from pages of other sites are refused.");
     }
-    if (!m_Token.empty() && under_api(path) && (head.Count(Field::Authorization) > 1 || !Authorized(head))) {
-        return unauthorized();
+    if (!m_Token.empty() && UnderApi(path) && (head.Count(Field::Authorization) > 1 || !Authorized(head))) {
+        return Unauthorized();
     }
     return std::nullopt;
 }

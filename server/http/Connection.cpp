@@ -180,7 +180,7 @@ void Connection::Deregister() {
 
 namespace {
 
-void serve_connection(ConnectionShared& shared, Velmora::SocketStream stream) {
+void BeginServing(ConnectionShared& shared, Velmora::SocketStream stream) {
     auto owned = std::make_unique<Connection>(shared, std::move(stream));
     Connection& connection = *owned;
     Coroutine serving = connection.Serve(std::move(owned));
@@ -191,7 +191,7 @@ void serve_connection(ConnectionShared& shared, Velmora::SocketStream stream) {
 }
 
 // More connections than may be: said in one write where that can be done, for there is no place to wait.
-void refuse_connection(ConnectionShared& shared, const Velmora::SocketStream& stream) {
+void RefuseConnection(ConnectionShared& shared, const Velmora::SocketStream& stream) {
     shared.RefusedConnections.fetch_add(1, std::memory_order_relaxed);
     if (!shared.Identity) {
         HttpResponse response = Problem(Velmora::STATUS_503_NO_SERVICE, "Too many connections; try again.");
@@ -221,9 +221,9 @@ void ServeConnection(ConnectionShared& shared, Velmora::SocketStream stream) {
     shared.Accepted.fetch_add(1, std::memory_order_relaxed);
     try {
         if (shared.Registry.Size() < shared.Options.MaxConnections) {
-            serve_connection(shared, std::move(stream));
+            BeginServing(shared, std::move(stream));
         } else {
-            refuse_connection(shared, stream);
+            RefuseConnection(shared, stream);
         }
     } catch (const std::exception& failure) {
         Mirel::DefaultLogSink().Error("Cannot serve a connection: %s\n", failure.what());

@@ -13,7 +13,7 @@ namespace {
 
 constexpr unsigned RequestsPerTurn = 64;  // then other connections have their turn
 
-HttpResponse busy() {
+HttpResponse Busy() {
     HttpResponse response = Problem(Velmora::STATUS_503_NO_SERVICE,
                                     "As many requests as may be are waiting for the event queue; try again.");
     response.Headers.emplace_back("Retry-After", "1");
@@ -85,7 +85,7 @@ Connection::Step Connection::AnswerAdmitted() {
 // Its time is over, or too many wait.
 Connection::Step Connection::AnswerBusy() {
     m_Shared.RefusedBusy.fetch_add(1, std::memory_order_relaxed);
-    return Respond(busy());
+    return Respond(Busy());
 }
 
 // For a request that is inside the pool.

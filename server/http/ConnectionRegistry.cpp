@@ -16,7 +16,7 @@ Mirel::i64_t CoarseNow_ms() {
 
 namespace {
 
-void end(ConnectionLife& life) {
+void End(ConnectionLife& life) {
     const Phase phase = life.Now.load();
     life.Expired.store(true);
     if (phase == Phase::Reading) {
@@ -54,7 +54,7 @@ void ConnectionRegistry::EndExpired() {
     Mirel::AutoMutex held(m_Lock);
     for (ConnectionLife* life : m_Lives) {
         const Mirel::i64_t deadline = life->Deadline_ms.load();
-        if (deadline != 0 && deadline < now && !life->Expired.load()) end(*life);
+        if (deadline != 0 && deadline < now && !life->Expired.load()) End(*life);
     }
 }
 

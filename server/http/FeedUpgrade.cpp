@@ -12,7 +12,7 @@ namespace Server {
 
 namespace {
 
-HttpResponse upgrade_wanted(const std::string& detail) {
+HttpResponse UpgradeWanted(const std::string& detail) {
     HttpResponse response = Problem(Velmora::STATUS_426_UPGRADE, detail);
     response.Headers.emplace_back("Upgrade", "websocket");
     response.Headers.emplace_back("Connection", "Upgrade");
@@ -21,14 +21,14 @@ HttpResponse upgrade_wanted(const std::string& detail) {
 }
 
 // 16 bytes in base64: 22 characters of the alphabet and two of padding.
-bool key_is_valid(std::string_view key) {
-    static constexpr std::string_view alphabet =
+bool KeyIsValid(std::string_view key) {
+    static constexpr std::string_view Alphabet =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     return key.size() == 24 && key.substr(22) == "==" &&
-           key.substr(0, 22).find_first_not_of(alphabet) == key.npos;
+           key.substr(0, 22).find_first_not_of(Alphabet) == key.npos;
 }
 
-std::string accept_key(std::string_view key) {
+std::string AcceptKey(std::string_view key) {
     const std::string text = std::string(key) + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
@@ -43,11 +43,11 @@ std::string accept_key(std::string_view key) {
 std::optional<HttpResponse> RefuseUpgrade(const RequestHead& head) {
     if (!ListHas(head, Field::Upgrade, "websocket") || !ListHas(head, Field::Connection, "upgrade") ||
         head.Http10) {
-        return upgrade_wanted("The feed is a WebSocket: ask for an upgrade.");
+        return UpgradeWanted("The feed is a WebSocket: ask for an upgrade.");
     }
     if (head[Field::WebSocketVersion] != "13")
-        return upgrade_wanted("Version 13 of WebSocket is spoken here.");
-    if (head.HasBody || head.Count(Field::WebSocketKey) != 1 || !key_is_valid(head[Field::WebSocketKey])) {
+        return UpgradeWanted("Version 13 of WebSocket is spoken here.");
+    if (head.HasBody || head.Count(Field::WebSocketKey) != 1 || !KeyIsValid(head[Field::WebSocketKey])) {
         return Problem(Velmora::STATUS_400_BAD_REQ, "Sec-WebSocket-Key must be 16 bytes in base64.");
     }
     return std::nullopt;
@@ -57,7 +57,7 @@ std::string SwitchingProtocols(const RequestHead& head) {
     std::string text =
         "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
         "X-Content-Type-Options: nosniff\r\nCache-Control: no-store\r\nSec-WebSocket-Accept: ";
-    text.append(accept_key(head[Field::WebSocketKey])).append("\r\n");
+    text.append(AcceptKey(head[Field::WebSocketKey])).append("\r\n");
     if (ListHas(head, Field::WebSocketProtocol, FeedProtocol)) {
         text.append("Sec-WebSocket-Protocol: ").append(FeedProtocol).append("\r\n");
     }

@@ -6,7 +6,7 @@ namespace Server {
 
 namespace {
 
-int hex_value(char c) {
+int HexValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
@@ -24,8 +24,8 @@ std::optional<std::string> PercentDecode(std::string_view text) {
             decoded += text[i];
             continue;
         }
-        const int high = i + 2 < text.size() ? hex_value(text[i + 1]) : -1;
-        const int low = i + 2 < text.size() ? hex_value(text[i + 2]) : -1;
+        const int high = i + 2 < text.size() ? HexValue(text[i + 1]) : -1;
+        const int low = i + 2 < text.size() ? HexValue(text[i + 2]) : -1;
         if (high < 0 || low < 0) return std::nullopt;
         decoded += static_cast<char>(high * 16 + low);
         i += 2;

@@ -30,14 +30,14 @@ constexpr std::chrono::milliseconds AcceptPause{200};  // after the system refus
 constexpr Mirel::i64_t RefusalLogInterval_ms = 10000;
 constexpr std::chrono::milliseconds StopInterval{100};
 
-unsigned thread_count(const HttpServerOptions& options) {
+unsigned ThreadCount(const HttpServerOptions& options) {
     const std::size_t cores = std::max(1u, std::thread::hardware_concurrency());
     const std::size_t wanted = options.IOThreads > 0 ? options.IOThreads : std::max(LeastThreads, cores);
     return static_cast<unsigned>(std::max<std::size_t>(wanted, 2));
 }
 
 // Deadlines are looked at often enough to be kept within a quarter.
-std::chrono::milliseconds sweep_interval(const HttpServerOptions& options) {
+std::chrono::milliseconds SweepInterval(const HttpServerOptions& options) {
     const Mirel::ui32_t shortest = std::min(options.IdleTimeout_ms, options.RequestTimeout_ms);
     return std::chrono::milliseconds(std::clamp<Mirel::ui32_t>(shortest / 4, 10, 500));
 }
@@ -48,8 +48,8 @@ class HttpServer::Impl {
   public:
     Impl(HttpServerOptions options, HttpHandler& handler)
         : m_Io(std::make_unique<asio::io_context>()),
-          m_Shared(options, handler, *m_Io, thread_count(options), WorkingThreads),
-          m_SweepInterval(sweep_interval(options)),
+          m_Shared(options, handler, *m_Io, ThreadCount(options), WorkingThreads),
+          m_SweepInterval(SweepInterval(options)),
           m_Acceptor(std::in_place, *m_Io),
           m_Pause(std::in_place, *m_Io),
           m_Sweep(std::in_place, *m_Io) {}

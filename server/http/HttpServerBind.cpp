@@ -15,11 +15,11 @@ namespace {
 
 constexpr int Backlog = 4096;  // the system cuts it to its own limit
 
-Mirel::Result_t cannot_listen(const std::string& host, Mirel::ui16_t port, const std::string& reason) {
+Mirel::Result_t CannotListen(const std::string& host, Mirel::ui16_t port, const std::string& reason) {
     return Mirel::RESULT_NETWORK.WithMessage("Cannot listen on " + HostAndPort(host, port) + ": " + reason);
 }
 
-bool is_loopback(const sockaddr* address) {
+bool IsLoopback(const sockaddr* address) {
     if (address->sa_family == AF_INET) {
         return ntohl(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr) >> 24 == 127;
     }
@@ -27,7 +27,7 @@ bool is_loopback(const sockaddr* address) {
            IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
 }
 
-Mirel::ui16_t port_of(int descriptor) {
+Mirel::ui16_t PortOf(int descriptor) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
     if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
@@ -50,27 +50,27 @@ Mirel::Result_t BindListener(const std::string& host, Mirel::ui16_t port, bool g
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     addrinfo* found = nullptr;
     const int failure = getaddrinfo(name.c_str(), std::to_string(port).c_str(), &hints, &found);
-    if (failure != 0) return cannot_listen(host, port, gai_strerror(failure));
+    if (failure != 0) return CannotListen(host, port, gai_strerror(failure));
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> list(found, freeaddrinfo);
 
-    if (!guarded && !is_loopback(found->ai_addr)) {
-        return cannot_listen(
+    if (!guarded && !IsLoopback(found->ai_addr)) {
+        return CannotListen(
             host, port,
             "without an access token only loopback addresses are served; set \"AccessToken\" or "
             "\"AccessTokenFile\"");
     }
     const int taken = socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (taken < 0) return cannot_listen(host, port, std::strerror(errno));
+    if (taken < 0) return CannotListen(host, port, std::strerror(errno));
     const int on = 1;
     setsockopt(taken, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (bind(taken, found->ai_addr, found->ai_addrlen) != 0 || listen(taken, Backlog) != 0) {
         const int reason = errno;
         close(taken);
-        const Mirel::Result_t failed = cannot_listen(host, port, std::strerror(reason));
+        const Mirel::Result_t failed = CannotListen(host, port, std::strerror(reason));
         return reason == EADDRINUSE ? Mirel::RESULT_STATE.WithMessage(failed.Message()) : failed;
     }
     descriptor = taken;
-    bound_port = port_of(taken);
+    bound_port = PortOf(taken);
     return Mirel::RESULT_OK;
 }
 

@@ -6,7 +6,7 @@ namespace Server {
 
 namespace {
 
-bool is_json(std::string_view content_type) {
+bool IsJson(std::string_view content_type) {
     content_type = content_type.substr(0, content_type.find(';'));
     while (!content_type.empty() && content_type.back() == ' ') content_type.remove_suffix(1);
     return SameLetters(content_type, Velmora::Strings::MIME_json);
@@ -39,7 +39,7 @@ std::optional<HttpResponse> RefuseHead(const RequestHead& head, const AccessPoli
     if (AsksForFeed(request)) {
         if (auto refusal = RefuseUpgrade(head)) return refusal;
     }
-    if (head.HasBody && !is_json(head[Field::ContentType])) {
+    if (head.HasBody && !IsJson(head[Field::ContentType])) {
         return Problem(Velmora::STATUS_415_MEDIA_TYPE, "A body must be application/json.");
     }
     if (head.Has(Field::Expect) && !ListHas(head, Field::Expect, "100-continue")) {

@@ -11,7 +11,7 @@ namespace Server {
 namespace {
 
 // "Date: …\r\n" of this second, made once a second on each thread.
-std::string_view date_line() {
+std::string_view DateLine() {
     thread_local std::time_t second = 0;
     thread_local char line[48];
     thread_local std::size_t length = 0;
@@ -22,25 +22,25 @@ std::string_view date_line() {
         std::tm parts{};
         gmtime_r(&second, &parts);
         // The names of days and months are English whatever the locale.
-        static constexpr const char* days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-        static constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+        static constexpr const char* Days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+        static constexpr const char* Months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
         length = static_cast<std::size_t>(
             std::snprintf(line, sizeof line, "Date: %s, %02d %s %04d %02d:%02d:%02d GMT\r\n",
-                          days[parts.tm_wday], parts.tm_mday, months[parts.tm_mon], parts.tm_year + 1900,
+                          Days[parts.tm_wday], parts.tm_mday, Months[parts.tm_mon], parts.tm_year + 1900,
                           parts.tm_hour, parts.tm_min, parts.tm_sec));
     }
     return {line, std::min(length, sizeof line - 1)};
 }
 
-void append_number(std::string& text, std::size_t number) {
+void AppendNumber(std::string& text, std::size_t number) {
     char digits[24];
     const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
     text.append(digits, end);
 }
 
 // Header values come from names that clients choose: no line may be begun by them.
-void append_field(std::string& text, std::string_view name, std::string_view value) {
+void AppendField(std::string& text, std::string_view name, std::string_view value) {
     text.append(name).append(": ");
     for (const char c : value) {
         if (c != '\r' && c != '\n' && c != '\0') text += c;
@@ -48,20 +48,20 @@ void append_field(std::string& text, std::string_view name, std::string_view val
     text.append("\r\n");
 }
 
-void append_status_line(std::string& text, Status_t status) {
+void AppendStatusLine(std::string& text, Status_t status) {
     text.append("HTTP/1.1 ");
-    append_number(text, static_cast<std::size_t>(status));
+    AppendNumber(text, static_cast<std::size_t>(status));
     text.append(" ").append(Velmora::StatusToString(status)).append("\r\n");
 }
 
 }  // namespace
 
 void AppendReplyHead(std::string& text, const HttpResponse& response, ReplyForm form) {
-    append_status_line(text, response.Status);
-    text.append(date_line());
+    AppendStatusLine(text, response.Status);
+    text.append(DateLine());
     bool cache_control = false;
     for (const auto& [name, value] : response.Headers) {
-        append_field(text, name, value);
+        AppendField(text, name, value);
         cache_control = cache_control || strcasecmp(name.c_str(), "Cache-Control") == 0;
     }
     if (!cache_control) text.append("Cache-Control: no-store\r\n");
@@ -70,7 +70,7 @@ void AppendReplyHead(std::string& text, const HttpResponse& response, ReplyForm 
         text.append("Content-Type: ").append(response.ContentType).append("\r\n");
     if (!StatusHasNoBody(response.Status)) {
         text.append("Content-Length: ");
-        append_number(text, ReplyBody(response).size());
+        AppendNumber(text, ReplyBody(response).size());
         text.append("\r\n");
     }
     if (!form.KeepAlive) {

@@ -12,11 +12,11 @@ using beast_view = boost::beast::string_view;
 
 namespace {
 
-std::string_view plain(beast_view text) {
+std::string_view Plain(beast_view text) {
     return {text.data(), text.size()};
 }
 
-std::optional<Method_t> known_method(http::verb verb) {
+std::optional<Method_t> KnownMethod(http::verb verb) {
     switch (verb) {
         case http::verb::options:
             return Velmora::METH_OPTIONS;
@@ -41,7 +41,7 @@ std::optional<Method_t> known_method(http::verb verb) {
     }
 }
 
-std::optional<Field> known_field(http::field name) {
+std::optional<Field> KnownField(http::field name) {
     switch (name) {
         case http::field::host:
             return Field::Host;
@@ -72,7 +72,7 @@ std::optional<Field> known_field(http::field name) {
 
 // Whether a request line that is not version 1.0 or 1.1 names some other version of HTTP, behind a method and
 // a target without blanks.
-bool names_version(std::string_view line) {
+bool NamesVersion(std::string_view line) {
     line = line.substr(0, line.find('\r'));
     const std::size_t at = line.find(' ', line.find(' ') + 1);
     if (at == line.npos || line.substr(at, 6) != " HTTP/") return false;
@@ -98,8 +98,8 @@ class BeastParser : public http::basic_parser<true> {
 
   private:
     void on_request_impl(http::verb verb, beast_view, beast_view target, int version, error_code&) override {
-        Head.Method = known_method(verb);
-        Head.Target = plain(target);
+        Head.Method = KnownMethod(verb);
+        Head.Target = Plain(target);
         Head.Parts = SplitTarget(Head.Target);
         Head.Http10 = version < 11;
     }
@@ -111,7 +111,7 @@ class BeastParser : public http::basic_parser<true> {
             error = http::error::bad_transfer_encoding;
             return;
         }
-        const std::optional<Field> known = known_field(name);
+        const std::optional<Field> known = KnownField(name);
         if (!known) return;
         // A value that went over several lines is put together in another place; nobody sends that any more.
         if (value.data() < Bytes.data() || value.data() > Bytes.data() + Bytes.size()) {
@@ -120,9 +120,9 @@ class BeastParser : public http::basic_parser<true> {
         }
         const auto index = static_cast<std::size_t>(*known);
         if (Head.Times[index]++ == 0) {
-            Head.Fields[index] = plain(value);
+            Head.Fields[index] = Plain(value);
         } else {
-            Head.More.emplace_back(*known, plain(value));
+            Head.More.emplace_back(*known, Plain(value));
         }
     }
 
@@ -134,7 +134,7 @@ class BeastParser : public http::basic_parser<true> {
 
     std::size_t on_body_impl(beast_view piece, error_code&) override {
         if (m_Collected.empty() && piece.size() == m_Length) {
-            BodyView = plain(piece);
+            BodyView = Plain(piece);
             BodyIsView = true;
         } else {
             if (m_Collected.empty()) m_Collected.reserve(m_Length);
@@ -236,8 +236,8 @@ class RequestParser::Impl {
 
     // Beast asserts that it is not asked again about a last chunk before that can be whole.
     bool IsPartOfLastChunk(std::string_view bytes) const {
-        constexpr std::string_view whole = "0\r\n\r\n";
-        return m_Parser->chunked() && bytes[0] == whole[0] && bytes.size() < whole.size();
+        constexpr std::string_view Whole = "0\r\n\r\n";
+        return m_Parser->chunked() && bytes[0] == Whole[0] && bytes.size() < Whole.size();
     }
 
     static bool MayBeginRequest(std::string_view bytes, std::size_t line) {
@@ -255,7 +255,7 @@ class RequestParser::Impl {
             return Refuse(Velmora::STATUS_413_TOO_LARGE,
                           "The body is larger than " + std::to_string(m_BodyLimit) + " bytes.");
         }
-        if (error == http::error::bad_version && names_version(bytes)) {
+        if (error == http::error::bad_version && NamesVersion(bytes)) {
             return Refuse(Velmora::STATUS_505_VERSION, "Only HTTP/1.0 and HTTP/1.1 are spoken here.");
         }
         return Refuse(Velmora::STATUS_400_BAD_REQ, "Malformed request: " + error.message() + ".");

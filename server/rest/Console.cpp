@@ -4,21 +4,19 @@
 
 namespace Server {
 
-using namespace Velmora;
-
 namespace {
 
-constexpr std::string_view directory = "/console/";
+constexpr std::string_view Directory = "/console/";
 
 // No script, style, picture or connection but this server's own, nothing written into the page itself, no
 // framing.
-constexpr const char* policy =
+constexpr const char* Policy =
     "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self' data:; "
     "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
 std::string_view FileName(std::string_view path) {
     if (path == "/") return "index.html";
-    return path.starts_with(directory) ? path.substr(directory.size()) : std::string_view();
+    return path.starts_with(Directory) ? path.substr(Directory.size()) : std::string_view();
 }
 
 const ConsoleFile* FindFile(std::string_view name) {
@@ -53,10 +51,10 @@ std::optional<HttpResponse> ConsoleAsset(const HttpRequest& request) {
     HttpResponse response;
     response.Headers = {{"ETag", std::string(file->ETag)},
                         {"Cache-Control", "no-cache"},
-                        {"Content-Security-Policy", policy},
+                        {"Content-Security-Policy", Policy},
                         {"Referrer-Policy", "no-referrer"}};
     if (HasCurrent(request, *file)) {
-        response.Status = STATUS_304_NOT_MODIFIED;
+        response.Status = Velmora::STATUS_304_NOT_MODIFIED;
         return response;
     }
     response.ContentType = TypeOf(file->Name);

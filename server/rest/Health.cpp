@@ -12,8 +12,6 @@
 
 namespace Server {
 
-using namespace Velmora;
-
 namespace {
 
 std::string DirectoryOf(const std::string& path) {
@@ -45,8 +43,8 @@ CheckOutcome CheckStateFile(const EventManager::QueueStatistics& queue, const st
 
 namespace {
 
-PListDict Entry(const CheckOutcome& outcome) {
-    PListDict entry;
+Velmora::PListDict Entry(const CheckOutcome& outcome) {
+    Velmora::PListDict entry;
     entry.SetValue("ok", outcome.Ok);
     entry.SetValue("detail", outcome.Detail);
     return entry;
@@ -55,13 +53,13 @@ PListDict Entry(const CheckOutcome& outcome) {
 }  // namespace
 
 HttpResponse GetHealth(RestCall& call) {
-    PListDict answer;
+    Velmora::PListDict answer;
     answer.SetValue("status", "alive");
     answer.SetValue("version", VELMORA_VERSION);
     const auto up = std::chrono::steady_clock::now() - call.Context.Started;
     answer.SetValue("uptime_sec",
                     static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(up).count()));
-    return Json(STATUS_200_OK, answer);
+    return Json(Velmora::STATUS_200_OK, answer);
 }
 
 HttpResponse GetReadiness(RestCall& call) {
@@ -69,13 +67,13 @@ HttpResponse GetReadiness(RestCall& call) {
     const CheckOutcome worker = CheckWorker(queue);
     const CheckOutcome state_file = CheckStateFile(queue, call.Context.StateFile);
     const bool ready = worker.Ok && state_file.Ok;
-    PListDict checks;
+    Velmora::PListDict checks;
     checks.SetItem("worker", Entry(worker));
     checks.SetItem("state_file", Entry(state_file));
-    PListDict answer;
+    Velmora::PListDict answer;
     answer.SetValue("ready", ready);
     answer.SetItem("checks", checks);
-    return Json(ready ? STATUS_200_OK : STATUS_503_NO_SERVICE, answer);
+    return Json(ready ? Velmora::STATUS_200_OK : Velmora::STATUS_503_NO_SERVICE, answer);
 }
 
 }  // namespace Server

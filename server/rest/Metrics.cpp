@@ -105,9 +105,9 @@ void Deliveries(MetricsText& text, const EventManager::QueueStatistics& queue) {
     text.Gauge("velmora_callers_unreaped", queue.CallersUnreaped,
                "Callers that the worker has not reaped yet.");
     text.Family("velmora_deliveries_total", Kind::Counter, "Calls to listeners that ended, by how.");
-    constexpr const char* classes[] = {"other", "1xx", "2xx", "3xx", "4xx", "5xx"};
-    for (std::size_t i = 0; i < std::size(classes); ++i) {
-        text.Sample(calls.AnsweredByClass[i], "outcome", classes[i]);
+    constexpr const char* Classes[] = {"other", "1xx", "2xx", "3xx", "4xx", "5xx"};
+    for (std::size_t i = 0; i < std::size(Classes); ++i) {
+        text.Sample(calls.AnsweredByClass[i], "outcome", Classes[i]);
     }
     text.Sample(calls.FailedResolve, "outcome", "resolve");
     text.Sample(calls.FailedConnect, "outcome", "connect");
@@ -124,9 +124,9 @@ void Connections(MetricsText& text, const HttpServerCounters& server) {
     text.Counter("velmora_http_connections_total", server.Accepted, "Connections that were accepted.");
     text.Counter("velmora_http_requests_total", server.Requests, "Requests that were read.");
     text.Family("velmora_http_responses_total", Kind::Counter, "Answers, by the class of their status.");
-    constexpr const char* classes[] = {"other", "1xx", "2xx", "3xx", "4xx", "5xx"};
-    for (std::size_t i = 0; i < std::size(classes); ++i) {
-        text.Sample(server.AnsweredByClass[i], "class", classes[i]);
+    constexpr const char* Classes[] = {"other", "1xx", "2xx", "3xx", "4xx", "5xx"};
+    for (std::size_t i = 0; i < std::size(Classes); ++i) {
+        text.Sample(server.AnsweredByClass[i], "class", Classes[i]);
     }
     text.Family("velmora_http_refused_total", Kind::Counter,
                 "What was turned away because the server was full.");

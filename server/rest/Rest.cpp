@@ -8,27 +8,25 @@
 
 namespace Server {
 
-using namespace Velmora;
-
 namespace {
 
-constexpr const char* problem_type = "application/problem+json";
-constexpr std::size_t most_errors = 100;  // listed in one answer
+constexpr const char* ProblemType = "application/problem+json";
+constexpr std::size_t MostErrors = 100;  // listed in one answer
 
-HttpResponse WithErrors(Status_t status, const std::string& detail, const PListArray& errors) {
-    PListDict problem;
+HttpResponse WithErrors(Status_t status, const std::string& detail, const Velmora::PListArray& errors) {
+    Velmora::PListDict problem;
     problem.SetValue("type", "about:blank");
-    problem.SetValue("title", StatusToString(status));
+    problem.SetValue("title", Velmora::StatusToString(status));
     problem.SetValue("status", static_cast<int>(status));
     problem.SetValue("detail", detail);
     problem.SetItem("errors", errors);
     HttpResponse response = Json(status, problem);
-    response.ContentType = problem_type;
+    response.ContentType = ProblemType;
     return response;
 }
 
-PListDict ErrorEntry(const char* place, const std::string& where, const std::string& what) {
-    PListDict entry;
+Velmora::PListDict ErrorEntry(const char* place, const std::string& where, const std::string& what) {
+    Velmora::PListDict entry;
     entry.SetValue(place, where);
     entry.SetValue("detail", what);
     return entry;
@@ -71,35 +69,35 @@ const std::string* FindParameter(const QueryParameters& query, std::string_view 
     return nullptr;
 }
 
-HttpResponse Json(Status_t status, const PListDict& document) {
+HttpResponse Json(Status_t status, const Velmora::PListDict& document) {
     HttpResponse response;
     response.Status = status;
     response.ContentType = Velmora::Strings::MIME_json;
     if (document.EncodeJSON(response.Body).Failure()) {
-        return Problem(STATUS_500_SERVER_ERROR, "The answer could not be encoded.");
+        return Problem(Velmora::STATUS_500_SERVER_ERROR, "The answer could not be encoded.");
     }
     return response;
 }
 
-HttpResponse Created(const std::string& location, const PListDict& document) {
-    HttpResponse response = Json(STATUS_201_CREATED, document);
+HttpResponse Created(const std::string& location, const Velmora::PListDict& document) {
+    HttpResponse response = Json(Velmora::STATUS_201_CREATED, document);
     response.Headers.emplace_back("Location", location);
     return response;
 }
 
 HttpResponse NoContent() {
     HttpResponse response;
-    response.Status = STATUS_204_NO_CONTENT;
+    response.Status = Velmora::STATUS_204_NO_CONTENT;
     return response;
 }
 
 HttpResponse Removed(bool found, const std::string& otherwise) {
-    return found ? NoContent() : Problem(STATUS_404_NOT_FOUND, otherwise);
+    return found ? NoContent() : Problem(Velmora::STATUS_404_NOT_FOUND, otherwise);
 }
 
 HttpResponse Problem(Status_t status, const std::string& detail, const std::vector<Fault>& faults) {
-    PListArray errors;
-    const std::size_t shown = std::min(faults.size(), most_errors);
+    Velmora::PListArray errors;
+    const std::size_t shown = std::min(faults.size(), MostErrors);
     for (std::size_t i = 0; i < shown; ++i) {
         errors.Append(ErrorEntry("pointer", faults[i].Pointer, faults[i].What));
     }
@@ -109,9 +107,10 @@ HttpResponse Problem(Status_t status, const std::string& detail, const std::vect
 }
 
 HttpResponse BadParameter(const std::string& name, const std::string& what) {
-    PListArray errors;
+    Velmora::PListArray errors;
     errors.Append(ErrorEntry("parameter", name, what));
-    return WithErrors(STATUS_400_BAD_REQ, "The query parameter \"" + name + "\" " + what + ".", errors);
+    return WithErrors(Velmora::STATUS_400_BAD_REQ, "The query parameter \"" + name + "\" " + what + ".",
+                      errors);
 }
 
 HttpResponse WithETag(const HttpRequest& request, HttpResponse response) {
@@ -119,7 +118,7 @@ HttpResponse WithETag(const HttpRequest& request, HttpResponse response) {
     if (tag.empty()) return response;
     if (NamesTag(request.IfNoneMatch, tag)) {
         response = HttpResponse();
-        response.Status = STATUS_304_NOT_MODIFIED;
+        response.Status = Velmora::STATUS_304_NOT_MODIFIED;
     }
     response.Headers.emplace_back("ETag", tag);
     response.Headers.emplace_back("Cache-Control", "no-cache");
@@ -127,14 +126,14 @@ HttpResponse WithETag(const HttpRequest& request, HttpResponse response) {
 }
 
 std::string PercentEncode(std::string_view text) {
-    constexpr char digits[] = "0123456789ABCDEF";
+    constexpr char Digits[] = "0123456789ABCDEF";
     std::string encoded;
     for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
         if (IsUnreserved(c)) {
             encoded += c;
         } else {
-            encoded += {'%', digits[byte >> 4], digits[byte & 15]};
+            encoded += {'%', Digits[byte >> 4], Digits[byte & 15]};
         }
     }
     return encoded;
@@ -152,21 +151,22 @@ void AppendJsonString(std::string& json, const std::string& text) {
         return;
     }
     std::string encoded;
-    if (PListData(text).EncodeJSON(encoded).Success()) json += encoded;
+    if (Velmora::PListData(text).EncodeJSON(encoded).Success()) json += encoded;
 }
 
-std::optional<HttpResponse> ReadBody(const RestCall& call, PListDict& body, std::size_t max_depth) {
+std::optional<HttpResponse> ReadBody(const RestCall& call, Velmora::PListDict& body, std::size_t max_depth) {
     if (call.Request.Body.empty()) {
-        return Problem(STATUS_400_BAD_REQ, "The request needs a JSON object as its body, and has none.");
+        return Problem(Velmora::STATUS_400_BAD_REQ,
+                       "The request needs a JSON object as its body, and has none.");
     }
     Mirel::Result_t why;
-    const std::unique_ptr<PListItem> item =
-        PListItem::CreateFromJSON(std::string(call.Request.Body), &why, max_depth);
+    const std::unique_ptr<Velmora::PListItem> item =
+        Velmora::PListItem::CreateFromJSON(std::string(call.Request.Body), &why, max_depth);
     if (item == nullptr)
-        return Problem(STATUS_400_BAD_REQ, std::string("The body is not JSON: ") + why.Message());
-    const PListDict* dict = AsDict(item.get());
+        return Problem(Velmora::STATUS_400_BAD_REQ, std::string("The body is not JSON: ") + why.Message());
+    const Velmora::PListDict* dict = AsDict(item.get());
     if (dict == nullptr) {
-        return Problem(STATUS_422_UNPROCESSABLE, "The body is not a JSON object.",
+        return Problem(Velmora::STATUS_422_UNPROCESSABLE, "The body is not a JSON object.",
                        {{"", "must be an object"}});
     }
     body = *dict;

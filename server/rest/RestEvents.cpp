@@ -7,7 +7,6 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 using EventManager::GlobalEventQueue;
 
@@ -22,49 +21,49 @@ std::string NoSuchListener(const RestCall& call) {
 }
 
 HttpResponse EventMissing(const std::string& name) {
-    return Problem(STATUS_404_NOT_FOUND, NoSuchEvent(name));
+    return Problem(Velmora::STATUS_404_NOT_FOUND, NoSuchEvent(name));
 }
 
 HttpResponse OverListenerLimit() {
-    return Problem(STATUS_409_CONFLICT, "There are more listeners than \"max_listeners\" allows.");
+    return Problem(Velmora::STATUS_409_CONFLICT, "There are more listeners than \"max_listeners\" allows.");
 }
 
 HttpResponse CallbackRefused() {
-    return Problem(STATUS_400_BAD_REQ, "The callback cannot be called.",
+    return Problem(Velmora::STATUS_400_BAD_REQ, "The callback cannot be called.",
                    {{PointerTo("", Keys::callback), CallableForms}});
 }
 
 HttpResponse NoQueue() {
-    return Problem(STATUS_503_NO_SERVICE, "The event queue is not running yet.");
+    return Problem(Velmora::STATUS_503_NO_SERVICE, "The event queue is not running yet.");
 }
 
 // The event's entry in the document; the empty dictionary where there is none.
-PListDict FindEvent(const std::string& name) {
-    PListDict state;
+Velmora::PListDict FindEvent(const std::string& name) {
+    Velmora::PListDict state;
     GlobalEventQueue().GetEventState(state);
-    for (const PListItem& item : std::as_const(state).GetArray(Keys::event_list)) {
-        const PListDict* entry = AsDict(&item);
+    for (const Velmora::PListItem& item : std::as_const(state).GetArray(Keys::event_list)) {
+        const Velmora::PListDict* entry = AsDict(&item);
         if (entry != nullptr && entry->GetData(Keys::event_name).TextView() == name) return *entry;
     }
-    return PListDict();
+    return Velmora::PListDict();
 }
 
-PListDict NewEventEntry(const std::string& name, const PListDict* data) {
-    PListDict entry;
+Velmora::PListDict NewEventEntry(const std::string& name, const Velmora::PListDict* data) {
+    Velmora::PListDict entry;
     entry.SetValue(Keys::event_name, name);
     if (data != nullptr && !data->Empty()) entry.SetItem(Keys::event_data, *data);
-    entry.SetItem(Keys::listener_list, PListArray());
+    entry.SetItem(Keys::listener_list, Velmora::PListArray());
     return entry;
 }
 
 HttpResponse ListenerAnswer(Status_t status, const std::string& event_name, const EventManager::UUID& id) {
-    if (status == STATUS_404_NOT_FOUND) return EventMissing(event_name);
-    if (status == STATUS_409_CONFLICT) return OverListenerLimit();
-    if (status == STATUS_412_PRECOND_FAILED) {
+    if (status == Velmora::STATUS_404_NOT_FOUND) return EventMissing(event_name);
+    if (status == Velmora::STATUS_409_CONFLICT) return OverListenerLimit();
+    if (status == Velmora::STATUS_412_PRECOND_FAILED) {
         return Problem(status, "The event \"" + event_name + "\" has a listener with this callback already.");
     }
-    if (status != STATUS_201_CREATED) return NoQueue();
-    PListDict created;
+    if (status != Velmora::STATUS_201_CREATED) return NoQueue();
+    Velmora::PListDict created;
     created.SetValue(Keys::id, UUIDText(id));
     return Created(ApiPath({Keys::events, event_name, Keys::listeners, UUIDText(id)}), created);
 }
@@ -72,29 +71,29 @@ HttpResponse ListenerAnswer(Status_t status, const std::string& event_name, cons
 }  // namespace
 
 HttpResponse GetEvents(RestCall&) {
-    PListDict state;
+    Velmora::PListDict state;
     GlobalEventQueue().GetEventState(state);
-    return Json(STATUS_200_OK, state);
+    return Json(Velmora::STATUS_200_OK, state);
 }
 
 HttpResponse PostEvents(RestCall& call) {
-    PListDict body;
+    Velmora::PListDict body;
     if (auto refused = ReadBody(call, body)) return std::move(*refused);
     std::vector<Fault> faults;
     Shape shape(body, "", faults);
     const auto name = ReadEventName(shape);
-    const PListDict* data = shape.Dict(Keys::event_data);
+    const Velmora::PListDict* data = shape.Dict(Keys::event_data);
     shape.NothingElse();
     if (!faults.empty())
-        return Problem(STATUS_422_UNPROCESSABLE, "The event cannot be created as given.", faults);
+        return Problem(Velmora::STATUS_422_UNPROCESSABLE, "The event cannot be created as given.", faults);
 
-    PListDict copy;
+    Velmora::PListDict copy;
     if (data != nullptr) copy = *data;
     const Status_t status = GlobalEventQueue().CreateEvent(*name, &copy);
-    if (status == STATUS_409_CONFLICT) return OverListenerLimit();
-    if (status == STATUS_412_PRECOND_FAILED)
+    if (status == Velmora::STATUS_409_CONFLICT) return OverListenerLimit();
+    if (status == Velmora::STATUS_412_PRECOND_FAILED)
         return Problem(status, "The event \"" + *name + "\" exists already.");
-    if (status != STATUS_201_CREATED) return NoQueue();
+    if (status != Velmora::STATUS_201_CREATED) return NoQueue();
     return Created(ApiPath({Keys::events, *name}), NewEventEntry(*name, data));
 }
 
@@ -104,13 +103,13 @@ HttpResponse DeleteEvents(RestCall&) {
 }
 
 HttpResponse GetEvent(RestCall& call) {
-    const PListDict entry = FindEvent(call.Names[0]);
-    return entry.Empty() ? EventMissing(call.Names[0]) : Json(STATUS_200_OK, entry);
+    const Velmora::PListDict entry = FindEvent(call.Names[0]);
+    return entry.Empty() ? EventMissing(call.Names[0]) : Json(Velmora::STATUS_200_OK, entry);
 }
 
 HttpResponse PostEvent(RestCall& call) {
     const std::string& name = call.Names[0];
-    PListDict data;
+    Velmora::PListDict data;
     const bool has_data = !call.Request.Body.empty();
     if (has_data) {
         if (auto refused = ReadBody(call, data)) return std::move(*refused);
@@ -119,13 +118,13 @@ HttpResponse PostEvent(RestCall& call) {
     call.Context.RestPostings.fetch_add(1, std::memory_order_relaxed);
 
     HttpResponse response;
-    response.Status = STATUS_202_ACCEPTED;
+    response.Status = Velmora::STATUS_202_ACCEPTED;
     response.ContentType = Velmora::Strings::MIME_json;
-    constexpr std::string_view before = "{\"event_name\":", after = ",\"posted\":true}";
-    response.Body.reserve(before.size() + name.size() + 2 + after.size());
-    response.Body += before;
+    constexpr std::string_view Before = "{\"event_name\":", After = ",\"posted\":true}";
+    response.Body.reserve(Before.size() + name.size() + 2 + After.size());
+    response.Body += Before;
     AppendJsonString(response.Body, name);
-    response.Body += after;
+    response.Body += After;
     return response;
 }
 
@@ -134,23 +133,23 @@ HttpResponse DeleteEvent(RestCall& call) {
 }
 
 HttpResponse GetListeners(RestCall& call) {
-    const PListDict entry = FindEvent(call.Names[0]);
+    const Velmora::PListDict entry = FindEvent(call.Names[0]);
     if (entry.Empty()) return EventMissing(call.Names[0]);
-    PListDict answer;
+    Velmora::PListDict answer;
     answer.SetItem(Keys::listener_list, entry.GetArray(Keys::listener_list));
-    return Json(STATUS_200_OK, answer);
+    return Json(Velmora::STATUS_200_OK, answer);
 }
 
 HttpResponse PostListeners(RestCall& call) {
-    PListDict body;
+    Velmora::PListDict body;
     if (auto refused = ReadBody(call, body)) return std::move(*refused);
     std::vector<Fault> faults;
     Shape shape(body, "", faults);
     const auto callback = ReadCallback(shape);
-    const PListDict* data = shape.Dict(Keys::listener_data);
+    const Velmora::PListDict* data = shape.Dict(Keys::listener_data);
     shape.NothingElse();
     if (!faults.empty()) {
-        return Problem(STATUS_422_UNPROCESSABLE, "The listener cannot be created as given.", faults);
+        return Problem(Velmora::STATUS_422_UNPROCESSABLE, "The listener cannot be created as given.", faults);
     }
     if (!IsCallable(*callback)) return CallbackRefused();
     EventManager::UUID id;
@@ -165,15 +164,15 @@ HttpResponse DeleteListeners(RestCall& call) {
 HttpResponse GetListener(RestCall& call) {
     EventManager::UUID id;
     if (Mirel::UUIDFromText(call.Names[1], id)) {
-        const PListDict event = FindEvent(call.Names[0]);
-        for (const PListItem& item : event.GetArray(Keys::listener_list)) {
-            const PListDict* entry = AsDict(&item);
+        const Velmora::PListDict event = FindEvent(call.Names[0]);
+        for (const Velmora::PListItem& item : event.GetArray(Keys::listener_list)) {
+            const Velmora::PListDict* entry = AsDict(&item);
             if (entry != nullptr && entry->GetData(Keys::id).TextView() == UUIDText(id)) {
-                return Json(STATUS_200_OK, *entry);
+                return Json(Velmora::STATUS_200_OK, *entry);
             }
         }
     }
-    return Problem(STATUS_404_NOT_FOUND, NoSuchListener(call));
+    return Problem(Velmora::STATUS_404_NOT_FOUND, NoSuchListener(call));
 }
 
 HttpResponse DeleteListener(RestCall& call) {

@@ -7,31 +7,30 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 using EventManager::GlobalEventQueue;
 
 namespace {
 
 // Most records that one answer holds (about 25 MB of ordinary ones), however many were asked for.
-constexpr std::size_t most_records = 100000;
+constexpr std::size_t MostRecords = 100000;
 
 struct Selection {
-    PListArray Records;
+    Velmora::PListArray Records;
     std::size_t Omitted = 0;  // that the client asked for and the answer has no room for
 };
 
 // The last records with that name (null: any), oldest first.
-Selection LastRecords(const PListArray& history, const std::string* name, std::size_t limit) {
-    std::vector<const PListItem*> found;  // newest first
+Selection LastRecords(const Velmora::PListArray& history, const std::string* name, std::size_t limit) {
+    std::vector<const Velmora::PListItem*> found;  // newest first
     Selection selection;
     for (std::size_t i = history.Size(); i > 0 && found.size() + selection.Omitted < limit; --i) {
-        const PListItem* item = history.GetItem(i - 1);
-        const PListDict* record = AsDict(item);
+        const Velmora::PListItem* item = history.GetItem(i - 1);
+        const Velmora::PListDict* record = AsDict(item);
         const bool wanted =
             name == nullptr || (record != nullptr && record->GetData(Keys::event_name).TextView() == *name);
         if (!wanted) continue;
-        if (found.size() < most_records) {
+        if (found.size() < MostRecords) {
             found.push_back(item);
         } else {
             ++selection.Omitted;
@@ -41,25 +40,25 @@ Selection LastRecords(const PListArray& history, const std::string* name, std::s
     return selection;
 }
 
-bool Failed(const RequestOutcome& outcome) {
-    return outcome.Failure != RequestFailure::None || !StatusIsSuccess(outcome.Status);
+bool Failed(const Velmora::RequestOutcome& outcome) {
+    return outcome.Failure != Velmora::RequestFailure::None || !Velmora::StatusIsSuccess(outcome.Status);
 }
 
 // Half of the time that a call may take at most: the ones to look at before they fail.
-bool Slow(const RequestOutcome& outcome, Mirel::ui32_t timeout_ms) {
+bool Slow(const Velmora::RequestOutcome& outcome, Mirel::ui32_t timeout_ms) {
     return outcome.Duration_ms >= timeout_ms / 2;
 }
 
-std::string ReasonFor(const RequestOutcome& outcome) {
+std::string ReasonFor(const Velmora::RequestOutcome& outcome) {
     if (!outcome.Reason.empty() || !Failed(outcome)) return outcome.Reason;
-    return std::string("Answered with ") + StatusToString(outcome.Status) + ".";
+    return std::string("Answered with ") + Velmora::StatusToString(outcome.Status) + ".";
 }
 
-PListDict DeliveryEntry(const RequestOutcome& outcome, bool slow) {
-    PListDict entry;
+Velmora::PListDict DeliveryEntry(const Velmora::RequestOutcome& outcome, bool slow) {
+    Velmora::PListDict entry;
     entry.SetValue("sequence", static_cast<long long>(outcome.Sequence));
     entry.SetValue("time", outcome.Time.Text());
-    entry.SetValue("method", MethodToString(outcome.Method));
+    entry.SetValue("method", Velmora::MethodToString(outcome.Method));
     entry.SetValue("url", outcome.Url);
     entry.SetValue("status", static_cast<int>(outcome.Status));
     entry.SetValue("duration_ms", static_cast<long long>(outcome.Duration_ms));
@@ -74,34 +73,34 @@ PListDict DeliveryEntry(const RequestOutcome& outcome, bool slow) {
 HttpResponse GetHistory(RestCall& call) {
     std::size_t limit = std::numeric_limits<std::size_t>::max();
     if (auto refused = ReadLimit(call, limit)) return std::move(*refused);
-    PListDict history;
+    Velmora::PListDict history;
     GlobalEventQueue().GetEventHistory(history);
     const Selection selection =
         LastRecords(std::as_const(history).GetArray(Keys::history), call.Parameter(Keys::event_name), limit);
-    PListDict answer;
+    Velmora::PListDict answer;
     answer.SetItem(Keys::history, selection.Records);
     if (selection.Omitted > 0) answer.SetValue("omitted", static_cast<long long>(selection.Omitted));
-    return Json(STATUS_200_OK, answer);
+    return Json(Velmora::STATUS_200_OK, answer);
 }
 
 HttpResponse GetDeliveries(RestCall& call) {
-    std::size_t limit = RequestOutcomesKept;
+    std::size_t limit = Velmora::RequestOutcomesKept;
     if (auto refused = ReadLimit(call, limit)) return std::move(*refused);
     const std::string* wanted = call.Parameter("outcome");
     if (wanted != nullptr && *wanted != "ok" && *wanted != "failed" && *wanted != "slow") {
         return BadParameter("outcome", "must be \"ok\", \"failed\" or \"slow\"");
     }
-    PListArray deliveries;
-    for (const RequestOutcome& outcome : GetRequestOutcomes()) {
+    Velmora::PListArray deliveries;
+    for (const Velmora::RequestOutcome& outcome : Velmora::GetRequestOutcomes()) {
         if (deliveries.Size() >= limit) break;
         const bool slow = Slow(outcome, call.Context.Timeout_ms);
         const bool matches =
             wanted == nullptr || (*wanted == "slow" ? slow : (*wanted == "failed") == Failed(outcome));
         if (matches) deliveries.Append(DeliveryEntry(outcome, slow));
     }
-    PListDict answer;
+    Velmora::PListDict answer;
     answer.SetItem("deliveries", deliveries);
-    return Json(STATUS_200_OK, answer);
+    return Json(Velmora::STATUS_200_OK, answer);
 }
 
 }  // namespace Server

@@ -11,12 +11,11 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 
 namespace {
 
-constexpr std::string_view python_scheme = "python://";
+constexpr std::string_view PythonScheme = "python://";
 
 // Why an event cannot have this name; empty where it can.
 std::string NameFault(std::string_view name) {
@@ -46,32 +45,35 @@ using CallbacksByEvent = std::map<std::string, std::set<std::string>>;
 
 // Calls `visit` with every dictionary of the list and its pointer.
 template <class Visit>
-void EachEntry(const PListDict& owner, const std::string& list, const std::string& base, const Visit& visit) {
+void EachEntry(const Velmora::PListDict& owner, const std::string& list, const std::string& base,
+               const Visit& visit) {
     std::size_t index = 0;
-    for (const PListItem& item : owner.GetArray(list)) {
+    for (const Velmora::PListItem& item : owner.GetArray(list)) {
         const std::string pointer = PointerTo(PointerTo(base, list), index++);
-        if (const PListDict* entry = AsDict(&item)) visit(*entry, pointer);
+        if (const Velmora::PListDict* entry = AsDict(&item)) visit(*entry, pointer);
     }
 }
 
-CallbacksByEvent Callbacks(const PListDict& existing) {
+CallbacksByEvent Callbacks(const Velmora::PListDict& existing) {
     CallbacksByEvent callbacks;
-    EachEntry(existing, Keys::event_list, "", [&](const PListDict& event, const std::string&) {
+    EachEntry(existing, Keys::event_list, "", [&](const Velmora::PListDict& event, const std::string&) {
         std::set<std::string>& own = callbacks[event.GetData(Keys::event_name).Text()];
-        EachEntry(event, Keys::listener_list, "", [&](const PListDict& listener, const std::string&) {
-            own.insert(listener.GetData(Keys::callback).Text());
-        });
+        EachEntry(event, Keys::listener_list, "",
+                  [&](const Velmora::PListDict& listener, const std::string&) {
+                      own.insert(listener.GetData(Keys::callback).Text());
+                  });
     });
     return callbacks;
 }
 
-void CheckListeners(const PListDict& event, const std::string& base, const std::set<std::string>& existing,
-                    std::vector<Fault>& faults) {
-    EachEntry(event, Keys::listener_list, base, [&](const PListDict& listener, const std::string& pointer) {
-        const std::string callback = listener.GetData(Keys::callback).Text();
-        if (existing.contains(callback) || IsCallable(callback)) return;
-        faults.push_back({PointerTo(pointer, Keys::callback), CallableForms});
-    });
+void CheckListeners(const Velmora::PListDict& event, const std::string& base,
+                    const std::set<std::string>& existing, std::vector<Fault>& faults) {
+    EachEntry(event, Keys::listener_list, base,
+              [&](const Velmora::PListDict& listener, const std::string& pointer) {
+                  const std::string callback = listener.GetData(Keys::callback).Text();
+                  if (existing.contains(callback) || IsCallable(callback)) return;
+                  faults.push_back({PointerTo(pointer, Keys::callback), CallableForms});
+              });
 }
 
 }  // namespace
@@ -92,21 +94,23 @@ std::optional<std::string> ReadCallback(Shape& shape) {
 }
 
 bool IsCallable(const std::string& callback) {
-    if (callback.starts_with(python_scheme)) {
-        return IsModuleName(std::string_view(callback).substr(python_scheme.size()));
+    if (callback.starts_with(PythonScheme)) {
+        return IsModuleName(std::string_view(callback).substr(PythonScheme.size()));
     }
-    URL url;
+    Velmora::URL url;
     return url.ParsePath(callback) || (url.Parse(callback) && IsWebScheme(url.Scheme));
 }
 
-void CheckRegistrations(const PListDict& document, const PListDict& existing, std::vector<Fault>& faults) {
+void CheckRegistrations(const Velmora::PListDict& document, const Velmora::PListDict& existing,
+                        std::vector<Fault>& faults) {
     CallbacksByEvent known = Callbacks(existing);
-    EachEntry(document, Keys::event_list, "", [&](const PListDict& event, const std::string& pointer) {
-        const std::string name = event.GetData(Keys::event_name).Text();
-        const std::string fault = known.contains(name) ? std::string() : NameFault(name);
-        if (!fault.empty()) faults.push_back({PointerTo(pointer, Keys::event_name), fault});
-        CheckListeners(event, pointer, known[name], faults);
-    });
+    EachEntry(document, Keys::event_list, "",
+              [&](const Velmora::PListDict& event, const std::string& pointer) {
+                  const std::string name = event.GetData(Keys::event_name).Text();
+                  const std::string fault = known.contains(name) ? std::string() : NameFault(name);
+                  if (!fault.empty()) faults.push_back({PointerTo(pointer, Keys::event_name), fault});
+                  CheckListeners(event, pointer, known[name], faults);
+              });
 }
 
 }  // namespace Server

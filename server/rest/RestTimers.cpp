@@ -8,7 +8,6 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 using EventManager::GlobalEventQueue;
 
@@ -18,10 +17,10 @@ namespace {
 struct NewTimer {
     std::string EventName;
     TimerTimes Times;
-    const PListDict* Data = nullptr;
+    const Velmora::PListDict* Data = nullptr;
 };
 
-NewTimer ReadTimer(const PListDict& body, std::vector<Fault>& faults) {
+NewTimer ReadTimer(const Velmora::PListDict& body, std::vector<Fault>& faults) {
     NewTimer timer;
     Shape shape(body, "", faults);
     timer.EventName = ReadEventName(shape).value_or("");
@@ -38,25 +37,25 @@ std::string NoSuchTimer(const std::string& id) {
 }  // namespace
 
 HttpResponse GetTimers(RestCall&) {
-    PListDict state;
+    Velmora::PListDict state;
     GlobalEventQueue().GetTimerState(state);
-    return Json(STATUS_200_OK, state);
+    return Json(Velmora::STATUS_200_OK, state);
 }
 
 HttpResponse PostTimers(RestCall& call) {
-    PListDict body;
+    Velmora::PListDict body;
     if (auto refused = ReadBody(call, body)) return std::move(*refused);
     std::vector<Fault> faults;
     const NewTimer timer = ReadTimer(body, faults);
     if (!faults.empty())
-        return Problem(STATUS_422_UNPROCESSABLE, "The timer cannot be created as given.", faults);
+        return Problem(Velmora::STATUS_422_UNPROCESSABLE, "The timer cannot be created as given.", faults);
 
     EventManager::UUID id;
     if (!GlobalEventQueue().CreateTimer(timer.EventName, timer.Times.Start, timer.Times.Interval_sec,
                                         timer.Data, id)) {
-        return Problem(STATUS_503_NO_SERVICE, "The event queue is not running yet.");
+        return Problem(Velmora::STATUS_503_NO_SERVICE, "The event queue is not running yet.");
     }
-    PListDict created;
+    Velmora::PListDict created;
     created.SetValue(Keys::id, UUIDText(id));
     return Created(ApiPath({Keys::timers, UUIDText(id)}), created);
 }
@@ -69,16 +68,16 @@ HttpResponse DeleteTimers(RestCall&) {
 HttpResponse GetTimer(RestCall& call) {
     EventManager::UUID id;
     if (Mirel::UUIDFromText(call.Names[0], id)) {
-        PListDict state;
+        Velmora::PListDict state;
         GlobalEventQueue().GetTimerState(state);
-        for (const PListItem& item : std::as_const(state).GetArray(Keys::timer_list)) {
-            const PListDict* entry = AsDict(&item);
+        for (const Velmora::PListItem& item : std::as_const(state).GetArray(Keys::timer_list)) {
+            const Velmora::PListDict* entry = AsDict(&item);
             if (entry != nullptr && entry->GetData(Keys::id).TextView() == UUIDText(id)) {
-                return Json(STATUS_200_OK, *entry);
+                return Json(Velmora::STATUS_200_OK, *entry);
             }
         }
     }
-    return Problem(STATUS_404_NOT_FOUND, NoSuchTimer(call.Names[0]));
+    return Problem(Velmora::STATUS_404_NOT_FOUND, NoSuchTimer(call.Names[0]));
 }
 
 HttpResponse DeleteTimer(RestCall& call) {

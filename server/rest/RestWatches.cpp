@@ -14,7 +14,6 @@
 
 namespace Server {
 
-using namespace Velmora;
 namespace Keys = EventManager::Strings;
 using EventManager::GlobalEventQueue;
 
@@ -22,7 +21,7 @@ namespace {
 
 // File systems whose other machines' changes the kernel here never hears of. Those that linux/magic.h leaves
 // out are given by number (their kernel sources).
-constexpr unsigned long network_filesystems[] = {
+constexpr unsigned long NetworkFilesystems[] = {
     NFS_SUPER_MAGIC,  SMB_SUPER_MAGIC, SMB2_SUPER_MAGIC, CIFS_SUPER_MAGIC,
     FUSE_SUPER_MAGIC, AFS_SUPER_MAGIC, AFS_FS_MAGIC,     CODA_SUPER_MAGIC,
     NCP_SUPER_MAGIC,  V9FS_MAGIC,      CEPH_SUPER_MAGIC, OCFS2_SUPER_MAGIC,
@@ -31,21 +30,22 @@ constexpr unsigned long network_filesystems[] = {
 };
 
 bool IsNetworkFilesystem(unsigned long type) {
-    return std::find(std::begin(network_filesystems), std::end(network_filesystems), type) !=
-           std::end(network_filesystems);
+    return std::find(std::begin(NetworkFilesystems), std::end(NetworkFilesystems), type) !=
+           std::end(NetworkFilesystems);
 }
 
 // What may keep the watch from firing although it was registered.
-PListArray WatchWarnings(const std::string& path) {
-    PListArray warnings;
+Velmora::PListArray WatchWarnings(const std::string& path) {
+    Velmora::PListArray warnings;
     if (path.front() != '/')
-        warnings.Append(PListData("The path is relative to the server's working directory."));
+        warnings.Append(Velmora::PListData("The path is relative to the server's working directory."));
     struct statfs filesystem {};
     if (::statfs(path.c_str(), &filesystem) != 0) {
-        warnings.Append(PListData("The path cannot be watched now (" + std::string(std::strerror(errno)) +
-                                  "): the watch is dropped at the worker's next pass."));
+        warnings.Append(Velmora::PListData("The path cannot be watched now (" +
+                                           std::string(std::strerror(errno)) +
+                                           "): the watch is dropped at the worker's next pass."));
     } else if (IsNetworkFilesystem(static_cast<unsigned long>(filesystem.f_type))) {
-        warnings.Append(PListData(
+        warnings.Append(Velmora::PListData(
             "The path lies on a network or FUSE file system: changes that other machines make there "
             "are not seen."));
     }
@@ -53,10 +53,10 @@ PListArray WatchWarnings(const std::string& path) {
 }
 
 // The state's entry for the path, in any letter case; null where there is none.
-const PListDict* FindWatch(const PListDict& state, const std::string& path) {
-    const ci_comp less;
-    for (const PListItem& item : state.GetArray(Keys::watch_list)) {
-        const PListDict* entry = AsDict(&item);
+const Velmora::PListDict* FindWatch(const Velmora::PListDict& state, const std::string& path) {
+    const Velmora::ci_comp less;
+    for (const Velmora::PListItem& item : state.GetArray(Keys::watch_list)) {
+        const Velmora::PListDict* entry = AsDict(&item);
         if (entry == nullptr) continue;
         const std::string watched = entry->GetData(Keys::path).Text();
         if (!less(watched, path) && !less(path, watched)) return entry;
@@ -69,13 +69,13 @@ std::string NoSuchWatch(const std::string& path) {
 }
 
 HttpResponse WatchRefused(const std::string& path) {
-    PListDict state;
+    Velmora::PListDict state;
     GlobalEventQueue().GetWatchState(state);
-    const PListDict* watch = FindWatch(state, path);
+    const Velmora::PListDict* watch = FindWatch(state, path);
     if (watch == nullptr) {
-        return Problem(STATUS_409_CONFLICT, "There are more watches than \"max_watches\" allows.");
+        return Problem(Velmora::STATUS_409_CONFLICT, "There are more watches than \"max_watches\" allows.");
     }
-    return Problem(STATUS_409_CONFLICT,
+    return Problem(Velmora::STATUS_409_CONFLICT,
                    "The path is watched already, as \"" + watch->GetData(Keys::path).Text() +
                        "\" (letter case does not count; a watch that was just deleted goes with "
                        "the worker's next passes).");
@@ -84,34 +84,34 @@ HttpResponse WatchRefused(const std::string& path) {
 }  // namespace
 
 HttpResponse GetWatches(RestCall& call) {
-    PListDict state;
+    Velmora::PListDict state;
     GlobalEventQueue().GetWatchState(state);
     const std::string* path = call.Parameter(Keys::path);
-    if (path == nullptr) return Json(STATUS_200_OK, state);
-    const PListDict* watch = FindWatch(state, *path);
-    if (watch == nullptr) return Problem(STATUS_404_NOT_FOUND, NoSuchWatch(*path));
-    PListArray found;
+    if (path == nullptr) return Json(Velmora::STATUS_200_OK, state);
+    const Velmora::PListDict* watch = FindWatch(state, *path);
+    if (watch == nullptr) return Problem(Velmora::STATUS_404_NOT_FOUND, NoSuchWatch(*path));
+    Velmora::PListArray found;
     found.Append(*watch);
-    PListDict answer;
+    Velmora::PListDict answer;
     answer.SetItem(Keys::watch_list, std::move(found));
-    return Json(STATUS_200_OK, answer);
+    return Json(Velmora::STATUS_200_OK, answer);
 }
 
 HttpResponse PostWatches(RestCall& call) {
-    PListDict body;
+    Velmora::PListDict body;
     if (auto refused = ReadBody(call, body)) return std::move(*refused);
     std::vector<Fault> faults;
     Shape shape(body, "", faults);
     const auto path = ReadWatchPath(shape);
     const auto event_name = ReadEventName(shape);
     const bool once = shape.Boolean(Keys::once).value_or(false);
-    const PListDict* data = shape.Dict(Keys::watch_data);
+    const Velmora::PListDict* data = shape.Dict(Keys::watch_data);
     shape.NothingElse();
     if (!faults.empty())
-        return Problem(STATUS_422_UNPROCESSABLE, "The watch cannot be created as given.", faults);
+        return Problem(Velmora::STATUS_422_UNPROCESSABLE, "The watch cannot be created as given.", faults);
 
     if (!GlobalEventQueue().CreateWatch(*path, *event_name, data, once)) return WatchRefused(*path);
-    PListDict entry;
+    Velmora::PListDict entry;
     entry.SetValue(Keys::path, *path);
     entry.SetValue(Keys::event_name, *event_name);
     entry.SetValue(Keys::once, once);

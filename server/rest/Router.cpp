@@ -10,8 +10,6 @@
 
 namespace Server {
 
-using namespace Velmora;  // methods and statuses
-
 namespace {
 
 // Whether answering takes one of the queue's locks, which a posting with a slow Python handler may hold.
@@ -28,41 +26,44 @@ struct Row {
 };
 
 // The busiest path stands first.
-constexpr Row table[] = {
-    {METH_POST, "/api/v1/events/{event_name}", Waits::ForQueue, Body::JSON, "", PostEvent},
-    {METH_GET, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", GetEvent},
-    {METH_DELETE, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", DeleteEvent},
-    {METH_GET, "/api/v1/events", Waits::ForQueue, Body::None, "", GetEvents},
-    {METH_POST, "/api/v1/events", Waits::ForQueue, Body::JSON, "", PostEvents},
-    {METH_DELETE, "/api/v1/events", Waits::ForQueue, Body::None, "", DeleteEvents},
-    {METH_GET, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::None, "", GetListeners},
-    {METH_POST, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::JSON, "", PostListeners},
-    {METH_DELETE, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::None, "", DeleteListeners},
-    {METH_GET, "/api/v1/events/{event_name}/listeners/{listener_id}", Waits::ForQueue, Body::None, "",
-     GetListener},
-    {METH_DELETE, "/api/v1/events/{event_name}/listeners/{listener_id}", Waits::ForQueue, Body::None, "",
-     DeleteListener},
-    {METH_GET, "/api/v1/queue", Waits::ForQueue, Body::None, "", GetQueue},
-    {METH_POST, "/api/v1/queue", Waits::ForQueue, Body::JSON, "", PostQueue},
-    {METH_GET, "/api/v1/config", Waits::Never, Body::None, "", GetConfig},
-    {METH_PATCH, "/api/v1/config", Waits::Never, Body::JSON, "", PatchConfig},
-    {METH_GET, "/api/v1/timers", Waits::ForQueue, Body::None, "", GetTimers},
-    {METH_POST, "/api/v1/timers", Waits::ForQueue, Body::JSON, "", PostTimers},
-    {METH_DELETE, "/api/v1/timers", Waits::ForQueue, Body::None, "", DeleteTimers},
-    {METH_GET, "/api/v1/timers/{timer_id}", Waits::ForQueue, Body::None, "", GetTimer},
-    {METH_DELETE, "/api/v1/timers/{timer_id}", Waits::ForQueue, Body::None, "", DeleteTimer},
-    {METH_GET, "/api/v1/watches", Waits::ForQueue, Body::None, "path", GetWatches},
-    {METH_POST, "/api/v1/watches", Waits::ForQueue, Body::JSON, "", PostWatches},
-    {METH_DELETE, "/api/v1/watches", Waits::ForQueue, Body::None, "path", DeleteWatches},
-    {METH_GET, "/api/v1/history", Waits::ForQueue, Body::None, "event_name limit", GetHistory},
-    {METH_GET, "/api/v1/deliveries", Waits::Never, Body::None, "outcome limit", GetDeliveries},
-    {METH_GET, "/api/v1/feed", Waits::Never, Body::None, "", GetFeed},
-    {METH_GET, "/healthz", Waits::Never, Body::None, "", GetHealth},
-    {METH_GET, "/readyz", Waits::Never, Body::None, "", GetReadiness},
-    {METH_GET, "/metrics", Waits::Never, Body::None, "", GetMetrics},
-    {METH_GET, "/openapi.json", Waits::Never, Body::None, "", GetOpenApi},
+constexpr Row Table[] = {
+    {Velmora::METH_POST, "/api/v1/events/{event_name}", Waits::ForQueue, Body::JSON, "", PostEvent},
+    {Velmora::METH_GET, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", GetEvent},
+    {Velmora::METH_DELETE, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", DeleteEvent},
+    {Velmora::METH_GET, "/api/v1/events", Waits::ForQueue, Body::None, "", GetEvents},
+    {Velmora::METH_POST, "/api/v1/events", Waits::ForQueue, Body::JSON, "", PostEvents},
+    {Velmora::METH_DELETE, "/api/v1/events", Waits::ForQueue, Body::None, "", DeleteEvents},
+    {Velmora::METH_GET, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::None, "",
+     GetListeners},
+    {Velmora::METH_POST, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::JSON, "",
+     PostListeners},
+    {Velmora::METH_DELETE, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::None, "",
+     DeleteListeners},
+    {Velmora::METH_GET, "/api/v1/events/{event_name}/listeners/{listener_id}", Waits::ForQueue, Body::None,
+     "", GetListener},
+    {Velmora::METH_DELETE, "/api/v1/events/{event_name}/listeners/{listener_id}", Waits::ForQueue, Body::None,
+     "", DeleteListener},
+    {Velmora::METH_GET, "/api/v1/queue", Waits::ForQueue, Body::None, "", GetQueue},
+    {Velmora::METH_POST, "/api/v1/queue", Waits::ForQueue, Body::JSON, "", PostQueue},
+    {Velmora::METH_GET, "/api/v1/config", Waits::Never, Body::None, "", GetConfig},
+    {Velmora::METH_PATCH, "/api/v1/config", Waits::Never, Body::JSON, "", PatchConfig},
+    {Velmora::METH_GET, "/api/v1/timers", Waits::ForQueue, Body::None, "", GetTimers},
+    {Velmora::METH_POST, "/api/v1/timers", Waits::ForQueue, Body::JSON, "", PostTimers},
+    {Velmora::METH_DELETE, "/api/v1/timers", Waits::ForQueue, Body::None, "", DeleteTimers},
+    {Velmora::METH_GET, "/api/v1/timers/{timer_id}", Waits::ForQueue, Body::None, "", GetTimer},
+    {Velmora::METH_DELETE, "/api/v1/timers/{timer_id}", Waits::ForQueue, Body::None, "", DeleteTimer},
+    {Velmora::METH_GET, "/api/v1/watches", Waits::ForQueue, Body::None, "path", GetWatches},
+    {Velmora::METH_POST, "/api/v1/watches", Waits::ForQueue, Body::JSON, "", PostWatches},
+    {Velmora::METH_DELETE, "/api/v1/watches", Waits::ForQueue, Body::None, "path", DeleteWatches},
+    {Velmora::METH_GET, "/api/v1/history", Waits::ForQueue, Body::None, "event_name limit", GetHistory},
+    {Velmora::METH_GET, "/api/v1/deliveries", Waits::Never, Body::None, "outcome limit", GetDeliveries},
+    {Velmora::METH_GET, "/api/v1/feed", Waits::Never, Body::None, "", GetFeed},
+    {Velmora::METH_GET, "/healthz", Waits::Never, Body::None, "", GetHealth},
+    {Velmora::METH_GET, "/readyz", Waits::Never, Body::None, "", GetReadiness},
+    {Velmora::METH_GET, "/metrics", Waits::Never, Body::None, "", GetMetrics},
+    {Velmora::METH_GET, "/openapi.json", Waits::Never, Body::None, "", GetOpenApi},
 };
-constexpr const Row* table_end = std::end(table);
+constexpr const Row* TableEnd = std::end(Table);
 
 using Segments = std::array<std::string_view, 2>;
 
@@ -89,20 +90,20 @@ bool Matches(std::string_view pattern, std::string_view path, Segments& names) {
 
 const Row* NextPattern(const Row* route) {
     const std::string_view pattern = route->Pattern;
-    return std::find_if(route, table_end, [&](const Row& other) { return other.Pattern != pattern; });
+    return std::find_if(route, TableEnd, [&](const Row& other) { return other.Pattern != pattern; });
 }
 
 // The first row of the path's pattern; the table's end where there is none.
 const Row* FindPath(std::string_view path, Segments& names) {
-    for (const Row* route = table; route != table_end; route = NextPattern(route)) {
+    for (const Row* route = Table; route != TableEnd; route = NextPattern(route)) {
         if (Matches(route->Pattern, path, names)) return route;
     }
-    return table_end;
+    return TableEnd;
 }
 
 // The row for the method among those of one pattern; null where the path does not take it.
 const Row* FindMethod(const Row* first, Method_t method) {
-    if (method == METH_HEAD) method = METH_GET;
+    if (method == Velmora::METH_HEAD) method = Velmora::METH_GET;
     const Row* end = NextPattern(first);
     const Row* route = std::find_if(first, end, [&](const Row& row) { return row.Method == method; });
     return route == end ? nullptr : route;
@@ -111,8 +112,8 @@ const Row* FindMethod(const Row* first, Method_t method) {
 std::string AllowedMethods(const Row* first) {
     std::string allowed;
     for (const Row* route = first; route != NextPattern(first); ++route) {
-        allowed += MethodToString(route->Method);
-        allowed += route->Method == METH_GET ? ", HEAD, " : ", ";
+        allowed += Velmora::MethodToString(route->Method);
+        allowed += route->Method == Velmora::METH_GET ? ", HEAD, " : ", ";
     }
     return allowed + "OPTIONS";
 }
@@ -150,7 +151,7 @@ std::optional<HttpResponse> ReadQuery(const Row& row, std::string_view query, Qu
         if (pair.empty()) continue;
         const std::size_t equals = std::min(pair.find('='), pair.size());
         const std::optional<std::string> name = DecodeQueryText(pair.substr(0, equals));
-        if (!name) return Problem(STATUS_400_BAD_REQ, "The query holds a malformed percent escape.");
+        if (!name) return Problem(Velmora::STATUS_400_BAD_REQ, "The query holds a malformed percent escape.");
         if (std::find(known.begin(), known.end(), *name) == known.end()) {
             return BadParameter(*name, "is not known here");
         }
@@ -165,7 +166,7 @@ std::optional<HttpResponse> ReadQuery(const Row& row, std::string_view query, Qu
 std::optional<HttpResponse> ReadNames(const Segments& segments, HttpRoute& route) {
     for (std::size_t i = 0; i < segments.size() && !segments[i].empty(); ++i) {
         std::optional<std::string> name = PercentDecode(segments[i]);
-        if (!name) return Problem(STATUS_400_BAD_REQ, "The path holds a malformed percent escape.");
+        if (!name) return Problem(Velmora::STATUS_400_BAD_REQ, "The path holds a malformed percent escape.");
         route.Names[i] = std::move(*name);
     }
     return std::nullopt;
@@ -174,7 +175,7 @@ std::optional<HttpResponse> ReadNames(const Segments& segments, HttpRoute& route
 HttpResponse AnswerOptions(RestCall& call) {
     Segments names;
     const Row* first = FindPath(call.Request.Path, names);
-    return WithAllow(NoContent(), first == table_end ? "GET, HEAD, OPTIONS" : AllowedMethods(first));
+    return WithAllow(NoContent(), first == TableEnd ? "GET, HEAD, OPTIONS" : AllowedMethods(first));
 }
 
 HttpResponse GetConsole(RestCall& call) {
@@ -182,26 +183,26 @@ HttpResponse GetConsole(RestCall& call) {
 }
 
 // Rows of more than one path.
-constexpr Row options_row = {METH_OPTIONS, "", Waits::Never, Body::None, "", AnswerOptions};
-constexpr Row console_row = {METH_GET, "", Waits::Never, Body::None, "", GetConsole};
+constexpr Row OptionsRow = {Velmora::METH_OPTIONS, "", Waits::Never, Body::None, "", AnswerOptions};
+constexpr Row ConsoleRow = {Velmora::METH_GET, "", Waits::Never, Body::None, "", GetConsole};
 
 // Why no row answers a request: `first` is the first row of its path.
 HttpResponse NotServed(const Row* first) {
-    if (first == table_end) {
-        return Problem(STATUS_404_NOT_FOUND,
+    if (first == TableEnd) {
+        return Problem(Velmora::STATUS_404_NOT_FOUND,
                        "There is no such resource; /openapi.json lists those that there are.");
     }
-    return WithAllow(Problem(STATUS_405_NOT_ALLOWED, "This resource does not take the method."),
+    return WithAllow(Problem(Velmora::STATUS_405_NOT_ALLOWED, "This resource does not take the method."),
                      AllowedMethods(first));
 }
 
 // The row that answers what no row of the table does; null where there is none.
 const Row* FindOther(const HttpRequest& request, const Row* first) {
-    if (request.Method == METH_OPTIONS) {
-        return first != table_end || request.Path == "*" ? &options_row : nullptr;
+    if (request.Method == Velmora::METH_OPTIONS) {
+        return first != TableEnd || request.Path == "*" ? &OptionsRow : nullptr;
     }
-    const bool may_read = request.Method == METH_GET || request.Method == METH_HEAD;
-    return may_read && IsConsolePath(request.Path) ? &console_row : nullptr;
+    const bool may_read = request.Method == Velmora::METH_GET || request.Method == Velmora::METH_HEAD;
+    return may_read && IsConsolePath(request.Path) ? &ConsoleRow : nullptr;
 }
 
 }  // namespace
@@ -218,12 +219,12 @@ void Router::CountersFrom(std::function<HttpServerCounters()> source) {
 std::optional<HttpResponse> Router::Route(const HttpRequest& head, HttpRoute& route) const {
     Segments names;
     const Row* first = FindPath(head.Path, names);
-    const Row* row = first == table_end ? nullptr : FindMethod(first, head.Method);
+    const Row* row = first == TableEnd ? nullptr : FindMethod(first, head.Method);
     const bool of_table = row != nullptr;
     if (!of_table) row = FindOther(head, first);
     if (row == nullptr) return NotServed(first);
     if (row->Takes == Body::None && head.HasBody) {
-        return Problem(STATUS_400_BAD_REQ, "This request takes no body.");
+        return Problem(Velmora::STATUS_400_BAD_REQ, "This request takes no body.");
     }
     route.Row = row;
     route.MayBlock = row->Wait == Waits::ForQueue;
@@ -241,21 +242,22 @@ HttpResponse Router::Handle(const HttpRequest& request, HttpRoute& route) {
     try {
         return Dispatch(request, route);
     } catch (const std::bad_alloc& failure) {
-        Mirel::DefaultLogSink().Error("Request %s %s failed: %s\n", MethodToString(request.Method),
+        Mirel::DefaultLogSink().Error("Request %s %s failed: %s\n", Velmora::MethodToString(request.Method),
                                       std::string(request.Path).c_str(), failure.what());
         return NoMemory();
     } catch (const std::exception& failure) {
-        Mirel::DefaultLogSink().Error("Request %s %s failed: %s\n", MethodToString(request.Method),
+        Mirel::DefaultLogSink().Error("Request %s %s failed: %s\n", Velmora::MethodToString(request.Method),
                                       std::string(request.Path).c_str(), failure.what());
-        return Problem(STATUS_500_SERVER_ERROR, "The request could not be completed; the log says why.");
+        return Problem(Velmora::STATUS_500_SERVER_ERROR,
+                       "The request could not be completed; the log says why.");
     }
 }
 
 std::vector<RouteInfo> Router::Routes() {
     std::vector<RouteInfo> routes;
-    for (const Row& route : table) {
-        routes.push_back({MethodToString(route.Method), std::string(route.Pattern), Words(route.Query),
-                          route.Takes == Body::JSON});
+    for (const Row& route : Table) {
+        routes.push_back({Velmora::MethodToString(route.Method), std::string(route.Pattern),
+                          Words(route.Query), route.Takes == Body::JSON});
     }
     return routes;
 }

@@ -10,7 +10,7 @@
 namespace {
 
 template <class Function>
-Function* found(void* library, const char* name) {
+Function* Found(void* library, const char* name) {
     void* const address = dlsym(library, name);
     if (address == nullptr) std::fprintf(stderr, "%s\n", dlerror());
     return reinterpret_cast<Function*>(address);
@@ -22,9 +22,9 @@ int main(int argc, char** argv) {
     if (argc != 4) return 2;
     void* const library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) return std::fprintf(stderr, "%s\n", dlerror()), 2;
-    const auto init = found<void(const std::vector<std::string>&)>(library, argv[2]);
-    const auto lock = found<int()>(library, "PyGILState_Ensure");
-    const auto run = found<int(const char*, void*)>(library, "PyRun_SimpleStringFlags");
+    const auto init = Found<void(const std::vector<std::string>&)>(library, argv[2]);
+    const auto lock = Found<int()>(library, "PyGILState_Ensure");
+    const auto run = Found<int(const char*, void*)>(library, "PyRun_SimpleStringFlags");
     if (init == nullptr || lock == nullptr || run == nullptr) return 2;
     init({});
     lock();

@@ -17,7 +17,7 @@ namespace Testing {
 
 namespace {
 
-SSL_CTX* self_signed_context() {
+SSL_CTX* SelfSignedContext() {
     EVP_PKEY* const key = EVP_EC_gen("P-256");
     X509* const certificate = X509_new();
     ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
@@ -40,7 +40,7 @@ SSL_CTX* self_signed_context() {
 }
 
 /// How many bytes a request whose head ends at `head_size` has in all.
-std::size_t request_size(const std::string& text, std::size_t head_size) {
+std::size_t RequestSize(const std::string& text, std::size_t head_size) {
     const std::string mark = "\r\nContent-Length: ";
     const std::size_t found = text.find(mark);
     const bool has_body = found != std::string::npos && found < head_size;
@@ -63,7 +63,7 @@ void TestConnection::ReadRequest() {
         if (got <= 0) break;
         text.append(buffer, static_cast<std::size_t>(got));
         const std::size_t end = text.find("\r\n\r\n");
-        if (end != std::string::npos) wanted = request_size(text, end + 4);
+        if (end != std::string::npos) wanted = RequestSize(text, end + 4);
     }
     m_Server.Record(text);
 }
@@ -95,7 +95,7 @@ bool TestConnection::SessionWasResumed() const {
 }
 
 HttpTestServer::HttpTestServer(Script script, Transport transport, const char* address, int port)
-    : m_Script(std::move(script)), m_Tls(transport == Tls ? self_signed_context() : nullptr) {
+    : m_Script(std::move(script)), m_Tls(transport == Tls ? SelfSignedContext() : nullptr) {
     sockaddr_in6 v6{};
     v6.sin6_family = AF_INET6;
     v6.sin6_port = htons(static_cast<uint16_t>(port));

@@ -17,12 +17,12 @@ struct Registry {
 };
 
 /// Never destroyed: a broadcaster may be a static object of its own.
-Registry& registry() {
+Registry& TheRegistry() {
     static auto& all = *new Registry;
     return all;
 }
 
-ClientLimits limits_of(const BroadcastOptions& options) {
+ClientLimits LimitsOf(const BroadcastOptions& options) {
     return {Milliseconds(std::max(options.Timeout_ms, 1u)),
             Milliseconds(std::max(options.PingInterval_ms, 1u))};
 }
@@ -30,11 +30,11 @@ ClientLimits limits_of(const BroadcastOptions& options) {
 }  // namespace
 
 Broadcaster::Broadcaster(const BroadcastOptions& options)
-    : m_Limits(limits_of(options)), m_Log(options.LogLimit) {}
+    : m_Limits(LimitsOf(options)), m_Log(options.LogLimit) {}
 
 std::shared_ptr<Broadcaster> Broadcaster::Make(const BroadcastOptions& options) {
     auto broadcaster = std::make_shared<Broadcaster>(options);
-    Registry& all = registry();
+    Registry& all = TheRegistry();
     Mirel::AutoMutex lock(all.Lock);
     std::erase_if(all.Known, [](const auto& known) { return known.expired(); });
     all.Known.push_back(broadcaster);
@@ -43,7 +43,7 @@ std::shared_ptr<Broadcaster> Broadcaster::Make(const BroadcastOptions& options) 
 
 std::vector<std::shared_ptr<Broadcaster>> Broadcaster::All() {
     std::vector<std::shared_ptr<Broadcaster>> present;
-    Registry& all = registry();
+    Registry& all = TheRegistry();
     Mirel::AutoMutex lock(all.Lock);
     for (const auto& known : all.Known)
         if (auto broadcaster = known.lock()) present.push_back(std::move(broadcaster));

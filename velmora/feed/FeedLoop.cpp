@@ -49,7 +49,7 @@ struct SchedulingAttributes {
 };
 
 /// A wish: Linux knows it since 6.12, earlier ones take no notice. Policies other than the usual are kept.
-void ask_for_short_slices() {
+void AskForShortSlices() {
     SchedulingAttributes attributes{};
     if (syscall(SYS_sched_getattr, 0, &attributes, sizeof(attributes), 0) != 0) return;
     if (attributes.Policy != SCHED_OTHER) return;
@@ -57,7 +57,7 @@ void ask_for_short_slices() {
     static_cast<void>(syscall(SYS_sched_setattr, 0, &attributes, 0));
 }
 
-Milliseconds tick_of(Milliseconds limit, Milliseconds longest) {
+Milliseconds TickOf(Milliseconds limit, Milliseconds longest) {
     return std::clamp(limit / TicksInLimit, Milliseconds(1), longest);
 }
 
@@ -124,7 +124,7 @@ void FeedLoop::AwaitClose(std::uint64_t ticket) {
 }
 
 Mirel::Result_t FeedLoop::ThreadInit() {
-    ask_for_short_slices();
+    AskForShortSlices();
     // OpenSSL writes to its socket in a way that raises the signal when the client has gone.
     sigset_t set;
     sigemptyset(&set);
@@ -229,7 +229,7 @@ void FeedLoop::Welcome(std::unique_ptr<FeedClient> client) {
         client->Receive(m_Room, m_Now);  // what TLS may have read already
     }
     m_Clients.push_back(std::move(client));
-    m_TickAt = std::min(m_TickAt, m_Now + tick_of(m_Limits.PingInterval, m_Limits.PingInterval));
+    m_TickAt = std::min(m_TickAt, m_Now + TickOf(m_Limits.PingInterval, m_Limits.PingInterval));
     GiveTurn(*m_Clients.back());
 }
 
@@ -299,13 +299,13 @@ void FeedLoop::TickClients() {
         if (client->WantsTurn() && client->Standing != Turn::More) GiveTurn(*client);
         hurried = hurried || client->Hurried();
     }
-    m_TickAt = m_Now + (hurried ? tick_of(m_Limits.Timeout, LongestHurriedTick)
-                                : tick_of(m_Limits.PingInterval, m_Limits.PingInterval));
+    m_TickAt = m_Now + (hurried ? TickOf(m_Limits.Timeout, LongestHurriedTick)
+                                : TickOf(m_Limits.PingInterval, m_Limits.PingInterval));
 }
 
 /// There is a client whose time-out runs.
 void FeedLoop::HurryTick() {
-    m_TickAt = std::min(m_TickAt, m_Now + tick_of(m_Limits.Timeout, LongestHurriedTick));
+    m_TickAt = std::min(m_TickAt, m_Now + TickOf(m_Limits.Timeout, LongestHurriedTick));
 }
 
 void FeedLoop::BuryGone() {

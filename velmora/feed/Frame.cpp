@@ -13,18 +13,18 @@ constexpr std::uint8_t Length16 = 126;
 constexpr std::uint8_t Length64 = 127;
 constexpr std::size_t MaskSize = 4;
 
-std::uint64_t big_endian(const std::uint8_t* bytes, std::size_t count) {
+std::uint64_t BigEndian(const std::uint8_t* bytes, std::size_t count) {
     std::uint64_t value = 0;
     for (std::size_t i = 0; i < count; ++i) value = value << 8 | bytes[i];
     return value;
 }
 
-bool code_is_valid(std::uint16_t code) {
+bool CodeIsValid(std::uint16_t code) {
     if (code >= 3000) return code <= 4999;
     return code >= 1000 && code <= 1014 && (code < 1004 || code > 1006);
 }
 
-bool is_utf8(std::string_view text) {
+bool IsUtf8(std::string_view text) {
     Utf8Check check;
     for (const char byte : text) {
         if (!check.Take(static_cast<std::uint8_t>(byte))) return false;
@@ -50,8 +50,8 @@ std::size_t WriteServerHeader(char* out, Opcode opcode, std::size_t payload) {
 std::size_t ServerFrameSize(const char* frame) {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(frame);
     if (bytes[1] < Length16) return 2u + bytes[1];
-    if (bytes[1] == Length16) return 4u + big_endian(bytes + 2, 2);
-    return 10u + big_endian(bytes + 2, 8);
+    if (bytes[1] == Length16) return 4u + BigEndian(bytes + 2, 2);
+    return 10u + BigEndian(bytes + 2, 8);
 }
 
 std::string_view ServerPayload(const char* frame) {
@@ -151,7 +151,7 @@ bool FrameParser::TakeHeader(std::string_view& input) {
 /// With the whole header there: goes on to the payload, or ends the frame where it has none.
 FrameParser::Found FrameParser::JudgeLength() {
     const std::size_t extended = m_HeaderNeeds - 2 - MaskSize;
-    m_Left = extended == 0 ? m_Header[1] & 0x7F : big_endian(m_Header.data() + 2, extended);
+    m_Left = extended == 0 ? m_Header[1] & 0x7F : BigEndian(m_Header.data() + 2, extended);
     if (extended != 0 && m_Left <= (extended == 2 ? Length16 - 1u : 0xFFFFu))
         return Violate(CLOSE_PROTOCOL_ERROR, "length not in its shortest form");
     if (m_Left >> 63 != 0) return Violate(CLOSE_PROTOCOL_ERROR, "length out of range");
@@ -216,9 +216,9 @@ FrameParser::Found FrameParser::JudgeClose() {
     if (m_PayloadSize == 0) return Found::Close;
     if (m_PayloadSize == 1) return Violate(CLOSE_PROTOCOL_ERROR, "close frame cut short");
     m_Code =
-        static_cast<std::uint16_t>(big_endian(reinterpret_cast<const std::uint8_t*>(m_Payload.data()), 2));
-    if (!code_is_valid(m_Code)) return Violate(CLOSE_PROTOCOL_ERROR, "close code not allowed");
-    if (!is_utf8(Payload().substr(2))) return Violate(CLOSE_NOT_UTF8, "close reason not UTF-8");
+        static_cast<std::uint16_t>(BigEndian(reinterpret_cast<const std::uint8_t*>(m_Payload.data()), 2));
+    if (!CodeIsValid(m_Code)) return Violate(CLOSE_PROTOCOL_ERROR, "close code not allowed");
+    if (!IsUtf8(Payload().substr(2))) return Violate(CLOSE_NOT_UTF8, "close reason not UTF-8");
     return Found::Close;
 }
 

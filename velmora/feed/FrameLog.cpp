@@ -20,7 +20,7 @@ constexpr std::size_t SmallestSegmentSize = 256;
 /// What is kept to be used anew: memory that the system has to find first costs a posting ten times as much.
 constexpr std::size_t MaxSpare = 64;
 
-char* take_memory(std::size_t size) {
+char* TakeMemory(std::size_t size) {
     // Populated: a page fault for every few frames would cost several times as much.
     void* memory =
         mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
@@ -28,7 +28,7 @@ char* take_memory(std::size_t size) {
     return static_cast<char*>(memory);
 }
 
-void put_frame(LogSegment& segment, std::string_view text) {
+void PutFrame(LogSegment& segment, std::string_view text) {
     char* out = segment.Bytes + segment.Size;
     const std::size_t header = WriteServerHeader(out, OP_TEXT, text.size());
     std::memcpy(out + header, text.data(), text.size());
@@ -38,7 +38,7 @@ void put_frame(LogSegment& segment, std::string_view text) {
 
 }  // namespace
 
-LogSegment::LogSegment(std::size_t capacity) : Capacity(capacity), Bytes(take_memory(capacity)) {}
+LogSegment::LogSegment(std::size_t capacity) : Capacity(capacity), Bytes(TakeMemory(capacity)) {}
 
 LogSegment::~LogSegment() {
     munmap(Bytes, Capacity);
@@ -87,7 +87,7 @@ bool FrameLog::Append(std::string_view text) {
     SegmentPtr own;  // a long frame is put together before the lock is taken
     if (size > m_SegmentSize) {
         own = std::make_shared<LogSegment>(size);
-        put_frame(*own, text);
+        PutFrame(*own, text);
     }
     std::vector<SegmentPtr> dropped;  // freed after the lock
     Mirel::AutoMutex lock(m_Lock);
@@ -96,7 +96,7 @@ bool FrameLog::Append(std::string_view text) {
         Push(std::move(own));
     } else {
         if (m_Segments.back()->Capacity - m_Segments.back()->Size < size) Push(NewSegment(m_SegmentSize));
-        put_frame(*m_Segments.back(), text);
+        PutFrame(*m_Segments.back(), text);
     }
     while (m_Bytes > m_Limit && m_Segments.size() > 1) dropped.push_back(PopFront());
     const bool wake = m_Waited;

@@ -20,7 +20,7 @@ namespace Velmora {
 
 namespace {
 
-bool make_non_blocking(int descriptor) {
+bool MakeNonBlocking(int descriptor) {
     const int flags = fcntl(descriptor, F_GETFL);
     return flags != -1 && fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != -1;
 }
@@ -28,7 +28,7 @@ bool make_non_blocking(int descriptor) {
 }  // namespace
 
 Mirel::Result_t SetSockNonBlocking(const int& descriptor) {
-    if (!make_non_blocking(descriptor)) return Mirel::RESULT_PARAM.WithMessage(strerror(errno));
+    if (!MakeNonBlocking(descriptor)) return Mirel::RESULT_PARAM.WithMessage(strerror(errno));
     return Mirel::RESULT_OK;
 }
 
@@ -74,7 +74,7 @@ bool SocketStream::Prepare() {
     socklen_t length = sizeof(type);
     if (getsockopt(m_Descriptor, SOL_SOCKET, SO_TYPE, &type, &length) != 0) return Fail(errno), false;
     if (type != SOCK_STREAM) return Fail(EPROTOTYPE), false;
-    if (!make_non_blocking(m_Descriptor)) return Fail(errno), false;
+    if (!MakeNonBlocking(m_Descriptor)) return Fail(errno), false;
     const int on = 1;
     // Refused by sockets that are not TCP, which have no delay to switch off.
     static_cast<void>(setsockopt(m_Descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)));
@@ -107,13 +107,13 @@ StreamState SocketStream::Write(const iovec* pieces, std::size_t count, std::siz
             state = WriteTLS(static_cast<const char*>(pieces[i].iov_base), pieces[i].iov_len, done);
         return state == StreamState::Blocked && done > 0 ? StreamState::Moved : state;
     }
-    constexpr int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
+    constexpr int Flags = MSG_NOSIGNAL | MSG_DONTWAIT;
     // One piece, as nearly always: the simpler call costs the kernel less.
-    if (count == 1) return Judge(send(m_Descriptor, pieces->iov_base, pieces->iov_len, flags), done);
+    if (count == 1) return Judge(send(m_Descriptor, pieces->iov_base, pieces->iov_len, Flags), done);
     msghdr message{};
     message.msg_iov = const_cast<iovec*>(pieces);
     message.msg_iovlen = count;
-    return Judge(sendmsg(m_Descriptor, &message, flags), done);
+    return Judge(sendmsg(m_Descriptor, &message, Flags), done);
 }
 
 /// Record by record, until all is sent or the socket takes no more. Adds to `done`.

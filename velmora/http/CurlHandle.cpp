@@ -14,10 +14,10 @@ namespace {
 
 /// A program may end while callers are under way: OpenSSL must not be taken down under their threads. Said
 /// when the library is loaded, since whoever uses OpenSSL first in a process decides.
-[[maybe_unused]] const int openssl_stays = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+[[maybe_unused]] const int OpensslStays = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
 /// libcurl and TLS set up, once and thread-safely. Never undone: detached threads may outlive main().
-void init_curl() {
+void InitCurl() {
     [[maybe_unused]] static const CURLcode done = curl_global_init(CURL_GLOBAL_ALL);
 }
 
@@ -44,7 +44,7 @@ class Stock {
     std::size_t m_Count GUARDED_BY(m_Lock) = 0;
 };
 
-Stock& stock() {
+Stock& TheStock() {
     static auto* const instance = new Stock;
     return *instance;
 }
@@ -78,23 +78,23 @@ class Store {
 
 }  // namespace
 
-CurlHandle::CurlHandle() : m_Handle(stock().Take()) {
+CurlHandle::CurlHandle() : m_Handle(TheStock().Take()) {
     if (m_Handle != nullptr) return;
-    init_curl();
+    InitCurl();
     m_Handle = curl_easy_init();
 }
 
 CurlHandle::~CurlHandle() {
     if (m_Reusable) curl_easy_reset(m_Handle);
-    if (!m_Reusable || !stock().Put(m_Handle)) curl_easy_cleanup(m_Handle);
+    if (!m_Reusable || !TheStock().Put(m_Handle)) curl_easy_cleanup(m_Handle);
 }
 
 CURLSH* SharedCurlStore(const std::string& authority) {
     // One store keeps the TLS sessions of eight servers; several keep those of many, with less waiting.
-    constexpr std::size_t store_count = 16;
-    init_curl();
-    static auto* const stores = new std::array<Store, store_count>;
-    return (*stores)[std::hash<std::string>()(authority) % store_count].Get();
+    constexpr std::size_t StoreCount = 16;
+    InitCurl();
+    static auto* const stores = new std::array<Store, StoreCount>;
+    return (*stores)[std::hash<std::string>()(authority) % StoreCount].Get();
 }
 
 }  // namespace Velmora

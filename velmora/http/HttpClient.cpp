@@ -10,7 +10,7 @@ namespace Velmora {
 
 namespace {
 
-HttpExchangeEnd perform(const HttpExchangeRequest& request) noexcept {
+HttpExchangeEnd Perform(const HttpExchangeRequest& request) noexcept {
     try {
         return PerformHttpExchange(request);
     } catch (const std::exception&) {  // nothing but a lack of memory throws there
@@ -21,7 +21,7 @@ HttpExchangeEnd perform(const HttpExchangeRequest& request) noexcept {
 }
 
 /// The message of `end` in a result of the kind that its failure calls for.
-Result_t result_of(const HttpExchangeEnd& end) {
+Result_t ResultOf(const HttpExchangeEnd& end) {
     switch (end.Failure) {
         case RequestFailure::None:
             return end.Reason.empty() ? Mirel::RESULT_OK : Mirel::RESULT_OK.WithMessage(end.Reason);
@@ -35,11 +35,11 @@ Result_t result_of(const HttpExchangeEnd& end) {
 }
 
 /// Counts one exchange from its start to its end.
-HttpExchangeEnd perform_and_count(const HttpExchangeRequest& request) {
+HttpExchangeEnd PerformAndCount(const HttpExchangeRequest& request) {
     HttpRecorder& recorder = HttpRecorder::Instance();
     const auto start = std::chrono::steady_clock::now();
     recorder.CountStart();
-    HttpExchangeEnd end = perform(request);
+    HttpExchangeEnd end = Perform(request);
     const auto duration = std::chrono::steady_clock::now() - start;
     const bool failed = end.Failure != RequestFailure::None;
     if (failed && end.Reason.empty()) end.Reason = "Out of memory";
@@ -60,9 +60,9 @@ Result_t TLSHTTPRequestHandle::Exec(const URL& url, const HeaderSet& headers, co
                                     const Method_t& method, const Proto_t& proto) {
     m_Status = STATUS_NONE;
     const HttpExchangeEnd end =
-        perform_and_count({url, headers, body, method, proto, m_Timeout_ms, m_VerifyPeer});
+        PerformAndCount({url, headers, body, method, proto, m_Timeout_ms, m_VerifyPeer});
     m_Status = end.Status;
-    return result_of(end);
+    return ResultOf(end);
 }
 
 }  // namespace Velmora

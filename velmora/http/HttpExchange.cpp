@@ -19,22 +19,22 @@ namespace Velmora {
 namespace {
 
 /// Most bytes of an answer's headers, interim answers and trailers included.
-constexpr std::size_t header_limit = 64 * 1024;
+constexpr std::size_t HeaderLimit = 64 * 1024;
 
-bool is_resource_error(int error) {
+bool IsResourceError(int error) {
     return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
 }
 
 /// Why no further descriptor can be had right now; 0 where one can. libcurl does not tell a look-up that
 /// failed for want of a descriptor from one without an answer.
-int descriptor_shortage() {
+int DescriptorShortage() {
     const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) return is_resource_error(errno) ? errno : 0;
+    if (descriptor < 0) return IsResourceError(errno) ? errno : 0;
     close(descriptor);
     return 0;
 }
 
-RequestFailure failure_of(CURLcode code) {
+RequestFailure FailureOf(CURLcode code) {
     switch (code) {
         case CURLE_OK:
             return RequestFailure::None;
@@ -113,7 +113,7 @@ class Exchange {
 std::size_t Exchange::TakeHeader(char*, std::size_t size, std::size_t count, void* exchange) {
     auto* const self = static_cast<Exchange*>(exchange);
     self->m_HeaderBytes += size * count;
-    return self->m_HeaderBytes > header_limit ? 0 : size * count;
+    return self->m_HeaderBytes > HeaderLimit ? 0 : size * count;
 }
 
 std::size_t Exchange::TakeBody(char*, std::size_t size, std::size_t count, void* exchange) {
@@ -239,14 +239,14 @@ HttpExchangeEnd Exchange::Answered(const char* reason) const {
 
 HttpExchangeEnd Exchange::Failed(CURLcode code) const {
     HttpExchangeEnd end;
-    end.Failure = failure_of(code);
+    end.Failure = FailureOf(code);
     end.Reason = Mirel::EscapeForLog(m_Error[0] != '\0' ? m_Error : curl_easy_strerror(code));
-    if (m_HeaderBytes > header_limit) {
-        end.Reason = "Response headers exceed " + std::to_string(header_limit) + " bytes";
+    if (m_HeaderBytes > HeaderLimit) {
+        end.Reason = "Response headers exceed " + std::to_string(HeaderLimit) + " bytes";
     }
     int error = end.Failure == RequestFailure::Connect ? m_SocketError : 0;
-    if (end.Failure == RequestFailure::Resolve) error = descriptor_shortage();
-    if (is_resource_error(error)) {
+    if (end.Failure == RequestFailure::Resolve) error = DescriptorShortage();
+    if (IsResourceError(error)) {
         end.Failure = RequestFailure::Resources;
         end.Reason += std::string(": ") + std::strerror(error);
     }

@@ -9,17 +9,17 @@ namespace Velmora {
 namespace {
 
 /// Longest URL or reason that is kept, in bytes: an outcome is there to be read by people.
-constexpr std::size_t kept_text_limit = 1024;
+constexpr std::size_t KeptTextLimit = 1024;
 
-std::string shortened(std::string text) {
-    if (text.size() > kept_text_limit) text.replace(kept_text_limit - 3, std::string::npos, "...");
+std::string Shortened(std::string text) {
+    if (text.size() > KeptTextLimit) text.replace(KeptTextLimit - 3, std::string::npos, "...");
     return text;
 }
 
-std::string url_without_credentials(const URL& url) {
+std::string UrlWithoutCredentials(const URL& url) {
     std::string text = url.ComposeSchemeAndHost(false) + url.Path;
     if (url.HasQueryToken) text += '?' + url.QueryString;
-    return shortened(std::move(text));
+    return Shortened(std::move(text));
 }
 
 }  // namespace
@@ -73,11 +73,11 @@ void HttpRecorder::CountEnd(Method_t method, const URL& url, Status_t status,
     bool complete = false;
     try {
         outcome.Method = method;
-        outcome.Url = url_without_credentials(url);
+        outcome.Url = UrlWithoutCredentials(url);
         outcome.Status = status;
         outcome.Duration_ms = static_cast<ui32_t>(duration.count());
         outcome.Failure = failure;
-        outcome.Reason = shortened(reason);
+        outcome.Reason = Shortened(reason);
         complete = true;
     } catch (const std::exception&) {
         // No memory for the texts; the counters below say what happened.

@@ -14,7 +14,7 @@ struct StatusText {
 };
 
 // Every status of the IANA HTTP Status Code Registry, in order of its number.
-constexpr StatusText status_texts[] = {
+constexpr StatusText StatusTexts[] = {
     {100, "Continue"},
     {101, "Switching Protocols"},
     {102, "Processing"},
@@ -77,7 +77,7 @@ constexpr StatusText status_texts[] = {
     {510, "Not Extended"},
     {511, "Network Authentication Required"},
 };
-static_assert(std::is_sorted(std::begin(status_texts), std::end(status_texts),
+static_assert(std::is_sorted(std::begin(StatusTexts), std::end(StatusTexts),
                              [](const StatusText& lhs, const StatusText& rhs) {
                                  return lhs.Number < rhs.Number;
                              }));
@@ -114,9 +114,9 @@ bool StatusIsSuccess(Status_t status) {
 
 const char* StatusToString(Status_t status) {
     const auto found =
-        std::lower_bound(std::begin(status_texts), std::end(status_texts), static_cast<int>(status),
+        std::lower_bound(std::begin(StatusTexts), std::end(StatusTexts), static_cast<int>(status),
                          [](const StatusText& entry, int number) { return entry.Number < number; });
-    return found != std::end(status_texts) && found->Number == status ? found->Text : "Unknown Status";
+    return found != std::end(StatusTexts) && found->Number == status ? found->Text : "Unknown Status";
 }
 
 bool ci_comp::operator()(const std::string& lhs, const std::string& rhs) const {

@@ -18,17 +18,17 @@ namespace LocalAccessManager {
 
 namespace {
 
-constexpr std::string_view SCHEME = "Velmora-Self ";
-constexpr std::size_t SECRET_BYTES = 32;
+constexpr std::string_view Scheme = "Velmora-Self ";
+constexpr std::size_t SecretSize = 32;
 
 std::string MakeCredential() {
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::array<Mirel::byte_t, SECRET_BYTES> secret;
+    constexpr std::string_view Digits = "0123456789abcdef";
+    std::array<Mirel::byte_t, SecretSize> secret;
     Mirel::GenRandomBytes(secret.data(), secret.size());
-    std::string credential(SCHEME);
+    std::string credential(Scheme);
     for (const Mirel::byte_t byte : secret) {
-        credential += digits[byte >> 4];
-        credential += digits[byte & 0x0f];
+        credential += Digits[byte >> 4];
+        credential += Digits[byte & 0x0f];
     }
     OPENSSL_cleanse(secret.data(), secret.size());
     return credential;

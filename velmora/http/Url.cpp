@@ -11,44 +11,43 @@ namespace Velmora {
 namespace {
 
 // Locale-independent, so that what is a URL does not depend on where the server runs.
-bool is_alpha(char c) {
+bool IsAlpha(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
-bool is_digit(char c) {
+bool IsDigit(char c) {
     return c >= '0' && c <= '9';
 }
-bool is_hex_digit(char c) {
-    return is_digit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+bool IsHexDigit(char c) {
+    return IsDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 
-bool is_unreserved_or_delimiter(char c) {
-    return is_alpha(c) || is_digit(c) ||
-           std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos;
+bool IsUnreservedOrDelimiter(char c) {
+    return IsAlpha(c) || IsDigit(c) || std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos;
 }
 
 /// True where `text` is made of unreserved characters, sub-delimiters, well-formed percent escapes and the
 /// characters of `others`.
-bool is_made_of(std::string_view text, std::string_view others) {
+bool IsMadeOf(std::string_view text, std::string_view others) {
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (text[i] == '%') {
-            if (text.size() - i < 3 || !is_hex_digit(text[i + 1]) || !is_hex_digit(text[i + 2])) return false;
+            if (text.size() - i < 3 || !IsHexDigit(text[i + 1]) || !IsHexDigit(text[i + 2])) return false;
             i += 2;
-        } else if (!is_unreserved_or_delimiter(text[i]) && others.find(text[i]) == std::string_view::npos) {
+        } else if (!IsUnreservedOrDelimiter(text[i]) && others.find(text[i]) == std::string_view::npos) {
             return false;
         }
     }
     return true;
 }
 
-bool is_scheme(std::string_view text) {
-    if (text.empty() || !is_alpha(text.front())) return false;
+bool IsScheme(std::string_view text) {
+    if (text.empty() || !IsAlpha(text.front())) return false;
     for (const char c : text) {
-        if (!is_alpha(c) && !is_digit(c) && c != '+' && c != '-' && c != '.') return false;
+        if (!IsAlpha(c) && !IsDigit(c) && c != '+' && c != '-' && c != '.') return false;
     }
     return true;
 }
 
-bool equal_lowered(std::string_view text, std::string_view lower_case) {
+bool EqualLowered(std::string_view text, std::string_view lower_case) {
     if (text.size() != lower_case.size()) return false;
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
@@ -58,14 +57,14 @@ bool equal_lowered(std::string_view text, std::string_view lower_case) {
 }
 
 /// The port that `scheme` stands for; 0 where it is neither http nor https.
-ui16_t scheme_port(std::string_view scheme) {
-    if (equal_lowered(scheme, "http")) return 80;
-    if (equal_lowered(scheme, "https")) return 443;
+ui16_t SchemePort(std::string_view scheme) {
+    if (EqualLowered(scheme, "http")) return 80;
+    if (EqualLowered(scheme, "https")) return 443;
     return 0;
 }
 
 /// Reads what follows "host:". Nothing at all stands for the scheme's own port, as 0.
-bool read_port(std::string_view text, ui16_t& port) {
+bool ReadPort(std::string_view text, ui16_t& port) {
     port = 0;
     if (text.empty()) return true;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
@@ -73,12 +72,12 @@ bool read_port(std::string_view text, ui16_t& port) {
 }
 
 /// Splits "user:password@" off the front of `authority`.
-bool read_user(std::string_view& authority, URL& url) {
+bool ReadUser(std::string_view& authority, URL& url) {
     const std::size_t at = authority.find('@');
     if (at == std::string_view::npos) return true;
     const std::string_view user = authority.substr(0, at);
     authority.remove_prefix(at + 1);
-    if (!is_made_of(user, ":")) return false;
+    if (!IsMadeOf(user, ":")) return false;
     const std::size_t colon = user.find(':');
     url.Username = user.substr(0, colon);
     if (colon != std::string_view::npos) url.Password = user.substr(colon + 1);
@@ -86,7 +85,7 @@ bool read_user(std::string_view& authority, URL& url) {
 }
 
 /// Reads "[address]" off the front of `authority`. Zone names and future address forms are refused.
-bool read_ipv6(std::string_view& authority, URL& url) {
+bool ReadIpv6(std::string_view& authority, URL& url) {
     const std::size_t close = authority.find(']');
     if (close == std::string_view::npos) return false;
     url.Hostname = authority.substr(1, close - 1);
@@ -96,37 +95,37 @@ bool read_ipv6(std::string_view& authority, URL& url) {
     return whole_text && inet_pton(AF_INET6, url.Hostname.c_str(), &address) == 1;
 }
 
-bool read_name(std::string_view& authority, URL& url) {
+bool ReadName(std::string_view& authority, URL& url) {
     url.Hostname = authority.substr(0, authority.find(':'));
     authority.remove_prefix(url.Hostname.size());
-    return !url.Hostname.empty() && is_made_of(url.Hostname, "");
+    return !url.Hostname.empty() && IsMadeOf(url.Hostname, "");
 }
 
-bool read_authority(std::string_view authority, URL& url) {
-    if (!read_user(authority, url)) return false;
+bool ReadAuthority(std::string_view authority, URL& url) {
+    if (!ReadUser(authority, url)) return false;
     const bool ipv6 = !authority.empty() && authority.front() == '[';
-    if (!(ipv6 ? read_ipv6(authority, url) : read_name(authority, url))) return false;
+    if (!(ipv6 ? ReadIpv6(authority, url) : ReadName(authority, url))) return false;
     if (authority.empty()) return true;
-    return authority.front() == ':' && read_port(authority.substr(1), url.Port);
+    return authority.front() == ':' && ReadPort(authority.substr(1), url.Port);
 }
 
 /// Reads "/path?query", each part possibly absent.
-bool read_path_and_query(std::string_view text, URL& url) {
+bool ReadPathAndQuery(std::string_view text, URL& url) {
     const std::size_t question = text.find('?');
     url.Path = text.substr(0, question);
     url.HasQueryToken = question != std::string_view::npos;
     if (url.HasQueryToken) url.QueryString = text.substr(question + 1);
-    return is_made_of(url.Path, "/:@") && is_made_of(url.QueryString, "/:@?");
+    return IsMadeOf(url.Path, "/:@") && IsMadeOf(url.QueryString, "/:@?");
 }
 
-bool read_absolute(std::string_view text, URL& url) {
+bool ReadAbsolute(std::string_view text, URL& url) {
     const std::size_t mark = text.find("://");
-    if (mark == std::string_view::npos || !is_scheme(text.substr(0, mark))) return false;
+    if (mark == std::string_view::npos || !IsScheme(text.substr(0, mark))) return false;
     url.Scheme = text.substr(0, mark);
     text.remove_prefix(mark + 3);
     const std::size_t end = text.find_first_of("/?#");
-    if (!read_authority(text.substr(0, end), url)) return false;
-    return end == std::string_view::npos || read_path_and_query(text.substr(end), url);
+    if (!ReadAuthority(text.substr(0, end), url)) return false;
+    return end == std::string_view::npos || ReadPathAndQuery(text.substr(end), url);
 }
 
 }  // namespace
@@ -134,7 +133,7 @@ bool read_absolute(std::string_view text, URL& url) {
 bool URL::Parse(const std::string& text) {
     URL read;
     read.m_Empty = false;
-    const bool good = read_absolute(text, read);
+    const bool good = ReadAbsolute(text, read);
     *this = good ? std::move(read) : URL();
     return good;
 }
@@ -142,7 +141,7 @@ bool URL::Parse(const std::string& text) {
 bool URL::ParsePath(const std::string& text) {
     URL read;
     read.m_Empty = false;
-    const bool good = text.starts_with('/') && !text.starts_with("//") && read_path_and_query(text, read);
+    const bool good = text.starts_with('/') && !text.starts_with("//") && ReadPathAndQuery(text, read);
     *this = good ? std::move(read) : URL();
     return good;
 }
@@ -163,7 +162,7 @@ std::string URL::ComposeSchemeAndHost(bool with_credentials) const {
     }
     const bool ipv6 = Hostname.find(':') != std::string::npos;
     text += ipv6 ? '[' + Hostname + ']' : Hostname;
-    if (Port != 0 && Port != scheme_port(Scheme)) text += ':' + std::to_string(Port);
+    if (Port != 0 && Port != SchemePort(Scheme)) text += ':' + std::to_string(Port);
     return text;
 }
 

@@ -25,10 +25,10 @@ PListArrayBody& MakeOwn(PListArrayBody*& body) {
 
 /// A chunk with copies of the items at [begin, end). A shared chunk is not marked, nor is anything below it.
 PListChunk* CopyChunk(const PListChunk& chunk, ui32_t begin, ui32_t end) {
-    PListChunk* copy = PListChunk::New(chunk.capacity);
-    copy->begin = copy->end = begin;
-    for (; copy->end < end; ++copy->end) {
-        std::construct_at(copy->Slots() + copy->end, *chunk.Slots()[copy->end].Get());
+    PListChunk* copy = PListChunk::New(chunk.Capacity);
+    copy->Begin = copy->End = begin;
+    for (; copy->End < end; ++copy->End) {
+        std::construct_at(copy->Slots() + copy->End, *chunk.Slots()[copy->End].Get());
     }
     return copy;
 }
@@ -37,21 +37,21 @@ PListChunk* CopyChunk(const PListChunk& chunk, ui32_t begin, ui32_t end) {
 /// too.
 PListChunk* TakeFront(PListChunk& chunk, ui32_t begin, ui32_t end) {
     if (!chunk.Unique()) return CopyChunk(chunk, begin, end);
-    PListChunk* taken = PListChunk::New(chunk.capacity);
-    taken->handed_out = chunk.handed_out;
-    taken->begin = taken->end = begin;
-    for (; taken->end < end; ++taken->end) {
-        std::construct_at(taken->Slots() + taken->end, std::move(chunk.Slots()[taken->end]));
+    PListChunk* taken = PListChunk::New(chunk.Capacity);
+    taken->HandedOut = chunk.HandedOut;
+    taken->Begin = taken->End = begin;
+    for (; taken->End < end; ++taken->End) {
+        std::construct_at(taken->Slots() + taken->End, std::move(chunk.Slots()[taken->End]));
     }
-    std::destroy(chunk.Slots() + chunk.begin, chunk.Slots() + end);
-    chunk.begin = end;
+    std::destroy(chunk.Slots() + chunk.Begin, chunk.Slots() + end);
+    chunk.Begin = end;
     return taken;
 }
 
 PListChunk& MakeOwnChunk(PListArrayBody& body, ui64_t position) {
     PListChunk*& chunk = body.ChunkAt(position);
     if (!chunk->Unique()) {
-        PListChunk* own = CopyChunk(*chunk, chunk->begin, chunk->end);
+        PListChunk* own = CopyChunk(*chunk, chunk->Begin, chunk->End);
         ReleaseBody(std::exchange(chunk, own));
     }
     return *chunk;
@@ -59,19 +59,19 @@ PListChunk& MakeOwnChunk(PListArrayBody& body, ui64_t position) {
 
 /// The chunk in which the next item is to stand.
 PListChunk& ChunkForAppend(PListArrayBody& body) {
-    const std::size_t number = PListArrayBody::ChunkOf(body.end);
-    if (number - body.first_chunk < body.chunks.size()) return MakeOwnChunk(body, body.end);
-    if (body.chunks.size() == body.chunks.capacity()) body.chunks.reserve(2 * body.chunks.size() + 1);
-    return *body.chunks.emplace_back(PListChunk::New(PListArrayBody::ChunkRoom(number)));
+    const std::size_t number = PListArrayBody::ChunkOf(body.End);
+    if (number - body.FirstChunk < body.Chunks.size()) return MakeOwnChunk(body, body.End);
+    if (body.Chunks.size() == body.Chunks.capacity()) body.Chunks.reserve(2 * body.Chunks.size() + 1);
+    return *body.Chunks.emplace_back(PListChunk::New(PListArrayBody::ChunkRoom(number)));
 }
 
 /// Forgets the chunks in front of the first item.
 void DropChunksBefore(PListArrayBody& body) {
-    const std::size_t gone = PListArrayBody::ChunkOf(body.begin) - body.first_chunk;
+    const std::size_t gone = PListArrayBody::ChunkOf(body.Begin) - body.FirstChunk;
     // Now and then, so that it does not cost a pointer per chunk each time.
-    if (gone < 8 || gone < body.chunks.size() / 2) return;
-    body.chunks.erase(body.chunks.begin(), body.chunks.begin() + static_cast<std::ptrdiff_t>(gone));
-    body.first_chunk += gone;
+    if (gone < 8 || gone < body.Chunks.size() / 2) return;
+    body.Chunks.erase(body.Chunks.begin(), body.Chunks.begin() + static_cast<std::ptrdiff_t>(gone));
+    body.FirstChunk += gone;
 }
 
 }  // namespace
@@ -79,10 +79,10 @@ void DropChunksBefore(PListArrayBody& body) {
 void AppendSlot(PListArrayBody*& handle, PListSlot&& slot, bool handed_out) {
     PListArrayBody& body = MakeOwn(handle);
     PListChunk& chunk = ChunkForAppend(body);
-    std::construct_at(chunk.Slots() + chunk.end, std::move(slot));
-    ++chunk.end;
-    ++body.end;
-    if (handed_out) chunk.handed_out = body.handed_out = true;
+    std::construct_at(chunk.Slots() + chunk.End, std::move(slot));
+    ++chunk.End;
+    ++body.End;
+    if (handed_out) chunk.HandedOut = body.HandedOut = true;
 }
 
 // ---- positions
@@ -91,7 +91,7 @@ void AppendSlot(PListArrayBody*& handle, PListSlot&& slot, bool handed_out) {
 // Chunk 0 holds the positions from 0, chunk n the positions from 2^(n+1) for n up to 7, then one per 512
 // positions.
 std::size_t PListArrayBody::ChunkOf(ui64_t position) noexcept {
-    if (position >= kChunkItems) return static_cast<std::size_t>(7 + position / kChunkItems);
+    if (position >= ChunkItems) return static_cast<std::size_t>(7 + position / ChunkItems);
     return position < 4 ? 0 : static_cast<std::size_t>(std::bit_width(position) - 2);
 }
 
@@ -100,12 +100,12 @@ ui32_t PListArrayBody::Within(ui64_t position) noexcept {
 }
 
 ui64_t PListArrayBody::ChunkStart(std::size_t chunk) noexcept {
-    if (chunk > 7) return (chunk - 7) * kChunkItems;
+    if (chunk > 7) return (chunk - 7) * ChunkItems;
     return chunk == 0 ? 0 : std::size_t{2} << chunk;
 }
 
 std::size_t PListArrayBody::ChunkRoom(std::size_t chunk) noexcept {
-    if (chunk > 7) return kChunkItems;
+    if (chunk > 7) return ChunkItems;
     return chunk == 0 ? 4 : std::size_t{2} << chunk;
 }
 
@@ -148,32 +148,32 @@ void PListArray::Append(PListItem&& item) {
 }
 
 std::size_t PListArray::Size() const {
-    return m_Body ? static_cast<std::size_t>(m_Body->end - m_Body->begin) : 0;
+    return m_Body ? static_cast<std::size_t>(m_Body->End - m_Body->Begin) : 0;
 }
 
 const PListItem* PListArray::GetItem(std::size_t index) const {
-    return index < Size() ? m_Body->SlotAt(m_Body->begin + index).Get() : nullptr;
+    return index < Size() ? m_Body->SlotAt(m_Body->Begin + index).Get() : nullptr;
 }
 
 PListItem* PListArray::GetItem(std::size_t index) {
     if (index >= Size()) return nullptr;
     PListArrayBody& body = MakeOwn(m_Body);
-    MakeOwnChunk(body, body.begin + index).handed_out = true;
-    body.handed_out = true;
-    return body.SlotAt(body.begin + index).Get();
+    MakeOwnChunk(body, body.Begin + index).HandedOut = true;
+    body.HandedOut = true;
+    return body.SlotAt(body.Begin + index).Get();
 }
 
 void PListArray::DeleteFirst() {
     if (Size() <= 1) return Clear();
     PListArrayBody& body = MakeOwn(m_Body);
-    PListChunk*& chunk = body.ChunkAt(body.begin++);
-    const ui32_t begin = PListArrayBody::Within(body.begin);
+    PListChunk*& chunk = body.ChunkAt(body.Begin++);
+    const ui32_t begin = PListArrayBody::Within(body.Begin);
     if (begin == 0) {
         ReleaseBody(std::exchange(chunk, nullptr));
     } else if (chunk->Unique()) {
         // With it goes what stayed in front of it while there was a copy.
-        std::destroy(chunk->Slots() + chunk->begin, chunk->Slots() + begin);
-        chunk->begin = begin;
+        std::destroy(chunk->Slots() + chunk->Begin, chunk->Slots() + begin);
+        chunk->Begin = begin;
     }
     DropChunksBefore(body);
 }
@@ -185,22 +185,22 @@ PListArray PListArray::TakeFirst(std::size_t count) {
     PListArrayBody& rest = MakeOwn(m_Body);
     taken.m_Body = new PListArrayBody;
     PListArrayBody& front = *taken.m_Body;
-    const ui64_t cut = rest.begin + count;
-    const std::size_t whole = PListArrayBody::ChunkOf(cut) - rest.first_chunk;
-    const std::size_t before = PListArrayBody::ChunkOf(rest.begin) - rest.first_chunk;  // gone already
-    front.chunks.reserve(whole + 1);
+    const ui64_t cut = rest.Begin + count;
+    const std::size_t whole = PListArrayBody::ChunkOf(cut) - rest.FirstChunk;
+    const std::size_t before = PListArrayBody::ChunkOf(rest.Begin) - rest.FirstChunk;  // gone already
+    front.Chunks.reserve(whole + 1);
     PListChunk* last = nullptr;
     if (const ui32_t within = PListArrayBody::Within(cut); within > 0)
         last =
-            TakeFront(*rest.chunks[whole], whole == before ? PListArrayBody::Within(rest.begin) : 0, within);
+            TakeFront(*rest.Chunks[whole], whole == before ? PListArrayBody::Within(rest.Begin) : 0, within);
     // From here on nothing needs memory: both arrays are whole whatever happened.
-    front.chunks.assign(rest.chunks.begin(), rest.chunks.begin() + static_cast<std::ptrdiff_t>(whole));
-    std::fill_n(rest.chunks.begin(), whole, nullptr);
-    if (last) front.chunks.push_back(last);
-    front.first_chunk = rest.first_chunk;
-    front.begin = rest.begin;
-    front.end = rest.begin = cut;
-    front.handed_out = rest.handed_out;
+    front.Chunks.assign(rest.Chunks.begin(), rest.Chunks.begin() + static_cast<std::ptrdiff_t>(whole));
+    std::fill_n(rest.Chunks.begin(), whole, nullptr);
+    if (last) front.Chunks.push_back(last);
+    front.FirstChunk = rest.FirstChunk;
+    front.Begin = rest.Begin;
+    front.End = rest.Begin = cut;
+    front.HandedOut = rest.HandedOut;
     DropChunksBefore(rest);
     return taken;
 }

@@ -60,9 +60,9 @@ PListSlot::PListSlot(const PListItem& item) {
 
 PListSlot::PListSlot(PListItem&& item) {
     const PListShared* body = PListInside::BodyOf(item);
-    if (!body || body->handed_out) {
+    if (!body || body->HandedOut) {
         std::construct_at(this, std::as_const(item));
-    } else if (body->kind == BodyKind::Dict) {
+    } else if (body->Kind == BodyKind::Dict) {
         Place<PListDict>(std::move(static_cast<PListDict&>(item)));
     } else {
         Place<PListArray>(std::move(static_cast<PListArray&>(item)));
@@ -70,7 +70,7 @@ PListSlot::PListSlot(PListItem&& item) {
 }
 
 PListSlot::PListSlot(PListSlot&& other) noexcept {
-    if (other.Held()->HasType(ExternalItem::kType)) {
+    if (other.Held()->HasType(ExternalItem::OwnType)) {
         Place<ExternalItem>(other.As<ExternalItem>()->Release());
         return;
     }
@@ -103,7 +103,7 @@ PListBlock* PListBlock::New(std::size_t room) {
 }
 
 void PListBlock::Delete(PListBlock* block) noexcept {
-    std::destroy_n(block->Entries(), block->used);
+    std::destroy_n(block->Entries(), block->Used);
     block->~PListBlock();
     ::operator delete(block);
 }
@@ -113,8 +113,8 @@ PListDictBody* PListDictBody::New(std::size_t room) {
 }
 
 void PListDictBody::Delete(PListDictBody* body) noexcept {
-    for (PListBlock* block = body->first.next; block;) PListBlock::Delete(std::exchange(block, block->next));
-    std::destroy_n(body->first.Entries(), body->first.used);
+    for (PListBlock* block = body->First.Next; block;) PListBlock::Delete(std::exchange(block, block->Next));
+    std::destroy_n(body->First.Entries(), body->First.Used);
     body->~PListDictBody();
     ::operator delete(body);
 }
@@ -124,7 +124,7 @@ PListChunk* PListChunk::New(std::size_t room) {
 }
 
 void PListChunk::Delete(PListChunk* chunk) noexcept {
-    std::destroy(chunk->Slots() + chunk->begin, chunk->Slots() + chunk->end);
+    std::destroy(chunk->Slots() + chunk->Begin, chunk->Slots() + chunk->End);
     chunk->~PListChunk();
     ::operator delete(chunk);
 }
@@ -142,23 +142,23 @@ class Reaper {
     void Release(PListShared* body) noexcept {
         if (!body) return;
         // The only owner needs no exchange between processors.
-        if (!body->Unique() && body->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-        if (body->kind == BodyKind::Dict) delete body->extra;
-        body->next_dead = std::exchange(m_Dead, body);
+        if (!body->Unique() && body->Refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+        if (body->Kind == BodyKind::Dict) delete body->Extra;
+        body->NextDead = std::exchange(m_Dead, body);
     }
 
     void Run() noexcept {
-        while (m_Dead) Destroy(std::exchange(m_Dead, m_Dead->next_dead));
+        while (m_Dead) Destroy(std::exchange(m_Dead, m_Dead->NextDead));
     }
 
   private:
     void Destroy(PListShared* body) noexcept {
-        switch (body->kind) {
+        switch (body->Kind) {
             case BodyKind::Dict:
                 DestroyDict(static_cast<PListDictBody*>(body));
                 break;
             case BodyKind::Array:
-                for (PListChunk* chunk : static_cast<PListArrayBody*>(body)->chunks) Release(chunk);
+                for (PListChunk* chunk : static_cast<PListArrayBody*>(body)->Chunks) Release(chunk);
                 delete static_cast<PListArrayBody*>(body);
                 break;
             case BodyKind::Chunk:
@@ -168,14 +168,14 @@ class Reaper {
     }
 
     void DestroyDict(PListDictBody* body) noexcept {
-        for (PListBlock* block = &body->first; block; block = block->next) {
-            for (ui32_t i = 0; i < block->used; ++i) ReleaseBelow(block->Entries()[i].slot);
+        for (PListBlock* block = &body->First; block; block = block->Next) {
+            for (ui32_t i = 0; i < block->Used; ++i) ReleaseBelow(block->Entries()[i].Slot);
         }
         PListDictBody::Delete(body);
     }
 
     void DestroyChunk(PListChunk* chunk) noexcept {
-        for (ui32_t i = chunk->begin; i < chunk->end; ++i) ReleaseBelow(chunk->Slots()[i]);
+        for (ui32_t i = chunk->Begin; i < chunk->End; ++i) ReleaseBelow(chunk->Slots()[i]);
         PListChunk::Delete(chunk);
     }
 
@@ -213,32 +213,32 @@ class Cloner {
         while (!m_Pending.empty()) {
             const Pending next = m_Pending.back();
             m_Pending.pop_back();
-            PListInside::PutBody(*next.list, CloneLevel(*next.body, 0));
+            PListInside::PutBody(*next.List, CloneLevel(*next.Body, 0));
         }
         return root.release();
     }
 
   private:
     struct Pending {
-        const PListShared* body;
-        PListItem* list;  // where the copy belongs
+        const PListShared* Body;
+        PListItem* List;  // where the copy belongs
     };
 
     PListShared* CloneLevel(const PListShared& body, std::size_t spare) {
-        if (body.kind == BodyKind::Dict) return CloneDict(static_cast<const PListDictBody&>(body), spare);
+        if (body.Kind == BodyKind::Dict) return CloneDict(static_cast<const PListDictBody&>(body), spare);
         return CloneArray(static_cast<const PListArrayBody&>(body));
     }
 
     PListShared* CloneDict(const PListDictBody& body, std::size_t spare) {
         BodyPointer<PListDictBody> copy(
-            PListDictBody::New(std::min(body.Size() + spare, PListBlock::kMaxEntries)));
-        for (const PListBlock* block = &body.first; block; block = block->next) {
-            for (ui32_t i = 0; i < block->used; ++i) {
+            PListDictBody::New(std::min(body.Size() + spare, PListBlock::MaxEntries)));
+        for (const PListBlock* block = &body.First; block; block = block->Next) {
+            for (ui32_t i = 0; i < block->Used; ++i) {
                 const PListEntry& entry = block->Entries()[i];
-                const PListItem* item = entry.slot.Get();
+                const PListItem* item = entry.Slot.Get();
                 if (!item) continue;
                 PListEntry& added = copy->Add(CompactText<16>(entry.key), CloneItem(*item));
-                CloneBelowLater(*item, *added.slot.Get());
+                CloneBelowLater(*item, *added.Slot.Get());
             }
         }
         return copy.release();
@@ -246,27 +246,27 @@ class Cloner {
 
     PListShared* CloneArray(const PListArrayBody& body) {
         BodyPointer<PListArrayBody> copy(new PListArrayBody);
-        copy->begin = body.begin;
-        copy->end = body.end;
-        copy->first_chunk = body.first_chunk;
-        copy->chunks.reserve(body.chunks.size() + 1);
-        for (PListChunk* chunk : body.chunks) {
-            if (chunk && chunk->handed_out) {
-                copy->chunks.push_back(CloneChunk(*chunk));
+        copy->Begin = body.Begin;
+        copy->End = body.End;
+        copy->FirstChunk = body.FirstChunk;
+        copy->Chunks.reserve(body.Chunks.size() + 1);
+        for (PListChunk* chunk : body.Chunks) {
+            if (chunk && chunk->HandedOut) {
+                copy->Chunks.push_back(CloneChunk(*chunk));
             } else {
-                if (chunk) chunk->refs.fetch_add(1, std::memory_order_relaxed);
-                copy->chunks.push_back(chunk);
+                if (chunk) chunk->Refs.fetch_add(1, std::memory_order_relaxed);
+                copy->Chunks.push_back(chunk);
             }
         }
         return copy.release();
     }
 
     PListChunk* CloneChunk(const PListChunk& chunk) {
-        BodyPointer<PListChunk> copy(PListChunk::New(chunk.capacity));
-        copy->begin = copy->end = chunk.begin;
-        for (; copy->end < chunk.end; ++copy->end) {
-            const PListItem& item = *chunk.Slots()[copy->end].Get();
-            PListSlot* slot = std::construct_at(copy->Slots() + copy->end, CloneItem(item));
+        BodyPointer<PListChunk> copy(PListChunk::New(chunk.Capacity));
+        copy->Begin = copy->End = chunk.Begin;
+        for (; copy->End < chunk.End; ++copy->End) {
+            const PListItem& item = *chunk.Slots()[copy->End].Get();
+            PListSlot* slot = std::construct_at(copy->Slots() + copy->End, CloneItem(item));
             CloneBelowLater(item, *slot->Get());
         }
         return copy.release();
@@ -274,7 +274,7 @@ class Cloner {
 
     static bool IsMarked(const PListItem& item) {
         const PListShared* body = PListInside::BodyOf(item);
-        return body && body->handed_out;
+        return body && body->HandedOut;
     }
 
     // The item itself; a list whose body must be copied is left empty for now.
@@ -293,8 +293,8 @@ class Cloner {
 
 PListShared* ShareBody(PListShared* body) {
     if (!body) return nullptr;
-    if (body->handed_out) return CloneBody(*body, 0);
-    body->refs.fetch_add(1, std::memory_order_relaxed);
+    if (body->HandedOut) return CloneBody(*body, 0);
+    body->Refs.fetch_add(1, std::memory_order_relaxed);
     return body;
 }
 

@@ -33,28 +33,28 @@ struct PListExtra;  // VL_PListIndex.h
 
 /// The head of everything that is shared.
 struct PListShared {
-    explicit PListShared(BodyKind body_kind) : kind(body_kind), extra(nullptr) {}
+    explicit PListShared(BodyKind body_kind) : Kind(body_kind), Extra(nullptr) {}
     PListShared(const PListShared&) = delete;
     PListShared& operator=(const PListShared&) = delete;
 
     /// Whether the caller is the only owner; what the others did to it has then happened before.
-    bool Unique() const noexcept { return refs.load(std::memory_order_acquire) == 1; }
+    bool Unique() const noexcept { return Refs.load(std::memory_order_acquire) == 1; }
 
-    std::atomic<ui32_t> refs{1};
-    const BodyKind kind;
-    bool handed_out = false;
+    std::atomic<ui32_t> Refs{1};
+    const BodyKind Kind;
+    bool HandedOut = false;
     union {
-        PListExtra* extra;       // what only a larger dictionary has
-        PListShared* next_dead;  // once nobody owns it: the list of what is yet to be destroyed
+        PListExtra* Extra;      // what only a larger dictionary has
+        PListShared* NextDead;  // once nobody owns it: the list of what is yet to be destroyed
     };
 };
 
 /// An item made by a caller, where a stored item is expected; or nothing, where one was removed.
 class ExternalItem final : public PListItem {
   public:
-    static constexpr ItemType_t kType = static_cast<ItemType_t>(15);
+    static constexpr ItemType_t OwnType = static_cast<ItemType_t>(15);
 
-    explicit ExternalItem(PListItem* item) : PListItem(kType), m_Item(item) {}
+    explicit ExternalItem(PListItem* item) : PListItem(OwnType), m_Item(item) {}
     PListItem* Get() const noexcept { return m_Item.get(); }
     PListItem* Release() noexcept { return m_Item.release(); }
 
@@ -113,12 +113,12 @@ class PListSlot {
 
     /// Null when nothing is held.
     PListItem* Get() noexcept {
-        return Held()->HasType(ExternalItem::kType) ? As<ExternalItem>()->Get() : Held();
+        return Held()->HasType(ExternalItem::OwnType) ? As<ExternalItem>()->Get() : Held();
     }
     const PListItem* Get() const noexcept { return const_cast<PListSlot*>(this)->Get(); }
 
   private:
-    static constexpr std::size_t kSize = 32;
+    static constexpr std::size_t Room = 32;
 
     template <class T>
     T* As() noexcept {
@@ -126,26 +126,26 @@ class PListSlot {
     }
     template <class T, class... Arguments>
     void Place(Arguments&&... arguments) {
-        static_assert(sizeof(T) <= kSize && alignof(T) <= alignof(PListItem));
+        static_assert(sizeof(T) <= Room && alignof(T) <= alignof(PListItem));
         ::new (static_cast<void*>(m_Storage)) T(std::forward<Arguments>(arguments)...);
     }
     // Every kind of item has its PListItem at its start.
     PListItem* Held() noexcept { return As<PListItem>(); }
 
-    alignas(PListItem) std::byte m_Storage[kSize];
+    alignas(PListItem) std::byte m_Storage[Room];
 };
 
 /// A key and its item. A removed entry keeps its place until its block is gone; its slot holds nothing.
 struct PListEntry {
     CompactText<16> key;
-    PListSlot slot;
+    PListSlot Slot;
 };
 
 /// Entries in the order in which they were added; their addresses never change.
 struct PListBlock {
-    static constexpr std::size_t kMaxEntries = 1024;
+    static constexpr std::size_t MaxEntries = 1024;
 
-    explicit PListBlock(std::size_t room) : capacity(static_cast<ui16_t>(room)) {}
+    explicit PListBlock(std::size_t room) : Capacity(static_cast<ui16_t>(room)) {}
 
     /// A block on its own; destroyed with Delete.
     static PListBlock* New(std::size_t room);
@@ -155,23 +155,23 @@ struct PListBlock {
     PListEntry* Entries() noexcept { return std::launder(reinterpret_cast<PListEntry*>(this + 1)); }
     const PListEntry* Entries() const noexcept { return const_cast<PListBlock*>(this)->Entries(); }
 
-    PListBlock* next = nullptr;
-    PListBlock* previous = nullptr;
-    const ui16_t capacity;
-    ui16_t used = 0;  // entries constructed, removed ones included
-    ui16_t live = 0;
+    PListBlock* Next = nullptr;
+    PListBlock* Previous = nullptr;
+    const ui16_t Capacity;
+    ui16_t Used = 0;  // entries constructed, removed ones included
+    ui16_t Live = 0;
 };
 
 struct PListDictBody : PListShared {
     // Up to here a walk is faster than a hash.
-    static constexpr std::size_t kWalkLimit = 16;
+    static constexpr std::size_t WalkLimit = 16;
 
     struct Place {
-        PListBlock* block = nullptr;
-        PListEntry* entry = nullptr;  // null: not found
+        PListBlock* Block = nullptr;
+        PListEntry* Entry = nullptr;  // null: not found
     };
 
-    /// A body whose first block has room for `room` entries (at most kMaxEntries).
+    /// A body whose first block has room for `room` entries (at most MaxEntries).
     static PListDictBody* New(std::size_t room);
     static void Delete(PListDictBody* body) noexcept;
 
@@ -180,26 +180,26 @@ struct PListDictBody : PListShared {
     /// Appends an entry whose key is not yet there. What it is made of may be views into this body.
     template <class Key, class Value>
     PListEntry& Add(Key&& key, Value&& value) {
-        const bool small = !extra && first.used < std::min<std::size_t>(first.capacity, kWalkLimit);
-        PListBlock& block = small ? first : PrepareAdd();
-        void* memory = block.Entries() + block.used;
+        const bool small = !Extra && First.Used < std::min<std::size_t>(First.Capacity, WalkLimit);
+        PListBlock& block = small ? First : PrepareAdd();
+        void* memory = block.Entries() + block.Used;
         auto* entry = ::new (memory)
             PListEntry{CompactText<16>(std::forward<Key>(key)), PListSlot(std::forward<Value>(value))};
         if (!small) FinishAdd(block, entry);
-        ++block.used;
-        ++block.live;
+        ++block.Used;
+        ++block.Live;
         return *entry;
     }
     void Remove(const Place& place) noexcept;
 
-    PListBlock first;  // the last member: its entries follow
+    PListBlock First;  // the last member: its entries follow
 
   private:
-    explicit PListDictBody(std::size_t room) : PListShared(BodyKind::Dict), first(room) {}
+    explicit PListDictBody(std::size_t room) : PListShared(BodyKind::Dict), First(room) {}
     PListBlock& PrepareAdd();
     void FinishAdd(PListBlock& block, PListEntry* entry);
     PListBlock& BlockWithRoom();
-    PListExtra& Extra();
+    PListExtra& Extended();
     void BuildIndex();
     void Unlink(PListBlock* block) noexcept;
 };
@@ -212,19 +212,19 @@ struct PListChunk : PListShared {
     PListSlot* Slots() noexcept { return std::launder(reinterpret_cast<PListSlot*>(this + 1)); }
     const PListSlot* Slots() const noexcept { return const_cast<PListChunk*>(this)->Slots(); }
 
-    const ui32_t capacity;
-    ui32_t begin = 0;  // the constructed slots
-    ui32_t end = 0;
+    const ui32_t Capacity;
+    ui32_t Begin = 0;  // the constructed slots
+    ui32_t End = 0;
 
   private:
     explicit PListChunk(std::size_t room)
-        : PListShared(BodyKind::Chunk), capacity(static_cast<ui32_t>(room)) {}
+        : PListShared(BodyKind::Chunk), Capacity(static_cast<ui32_t>(room)) {}
 };
 
 /// The items stand at the positions [begin, end), which only grow; a position's chunk follows from its number
 /// alone: chunks of 4, 4, 8, 16 ... items, from position 512 on of 512 items each.
 struct PListArrayBody : PListShared {
-    static constexpr std::size_t kChunkItems = 512;
+    static constexpr std::size_t ChunkItems = 512;
 
     static std::size_t ChunkOf(ui64_t position) noexcept;
     static ui64_t ChunkStart(std::size_t chunk) noexcept;
@@ -234,16 +234,16 @@ struct PListArrayBody : PListShared {
 
     PListArrayBody() : PListShared(BodyKind::Array) {}
 
-    PListChunk*& ChunkAt(ui64_t position) noexcept { return chunks[ChunkOf(position) - first_chunk]; }
+    PListChunk*& ChunkAt(ui64_t position) noexcept { return Chunks[ChunkOf(position) - FirstChunk]; }
     PListSlot& SlotAt(ui64_t position) noexcept {
         const std::size_t chunk = ChunkOf(position);
-        return chunks[chunk - first_chunk]->Slots()[position - ChunkStart(chunk)];
+        return Chunks[chunk - FirstChunk]->Slots()[position - ChunkStart(chunk)];
     }
 
-    ui64_t begin = 0;
-    ui64_t end = 0;
-    std::size_t first_chunk = 0;      // the number of chunks[0]
-    std::vector<PListChunk*> chunks;  // one share each; null in front where the items are gone
+    ui64_t Begin = 0;
+    ui64_t End = 0;
+    std::size_t FirstChunk = 0;       // the number of chunks[0]
+    std::vector<PListChunk*> Chunks;  // one share each; null in front where the items are gone
 };
 
 /// Appends to the array with the handle `handle`; `handed_out` where a caller holds the item, to change it.

@@ -53,9 +53,9 @@ bool EqualsIgnoringCase(std::string_view text, std::string_view lower) {
 // The limits as reals: the lower one is exact, and so is the upper one plus 1, for 32 and for 64 bits.
 template <class T>
 bool CutToInteger(double real, T& value) {
-    constexpr double lowest = static_cast<double>(std::numeric_limits<T>::min());
+    constexpr double Lowest = static_cast<double>(std::numeric_limits<T>::min());
     const double cut = std::trunc(real);
-    if (!(cut >= lowest && cut < -lowest)) return false;
+    if (!(cut >= Lowest && cut < -Lowest)) return false;
     value = static_cast<T>(cut);
     return true;
 }

@@ -6,7 +6,7 @@ namespace Velmora {
 
 namespace {
 
-constexpr std::size_t kFirstEntries = 4;
+constexpr std::size_t FirstEntries = 4;
 
 PListDictBody* Share(PListDictBody* body) {
     return static_cast<PListDictBody*>(ShareBody(body));
@@ -30,9 +30,9 @@ class ReplacedBody {
 /// Makes `body` one that nobody else owns.
 PListDictBody& MakeOwn(PListDictBody*& body, ReplacedBody& replaced) {
     if (!body) {
-        body = PListDictBody::New(kFirstEntries);
+        body = PListDictBody::New(FirstEntries);
     } else if (!body->Unique()) {
-        const std::size_t spare = std::max(kFirstEntries / 2, body->Size() / 4);
+        const std::size_t spare = std::max(FirstEntries / 2, body->Size() / 4);
         auto* own = static_cast<PListDictBody*>(CloneBody(*body, spare));
         replaced.Keep(std::exchange(body, own));
     }
@@ -44,9 +44,9 @@ template <class Value>
 void Store(PListDictBody*& body, std::string_view key, Value&& value) {
     ReplacedBody replaced;
     PListDictBody& own = MakeOwn(body, replaced);
-    if (PListEntry* entry = own.Find(key).entry) {
+    if (PListEntry* entry = own.Find(key).Entry) {
         // The old item is destroyed when the new one is in its place.
-        const PListSlot old = std::exchange(entry->slot, PListSlot(std::forward<Value>(value)));
+        const PListSlot old = std::exchange(entry->Slot, PListSlot(std::forward<Value>(value)));
     } else {
         own.Add(key, std::forward<Value>(value));
     }
@@ -89,16 +89,16 @@ void PListDict::Copy(const PListDict& other) {
 }
 
 const PListItem* PListDict::GetItem(std::string_view key) const {
-    const PListEntry* entry = m_Body ? m_Body->Find(key).entry : nullptr;
-    return entry ? entry->slot.Get() : nullptr;
+    const PListEntry* entry = m_Body ? m_Body->Find(key).Entry : nullptr;
+    return entry ? entry->Slot.Get() : nullptr;
 }
 
 PListItem* PListDict::GetItem(std::string_view key) {
     if (!HasItem(key)) return nullptr;
     ReplacedBody replaced;
     PListDictBody& own = MakeOwn(m_Body, replaced);
-    own.handed_out = true;
-    return own.Find(key).entry->slot.Get();
+    own.HandedOut = true;
+    return own.Find(key).Entry->Slot.Get();
 }
 
 const PListData& PListDict::GetData(std::string_view key) const {
@@ -122,7 +122,7 @@ void PListDict::SetItem(std::string_view key, PListItem* item) {
         DeleteItem(key);
     } else if (std::as_const(*this).GetItem(key) != item) {
         Store(m_Body, key, PListSlot(item));
-        m_Body->handed_out = true;
+        m_Body->HandedOut = true;
     }
 }
 
@@ -157,7 +157,7 @@ void PListDict::DeleteItem(std::string_view key) {
 }
 
 bool PListDict::HasItem(std::string_view key) const {
-    return m_Body && m_Body->Find(key).entry;
+    return m_Body && m_Body->Find(key).Entry;
 }
 std::size_t PListDict::Size() const {
     return m_Body ? m_Body->Size() : 0;
@@ -167,7 +167,7 @@ void PListDict::Clear() {
 }
 
 PListDict::const_iterator PListDict::begin() const {
-    return m_Body ? const_iterator(&m_Body->first, 0) : const_iterator();
+    return m_Body ? const_iterator(&m_Body->First, 0) : const_iterator();
 }
 
 PListDict::const_iterator::const_iterator(const PListBlock* block, Mirel::ui32_t index)
@@ -177,7 +177,7 @@ PListDict::const_iterator::const_iterator(const PListBlock* block, Mirel::ui32_t
 
 PListDict::Entry PListDict::const_iterator::operator*() const {
     const PListEntry& entry = m_Block->Entries()[m_Index];
-    return {entry.key.View(), *entry.slot.Get()};
+    return {entry.key.View(), *entry.Slot.Get()};
 }
 
 PListDict::const_iterator& PListDict::const_iterator::operator++() {
@@ -188,10 +188,10 @@ PListDict::const_iterator& PListDict::const_iterator::operator++() {
 
 void PListDict::const_iterator::SkipRemoved() {
     while (m_Block) {
-        if (m_Index == m_Block->used) {
-            m_Block = m_Block->next;
+        if (m_Index == m_Block->Used) {
+            m_Block = m_Block->Next;
             m_Index = 0;
-        } else if (!m_Block->Entries()[m_Index].slot.Get()) {
+        } else if (!m_Block->Entries()[m_Index].Slot.Get()) {
             ++m_Index;
         } else {
             break;

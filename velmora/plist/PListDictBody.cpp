@@ -7,101 +7,101 @@ namespace Velmora {
 
 namespace {
 
-constexpr std::size_t kSecondBlock = 8;
+constexpr std::size_t SecondBlock = 8;
 
 }  // namespace
 
 std::size_t PListDictBody::Size() const noexcept {
-    return extra ? extra->live : first.live;
+    return Extra ? Extra->Live : First.Live;
 }
 
 PListDictBody::Place PListDictBody::Find(std::string_view key) const noexcept {
-    if (extra && extra->indexed) {
-        const auto found = extra->index.find(key);
-        return found == extra->index.end() ? Place{} : found->place;
+    if (Extra && Extra->Indexed) {
+        const auto found = Extra->Index.find(key);
+        return found == Extra->Index.end() ? Place{} : found->Place;
     }
-    for (auto* block = const_cast<PListBlock*>(&first); block; block = block->next) {
+    for (auto* block = const_cast<PListBlock*>(&First); block; block = block->Next) {
         PListEntry* entry = block->Entries();
-        for (PListEntry* end = entry + block->used; entry != end; ++entry) {
-            if (entry->key.View() == key && entry->slot.Get()) return {block, entry};
+        for (PListEntry* end = entry + block->Used; entry != end; ++entry) {
+            if (entry->key.View() == key && entry->Slot.Get()) return {block, entry};
         }
     }
     return {};
 }
 
-PListExtra& PListDictBody::Extra() {
-    if (!extra) extra = new PListExtra(&first);
-    return *extra;
+PListExtra& PListDictBody::Extended() {
+    if (!Extra) Extra = new PListExtra(&First);
+    return *Extra;
 }
 
 PListBlock& PListDictBody::BlockWithRoom() {
-    PListBlock* last = extra ? extra->last : &first;
-    if (last->used < last->capacity) return *last;
-    PListBlock* added = PListBlock::New(std::clamp(Size(), kSecondBlock, PListBlock::kMaxEntries));
+    PListBlock* last = Extra ? Extra->Last : &First;
+    if (last->Used < last->Capacity) return *last;
+    PListBlock* added = PListBlock::New(std::clamp(Size(), SecondBlock, PListBlock::MaxEntries));
     try {
-        Extra().last = added;
+        Extended().Last = added;
     } catch (...) {
         PListBlock::Delete(added);
         throw;
     }
-    added->previous = last;
-    last->next = added;
+    added->Previous = last;
+    last->Next = added;
     return *added;
 }
 
 void PListDictBody::BuildIndex() {
-    extra->index.clear();
-    extra->index.reserve(2 * kWalkLimit);
-    for (PListBlock* block = &first; block; block = block->next) {
-        for (PListEntry* entry = block->Entries(); entry != block->Entries() + block->used; ++entry) {
-            if (entry->slot.Get()) extra->Insert(block, entry);
+    Extra->Index.clear();
+    Extra->Index.reserve(2 * WalkLimit);
+    for (PListBlock* block = &First; block; block = block->Next) {
+        for (PListEntry* entry = block->Entries(); entry != block->Entries() + block->Used; ++entry) {
+            if (entry->Slot.Get()) Extra->Insert(block, entry);
         }
     }
-    extra->indexed = true;
+    Extra->Indexed = true;
 }
 
 PListBlock& PListDictBody::PrepareAdd() {
     PListBlock& block = BlockWithRoom();
-    if (Size() >= kWalkLimit && !Extra().indexed) BuildIndex();
+    if (Size() >= WalkLimit && !Extended().Indexed) BuildIndex();
     return block;
 }
 
 void PListDictBody::FinishAdd(PListBlock& block, PListEntry* entry) {
-    if (extra && extra->indexed) {
+    if (Extra && Extra->Indexed) {
         try {
-            extra->Insert(&block, entry);
+            Extra->Insert(&block, entry);
         } catch (...) {
             std::destroy_at(entry);
             throw;
         }
     }
-    if (extra) ++extra->live;
+    if (Extra) ++Extra->Live;
 }
 
 void PListDictBody::Remove(const Place& place) noexcept {
     auto [block, entry] = place;
-    if (extra) {
-        if (extra->indexed) extra->index.erase(extra->index.find(entry->key.View()));
-        --extra->live;
+    if (Extra) {
+        if (Extra->Indexed) Extra->Index.erase(Extra->Index.find(entry->key.View()));
+        --Extra->Live;
     }
-    --block->live;
+    --block->Live;
     // Emptied first and destroyed last: the item may be large, and it may hold the text that is this key.
-    const PListSlot removed = std::exchange(entry->slot, PListSlot());
+    const PListSlot removed = std::exchange(entry->Slot, PListSlot());
     entry->key = {};
-    if (!block->next) {
-        while (block->used > 0 && !block->Entries()[block->used - 1].slot.Get()) {
-            std::destroy_at(block->Entries() + --block->used);
+    if (!block->Next) {
+        while (block->Used > 0 && !block->Entries()[block->Used - 1].Slot.Get()) {
+            std::destroy_at(block->Entries() + --block->Used);
         }
     }
-    if (block->live == 0 && block != &first) Unlink(block);
+    if (block->Live == 0 && block != &First) Unlink(block);
 }
 
 void PListDictBody::Unlink(PListBlock* block) noexcept {
-    block->previous->next = block->next;
-    if (block->next) {
-        block->next->previous = block->previous;
+    block->Previous->Next = block->Next;
+    if (block->Next) {
+        block->Next->Previous = block->Previous;
     } else {
-        extra->last = block->previous;
+        Extra->Last = block->Previous;
     }
     PListBlock::Delete(block);
 }

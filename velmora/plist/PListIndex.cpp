@@ -13,19 +13,19 @@ struct Secret {
     Secret() {
         Mirel::byte_t bytes[16];
         Mirel::GenRandomBytes(bytes, sizeof(bytes));
-        std::memcpy(&low, bytes, 8);
-        std::memcpy(&high, bytes + 8, 8);
+        std::memcpy(&Low, bytes, 8);
+        std::memcpy(&High, bytes + 8, 8);
     }
-    ui64_t low;
-    ui64_t high;
+    ui64_t Low;
+    ui64_t High;
 };
 
 // SipHash: short inputs at a speed close to that of hashes which an attacker can steer.
 class SipHash {
   public:
     explicit SipHash(const Secret& secret)
-        : m_V{secret.low ^ 0x736f6d6570736575, secret.high ^ 0x646f72616e646f6d,
-              secret.low ^ 0x6c7967656e657261, secret.high ^ 0x7465646279746573} {}
+        : m_V{secret.Low ^ 0x736f6d6570736575, secret.High ^ 0x646f72616e646f6d,
+              secret.Low ^ 0x6c7967656e657261, secret.High ^ 0x7465646279746573} {}
 
     void Add(ui64_t word) {
         m_V[3] ^= word;

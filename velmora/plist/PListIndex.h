@@ -14,41 +14,41 @@ std::size_t HashKey(std::string_view key) noexcept;
 
 /// An entry with its hash, so that a growing index need not visit the keys.
 struct PListIndexed {
-    std::size_t hash;
-    PListDictBody::Place place;
+    std::size_t Hash;
+    PListDictBody::Place Place;
 };
 
 struct PListIndexHash {
     using is_transparent = void;
     using is_avalanching = void;
     std::size_t operator()(std::string_view key) const noexcept { return HashKey(key); }
-    std::size_t operator()(const PListIndexed& indexed) const noexcept { return indexed.hash; }
+    std::size_t operator()(const PListIndexed& indexed) const noexcept { return indexed.Hash; }
 };
 
 struct PListIndexEqual {
     using is_transparent = void;
     bool operator()(const PListIndexed& lhs, const PListIndexed& rhs) const noexcept {
-        return lhs.place.entry == rhs.place.entry;
+        return lhs.Place.Entry == rhs.Place.Entry;
     }
     bool operator()(std::string_view key, const PListIndexed& indexed) const noexcept {
-        return key == indexed.place.entry->key.View();
+        return key == indexed.Place.Entry->key.View();
     }
     bool operator()(const PListIndexed& indexed, std::string_view key) const noexcept {
-        return key == indexed.place.entry->key.View();
+        return key == indexed.Place.Entry->key.View();
     }
 };
 
 /// What a dictionary has beyond its first block.
 struct PListExtra {
-    explicit PListExtra(PListBlock* first) : last(first), live(first->live) {}
+    explicit PListExtra(PListBlock* first) : Last(first), Live(first->Live) {}
 
-    PListBlock* last;
-    std::size_t live;
-    bool indexed = false;  // stays true once set
-    boost::unordered_flat_set<PListIndexed, PListIndexHash, PListIndexEqual> index;
+    PListBlock* Last;
+    std::size_t Live;
+    bool Indexed = false;  // stays true once set
+    boost::unordered_flat_set<PListIndexed, PListIndexHash, PListIndexEqual> Index;
 
     void Insert(PListBlock* block, PListEntry* entry) {
-        index.insert({HashKey(entry->key.View()), {block, entry}});
+        Index.insert({HashKey(entry->key.View()), {block, entry}});
     }
 };
 

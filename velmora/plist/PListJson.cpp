@@ -24,22 +24,22 @@ constexpr std::array<bool, 256> PlainBytes() {
     for (std::size_t i = 0x20; i < 0x80; ++i) plain[i] = i != '"' && i != '\\';
     return plain;
 }
-constexpr std::array<bool, 256> kPlain = PlainBytes();
+constexpr std::array<bool, 256> KPlain = PlainBytes();
 
 // How many bytes at the front stand for themselves. Looks at eight bytes at a time while there are as many.
 std::size_t PlainPrefix(std::string_view text) {
-    constexpr ui64_t ones = 0x0101010101010101;
-    constexpr ui64_t tops = 0x8080808080808080;
+    constexpr ui64_t Ones = 0x0101010101010101;
+    constexpr ui64_t Tops = 0x8080808080808080;
     std::size_t at = 0;
     for (; at + 8 <= text.size(); at += 8) {
         ui64_t word;
         std::memcpy(&word, text.data() + at, 8);
-        const ui64_t quote = word ^ (ones * '"');
-        const ui64_t backslash = word ^ (ones * '\\');
+        const ui64_t quote = word ^ (Ones * '"');
+        const ui64_t backslash = word ^ (Ones * '\\');
         // A top bit for a byte below 0x20, equal to one of the two, or above 0x7F.
-        if (((word - ones * 0x20) | (quote - ones) | (backslash - ones) | word) & tops) break;
+        if (((word - Ones * 0x20) | (quote - Ones) | (backslash - Ones) | word) & Tops) break;
     }
-    while (at < text.size() && kPlain[static_cast<byte_t>(text[at])]) ++at;
+    while (at < text.size() && KPlain[static_cast<byte_t>(text[at])]) ++at;
     return at;
 }
 
@@ -126,18 +126,18 @@ class JSONWriter {
     }
 
     void Escape(char c) {
-        constexpr std::string_view named = "\"\\\b\f\n\r\t";
-        constexpr std::string_view names = "\"\\bfnrt";
+        constexpr std::string_view Named = "\"\\\b\f\n\r\t";
+        constexpr std::string_view Names = "\"\\bfnrt";
         m_Out.Put('\\');
-        if (const std::size_t at = named.find(c); at != named.npos) return m_Out.Put(names[at]);
+        if (const std::size_t at = Named.find(c); at != Named.npos) return m_Out.Put(Names[at]);
         m_Out.Put("u00");
         Hex(c);
     }
 
     void Hex(char c) {
-        constexpr std::string_view digits = "0123456789abcdef";
-        m_Out.Put(digits[static_cast<byte_t>(c) >> 4]);
-        m_Out.Put(digits[static_cast<byte_t>(c) & 15]);
+        constexpr std::string_view Digits = "0123456789abcdef";
+        m_Out.Put(Digits[static_cast<byte_t>(c) >> 4]);
+        m_Out.Put(Digits[static_cast<byte_t>(c) & 15]);
     }
 
     TextOutput m_Out;

@@ -57,12 +57,12 @@ namespace Velmora {
 
 namespace {
 
-constexpr unsigned kParseFlags = rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag |
-                                 rapidjson::kParseNumbersAsStringsFlag;
+constexpr unsigned ParseFlags = rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag |
+                                rapidjson::kParseNumbersAsStringsFlag;
 
 struct Refusal {
-    std::string reason;
-    std::size_t offset;
+    std::string Reason;
+    std::size_t Offset;
 };
 
 // Where half of a surrogate pair stands, which the reader lets pass when it is the second half: three bytes
@@ -128,8 +128,8 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
     /// Numbers are taken from `json`, whatever the stream has in their place.
     TreeBuilder(BoundedStream& stream, std::string_view json, std::size_t max_depth)
         : m_Stream(stream), m_JSON(json), m_MaxDepth(max_depth) {
-        m_Entries.reserve(kUsualEntries);
-        m_Levels.reserve(kUsualLevels);
+        m_Entries.reserve(KUsualEntries);
+        m_Levels.reserve(KUsualLevels);
     }
 
     bool Null() { return Add(PListSlot(PListData(IT_NULL, {}))); }
@@ -153,13 +153,13 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
     bool EndObject(rapidjson::SizeType) {
         PListSlot slot(IT_DICT);
         PListDictBody*& body = PListInside::Body(static_cast<PListDict&>(*slot.Get()));
-        const std::size_t first = m_Levels.back().first_entry;
+        const std::size_t first = m_Levels.back().FirstEntry;
         const std::size_t count = m_Entries.size() - first;
-        if (count > 0) body = PListDictBody::New(std::min(count, PListBlock::kMaxEntries));
+        if (count > 0) body = PListDictBody::New(std::min(count, PListBlock::MaxEntries));
         for (std::size_t i = first; i < m_Entries.size(); ++i) {
             auto& [entry, key_offset] = m_Entries[i];
-            if (body->Find(entry.key.View()).entry) return RefuseDuplicate(entry.key.View(), key_offset);
-            body->Add(std::move(entry.key), std::move(entry.slot));
+            if (body->Find(entry.key.View()).Entry) return RefuseDuplicate(entry.key.View(), key_offset);
+            body->Add(std::move(entry.key), std::move(entry.Slot));
         }
         Close();
         return Add(std::move(slot));
@@ -168,8 +168,8 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
     bool EndArray(rapidjson::SizeType) {
         PListSlot slot(IT_ARRAY);
         PListArrayBody*& body = PListInside::Body(static_cast<PListArray&>(*slot.Get()));
-        for (std::size_t i = m_Levels.back().first_entry; i < m_Entries.size(); ++i) {
-            AppendSlot(body, std::move(m_Entries[i].entry.slot), false);
+        for (std::size_t i = m_Levels.back().FirstEntry; i < m_Entries.size(); ++i) {
+            AppendSlot(body, std::move(m_Entries[i].Entry.Slot), false);
         }
         Close();
         return Add(std::move(slot));
@@ -180,16 +180,16 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
 
   private:
     struct OpenEntry {
-        PListEntry entry;
+        PListEntry Entry;
         std::size_t key_offset;  // of items without a key 0
     };
     struct Level {
-        bool dict;
-        std::size_t first_entry;
+        bool Dict;
+        std::size_t FirstEntry;
     };
     // A posting's data has no more of them, and needs these stacks once.
-    static constexpr std::size_t kUsualEntries = 16;
-    static constexpr std::size_t kUsualLevels = 4;
+    static constexpr std::size_t KUsualEntries = 16;
+    static constexpr std::size_t KUsualLevels = 4;
 
     bool Open(bool dict) {
         if (m_Levels.size() == m_MaxDepth) {
@@ -202,15 +202,15 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
 
     void Close() {
         const Level& level = m_Levels.back();
-        m_Entries.erase(m_Entries.begin() + static_cast<std::ptrdiff_t>(level.first_entry), m_Entries.end());
+        m_Entries.erase(m_Entries.begin() + static_cast<std::ptrdiff_t>(level.FirstEntry), m_Entries.end());
         m_Levels.pop_back();
     }
 
     bool Add(PListSlot&& slot) {
         if (m_Levels.empty()) {
             m_Root = std::move(slot);
-        } else if (m_Levels.back().dict) {
-            m_Entries.back().entry.slot = std::move(slot);
+        } else if (m_Levels.back().Dict) {
+            m_Entries.back().Entry.Slot = std::move(slot);
         } else {
             m_Entries.push_back({{{}, std::move(slot)}, 0});
         }
@@ -260,7 +260,7 @@ std::unique_ptr<PListItem> ReadShown(const std::string& shown, const std::string
     BoundedStream stream(shown);
     TreeBuilder builder(stream, json, max_depth);
     ThrowingAllocator allocator;  // the reader makes one with new otherwise
-    const rapidjson::ParseResult result = JSONReader(&allocator).Parse<kParseFlags>(stream, builder);
+    const rapidjson::ParseResult result = JSONReader(&allocator).Parse<ParseFlags>(stream, builder);
     too_big = result.Code() == rapidjson::kParseErrorNumberTooBig;
     if (builder.Refused()) {
         refusal = builder.Refused();
@@ -293,8 +293,8 @@ std::unique_ptr<PListItem> PListItem::CreateFromJSON(const std::string& json, Re
     std::optional<Refusal> refusal;
     std::unique_ptr<PListItem> item = Read(json, max_depth, refusal);
     if (why) {
-        *why = refusal ? Mirel::RESULT_FORMAT.WithMessage(refusal->reason + " at byte " +
-                                                          std::to_string(refusal->offset) + ".")
+        *why = refusal ? Mirel::RESULT_FORMAT.WithMessage(refusal->Reason + " at byte " +
+                                                          std::to_string(refusal->Offset) + ".")
                        : Mirel::RESULT_OK;
     }
     return item;

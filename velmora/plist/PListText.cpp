@@ -10,10 +10,10 @@ namespace Velmora {
 namespace {
 
 struct SharedText {
-    std::atomic<Mirel::ui32_t> refs{1};
-    Mirel::ui32_t size;  // the bytes follow
+    std::atomic<Mirel::ui32_t> Refs{1};
+    Mirel::ui32_t Size;  // the bytes follow
 
-    explicit SharedText(std::size_t length) : size(static_cast<Mirel::ui32_t>(length)) {}
+    explicit SharedText(std::size_t length) : Size(static_cast<Mirel::ui32_t>(length)) {}
     char* Bytes() noexcept { return reinterpret_cast<char*>(this + 1); }
 };
 
@@ -30,14 +30,14 @@ void* NewSharedText(std::string_view text) {
 }
 
 void RetainSharedText(void* text) noexcept {
-    static_cast<SharedText*>(text)->refs.fetch_add(1, std::memory_order_relaxed);
+    static_cast<SharedText*>(text)->Refs.fetch_add(1, std::memory_order_relaxed);
 }
 
 void ReleaseSharedText(void* text) noexcept {
     auto* shared = static_cast<SharedText*>(text);
     // The only owner needs no exchange between processors.
-    if (shared->refs.load(std::memory_order_acquire) != 1 &&
-        shared->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+    if (shared->Refs.load(std::memory_order_acquire) != 1 &&
+        shared->Refs.fetch_sub(1, std::memory_order_acq_rel) != 1) {
         return;
     }
     shared->~SharedText();
@@ -46,7 +46,7 @@ void ReleaseSharedText(void* text) noexcept {
 
 std::string_view ViewSharedText(const void* text) noexcept {
     auto* shared = static_cast<SharedText*>(const_cast<void*>(text));
-    return {shared->Bytes(), shared->size};
+    return {shared->Bytes(), shared->Size};
 }
 
 }  // namespace Velmora

@@ -42,7 +42,7 @@ class XMLWriter {
         m_Out.Put('>');
         while (!text.empty()) {
             const auto [size, valid] = ReadUtf8(text);
-            m_Out.Put(valid ? Character(text.substr(0, size)) : kReplacementCharacter);
+            m_Out.Put(valid ? Character(text.substr(0, size)) : ReplacementCharacter);
             text.remove_prefix(size);
         }
         m_Out.Put("</");
@@ -68,7 +68,7 @@ class XMLWriter {
         }
         const bool control = static_cast<byte_t>(character[0]) < 0x20;
         const bool nothing = character == "\xEF\xBF\xBE" || character == "\xEF\xBF\xBF";  // U+FFFE, U+FFFF
-        return control || nothing ? kReplacementCharacter : character;
+        return control || nothing ? ReplacementCharacter : character;
     }
 
     TextOutput m_Out;

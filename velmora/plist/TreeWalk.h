@@ -44,15 +44,15 @@ class TextOutput {
 
 /// What stands at the front of a text, which must not be empty.
 struct Utf8Lead {
-    std::size_t size;  // bytes of the character, or of what to replace
-    bool valid;
+    std::size_t Size;  // bytes of the character, or of what to replace
+    bool Valid;
 };
 Utf8Lead ReadUtf8(std::string_view text) noexcept;
 
 /// Whether `text` is a number as JSON writes it: -? int frac? exp?
 bool IsJSONNumber(std::string_view text) noexcept;
 
-inline constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
+inline constexpr std::string_view ReplacementCharacter = "\xEF\xBF\xBD";
 
 /// Shows a tree to a writer, which has Open(type) and Close(type) for lists, Entry() in front of each item of
 /// a list, Key(key) behind it in a dictionary, and Scalar(data).
@@ -68,9 +68,9 @@ class TreeWalk {
 
   private:
     struct List {
-        const PListBlock* block;  // a dictionary's, null at its end
-        PListArrayBody* array;    // null for a dictionary
-        ui64_t at;
+        const PListBlock* Block;  // a dictionary's, null at its end
+        PListArrayBody* Array;    // null for a dictionary
+        ui64_t At;
     };
 
     void Visit(const PListItem& item) {
@@ -84,16 +84,16 @@ class TreeWalk {
         if (!body) {
             m_Writer.Close(type);
         } else if (type == IT_DICT) {
-            m_Lists.push_back({&static_cast<PListDictBody*>(body)->first, nullptr, 0});
+            m_Lists.push_back({&static_cast<PListDictBody*>(body)->First, nullptr, 0});
         } else {
             auto* array = static_cast<PListArrayBody*>(body);
-            m_Lists.push_back({nullptr, array, array->begin});
+            m_Lists.push_back({nullptr, array, array->Begin});
         }
     }
 
     void Step() {
         List& list = m_Lists.back();
-        if (list.array) {
+        if (list.Array) {
             StepArray(list);
         } else {
             StepDict(list);
@@ -101,19 +101,19 @@ class TreeWalk {
     }
 
     void StepArray(List& list) {
-        if (list.at == list.array->end) return Leave(IT_ARRAY);
+        if (list.At == list.Array->End) return Leave(IT_ARRAY);
         m_Writer.Entry();
-        Visit(*list.array->SlotAt(list.at++).Get());
+        Visit(*list.Array->SlotAt(list.At++).Get());
     }
 
     void StepDict(List& list) {
-        while (list.block && list.at == list.block->used) {
-            list.block = list.block->next;
-            list.at = 0;
+        while (list.Block && list.At == list.Block->Used) {
+            list.Block = list.Block->Next;
+            list.At = 0;
         }
-        if (!list.block) return Leave(IT_DICT);
-        const PListEntry& entry = list.block->Entries()[list.at++];
-        const PListItem* item = entry.slot.Get();
+        if (!list.Block) return Leave(IT_DICT);
+        const PListEntry& entry = list.Block->Entries()[list.At++];
+        const PListItem* item = entry.Slot.Get();
         if (!item) return;
         m_Writer.Entry();
         m_Writer.Key(entry.key.View());

@@ -216,7 +216,7 @@ PythonContextLock::~PythonContextLock() {
 
 namespace {
 
-constexpr std::size_t MAX_NESTING = 1000;
+constexpr std::size_t DeepestNesting = 1000;
 
 /// An integer of any size; text that is none is 0.
 PyObject* NewInteger(const PListData& data) {
@@ -282,9 +282,9 @@ class TreeConverter {
 
   private:
     struct Pending {
-        PyRef object;  // its own reference: keys that turn equal replace one another's values
+        PyRef Object;  // its own reference: keys that turn equal replace one another's values
         const PListItem* item;
-        std::size_t level;
+        std::size_t Level;
     };
 
     /// A scalar, or an empty container that is noted to be filled.
@@ -292,7 +292,7 @@ class TreeConverter {
         const bool is_dict = item.HasType(Velmora::IT_DICT);
         if (!is_dict && !item.HasType(Velmora::IT_ARRAY))
             return NewScalar(static_cast<const PListData&>(item));
-        if (level > MAX_NESTING) {
+        if (level > DeepestNesting) {
             PyErr_SetString(PyExc_ValueError, "property list is nested too deeply");
             return nullptr;
         }
@@ -305,10 +305,10 @@ class TreeConverter {
 
     bool Fill(const Pending& pending) {
         return pending.item->HasType(Velmora::IT_DICT)
-                   ? FillDict(pending.object.get(), static_cast<const PListDict&>(*pending.item),
-                              pending.level)
-                   : FillList(pending.object.get(), static_cast<const PListArray&>(*pending.item),
-                              pending.level);
+                   ? FillDict(pending.Object.get(), static_cast<const PListDict&>(*pending.item),
+                              pending.Level)
+                   : FillList(pending.Object.get(), static_cast<const PListArray&>(*pending.item),
+                              pending.Level);
     }
 
     bool FillDict(PyObject* object, const PListDict& dict, std::size_t level) {
@@ -342,9 +342,9 @@ PyObject* PyObject_FromPListItem(const PListItem& item) {
 namespace {
 
 struct Exception {
-    PyRef type;
-    PyRef value;
-    PyRef traceback;
+    PyRef Type;
+    PyRef Value;
+    PyRef Traceback;
 };
 
 /// Takes the pending exception; all null when there is none.
@@ -378,7 +378,7 @@ std::string FormatWithTraceback(const Exception& exception) {
     const PyRef format(module ? PyObject_GetAttrString(module.get(), "format_exception") : nullptr);
     if (!format) return {};
     const PyRef lines(PyObject_CallFunctionObjArgs(
-        format.get(), exception.type.get(), or_none(exception.value), or_none(exception.traceback), nullptr));
+        format.get(), exception.Type.get(), or_none(exception.Value), or_none(exception.Traceback), nullptr));
     const PyRef nothing(NativeText(""));
     if (!lines || !nothing) return {};
     static char join[] = "join";
@@ -390,10 +390,10 @@ std::string FormatWithTraceback(const Exception& exception) {
 /// Type and message, as far as they can be had: for exceptions that fail to describe themselves.
 std::string FormatPlainly(const Exception& exception) {
     PyErr_Clear();
-    std::string text = PyExceptionClass_Check(exception.type.get())
-                           ? PyExceptionClass_Name(exception.type.get())
+    std::string text = PyExceptionClass_Check(exception.Type.get())
+                           ? PyExceptionClass_Name(exception.Type.get())
                            : "Unknown Python exception";
-    const PyRef message(exception.value ? PyObject_Str(exception.value.get()) : nullptr);
+    const PyRef message(exception.Value ? PyObject_Str(exception.Value.get()) : nullptr);
     if (message) text += ": " + TextOf(message.get());
     return text;
 }
@@ -436,7 +436,7 @@ void WriteLog(LogType_t level, const char* text) {
 // PyErr_Print is not for this: it would end the process on SystemExit.
 void mr_log_python_exception(const LogType_t& level) {
     const Exception exception = TakeException();
-    if (!exception.type || !DefaultLogSink().Logs(level)) return;
+    if (!exception.Type || !DefaultLogSink().Logs(level)) return;
     std::string text = FormatWithTraceback(exception);
     if (text.empty()) text = FormatPlainly(exception);
     PyErr_Clear();
