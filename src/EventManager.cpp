@@ -79,6 +79,15 @@ std::string id_text(const UUID& id) {
     return Mirel::bin2UUIDhex(id.Value(), UUID::Size, buf, TextBufferSize);
 }
 
+/// 16 hexadecimal digits.
+std::string random_text() {
+    UUID id;
+    GenRandomValue(id);
+    std::string text = id_text(id);
+    std::erase(text, '-');
+    return text.substr(0, 16);
+}
+
 std::string time_text(const Timestamp& time) {
     char buf[TextBufferSize];
     return time.EncodeString(buf, TextBufferSize);
@@ -170,6 +179,7 @@ EventQueue::EventQueue(ui32_t timeout_ms)
       m_MaxWatches(DefaultMaxWatches),
       m_WsManager(timeout_ms),
       m_RunOK(true) {
+    BeginEpoch(random_text(), 0);
     InitPython();
 }
 
@@ -543,15 +553,81 @@ void EventQueue::GetEventHistory(PListDict& history) const {
     history.SetItem(Strings::history, records.release());
 }
 
-void EventQueue::AppendHistory(const PListDict& event_data) {
+/// What LastPostingOfThread() answers. The epoch's text is written only where it is another one.
+static thread_local PostingId t_last_posting;
+
+/// All that may fail comes before the record is appended: a posting has its number, or there is none.
+void EventQueue::AppendHistory(const PListDict& event_data, ui64_t number) {
     const std::string_view timestamp = event_data.GetData(Strings::timestamp).TextView();
     AutoMutex lock(m_HistoryLock);
+    if (t_last_posting.Epoch != m_Epoch) t_last_posting.Epoch = m_Epoch;
+    if (number == 0) number = m_LastNumber + 1;
+    if (m_Numbers.empty() || m_Numbers.back().First + m_Numbers.back().Count != number)
+        m_Numbers.push_back({number, 0});
     m_EventHistory.Append(event_data);
+    ++m_Numbers.back().Count;
+    t_last_posting.Number = m_LastNumber = number;
     if (m_HistoryRuns.empty() || m_HistoryRuns.back().timestamp != timestamp) {
         m_HistoryRuns.push_back({std::string(timestamp), 0});
     }
     ++m_HistoryRuns.back().count;
     ++m_HistoryIndexed;
+}
+
+void EventQueue::BeginEpoch(const std::string& epoch, ui64_t before) {
+    AutoMutex lock(m_HistoryLock);
+    m_Epoch = epoch;
+    m_Numbers.clear();
+    m_LastNumber = m_ForgottenNumber = before;
+}
+
+/// Records have left at the front: what is numbered is no more than what is there.
+void EventQueue::ForgetLeftNumbers() {
+    std::size_t numbered = 0;
+    for (const NumberRun& run : m_Numbers) numbered += run.Count;
+    std::size_t count = numbered - std::min(numbered, m_EventHistory.Size());
+    while (count > 0 && !m_Numbers.empty()) {
+        NumberRun& run = m_Numbers.front();
+        const std::size_t leaving = std::min(count, run.Count);
+        run.First += leaving;
+        run.Count -= leaving;
+        count -= leaving;
+        m_ForgottenNumber = run.First - 1;
+        if (run.Count == 0) m_Numbers.pop_front();
+    }
+}
+
+/// How many of the last records have a number above this one.
+std::size_t EventQueue::CountAfter(ui64_t number) const {
+    std::size_t after = 0;
+    for (auto run = m_Numbers.rbegin(); run != m_Numbers.rend() && run->First + run->Count - 1 > number;
+         ++run)
+        after += number < run->First ? run->Count : run->First + run->Count - 1 - number;
+    return after;
+}
+
+HistoryReading EventQueue::ReadHistory(const PostingId* after) const {
+    HistoryReading reading;
+    AutoMutex lock(m_HistoryLock);
+    reading.Records = m_EventHistory;
+    reading.Last = {m_Epoch, m_LastNumber};
+    reading.Numbers.assign(m_Numbers.begin(), m_Numbers.end());
+    if (after == nullptr) return reading;
+    const bool of_epoch = after->Epoch == m_Epoch;
+    reading.Gap = !of_epoch || after->Number < m_ForgottenNumber;
+    if (!of_epoch) return reading;
+    const std::size_t size = m_EventHistory.Size();
+    reading.Begin = size - std::min(size, CountAfter(after->Number));
+    return reading;
+}
+
+PostingId HistoryReading::IdAt(std::size_t index) const {
+    std::size_t behind = Records.Size() - index;  // the record, and those after it
+    for (auto run = Numbers.rbegin(); run != Numbers.rend(); ++run) {
+        if (behind <= run->Count) return {Last.Epoch, run->First + run->Count - behind};
+        behind -= run->Count;
+    }
+    return {Last.Epoch, 0};
 }
 
 static std::string_view record_time(const PListItem& record) {
@@ -595,6 +671,7 @@ void EventQueue::TrimHistory() {
     }
     if (expired == 0) return;
     m_TrimmedHistory = m_EventHistory.TakeFirst(expired);
+    ForgetLeftNumbers();
     m_HistoryIndexed -= expired;
 }
 
@@ -614,6 +691,17 @@ const PListData& EventQueue::CurrentTime() {
     return m_PostingTime;
 }
 
+void EventQueue::Record(const PListDict& payload, ui64_t number) {
+    AppendHistory(payload, number);
+    m_WsManager.SendToListeners(payload);
+    m_Counters.postings.fetch_add(1, std::memory_order_relaxed);
+}
+
+void EventQueue::RecordPosting(const PListDict& payload, ui64_t number) {
+    AutoMutex lock(m_EventLock);
+    Record(payload, number);
+}
+
 bool EventQueue::PostEvent(const std::string& event_name, const PListDict* value) {
     AutoMutex lock(m_EventLock);
     DefaultLogSink().Debug("Posting event \"%s\".\n", event_name.c_str());
@@ -627,9 +715,7 @@ bool EventQueue::PostEvent(const std::string& event_name, const PListDict* value
     if (value) payload.SetItem(Strings::post_data, *value);
     payload.SetItem(Strings::event_data, event.data);
 
-    AppendHistory(payload);
-    m_WsManager.SendToListeners(payload);
-    m_Counters.postings.fetch_add(1, std::memory_order_relaxed);
+    Record(payload, 0);
     for (const Listener& listener : event.listeners) {
         try {
             payload.DeleteItem(Strings::listener_data);
@@ -1366,6 +1452,15 @@ void ApplyQueueState(const PListDict& document) {
 QueueStatistics GetQueueStatistics() {
     const EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
     return queue ? queue->Statistics() : QueueStatistics();
+}
+
+PostingId LastPostingOfThread() {
+    return t_last_posting;
+}
+
+HistoryReading ReadEventHistory(const PostingId* after) {
+    const EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
+    return queue ? queue->ReadHistory(after) : HistoryReading();
 }
 
 }  // namespace EventManager

@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "MR_error.h"
 #include "MR_mutex.h"
@@ -42,6 +43,7 @@ using Velmora::ci_comp;
 using Velmora::PListArray;
 using Velmora::PListData;
 using Velmora::PListDict;
+using Velmora::PostingId;
 using Velmora::Status_t;
 using Velmora::TCPSession;
 using Velmora::TLSHTTPRequestHandle;
@@ -290,6 +292,24 @@ struct QueueStatistics {
     ui64_t CallersUnreaped = 0;   ///< calls to listeners, under way or not yet looked at by the worker
 };
 
+/// Consecutive records of the history whose numbers follow each other.
+struct NumberRun {
+    ui64_t First = 0;       ///< the number of the first of them
+    std::size_t Count = 0;  ///< how many they are
+};
+
+/// The history, and what of it came after a posting.
+struct MR_EXPORT HistoryReading {
+    PListArray Records;              ///< the whole history, oldest first
+    std::size_t Begin = 0;           ///< where in it that begins which was asked for
+    bool Gap = false;                ///< what was asked for began earlier, and is not there any more
+    PostingId Last;                  ///< the last posting that there was; Number 0 before the first
+    std::vector<NumberRun> Numbers;  ///< of the last records; those before are of an earlier epoch
+
+    /// The id of one record; that of the epoch's beginning (Number 0) for a record of an earlier epoch.
+    PostingId IdAt(std::size_t index) const;
+};
+
 /// The live queue: the registries, and the worker thread that fires timers and watches, reaps callers and
 /// trims the history.
 ///
@@ -351,11 +371,22 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     /// repeating one, so a new start time needs no save.
     virtual bool KeepExpiredTimer(Timer& timer, const Timestamp& now) REQUIRES(m_TimerLock);
 
+    /// From now on postings are numbered in `epoch` (see PostingId), behind `before`. Whoever asks for what
+    /// came after an id of another epoch, or after a number below `before`, learns that something is missing.
+    /// The constructor begins an epoch of its own, with a random text, behind 0; a queue whose postings are
+    /// numbered elsewhere begins that one before it records any.
+    void BeginEpoch(const std::string& epoch, ui64_t before);
+    /// Records a posting as it stands: history, feed and counter; nobody is called. `number` is its own from
+    /// elsewhere, above all that have been recorded in the epoch, or 0 for the next one. Takes m_EventLock,
+    /// so not to be called from within a posting.
+    void RecordPosting(const PListDict& payload, ui64_t number);
+
   private:
     friend Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored);
     friend Result_t SaveEventQueue();
     friend void ApplyQueueState(const PListDict& document);
     friend QueueStatistics GetQueueStatistics();
+    friend HistoryReading ReadEventHistory(const PostingId* after);
     friend struct EventQueueProbe;  // the tests' way to the phases of a pass
 
     using caller_t = BackgroundHTTPRequestHandle<TLSHTTPRequestHandle>;
@@ -399,7 +430,11 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     bool HasTooManyListeners() const REQUIRES(m_EventLock);
     void ForgetCallbacks(const EventDistributor& event) REQUIRES(m_EventLock);
 
-    void AppendHistory(const PListDict& event_data);
+    void Record(const PListDict& payload, ui64_t number) REQUIRES(m_EventLock);
+    void AppendHistory(const PListDict& event_data, ui64_t number = 0);
+    void ForgetLeftNumbers() REQUIRES(m_HistoryLock);
+    std::size_t CountAfter(ui64_t number) const REQUIRES(m_HistoryLock);
+    HistoryReading ReadHistory(const PostingId* after) const;
     void TrimHistory();
     bool HistoryIsIndexed() const REQUIRES(m_HistoryLock);
     void IndexHistory() REQUIRES(m_HistoryLock);
@@ -455,6 +490,11 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     std::deque<HistoryRun> m_HistoryRuns GUARDED_BY(m_HistoryLock);
     std::size_t m_HistoryIndexed GUARDED_BY(m_HistoryLock) = 0;
     PListArray m_TrimmedHistory GUARDED_BY(m_HistoryLock);
+    // The numbers of m_EventHistory's last records, and the last number that is not in it any more.
+    std::string m_Epoch GUARDED_BY(m_HistoryLock);
+    std::deque<NumberRun> m_Numbers GUARDED_BY(m_HistoryLock);
+    ui64_t m_LastNumber GUARDED_BY(m_HistoryLock) = 0;
+    ui64_t m_ForgottenNumber GUARDED_BY(m_HistoryLock) = 0;
     mutable Counters m_Counters;
 };
 
@@ -533,5 +573,13 @@ MR_EXPORT void ApplyQueueState(const PListDict& document);
 /// What the live queue has done and holds; all 0 and false without one. May be called from any thread at any
 /// time.
 MR_EXPORT QueueStatistics GetQueueStatistics();
+
+/// The id of the last posting that the calling thread has made, by PostEvent() or otherwise; without an epoch
+/// before the first.
+MR_EXPORT PostingId LastPostingOfThread();
+
+/// The live queue's history, and where in it that begins which came after a posting (null: all of it). Where
+/// `after` is of another epoch that is all of it, with a gap. Empty without a live queue.
+MR_EXPORT HistoryReading ReadEventHistory(const PostingId* after);
 
 }  // namespace EventManager

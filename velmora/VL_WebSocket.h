@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,18 @@ struct Connection;
 
 using Mirel::ui32_t;
 using Mirel::ui64_t;
+
+/// Which posting it is: 1, 2, 3… in the order of the history, within an epoch (a text that is new with each
+/// start).
+struct MR_EXPORT PostingId {
+    std::string Epoch;  ///< not empty; neither quotes nor backslashes nor control characters
+    ui64_t Number = 0;  ///< 0: before the first
+    /// "EPOCH-NUMBER".
+    std::string Text() const;
+    /// Reads such a text; nothing where it is none.
+    static std::optional<PostingId> FromText(std::string_view text);
+    friend bool operator==(const PostingId&, const PostingId&) = default;
+};
 
 /// Reads a broadcaster's postings inside the process (a counter, a bridge to elsewhere).
 class MR_EXPORT BroadcastReader {

@@ -25,6 +25,9 @@ struct EventQueueProbe {
     static void DropEndedWatches(EventQueue& queue) { queue.DropEndedWatches(); }
     static void AppendHistory(EventQueue& queue, const PListDict& record) { queue.AppendHistory(record); }
     static void TrimHistory(EventQueue& queue) { queue.TrimHistory(); }
+    static HistoryReading ReadHistory(EventQueue& queue, const PostingId* after = nullptr) {
+        return queue.ReadHistory(after);
+    }
     static void PutIntoHistory(EventQueue& queue, const PListDict& record) {
         AutoMutex lock(queue.m_HistoryLock);
         queue.m_EventHistory.Append(record);
