@@ -79,7 +79,17 @@ std::string Meant(std::string_view key, const std::vector<std::string>& known) {
     return best;
 }
 
+thread_local SoughtMembers* t_Sought = nullptr;
+
 }  // namespace
+
+SoughtMembers::SoughtMembers() {
+    t_Sought = this;
+}
+
+SoughtMembers::~SoughtMembers() {
+    t_Sought = nullptr;
+}
 
 Shape::Shape(const PListDict& dict, std::string base, std::vector<Fault>& faults)
     : m_Dict(dict), m_Base(std::move(base)), m_Faults(faults) {}
@@ -94,6 +104,7 @@ void Shape::Blame(const std::string& key, std::size_t index, const std::string& 
 
 const PListItem* Shape::Take(const std::string& key, Need need) {
     m_Taken.push_back(key);
+    if (t_Sought != nullptr) t_Sought->m_Pointers.insert(PointerTo(m_Base, key));
     const PListItem* item = m_Dict.GetItem(key);
     if (item == nullptr && need == Need::Required) Blame("", "\"" + key + "\" is missing");
     return item;

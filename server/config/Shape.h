@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +28,22 @@ const Velmora::PListArray* AsArray(const Velmora::PListItem* item);
 
 /// Whether a member must be there.
 enum class Need { Optional, Required };
+
+/// While it lives, notes the pointer of every member that this thread's shapes look for: what a document may
+/// hold, as far as its objects are there to be looked into. One at a time on a thread.
+class SoughtMembers {
+  public:
+    SoughtMembers();
+    ~SoughtMembers();
+    SoughtMembers(const SoughtMembers&) = delete;
+    SoughtMembers& operator=(const SoughtMembers&) = delete;
+
+    const std::set<std::string>& Pointers() const { return m_Pointers; }
+
+  private:
+    friend class Shape;
+    std::set<std::string> m_Pointers;
+};
 
 /// Takes the members of one dictionary, one call each, and adds a fault for whatever is not as it should be.
 /// A member that is absent where it may be, or faulty, reads as nothing. Used by one thread.
