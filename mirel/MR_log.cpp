@@ -3,12 +3,14 @@
 #include <errno.h>
 #include <poll.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <iterator>
 #include <memory_resource>
 
@@ -169,6 +171,12 @@ void AppendTime(std::pmr::string& out) {
     out += 'Z';
 }
 
+// "<3>": syslog's severities (RFC 5424).
+void AppendPriority(std::pmr::string& out, LogType_t type) {
+    constexpr char Severities[] = {'7', '6', '4', '3', '5', '1', '2'};  // by enumerator, debug first
+    out += {'<', Severities[type], '>'};
+}
+
 std::string_view WithoutFinalNewline(std::string_view message) {
     if (message.ends_with('\n')) message.remove_suffix(1);
     return message;
@@ -262,6 +270,14 @@ ui64_t LostLogEntries() {
     return g_LostEntries.load(std::memory_order_relaxed);
 }
 
+LogReader LogReaderOf(int descriptor) {
+    const char* const stream = std::getenv("JOURNAL_STREAM");
+    struct stat file {};
+    if (stream == nullptr || fstat(descriptor, &file) != 0) return LogReader::Anybody;
+    const std::string own = std::to_string(file.st_dev) + ":" + std::to_string(file.st_ino);
+    return own == stream ? LogReader::Journal : LogReader::Anybody;
+}
+
 void LineWriter::Write(std::string_view line) {
     AutoMutex lock(m_Lock);
     if (!WriteAll(m_Descriptor, line)) g_LostEntries.fetch_add(1, std::memory_order_relaxed);
@@ -270,8 +286,13 @@ void LineWriter::Write(std::string_view line) {
 void TextLogSink::WriteEntry(LogType_t type, std::string_view message) {
     Line line;
     std::pmr::string& text = line.Text();
-    AppendTime(text);
-    text.append(" ").append(LevelTags[type]).append(" [");
+    if (m_Reader == LogReader::Journal) {
+        AppendPriority(text, type);
+    } else {
+        AppendTime(text);
+        text += ' ';
+    }
+    text.append(LevelTags[type]).append(" [");
     AppendEscaped<TextEscapes>(text, Thread::CurrentNameView());
     text.append("] ");
     AppendEscaped<TextEscapes>(text, WithoutFinalNewline(message));
@@ -282,6 +303,7 @@ void TextLogSink::WriteEntry(LogType_t type, std::string_view message) {
 void JSONLogSink::WriteEntry(LogType_t type, std::string_view message) {
     Line line;
     std::pmr::string& text = line.Text();
+    if (m_Reader == LogReader::Journal) AppendPriority(text, type);
     text.append(R"({"time":")");
     AppendTime(text);
     text.append(R"(","level":")").append(LevelNames[type]).append(R"(","thread":")");

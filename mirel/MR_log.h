@@ -103,15 +103,24 @@ class LineWriter {
     Mutex m_Lock;  // a line that takes several writes stays whole among this process's threads
 };
 
+/// Who reads what a sink writes. systemd's journal wants each line to begin with its priority ("<3>", see
+/// sd-daemon(3)), and has a time of its own.
+enum class LogReader { Anybody, Journal };
+
+/// LogReader::Journal where systemd has connected the descriptor with its journal (JOURNAL_STREAM).
+MR_EXPORT LogReader LogReaderOf(int descriptor);
+
 /// Writes lines "2026-01-31T12:00:00.123Z ERROR [EventQueue::Main] message" to a descriptor it does not own.
 /// The text is UTF-8: bytes that are not become `\xHH`, as control characters do.
 class MR_EXPORT TextLogSink : public ILogSink {
   public:
     /// `descriptor` must stay open as long as the sink lives.
-    explicit TextLogSink(int descriptor) : m_Writer(descriptor) {}
+    explicit TextLogSink(int descriptor, LogReader reader = LogReader::Anybody)
+        : m_Reader(reader), m_Writer(descriptor) {}
 
   private:
     void WriteEntry(LogType_t type, std::string_view message) override;
+    const LogReader m_Reader;
     LineWriter m_Writer;
 };
 
@@ -120,10 +129,12 @@ class MR_EXPORT TextLogSink : public ILogSink {
 class MR_EXPORT JSONLogSink : public ILogSink {
   public:
     /// `descriptor` must stay open as long as the sink lives.
-    explicit JSONLogSink(int descriptor) : m_Writer(descriptor) {}
+    explicit JSONLogSink(int descriptor, LogReader reader = LogReader::Anybody)
+        : m_Reader(reader), m_Writer(descriptor) {}
 
   private:
     void WriteEntry(LogType_t type, std::string_view message) override;
+    const LogReader m_Reader;
     LineWriter m_Writer;
 };
 

@@ -24,6 +24,8 @@
 #include "config/StateFile.h"
 #include "http/HttpServer.h"
 #include "rest/Router.h"
+#include "service/ServiceManager.h"
+#include "service/StartLog.h"
 
 namespace {
 
@@ -62,10 +64,13 @@ int Check(const Config& config, std::vector<ConfigFault> faults) {
 void SetUpLog(const Config& config) {
     // Lives as long as any thread may log, which is longer than main().
     static Mirel::ILogSink* sink = nullptr;
+    const Mirel::LogReader reader = Mirel::LogReaderOf(STDERR_FILENO);
     if (config.LogAsJSON) {
-        sink = new Mirel::JSONLogSink(STDERR_FILENO);
-        Mirel::SetDefaultLogSink(sink);
+        sink = new Mirel::JSONLogSink(STDERR_FILENO, reader);
+    } else {
+        sink = new Mirel::TextLogSink(STDERR_FILENO, reader);
     }
+    Mirel::SetDefaultLogSink(sink);
     Mirel::DefaultLogSink().Level(config.LogLevel);
 }
 
@@ -108,9 +113,21 @@ void SetUpSignals() {
     for (const int number : {SIGINT, SIGTERM}) Handle(number, OnEnding);
 }
 
-void WaitForSignal() {
-    while (sem_wait(&ending) != 0) {
-    }
+// False where it has not come by then; 0: waits as long as it takes.
+bool IsEnding(std::chrono::microseconds limit) {
+    if (limit.count() == 0) return sem_wait(&ending) == 0;
+    timespec until{};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    const auto ns = std::chrono::nanoseconds(limit).count() + until.tv_nsec;
+    until.tv_sec += ns / 1000000000;
+    until.tv_nsec = ns % 1000000000;
+    return sem_clockwait(&ending, CLOCK_MONOTONIC, &until) == 0;
+}
+
+void WaitForSignal(const Server::ServiceManager& manager) {
+    Server::Watchdog watchdog(manager);
+    while (!IsEnding(watchdog.Interval())) watchdog.Look();
+    manager.Tell("STOPPING=1");
     const int number = ending_signal;
     // The next one ends the process at once.
     for (const int next : {SIGINT, SIGTERM}) Handle(next, SIG_DFL);
@@ -155,10 +172,11 @@ int End(Server::HttpServer& server, const Config& config) {
 
 // Restores without limits, which would cut what was saved under higher ones; then they are set. What was left
 // out for another reason is kept before the first save takes the file's place.
-Result_t StartQueue(const Config& config, Mirel::ui16_t port) {
+Result_t StartQueue(const Config& config, Mirel::ui16_t port, Server::QueueOrigin& origin) {
     std::optional<Velmora::PListDict> document;
     const Result_t read = Server::ReadStateFile(config.StateFile, document);
     if (read.Failure()) return read;
+    origin = document ? Server::QueueOrigin::StateFile : Server::QueueOrigin::Configuration;
     InitPython(config.PythonPath);
     const auto restored = [&] {
         EventManager::IEventQueue& queue = EventManager::GlobalEventQueue();
@@ -184,8 +202,16 @@ void WaitForWorker() {
     }
 }
 
+void SayWhatWasLoaded(const Config& config, const std::string& config_file, const std::string& url,
+                      Server::QueueOrigin origin) {
+    const EventManager::QueueStatistics queue = EventManager::GetQueueStatistics();
+    for (const std::string& line : Server::StartLines(config, config_file, url, origin, queue))
+        Mirel::DefaultLogSink().Notice("%s\n", line.c_str());
+}
+
 // Bind, restore the queue, serve: a restored timer that calls the server itself finds it.
-int Run(const Config& config) {
+int Run(const Config& config, const std::string& config_file) {
+    const Server::ServiceManager manager;
     Server::Router router(config);
     Server::HttpServer server(config.Http, router);
     router.CountersFrom([&server] { return server.Counters(); });
@@ -195,7 +221,8 @@ int Run(const Config& config) {
     const Result_t locked = Server::LockStateFile(config.StateFile);
     if (locked.Failure()) return Fail(locked.Message());
     Velmora::SetMaxCallers(config.MaxCallers);
-    const Result_t started = StartQueue(config, server.Port());
+    Server::QueueOrigin origin{};
+    const Result_t started = StartQueue(config, server.Port(), origin);
     if (started.Failure()) return Fail(started.Message());
 
     const Result_t serving = server.Serve();
@@ -204,9 +231,11 @@ int Run(const Config& config) {
         return Fail(stopped.Success() ? serving.Message() : stopped.Message());
     }
     WaitForWorker();
+    SayWhatWasLoaded(config, config_file, server.Url(), origin);
     std::printf("Listening on %s\n", server.Url().c_str());
     std::fflush(stdout);
-    WaitForSignal();
+    manager.Tell("READY=1\nSTATUS=Listening on " + server.Url());
+    WaitForSignal(manager);
     return End(server, config);
 }
 
@@ -236,7 +265,7 @@ int main(int argc, char** argv) {
     RaiseDescriptorLimit();
     int status = 1;
     try {
-        status = Run(config);
+        status = Run(config, command_line.ConfigFile);
     } catch (const std::exception& failure) {
         Fail(std::string("Given up: ") + failure.what());
     }

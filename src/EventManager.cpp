@@ -284,7 +284,9 @@ Result_t EventQueue::SaveState(SaveReason reason) const {
     AutoMutex lock(m_SaveLock);
     if (m_StateFile.empty()) return RESULT_OK;
 
+    const auto began = steady_now();
     const Result_t result = WriteStateFile();
+    m_Counters.save_times.Count(steady_now() - began);
     m_Counters.last_save_failed = result.Failure();  // before all that memory could fail for
     if (result.Failure()) {
         ++m_Counters.failed_saves;
@@ -795,6 +797,7 @@ static void exec_python_handler(const std::string& module_name, const PListDict&
 
 void EventQueue::CallListener(const Listener& listener, const PListDict& payload) {
     if (listener.callback.compare(0, PythonScheme.size(), PythonScheme) == 0) {
+        const Mirel::TimedScope timed(m_Counters.handler_times);
         exec_python_handler(listener.callback.substr(PythonScheme.size()), payload);
         return;
     }
@@ -1349,6 +1352,8 @@ QueueStatistics EventQueue::Statistics() const {
     statistics.Watches = m_Counters.watches;
     statistics.HistoryRecords = m_Counters.history;
     statistics.CallersUnreaped = m_Counters.callers;
+    statistics.HandlerTimes = m_Counters.handler_times.Read();
+    statistics.SaveTimes = m_Counters.save_times.Read();
     return statistics;
 }
 

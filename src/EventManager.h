@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "MR_error.h"
+#include "MR_histogram.h"
 #include "MR_mutex.h"
 #include "MR_thread.h"
 #include "MR_types.h"
@@ -290,6 +291,8 @@ struct QueueStatistics {
     ui64_t Watches = 0;           ///< now, those that are about to go included
     ui64_t HistoryRecords = 0;    ///< now
     ui64_t CallersUnreaped = 0;   ///< calls to listeners, under way or not yet looked at by the worker
+    Mirel::HistogramCounts HandlerTimes;  ///< of Python handlers, the wait for the interpreter included
+    Mirel::HistogramCounts SaveTimes;  ///< of saves, failed ones included; the wait for another save is not
 };
 
 /// Consecutive records of the history whose numbers follow each other.
@@ -408,6 +411,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
         std::atomic<ui64_t> saves{0}, failed_saves{0};
         std::atomic<bool> last_save_failed{false};
         std::atomic<ui64_t> events{0}, listeners{0}, timers{0}, watches{0}, history{0}, callers{0};
+        Mirel::Histogram handler_times, save_times;
     };
 
     EventQueue() = delete;

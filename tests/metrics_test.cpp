@@ -15,6 +15,7 @@
 #include "MR_log.h"
 #include "RawClient.h"
 #include "Testing.h"
+#include "rest/Metrics.h"
 #include "rest/Router.h"
 
 namespace Server {
@@ -90,9 +91,16 @@ TEST_F(MetricsTest, AreWellFormed) {
         } else if (line.starts_with("# TYPE ")) {
             type = line.substr(line.rfind(' ') + 1);
             EXPECT_EQ(line, "# TYPE " + family + " " + type);
-            EXPECT_EQ(type, family.ends_with("_total") ? "counter" : "gauge") << line;
+            const std::string expected = family.ends_with("_total")              ? "counter"
+                                         : family.ends_with("_duration_seconds") ? "histogram"
+                                                                                 : "gauge";
+            EXPECT_EQ(type, expected) << line;
         } else {
-            EXPECT_TRUE(line.starts_with(family + " ") || line.starts_with(family + "{")) << line;
+            const std::string name = line.substr(0, line.find_first_of(" {"));
+            const std::string suffix = name.starts_with(family) ? name.substr(family.size()) : name;
+            EXPECT_TRUE(type == "histogram" ? suffix == "_bucket" || suffix == "_sum" || suffix == "_count"
+                                            : suffix.empty())
+                << line;
             EXPECT_TRUE(samples.insert(line.substr(0, line.rfind(' '))).second) << line;
             EXPECT_NO_THROW(EXPECT_GE(std::stod(line.substr(line.rfind(' '))), 0)) << line;
         }
@@ -132,6 +140,41 @@ TEST_F(MetricsTest, PostingsAreCountedByWhatPostedThem) {
     EXPECT_EQ(postings("rest"), before["rest"] + 3);
     EXPECT_EQ(postings("other"), before["other"] + 1);
     EXPECT_EQ(Sample("velmora_history_records"), records + 6 + postings("watch") - before["watch"]);
+}
+
+TEST(MetricsTextTest, AHistogramsBucketsAreOfAllUpToThem) {
+    Mirel::Histogram histogram;
+    for (const int us : {-1, 0, 10, 11, 2500, 11000000}) histogram.Count(std::chrono::microseconds(us));
+    MetricsText text;
+    text.Histogram("took_seconds", histogram.Read(), "Time.");
+    const std::string expected =
+        "# HELP took_seconds Time.\n# TYPE took_seconds histogram\n"
+        "took_seconds_bucket{le=\"1e-05\"} 3\ntook_seconds_bucket{le=\"5e-05\"} 4\n";
+    EXPECT_TRUE(text.Text().starts_with(expected)) << text.Text();
+    EXPECT_NE(text.Text().find("{le=\"0.001\"} 4\ntook_seconds_bucket{le=\"0.0025\"} 5\n"),
+              std::string::npos);
+    EXPECT_TRUE(
+        text.Text().ends_with("{le=\"10\"} 5\ntook_seconds_bucket{le=\"+Inf\"} 6\n"
+                              "took_seconds_sum 11.002521\ntook_seconds_count 6\n"))
+        << text.Text();
+}
+
+TEST_F(MetricsTest, TheProcessIsThatOfTheKernel) {
+    const double descriptors = Sample("process_open_fds");
+    EXPECT_EQ(descriptors,
+              static_cast<double>(Testing::OpenDescriptors("").size()) - 1);  // but for the folder's own
+    const int more = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(Sample("process_open_fds"), descriptors + 1);
+    close(more);
+    EXPECT_GE(Sample("process_max_fds"), descriptors);
+    EXPECT_GE(Sample("process_threads"), 2);  // the worker's, too
+    const double resident = Sample("process_resident_memory_bytes");
+    EXPECT_GT(resident, 1e6);
+    EXPECT_LT(resident, Sample("process_virtual_memory_bytes"));
+    const auto now = static_cast<double>(time(nullptr));
+    EXPECT_NEAR(Sample("process_start_time_seconds"), now - Sample("velmora_uptime_seconds"), 60);
+    const double cpu = Sample("process_cpu_seconds_total");
+    EXPECT_TRUE(Eventually([&] { return Sample("process_cpu_seconds_total") > cpu; }));
 }
 
 TEST_F(MetricsTest, SizesAreThoseOfTheRegistries) {
@@ -186,6 +229,8 @@ TEST_F(MetricsTest, SavesAndFailedOnesAreCountedAndReadinessTells) {
     Create("saved");
     EXPECT_EQ(Sample("velmora_saves_total"), saves + 1);
     EXPECT_EQ(Sample("velmora_failed_saves_total"), failed);
+    EXPECT_EQ(Sample("velmora_save_duration_seconds_count"), saves + 1 + failed);
+    EXPECT_GT(Sample("velmora_save_duration_seconds_sum"), 0);
 
     std::filesystem::rename(Folder() / "state", Folder() / "away");
     Create("not saved");
@@ -231,6 +276,9 @@ TEST_F(MetricsTest, DeliveriesAreCountedByHowTheyEnded) {
         EXPECT_TRUE(BecomesOf(name(outcome), before[outcome] + 1)) << outcome;
     }
     for (const auto& [outcome, url] : cases) EXPECT_EQ(Sample(name(outcome)), before[outcome] + 1) << outcome;
+    double counted = 0, timed = Sample("velmora_delivery_duration_seconds_count");
+    for (const auto& [outcome, url] : cases) counted += Sample(name(outcome));
+    EXPECT_EQ(timed, counted);
     EXPECT_TRUE(BecomesOf("velmora_callers_running", 0));
     EXPECT_TRUE(BecomesOf("velmora_callers_unreaped", 0, 2000));
 
@@ -267,7 +315,9 @@ TEST_F(MetricsTest, ConnectionsAndTheFeedAreCounted) {
     const double adopted = Sample("velmora_feed_adopted_total"),
                  errors = Sample("velmora_feed_protocol_errors_total"),
                  frames = Sample("velmora_feed_frames_total"),
-                 postings = Sample("velmora_feed_postings_total"), bytes = Sample("velmora_feed_bytes_total"),
+                 postings = Sample("velmora_feed_postings_total"),
+                 sent = Sample("velmora_feed_send_duration_seconds_count"),
+                 bytes = Sample("velmora_feed_bytes_total"),
                  slow = Sample("velmora_feed_slow_disconnects_total");
     Create("fed");
     Testing::FeedClient one(server.Port()), two(server.Port());
@@ -278,6 +328,8 @@ TEST_F(MetricsTest, ConnectionsAndTheFeedAreCounted) {
     EXPECT_EQ(two.Read(), text);
     EXPECT_TRUE(BecomesOf("velmora_feed_frames_total", frames + 2));
     EXPECT_EQ(Sample("velmora_feed_postings_total"), postings + 1);
+    EXPECT_TRUE(BecomesOf("velmora_feed_send_duration_seconds_count", sent + 1));
+    EXPECT_EQ(Sample("velmora_feed_lag_seconds"), 0);
     EXPECT_EQ(Sample("velmora_feed_bytes_total"), bytes + 2 * static_cast<double>(text.size() + 2));
 
     Testing::RawClient rude(server.Port());

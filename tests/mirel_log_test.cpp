@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
@@ -73,6 +74,42 @@ TEST(Log, AnEntryIsOneLineWhateverItSays) {
     }
     close(file);
     EXPECT_EQ(EscapeForLog(std::string("a\0b\n", 4)), "a\\x00b\\n");
+}
+
+TEST(Log, TheJournalIsToldThePriorityOfEachLine) {
+    const Testing::SteppedClock clock("2026-01-31T12:00:00Z");
+    const Testing::TemporaryFolder folder;
+    const int file = open((folder / "log").c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600);
+    struct stat of_file {};
+    ASSERT_EQ(fstat(file, &of_file), 0);
+    const auto reader_where = [file](const std::string& stream) {
+        setenv("JOURNAL_STREAM", stream.c_str(), 1);
+        const LogReader reader = LogReaderOf(file);
+        unsetenv("JOURNAL_STREAM");
+        return reader;
+    };
+    EXPECT_EQ(LogReaderOf(file), LogReader::Anybody);
+    EXPECT_EQ(reader_where("1:2"), LogReader::Anybody);
+    const LogReader journal =
+        reader_where(std::to_string(of_file.st_dev) + ":" + std::to_string(of_file.st_ino));
+    ASSERT_EQ(journal, LogReader::Journal);
+    TextLogSink text_sink(file, journal);
+    JSONLogSink json_sink(file, journal);
+    std::thread([&] {
+        pthread_setname_np(pthread_self(), "t");
+        text_sink.Level(LOG_DEBUG);
+        for (const auto operation : {&ILogSink::Debug, &ILogSink::Info, &ILogSink::Notice, &ILogSink::Warn,
+                                     &ILogSink::Error, &ILogSink::Crit, &ILogSink::Alert}) {
+            (text_sink.*operation)("x\n");
+        }
+        json_sink.Warn("x\n");
+    }).join();
+    close(file);
+    EXPECT_EQ(Testing::ReadFile(folder / "log"),
+              "<7>DEBUG [t] x\n<6>INFO [t] x\n<5>NOTICE [t] x\n<4>WARN [t] x\n<3>ERROR [t] x\n<2>CRIT [t] x\n"
+              "<1>ALERT [t] x\n"
+              R"(<4>{"time":"2026-01-31T12:00:00.000Z","level":"warn","thread":"t","message":"x"})"
+              "\n");
 }
 
 TEST(Log, KeepsLinesOfManyThreadsWholeOnAFullPipe) {

@@ -1,7 +1,9 @@
 // The whole server as a process: started, asked, killed, restarted.
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -440,6 +442,104 @@ TEST_F(ServerProcessTest, TheLogIsAsTheConfigurationSays) {
     };
     EXPECT_EQ(log(R"({"Format": "json"})")[0], '{');
     EXPECT_EQ(log(R"({"Level": "crit"})"), "");
+}
+
+// Datagrams that a process tells its service manager.
+class NotifySocket {
+  public:
+    explicit NotifySocket(const std::string& path) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(m_Socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        setenv("NOTIFY_SOCKET", path.c_str(), 1);
+        setenv("WATCHDOG_USEC", "400000", 1);
+    }
+    ~NotifySocket() {
+        unsetenv("NOTIFY_SOCKET");
+        unsetenv("WATCHDOG_USEC");
+        close(m_Socket);
+    }
+    /// The next one; empty where there is none now.
+    std::string Next() {
+        char text[1024];
+        const ssize_t size = recv(m_Socket, text, sizeof text, MSG_DONTWAIT);
+        return std::string(text, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    }
+    bool Gets(const std::string& wanted) {
+        return Eventually([&] { return Next() == wanted; }, 2000);
+    }
+
+  private:
+    const int m_Socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+};
+
+TEST_F(ServerProcessTest, TheServiceManagerIsToldAndFedByTheWorkersPasses) {
+    NotifySocket manager(folder / "notify");
+    Testing::WriteFile(folder / "hang.py",
+                       "import os, time\n"
+                       "def event_handler(event):\n"
+                       "    open('" +
+                           (folder / "environment") +
+                           "', 'w').write(str('NOTIFY_SOCKET' in os.environ))\n"
+                           "    while os.path.exists('" +
+                           (folder / "hang.py") + "'): time.sleep(0.01)\n");
+    const auto server = Serve(R"({"BindAddress": {"ListenPort": 0}, "PythonPath": ["."], "EventManager": {
+        "event_list": [{"event_name": "e", "listener_list": [{"callback": "python://hang"}]}]}})");
+    const std::string url = "http://127.0.0.1:" + std::to_string(server->Port());
+    EXPECT_TRUE(manager.Gets("READY=1\nSTATUS=Listening on " + url));
+    EXPECT_TRUE(manager.Gets("WATCHDOG=1"));
+    EXPECT_TRUE(manager.Gets("WATCHDOG=1"));
+    {
+        HttpClient asking(server->Port(), false);
+        const auto stands_still = [&](const char* seconds) {
+            const std::string metrics = asking.Call("GET", "/metrics").body();
+            const std::string name = "\nvelmora_worker_since_last_pass_seconds ";
+            return std::stod(metrics.substr(metrics.find(name) + name.size())) > std::stod(seconds);
+        };
+        const std::jthread posting([&] {
+            HttpClient poster(server->Port(), false);
+            EXPECT_EQ(Status(poster, "POST", "/api/v1/events/e"), 202u);
+        });
+        EXPECT_TRUE(Eventually([&] { return stands_still("0.7"); }, 2000));
+        while (!manager.Next().empty()) {
+        }
+        EXPECT_TRUE(Eventually([&] { return stands_still("1.2"); }, 2000));
+        EXPECT_EQ(manager.Next(), "");
+        std::filesystem::remove(folder / "hang.py");
+    }
+    EXPECT_TRUE(manager.Gets("WATCHDOG=1"));
+    EXPECT_EQ(ReadFile(folder / "environment"), "False");
+    EXPECT_EQ(server->End(SIGTERM), 0);
+    EXPECT_TRUE(manager.Gets("STOPPING=1"));
+}
+
+TEST_F(ServerProcessTest, TheLogSaysWhatWasLoadedAndWhoAskedForWhat) {
+    const std::string config =
+        R"({"BindAddress": {"ListenPort": 0}, "StateFile": "state.json", "AccessToken": "s3cret",
+        "Log": {"Access": true}, "EventManager": {"timer_list": [{"event_name": "e", "interval_sec": 600}],
+        "event_list": [{"event_name": "e"}, {"event_name": "f", "listener_list": [{"callback": "http://127.0.0.1:9/"}]}]}})";
+    const std::string content = ": 2 events, 1 listener, 1 timer, 0 watches";
+    {
+        const auto server = Serve(config);
+        HttpClient client(server->Port(), false, "s3cret");
+        EXPECT_EQ(Status(client, "GET", "/api/v1/events?x=%0A"), 400u);
+        EXPECT_EQ(Status(client, "POST", "/api/v1/events/e"), 202u);
+        EXPECT_EQ(server->End(SIGTERM), 0);
+    }
+    const std::string first = ReadFile(folder / "errors");
+    EXPECT_NE(first.find(", configuration \"" + (folder / "config.json") + "\"\n"), std::string::npos)
+        << first;
+    EXPECT_NE(first.find("Queue of the configuration" + content + "; saved to \"" + (folder / "state.json")),
+              std::string::npos);
+    EXPECT_NE(first.find(": without TLS, access token of the configuration\n"), std::string::npos);
+    EXPECT_NE(first.find(" \"GET /api/v1/events?x=%0A\" 400, "), std::string::npos);
+    EXPECT_NE(first.find(" \"POST /api/v1/events/e\" 202, 35 bytes, "), std::string::npos);
+    EXPECT_EQ(first.find("s3cret"), std::string::npos);
+    Serve(config)->End(SIGTERM);
+    EXPECT_NE(
+        ReadFile(folder / "errors").find("State file \"" + (folder / "state.json") + "\"" + content + "\n"),
+        std::string::npos);
 }
 
 // The peer sees how long the process waits: as long as the call may take.

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "MR_error.h"
+#include "MR_histogram.h"
 #include "MR_thread.h"
 #include "MR_types.h"
 #include "MR_util.h"
@@ -213,6 +214,7 @@ struct RequestCounters {
     ui64_t FailedTransfer = 0;       ///< RequestFailure::Transfer
     ui64_t FailedResources = 0;      ///< RequestFailure::Resources
     ui64_t FailedParameter = 0;      ///< RequestFailure::Parameter
+    Mirel::HistogramCounts Times;    ///< how long the exchanges took that were begun
 };
 
 /// How one exchange ended.

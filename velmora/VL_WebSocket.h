@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "MR_histogram.h"
 #include "MR_types.h"
 #include "VL_PList.h"
 #include "VL_Socket.h"
@@ -138,6 +139,12 @@ struct BroadcastCounters {
     ui64_t SlowDisconnects = 0;
     ui64_t ProtocolErrors = 0;  ///< clients that broke the protocol
     ui64_t LogBytes = 0;        ///< now: the memory of all logs
+    /// Of each batch that the broadcasters' threads have found in their logs: from the posting of its first
+    /// to when all of it was handed to the kernel for every client that takes it.
+    Mirel::HistogramCounts Times;
+    /// Now: how long the client that is the furthest behind has not caught up with the log; renewed four
+    /// times a second at least.
+    ui64_t Lag_ms = 0;
 };
 /// The counters as they are now, each for itself. May be called from any thread.
 MR_EXPORT BroadcastCounters GetBroadcastCounters();

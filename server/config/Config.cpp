@@ -176,6 +176,10 @@ void Loader::Log(const Velmora::PListDict& dict) {
     if (format && *format != "text" && *format != "json")
         shape.Blame("Format", R"(must be "text" or "json")");
     m_Config.LogAsJSON = format == "json";
+    m_Config.Http.AccessLog = shape.Boolean("Access").value_or(false);
+    const bool has_info = m_Config.LogLevel == Mirel::LOG_INFO || m_Config.LogLevel == Mirel::LOG_DEBUG;
+    if (m_Config.Http.AccessLog && !has_info)
+        shape.Blame("Access", "writes lines of level info, which \"Level\" leaves out");
     shape.NothingElse();
 }
 

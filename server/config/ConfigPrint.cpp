@@ -93,6 +93,7 @@ std::string PrintConfig(const Config& config) {
     Velmora::PListDict log;
     log.SetValue("Level", Mirel::LogTypeName(config.LogLevel));
     log.SetValue("Format", config.LogAsJSON ? "json" : "text");
+    log.SetValue("Access", config.Http.AccessLog);
     Velmora::PListDict timers;
     timers.SetValue(Keys::KeepRepeating, config.KeepRepeatingTimers);
     Velmora::PListDict dict;

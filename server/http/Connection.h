@@ -1,6 +1,7 @@
 // One client's connection, from its first byte to its last.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <exception>
 #include <memory>
@@ -34,6 +35,7 @@ class Connection {
 
   private:
     using Phase = ConnectionLife::Phase;
+    using Clock = std::chrono::steady_clock;
 
     // What a step through the input has come to.
     enum class Step {
@@ -71,6 +73,8 @@ class Connection {
     Step Upgrade();
     Step Respond(HttpResponse response);
     Step RefuseAndClose(HttpResponse response);
+    void CountAnswer(Status_t status, std::size_t size);
+    void LogAnswer(Status_t status, std::size_t size, Clock::duration took) const;
     Step FinishRequest();
 
     ConnectionShared& m_Shared;
@@ -84,7 +88,8 @@ class Connection {
     unsigned m_Answered = 0;  // requests in this turn
     HttpRoute m_Route;        // of the request whose head is there
     FeedPlaces::Place m_FeedPlace;
-    HttpRequest m_Request;  // the one that is answered
+    HttpRequest m_Request;      // the one that is answered
+    Clock::time_point m_Began;  // when it was there as a whole; none yet: time_point()
     bool m_CloseAfter = false;
     bool m_UpgradeAfter = false;
 };

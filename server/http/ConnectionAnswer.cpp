@@ -58,6 +58,7 @@ Connection::Step Connection::HeadComplete() {
 }
 
 Connection::Step Connection::RequestComplete() {
+    m_Began = Clock::now();
     const RequestHead& head = m_Input.Head();
     if (!m_Input.HeadKnown()) {
         if (auto refusal = RefuseHead(head, *m_Shared.Policy, m_Shared.Handler, m_Route)) {
@@ -115,18 +116,33 @@ Connection::Step Connection::Respond(HttpResponse response) {
         !m_CloseAfter && m_Input.KeepAlive() && !m_Shared.Stopping.load(std::memory_order_relaxed);
     m_CloseAfter = !form.KeepAlive;
 
-    ++m_Answered;
-    m_Shared.Requests.fetch_add(1, std::memory_order_relaxed);
-    const int status_class = response.Status / 100;
-    m_Shared.AnsweredByClass[status_class < 6 ? status_class : 0].fetch_add(1, std::memory_order_relaxed);
-    if (Mirel::DefaultLogSink().Logs(Mirel::LOG_DEBUG)) {
-        Mirel::DefaultLogSink().Debug("%s: \"%s\" answered with %d\n", m_Stream.Peer().c_str(),
-                                      Mirel::EscapeForLog(head.Target).c_str(),
-                                      static_cast<int>(response.Status));
-    }
-
+    CountAnswer(response.Status, response.Body.size());
     m_Output.Append(std::move(response), form);
     return FinishRequest();
+}
+
+void Connection::CountAnswer(Status_t status, std::size_t size) {
+    ++m_Answered;
+    m_Shared.Requests.fetch_add(1, std::memory_order_relaxed);
+    const int status_class = status / 100;
+    m_Shared.AnsweredByClass[status_class < 6 ? status_class : 0].fetch_add(1, std::memory_order_relaxed);
+    // What was refused for its head alone has taken no time.
+    const Clock::time_point began = std::exchange(m_Began, Clock::time_point());
+    const Clock::duration took = began == Clock::time_point() ? Clock::duration() : Clock::now() - began;
+    m_Shared.RequestTimes.Count(took);
+    if (m_Shared.Options.AccessLog || Mirel::DefaultLogSink().Logs(Mirel::LOG_DEBUG))
+        LogAnswer(status, size, took);
+}
+
+// The access log's line; without one the same line for finding faults.
+void Connection::LogAnswer(Status_t status, std::size_t size, Clock::duration took) const {
+    const RequestHead& head = m_Input.Head();
+    const std::string target = Mirel::EscapeForLog(head.Target);
+    const double took_ms = std::chrono::duration<double, std::milli>(took).count();
+    const auto write = m_Shared.Options.AccessLog ? &Mirel::ILogSink::Info : &Mirel::ILogSink::Debug;
+    (Mirel::DefaultLogSink().*write)("Access: %s \"%s %s\" %d, %zu bytes, %.3f ms\n", m_Stream.Peer().c_str(),
+                                     Velmora::MethodToString(head.Method), target.c_str(),
+                                     static_cast<int>(status), size, took_ms);
 }
 
 Connection::Step Connection::FinishRequest() {
@@ -148,8 +164,7 @@ Connection::Step Connection::Upgrade() {
         return Respond(FeedIsFull(m_Shared.Options.MaxFeedClients));
     }
     m_Output.Append(SwitchingProtocols(m_Input.Head()));
-    m_Shared.Requests.fetch_add(1, std::memory_order_relaxed);
-    m_Shared.AnsweredByClass[1].fetch_add(1, std::memory_order_relaxed);
+    CountAnswer(Velmora::STATUS_101_SWITCHING, 0);
     m_UpgradeAfter = true;
     return FinishRequest();
 }

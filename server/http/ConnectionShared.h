@@ -4,6 +4,7 @@
 #include <atomic>
 #include <memory>
 
+#include "MR_histogram.h"
 #include "http/AccessPolicy.h"
 #include "http/ConnectionRegistry.h"
 #include "http/FeedUpgrade.h"
@@ -41,6 +42,7 @@ struct ConnectionShared {
     std::atomic<Mirel::ui64_t> RefusedBusy{0};
     std::atomic<Mirel::ui64_t> RefusedConnections{0};
     std::atomic<Mirel::ui64_t> RefusedFeedClients{0};
+    Mirel::Histogram RequestTimes;
 };
 
 }  // namespace Server

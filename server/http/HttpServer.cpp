@@ -205,6 +205,7 @@ HttpServerCounters HttpServer::Impl::Counters() const {
     counters.RefusedBusy = m_Shared.RefusedBusy.load();
     counters.RefusedConnections = m_Shared.RefusedConnections.load();
     counters.RefusedFeedClients = m_Shared.RefusedFeedClients.load();
+    counters.RequestTimes = m_Shared.RequestTimes.Read();
     return counters;
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "MR_error.h"
+#include "MR_histogram.h"
 #include "MR_types.h"
 #include "http/Http.h"
 #include "http/HttpServerOptions.h"
@@ -19,6 +20,7 @@ struct HttpServerCounters {
     Mirel::ui64_t RefusedBusy = 0;  // 503: as many requests as may be were waiting for the queue
     Mirel::ui64_t RefusedConnections = 0;
     Mirel::ui64_t RefusedFeedClients = 0;  // 503 on the upgrade
+    Mirel::HistogramCounts RequestTimes;   // from a request's last byte to its answer
 };
 
 /// HTTP/1.1 (and TLS) server. Checks Host, Origin, token, sizes and times itself, upgrades "/api/v1/feed" to

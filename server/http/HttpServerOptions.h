@@ -17,6 +17,8 @@ struct HttpServerOptions {
     std::string AccessToken;                // empty: none wanted
     std::vector<std::string> AllowedHosts;  // names beside the bound one, localhost and loopback addresses
 
+    bool AccessLog = false;  // one Info line for each answer
+
     std::size_t IOThreads = 0;  // 0: chosen from the number of cores
     std::size_t MaxConnections = 4096;
     std::size_t MaxFeedClients = 4096;

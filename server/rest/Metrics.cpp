@@ -1,9 +1,12 @@
 #include "rest/Metrics.h"
 
+#include <cstdio>
+
 #include "EventManager.h"
 #include "MR_log.h"
 #include "VL_HTTP.h"
 #include "VL_WebSocket.h"
+#include "rest/ProcessMetrics.h"
 #include "rest/Rest.h"
 
 namespace Server {
@@ -13,11 +16,13 @@ using Mirel::ui64_t;
 void MetricsText::Family(std::string_view name, Kind kind, std::string_view help) {
     m_Family = name;
     m_Text.append("# HELP ").append(name).append(1, ' ').append(help).append(1, '\n');
-    m_Text.append("# TYPE ").append(name).append(kind == Kind::Counter ? " counter\n" : " gauge\n");
+    constexpr const char* Kinds[] = {" counter\n", " gauge\n", " histogram\n"};
+    m_Text.append("# TYPE ").append(name).append(Kinds[static_cast<int>(kind)]);
 }
 
-void MetricsText::Line(std::string_view label, std::string_view value, const std::string& number) {
-    m_Text += m_Family;
+void MetricsText::Line(std::string_view label, std::string_view value, const std::string& number,
+                       std::string_view suffix) {
+    m_Text.append(m_Family).append(suffix);
     if (!label.empty()) m_Text.append(1, '{').append(label).append("=\"").append(value).append("\"}");
     m_Text.append(1, ' ').append(number).append(1, '\n');
 }
@@ -47,6 +52,31 @@ void MetricsText::Gauge(std::string_view name, double number, std::string_view h
 
 namespace {
 
+// Without zeros at the end: 0.0025.
+std::string Seconds(double number) {
+    char text[32];
+    const int size = std::snprintf(text, sizeof text, "%.9g", number);
+    return std::string(text, static_cast<std::size_t>(size));
+}
+
+}  // namespace
+
+void MetricsText::Histogram(std::string_view name, const Mirel::HistogramCounts& counts,
+                            std::string_view help) {
+    Family(name, Kind::Histogram, help);
+    ui64_t below = 0;
+    for (std::size_t i = 0; i < counts.Counts.size(); ++i) {
+        below += counts.Counts[i];
+        const bool last = i == counts.Bounds_us.size();
+        Line("le", last ? "+Inf" : Seconds(static_cast<double>(counts.Bounds_us[i]) / 1e6),
+             std::to_string(below), "_bucket");
+    }
+    Line({}, {}, Seconds(static_cast<double>(counts.Sum_ns) / 1e9), "_sum");
+    Line({}, {}, std::to_string(below), "_count");
+}
+
+namespace {
+
 using Kind = MetricsText::Kind;
 
 constexpr double us_per_sec = 1e6, ms_per_sec = 1e3;
@@ -72,6 +102,8 @@ void Queue(MetricsText& text, const EventManager::QueueStatistics& queue) {
     text.Gauge("velmora_history_records", queue.HistoryRecords, "Postings kept in the history.");
     text.Counter("velmora_saves_total", queue.Saves, "Saves of the state file that succeeded.");
     text.Counter("velmora_failed_saves_total", queue.FailedSaves, "Saves of the state file that failed.");
+    text.Histogram("velmora_save_duration_seconds", queue.SaveTimes,
+                   "Time that a save of the state file took, failed ones included.");
     text.Gauge("velmora_worker_running", ui64_t{queue.WorkerRunning}, "1 while the worker's thread runs.");
     text.Counter("velmora_worker_passes_total", queue.Passes, "Passes of the worker.");
     text.Family("velmora_worker_pass_seconds_total", Kind::Counter,
@@ -95,6 +127,12 @@ void Feed(MetricsText& text) {
                  "Clients that were disconnected because they did not keep up.");
     text.Counter("velmora_feed_protocol_errors_total", feed.ProtocolErrors,
                  "Clients that were disconnected because they broke the protocol.");
+    text.Histogram(
+        "velmora_feed_send_duration_seconds", feed.Times,
+        "Time from a posting to when it was handed to the kernel for every client that takes it; the "
+        "first of each batch is counted.");
+    text.Gauge("velmora_feed_lag_seconds", static_cast<double>(feed.Lag_ms) / ms_per_sec,
+               "Time for which the client that is the furthest behind has not caught up.");
     text.Gauge("velmora_feed_log_bytes", feed.LogBytes,
                "Bytes kept for clients that have not taken them yet.");
 }
@@ -116,6 +154,9 @@ void Deliveries(MetricsText& text, const EventManager::QueueStatistics& queue) {
     text.Sample(calls.FailedTransfer, "outcome", "transfer");
     text.Sample(calls.FailedResources, "outcome", "resources");
     text.Sample(calls.FailedParameter, "outcome", "parameter");
+    text.Histogram("velmora_delivery_duration_seconds", calls.Times, "Time that a call to a listener took.");
+    text.Histogram("velmora_handler_duration_seconds", queue.HandlerTimes,
+                   "Time that a Python handler took, the wait for the interpreter included.");
 }
 
 void Connections(MetricsText& text, const HttpServerCounters& server) {
@@ -128,6 +169,8 @@ void Connections(MetricsText& text, const HttpServerCounters& server) {
     for (std::size_t i = 0; i < std::size(Classes); ++i) {
         text.Sample(server.AnsweredByClass[i], "class", Classes[i]);
     }
+    text.Histogram("velmora_http_request_duration_seconds", server.RequestTimes,
+                   "Time from a request's last byte to its answer.");
     text.Family("velmora_http_refused_total", Kind::Counter,
                 "What was turned away because the server was full.");
     text.Sample(server.RefusedBusy, "reason", "busy");
@@ -146,6 +189,7 @@ HttpResponse GetMetrics(RestCall& call) {
     text.Gauge("velmora_uptime_seconds", up.count(), "Time since the server started.");
     text.Counter("velmora_log_entries_lost_total", Mirel::LostLogEntries(),
                  "Log entries that could not be written, say to a full disk.");
+    AppendProcessMetrics(text);
     Postings(text, queue, call.Context.RestPostings.load(std::memory_order_relaxed));
     Queue(text, queue);
     Feed(text);

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "MR_histogram.h"
 #include "MR_types.h"
 
 namespace Server {
@@ -11,7 +12,7 @@ namespace Server {
 /// Writes metrics in Prometheus' text format (version 0.0.4), family after family.
 class MetricsText {
   public:
-    enum class Kind { Counter, Gauge };
+    enum class Kind { Counter, Gauge, Histogram };
 
     /// Begins a family; its samples follow.
     void Family(std::string_view name, Kind kind, std::string_view help);
@@ -24,11 +25,14 @@ class MetricsText {
     void Counter(std::string_view name, Mirel::ui64_t number, std::string_view help);
     void Gauge(std::string_view name, Mirel::ui64_t number, std::string_view help);
     void Gauge(std::string_view name, double number, std::string_view help);
+    /// A histogram, in seconds.
+    void Histogram(std::string_view name, const Mirel::HistogramCounts& counts, std::string_view help);
 
     const std::string& Text() const { return m_Text; }
 
   private:
-    void Line(std::string_view label, std::string_view value, const std::string& number);
+    void Line(std::string_view label, std::string_view value, const std::string& number,
+              std::string_view suffix = {});
 
     std::string m_Text;
     std::string m_Family;

@@ -74,6 +74,11 @@ void Broadcaster::Send(std::string_view json) {
     }
 }
 
+Milliseconds Broadcaster::Lag() {
+    const std::shared_ptr<FeedLoop> loop = PresentLoop();
+    return loop ? loop->Lag() : Milliseconds();
+}
+
 void Broadcaster::LoseClients() {
     Mirel::DefaultLogSink().Error(
         "No memory to broadcast a posting: the WebSocket clients are disconnected.\n");

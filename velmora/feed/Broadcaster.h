@@ -34,6 +34,8 @@ class Broadcaster {
     static std::vector<std::shared_ptr<Broadcaster>> All();
 
     bool HasClients() const { return m_Log.HasReaders(); }
+    /// How long the client that is the furthest behind has not caught up.
+    Milliseconds Lag();
     void Adopt(Connection& connection);
     void Send(std::string_view json);
     /// For a posting that cannot be broadcast: nobody is passed over without noticing it.

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "MR_histogram.h"
+
 namespace Velmora::Feed {
 
 /// Each counter is changed from any thread, at most once for a batch of frames; see BroadcastCounters.
@@ -17,6 +19,7 @@ struct CounterSet {
     Counter SlowDisconnects{0};
     Counter ProtocolErrors{0};
     Counter LogBytes{0};
+    Mirel::Histogram Times;
 };
 
 constinit inline CounterSet Counters;

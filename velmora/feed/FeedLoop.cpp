@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "MR_log.h"
+#include "feed/CounterSet.h"
 
 namespace Velmora::Feed {
 
@@ -162,6 +163,7 @@ bool FeedLoop::MakePass() {
     if (m_HasOrders && !TakeOrders()) return false;
     LookAtLog();
     GiveTurns();
+    if (m_BatchBegan != Time()) CountTimes();
     if (m_Now >= m_TickAt) TickClients();
     if (m_AnyGone) BuryGone();
     if (m_Closing != 0) AnswerClosers();
@@ -235,7 +237,7 @@ void FeedLoop::Welcome(std::unique_ptr<FeedClient> client) {
 
 /// Learns what is new in the log, and for whom.
 void FeedLoop::LookAtLog() {
-    const LogEnd before = std::exchange(m_End, m_Log.End());
+    const LogEnd before = std::exchange(m_End, m_Log.End(&m_BatchBegan));
     const Time asleep = std::exchange(m_AsleepSince, Time());
     if (m_End == before) {
         m_Naps = m_Naps && !m_Ready.empty();
@@ -274,6 +276,11 @@ void FeedLoop::GiveTurn(FeedClient& client) {
         m_AnyGone = true;
         return;
     }
+    if (client.Standing == Turn::CaughtUp) {
+        client.BehindSince = Time();
+    } else if (client.BehindSince == Time()) {
+        client.BehindSince = m_Now;
+    }
     if (client.Standing == Turn::More) m_Ready.push_back(&client);
     if (client.Hurried()) HurryTick();
     // Once its buffer has been full, a client that is behind will fill it again: it stays watched until it
@@ -294,13 +301,28 @@ void FeedLoop::Watch(FeedClient& client) {
 
 void FeedLoop::TickClients() {
     bool hurried = false;
+    Time behind;
     for (auto& client : m_Clients) {
         client->Tick(m_Now);
+        if (client->BehindSince != Time() && (behind == Time() || client->BehindSince < behind))
+            behind = client->BehindSince;
         if (client->WantsTurn() && client->Standing != Turn::More) GiveTurn(*client);
         hurried = hurried || client->Hurried();
     }
+    m_BehindSince.store(behind, std::memory_order_relaxed);
     m_TickAt = m_Now + (hurried ? TickOf(m_Limits.Timeout, LongestHurriedTick)
                                 : TickOf(m_Limits.PingInterval, m_Limits.PingInterval));
+}
+
+/// All that is new has been offered to everybody who was ready for it.
+void FeedLoop::CountTimes() {
+    Counters.Times.Count(std::chrono::steady_clock::now() - std::exchange(m_BatchBegan, Time()));
+}
+
+Milliseconds FeedLoop::Lag() const {
+    const Time since = m_BehindSince.load(std::memory_order_relaxed);
+    if (since == Time()) return {};
+    return std::chrono::duration_cast<Milliseconds>(std::chrono::steady_clock::now() - since);
 }
 
 /// There is a client whose time-out runs.

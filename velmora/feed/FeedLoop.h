@@ -27,6 +27,9 @@ class FeedLoop final : private Mirel::Thread {
     /// Takes the client over. False, and nothing taken, where the thread has ended by a failure.
     bool Adopt(std::unique_ptr<FeedClient>& client);
 
+    /// How long the client that is the furthest behind has not caught up, as the last look found it.
+    Milliseconds Lag() const;
+
     /// There are new frames. To be called where FrameLog::Append() said so.
     void Wake();
 
@@ -50,6 +53,7 @@ class FeedLoop final : private Mirel::Thread {
     void GiveTurn(FeedClient& client);
     void Watch(FeedClient& client);
     void TickClients();
+    void CountTimes();
     void HurryTick();
     void BuryGone();
     void AnswerClosers();
@@ -62,6 +66,7 @@ class FeedLoop final : private Mirel::Thread {
     int m_Epoll = -1;
     int m_Wake = -1;
     std::atomic<bool> m_HasOrders{false};
+    std::atomic<Time> m_BehindSince{Time()};  // of the client that is the furthest behind; none: Time()
 
     Mirel::Mutex m_Lock;
     Mirel::Condition m_Closed;
@@ -77,6 +82,7 @@ class FeedLoop final : private Mirel::Thread {
     std::vector<FeedClient*> m_Turn;   // of the present round
     LogEnd m_End;                      // of the log, when last looked at
     Time m_Now;
+    Time m_BatchBegan;  // the oldest frame that is new to this pass; none: Time()
     Time m_TickAt;
     Time m_AsleepSince;   // with the log to wake it
     bool m_Naps = false;  // frames come so fast that it looks for them itself

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "feed/CounterSet.h"
 #include "feed/Frame.h"
@@ -99,6 +100,8 @@ bool FrameLog::Append(std::string_view text) {
         PutFrame(*m_Segments.back(), text);
     }
     while (m_Bytes > m_Limit && m_Segments.size() > 1) dropped.push_back(PopFront());
+    // The clock is read once for a batch: each posting would pay for it otherwise.
+    if (m_First == decltype(m_First)()) m_First = std::chrono::steady_clock::now();
     const bool wake = m_Waited;
     m_Waited = false;
     return wake;
@@ -138,9 +141,10 @@ bool FrameLog::FellOff(const LogCursor& cursor, const LogEnd& end) {
     return segment.Number + 1 < end.First || cursor.Offset < segment.Size;
 }
 
-LogEnd FrameLog::End() {
+LogEnd FrameLog::End(std::chrono::steady_clock::time_point* first) {
     Mirel::AutoMutex lock(m_Lock);
     m_Waited = false;
+    if (first != nullptr && m_First != decltype(m_First)()) *first = std::exchange(m_First, {});
     return EndLocked();
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -88,8 +89,9 @@ class FrameLog {
     /// True for a cursor that can't get what it has not taken.
     static bool FellOff(const LogCursor& cursor, const LogEnd& end);
 
-    /// How far the log goes now; ends what PrepareToWait() began.
-    LogEnd End();
+    /// How far the log goes now; ends what PrepareToWait() began. Where frames have come since it was asked
+    /// with `first`, that is set to when the first of them came.
+    LogEnd End(std::chrono::steady_clock::time_point* first = nullptr);
     /// True when nothing has been appended since `seen`; the next Append() then answers true.
     bool PrepareToWait(const LogEnd& seen);
 
@@ -111,7 +113,9 @@ class FrameLog {
     std::vector<SegmentPtr> m_Spare GUARDED_BY(m_Lock);    // to be used anew
     std::uint64_t m_NextNumber GUARDED_BY(m_Lock) = 0;
     std::size_t m_Bytes GUARDED_BY(m_Lock) = 0;  // room of m_Segments
-    bool m_Waited GUARDED_BY(m_Lock) = false;    // a thread sleeps until the next frame
+    std::chrono::steady_clock::time_point m_First
+        GUARDED_BY(m_Lock);                    // of the frames that nobody has looked at
+    bool m_Waited GUARDED_BY(m_Lock) = false;  // a thread sleeps until the next frame
 };
 
 }  // namespace Velmora::Feed

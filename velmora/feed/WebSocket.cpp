@@ -1,5 +1,6 @@
 #include "VL_WebSocket.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 #include <vector>
@@ -92,6 +93,8 @@ void CloseAllWebSocketClients() {
 
 BroadcastCounters GetBroadcastCounters() {
     const Feed::CounterSet& now = Feed::Counters;
+    Feed::Milliseconds lag{};
+    for (const auto& broadcaster : Feed::Broadcaster::All()) lag = std::max(lag, broadcaster->Lag());
     return {.Clients = now.Clients,
             .Adopted = now.Adopted,
             .Postings = now.Postings,
@@ -99,7 +102,9 @@ BroadcastCounters GetBroadcastCounters() {
             .BytesDelivered = now.BytesDelivered,
             .SlowDisconnects = now.SlowDisconnects,
             .ProtocolErrors = now.ProtocolErrors,
-            .LogBytes = now.LogBytes};
+            .LogBytes = now.LogBytes,
+            .Times = now.Times.Read(),
+            .Lag_ms = static_cast<ui64_t>(lag.count())};
 }
 
 }  // namespace Velmora

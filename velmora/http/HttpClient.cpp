@@ -41,6 +41,7 @@ HttpExchangeEnd PerformAndCount(const HttpExchangeRequest& request) {
     recorder.CountStart();
     HttpExchangeEnd end = Perform(request);
     const auto duration = std::chrono::steady_clock::now() - start;
+    recorder.CountTime(duration);
     const bool failed = end.Failure != RequestFailure::None;
     if (failed && end.Reason.empty()) end.Reason = "Out of memory";
     recorder.CountEnd(request.Method, request.Target, end.Status,

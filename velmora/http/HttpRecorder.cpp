@@ -91,7 +91,9 @@ void HttpRecorder::CountEnd(Method_t method, const URL& url, Status_t status,
 
 RequestCounters HttpRecorder::Counters() const {
     Mirel::AutoMutex lock(m_Lock);
-    return m_Counters;
+    RequestCounters counters = m_Counters;
+    counters.Times = m_Times.Read();
+    return counters;
 }
 
 std::vector<RequestOutcome> HttpRecorder::Outcomes() const {

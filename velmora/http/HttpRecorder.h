@@ -21,6 +21,8 @@ class HttpRecorder {
     static HttpRecorder& Instance();
 
     void CountStart();
+    /// How long an exchange took that was begun.
+    void CountTime(std::chrono::nanoseconds duration) { m_Times.Count(duration); }
 
     /// The end of an exchange that was counted by CountStart(). `url` may hold credentials: they are left
     /// out.
@@ -33,6 +35,7 @@ class HttpRecorder {
   private:
     void CountOutcome(Status_t status, RequestFailure failure) REQUIRES(m_Lock);
 
+    Mirel::Histogram m_Times;  // synchronises itself
     mutable Mirel::Mutex m_Lock;
     RequestCounters m_Counters GUARDED_BY(m_Lock);
     ui64_t m_Ended GUARDED_BY(m_Lock) = 0;
