@@ -1,0 +1,127 @@
+"""The terminal client against a real server: what it does, prints and exits with."""
+
+import http.client
+import json
+import os
+import subprocess
+import threading
+import unittest
+
+import support
+
+TOKEN = "a-token-of-the-test"
+
+
+class Terminal(support.ServerCase):
+    configuration = {"AccessToken": TOKEN}
+
+    def run_client(self, *arguments, stdin="", **environment):
+        known = {"PATH": os.environ["PATH"], "VELMORA_URL": self.server.url, "VELMORA_TOKEN": TOKEN,
+                 "HOME": self.server.folder.name, **environment}
+        return subprocess.run([os.environ["VELMORA_TERMINAL"], *arguments], input=stdin, text=True,
+                              capture_output=True, env=known, timeout=support.PATIENCE_SEC)
+
+    def done(self, *arguments, **more):
+        run = self.run_client(*arguments, **more)
+        self.assertEqual((run.returncode, run.stderr), (0, ""), arguments)
+        return run.stdout
+
+    def test_registers_lists_and_removes(self):
+        self.done("events", "add", "a/b c", "--data", '{"x": 1e400, "10": 9007199254740993}')
+        self.assertIn('{"x":1e400,"10":9007199254740993}', self.done("events", "list"))
+        listener = self.done("listeners", "add", "a/b c", "http://127.0.0.1:1/x", "--data", "-", stdin='{"k": 1.0}').strip()
+        self.assertIn(listener, self.done("listeners", "list", "a/b c"))
+        timer = self.done("timers", "add", "a/b c", "--every", "3600").strip()
+        later = self.done("timers", "add", "a/b c", "--in", "600").strip()
+        self.assertRegex(self.done("timers", "list"), rf"{timer}.* 3600[\s\S]*{later}  a/b c  \d{{4}}-")
+        self.done("watches", "add", "/", "a/b c", "--once")
+        self.assertIn("/", self.done("watches", "list"))
+        whole = json.loads(self.done("--json", "events", "list"))
+        self.assertEqual(whole["event_list"][0]["listener_list"][0]["id"], listener)
+        for arguments in (("listeners", "remove", "a/b c", listener), ("timers", "remove", timer), ("timers", "remove", "--all"),
+                          ("watches", "remove", "/"), ("events", "remove", "a/b c")):
+            self.done(*arguments)
+        self.assertEqual(self.done("events", "list").splitlines(), ["EVENT  LISTENERS  DATA"])
+
+    def test_posts_and_tails_across_a_restart(self):
+        self.done("events", "add", "order.new")
+        self.done("events", "add", "other")
+        tail = subprocess.Popen(
+            [os.environ["VELMORA_TERMINAL"], "--json", "tail", "--event", "order.*", "--count", "2"], text=True,
+            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+            env={"VELMORA_URL": self.server.url, "VELMORA_TOKEN": TOKEN})
+        self.addCleanup(tail.stdout.close)
+        self.addCleanup(tail.kill)
+        got = []
+        threading.Thread(target=lambda: got.extend(map(json.loads, tail.stdout)), daemon=True).start()
+
+        def post(data):
+            self.done("post", "other")
+            return self.done("post", "order.new", data).strip()
+
+        # Until it is there it cannot see a posting; the last two come behind a restart.
+        support.eventually(lambda: post('{"n": 1}') and got, "the tail prints")
+        self.server.kill()
+        self.server.start()
+        support.eventually(lambda: self.metric("velmora_feed_clients") > 0, "the tail has connected again")
+        ids = [post('{"n": 2}') for _ in range(2)]
+        support.eventually(lambda: tail.poll() is not None, "the tail has what it counts")
+        self.assertEqual(tail.returncode, 0)
+        self.assertEqual({message["posting"]["event_name"] for message in got}, {"order.new"})
+        self.assertEqual([message["id"] for message in got][-len(ids):][:1], ids[:1])
+
+    def metric(self, name):
+        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=support.PATIENCE_SEC)
+        connection.request("GET", "/metrics")
+        for line in connection.getresponse().read().decode().splitlines():
+            if line.startswith(name + " "):
+                return float(line.split()[1])
+        raise AssertionError("no metric " + name)
+
+    def test_moves_the_state(self):
+        self.done("events", "add", "kept", "--data", '{"n": 12345678901234567890}')
+        exported = self.server.path("exported.json")
+        self.done("state", "export", exported)
+        self.done("events", "remove", "--all")
+        self.assertIn("+ event kept", self.done("state", "import", exported, "--preview"))
+        self.assertEqual(self.run_client("events", "remove", "kept").returncode, 3)
+        self.assertIn("1 events, 0 listeners", self.done("state", "import", exported))
+        self.assertIn("12345678901234567890", self.done("events", "list"))
+
+    def test_says_what_is_wrong_and_exits_with_it(self):
+        def fails(code, text, *arguments, **more):
+            run = self.run_client(*arguments, **more)
+            self.assertEqual(run.returncode, code, (arguments, run.stderr))
+            self.assertIn(text, run.stderr)
+            self.assertEqual(run.stdout, "")
+
+        settings = self.server.path("settings.json")
+        with open(settings, "w", encoding="utf-8") as file:
+            json.dump({"Address": self.server.url, "Token": TOKEN}, file)
+        os.chmod(settings, 0o644)
+        fails(1, "--help lists", "nonsense")
+        fails(1, "no JSON", "post", "x", '{"a": }')
+        fails(1, "no JSON object", "post", "x", "[1]")
+        fails(1, "Name what to remove", "events", "remove")
+        fails(1, "can be read by others", "status", "--settings", settings, VELMORA_TOKEN="")
+        fails(1, "no address of a server", "status", VELMORA_URL="ftp://x")
+        fails(2, "/callback", "listeners", "add", "e", "ftp://x") if self.done("events", "add", "e") == "" else None
+        fails(3, 'no event "nope"', "post", "nope")
+        fails(4, "", "events", "list", VELMORA_TOKEN="wrong")
+        fails(5, "does not answer", "events", "list", VELMORA_URL="http://127.0.0.1:1")
+        os.chmod(settings, 0o600)
+        self.assertIn("ready", self.done("status", "--settings", settings, VELMORA_TOKEN="", VELMORA_URL=""))
+
+    def test_completes_in_every_shell_and_has_a_manual(self):
+        for shell in ("bash", "zsh", "fish"):
+            script = self.done("completion", shell)
+            for word in ("listeners", "import", "preview", "every"):
+                self.assertIn(word, script, shell)
+        typed = 'source /dev/stdin; COMP_WORDS=(velmora timers add --); COMP_CWORD=3; _velmora; echo "${COMPREPLY[@]}"'
+        completed = subprocess.run(["bash", "-c", typed], input=self.done("completion", "bash"), text=True, capture_output=True)
+        self.assertEqual(completed.stdout.split(), ["--help", "--at", "--in", "--every", "--data"], completed.stderr)
+        self.assertIn(".SS \"velmora state import FILE\"", self.done("manual"))
+
+
+if __name__ == "__main__":
+    unittest.main()
