@@ -20,11 +20,11 @@ class Server {
     const config = join(this.folder, "config.json");
     const events = ["a.1", "b"].map((event_name) => ({ event_name }));
     writeFileSync(config, JSON.stringify({ BindAddress: { ListenPort: this.port }, AccessToken: TOKEN, EventManager: { event_list: events } }));
-    this.process = spawn(process.env.VELMORA_SERVER, ["--config", config], { stdio: ["ignore", "ignore", "pipe"] });
+    this.process = spawn(process.env.VELMORA_SERVER, ["--config", config], { stdio: ["ignore", "pipe", "ignore"] });
     this.ended = new Promise((resolve) => this.process.once("exit", resolve));
     await new Promise((resolve, reject) => {
       this.process.once("exit", () => reject(new Error("the server did not start")));
-      createInterface(this.process.stderr).on("line", (line) => {
+      createInterface(this.process.stdout).on("line", (line) => {
         const found = /Listening on (http:\/\/[^:]+:(\d+))/.exec(line);
         if (found) resolve(([, this.url, this.port] = [found[0], found[1], Number(found[2])]));
       });

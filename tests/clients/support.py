@@ -44,19 +44,27 @@ class Server:
         config = pathlib.Path(self.path("config.json"))
         config.write_text(json.dumps(self.configuration))
         self.process = subprocess.Popen(
-            [os.environ["VELMORA_SERVER"], "--config", str(config)], stderr=subprocess.PIPE, text=True)
-        for line in self.process.stderr:
+            [os.environ["VELMORA_SERVER"], "--config", str(config)], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        for line in self.process.stdout:
             found = re.search(r"Listening on (http://[^:]+:(\d+))", line)
             if found:
                 self.url, self.port = found.group(1), int(found.group(2))
                 break
         else:
             raise AssertionError("the server did not start")
-        threading.Thread(target=self.process.stderr.read, daemon=True).start()  # it must not fill the pipe
+        self.reader = threading.Thread(target=self.process.stdout.read, daemon=True)  # it must not fill the pipe
+        self.reader.start()
 
     def kill(self, with_signal=signal.SIGKILL):
         self.process.send_signal(with_signal)
         self.process.wait(PATIENCE_SEC)
+        self.reader.join()
+        self.process.stdout.close()
+
+    def end(self):
+        if self.process.poll() is None:
+            self.kill()
+        self.folder.cleanup()
 
     def request(self, method, path, body=None):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE_SEC)
@@ -77,4 +85,4 @@ class ServerCase(unittest.TestCase):
     def setUp(self):
         self.server = Server(**self.configuration)
         self.server.start()
-        self.addCleanup(lambda: self.server.process.poll() is None and self.server.kill())
+        self.addCleanup(self.server.end)
