@@ -498,18 +498,32 @@ static bool callback_is_usable(const std::string& callback) {
 
 Status_t EventQueue::CreateEventListener(const std::string& event_name, const std::string& callback,
                                          const PListDict* listener_data, UUID& callback_id) {
+    Listener listener(callback, copy_or_empty(listener_data));
+    const UUID id = listener.id;
+    const Status_t status = RegisterListener(event_name, std::move(listener));
+    if (status == Velmora::STATUS_201_CREATED) callback_id = id;
+    return status;
+}
+
+Status_t EventQueue::AddEventListener(const std::string& event_name, const UUID& id,
+                                      const std::string& callback, const PListDict* listener_data) {
+    Listener listener(callback, copy_or_empty(listener_data));
+    listener.id = id;
+    return RegisterListener(event_name, std::move(listener));
+}
+
+Status_t EventQueue::RegisterListener(const std::string& event_name, Listener listener) {
     {
         AutoMutex lock(m_EventLock);
         if (HasTooManyListeners()) return Velmora::STATUS_409_CONFLICT;
         const auto event = m_Events.find(event_name);
         if (event == m_Events.end()) return Velmora::STATUS_404_NOT_FOUND;
-        if (!callback_is_usable(callback)) return Velmora::STATUS_400_BAD_REQ;
+        if (!callback_is_usable(listener.callback)) return Velmora::STATUS_400_BAD_REQ;
         EventDistributor& owner = event->second;
-        if (m_Callbacks.contains({&owner, callback})) return Velmora::STATUS_412_PRECOND_FAILED;
+        if (m_Callbacks.contains({&owner, listener.callback})) return Velmora::STATUS_412_PRECOND_FAILED;
         listener_list_t created;  // goes into the event when nothing can fail any more
-        created.emplace_back(callback, copy_or_empty(listener_data));
+        created.push_back(std::move(listener));
         m_Callbacks.emplace(&owner, created.back().callback);
-        callback_id = created.back().id;
         owner.listeners.splice(owner.listeners.end(), created);
     }
     WriteState();
@@ -659,7 +673,7 @@ void EventQueue::IndexHistory() {
 /// and what is trimmed is only taken off here. A million records are gone from the history within the lock in
 /// well under a millisecond, and DestroyTrimmedHistory() frees them where nobody waits.
 void EventQueue::TrimHistory() {
-    Timestamp horizon;
+    Timestamp horizon = HistoryTime();
     horizon.AddSeconds(-HistoryRetention_sec);
 
     AutoMutex lock(m_HistoryLock);
@@ -675,6 +689,10 @@ void EventQueue::TrimHistory() {
     m_TrimmedHistory = m_EventHistory.TakeFirst(expired);
     ForgetLeftNumbers();
     m_HistoryIndexed -= expired;
+}
+
+Timestamp EventQueue::HistoryTime() const {
+    return Timestamp();
 }
 
 void EventQueue::DestroyTrimmedHistory() {
@@ -907,6 +925,13 @@ bool EventQueue::CreateTimer(const std::string& event_name, const Timestamp& tim
     }
     WriteState();
     return true;
+}
+
+void EventQueue::AddTimer(const Timer& timer) {
+    auto copy = std::make_unique<Timer>(timer);
+    AutoMutex lock(m_TimerLock);
+    m_Timers.push_back(copy.get());
+    copy.release();
 }
 
 void EventQueue::DeleteAllTimers() {
@@ -1401,13 +1426,10 @@ static Mutex s_lock;                                    // serialises creation a
 static std::atomic<EventQueue*> s_eventqueue{nullptr};  // written once, under s_lock; never deleted
 static NilEventQueue s_nil_eventqueue;
 
-Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored) {
-    const int write_timeout = integer_or(dict, Strings::Timeout_ms, DefaultTimeout_ms);
-    if (s_eventqueue.load(std::memory_order_acquire)) return RESULT_OK;
-
+Result_t StartEventQueue(EventQueue* queue, const PListDict& dict,
+                         const std::function<Result_t()>& restored) {
     AutoMutex lock(s_lock);
     if (s_eventqueue.load(std::memory_order_acquire)) return RESULT_OK;
-    EventQueue* const queue = new_queue(dict, static_cast<ui32_t>(write_timeout));
     s_eventqueue.store(queue, std::memory_order_release);
 
     queue->SetMaxListeners(integer_or(dict, Strings::MaxListeners, DefaultMaxListeners));
@@ -1423,6 +1445,15 @@ Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()
     const std::string state_file = dict.GetData(Strings::StateFile).Text();
     if (!state_file.empty()) queue->UseStateFile(state_file);
     return queue->Start("EventQueue::Main");
+}
+
+Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored) {
+    if (s_eventqueue.load(std::memory_order_acquire)) return RESULT_OK;
+    const int write_timeout = integer_or(dict, Strings::Timeout_ms, DefaultTimeout_ms);
+    auto queue = std::unique_ptr<EventQueue>(new_queue(dict, static_cast<ui32_t>(write_timeout)));
+    const Result_t started = StartEventQueue(queue.get(), dict, restored);
+    if (s_eventqueue.load(std::memory_order_acquire) == queue.get()) (void)queue.release();
+    return started;
 }
 
 Result_t InitEventQueue(const PListDict& dict) {

@@ -384,8 +384,34 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     /// so not to be called from within a posting.
     void RecordPosting(const PListDict& payload, ui64_t number);
 
+    /// Posts every timer that is due; once in each pass of the worker. An override decides otherwise who
+    /// fires what, and need not call this one.
+    virtual void FireTimers();
+
+    /// The time by which the history is trimmed; here that of this machine. Postings that get their
+    /// timestamps elsewhere need that place's.
+    virtual Timestamp HistoryTime() const;
+
+    /// CreateEventListener for a listener that has its id already.
+    Status_t AddEventListener(const std::string& event_name, const UUID& id, const std::string& callback,
+                              const PListDict* listener_data);
+
+    /// Puts a copy of the timer, with its id, behind the others.
+    void AddTimer(const Timer& timer);
+
+    /// Count a posting by a timer, and a timer that was too late to post, for GetQueueStatistics.
+    ///@{
+    void CountTimerPosting() { ++m_Counters.timer_postings; }
+    void CountExpiredTimer() { ++m_Counters.expired_timers; }
+    ///@}
+
+    /// What GetQueueStatistics answers of this queue.
+    QueueStatistics Statistics() const;
+
   private:
     friend Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored);
+    friend Result_t StartEventQueue(EventQueue* queue, const PListDict& dict,
+                                    const std::function<Result_t()>& restored);
     friend Result_t SaveEventQueue();
     friend void ApplyQueueState(const PListDict& document);
     friend QueueStatistics GetQueueStatistics();
@@ -432,6 +458,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     void DropEndedWatches();
 
     bool HasTooManyListeners() const REQUIRES(m_EventLock);
+    Status_t RegisterListener(const std::string& event_name, Listener listener);
     void ForgetCallbacks(const EventDistributor& event) REQUIRES(m_EventLock);
 
     void Record(const PListDict& payload, ui64_t number) REQUIRES(m_EventLock);
@@ -451,13 +478,11 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     void MaintainWatches(int event_stream);
     void WaitForChanges(int event_stream) NO_THREAD_SAFETY_ANALYSIS;
     void FireWatches();
-    void FireTimers();
     bool FireTimer(Timer& timer, const Timestamp& now, const Timestamp& expiry_limit) REQUIRES(m_TimerLock);
     void ReapCallersAndTrimHistory();
     caller_list TakeFinishedCallers() REQUIRES(m_EventLock);
     void CountPass(std::chrono::steady_clock::time_point began);
 
-    QueueStatistics Statistics() const;
     void MeasureSizes() const;
 
     URL m_ServiceEndPoint GUARDED_BY(m_EventLock);  // the server itself, for callbacks that are paths
@@ -554,6 +579,11 @@ MR_EXPORT Result_t InitEventQueue(const PListDict& dict);
 /// document is applied, before anything is saved over the one that it came from and before the worker starts.
 /// Where it answers a failure that is the answer, and the queue neither saves nor fires anything.
 MR_EXPORT Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored);
+
+/// The same with a queue of the caller's own class, made with new, which becomes the live queue; where there
+/// is one already it is not taken over. For programs whose queue is more than this process's.
+MR_EXPORT Result_t StartEventQueue(EventQueue* queue, const PListDict& dict,
+                                   const std::function<Result_t()>& restored);
 
 /// The live queue, or before InitEventQueue the NilEventQueue. Takes no lock.
 MR_EXPORT IEventQueue& GlobalEventQueue();
