@@ -104,6 +104,7 @@ class RouterTest : public ::testing::Test {
         return "";
     }
     PListDict Body() const { return Parse(last.Body); }
+    static std::string LastId() { return EventManager::ReadEventHistory(nullptr).Last.Text(); }
     // Pointers of the faults in the last problem, joined by blanks.
     std::string Pointers() const {
         std::string pointers;
@@ -244,6 +245,8 @@ TEST_P(RestTest, PathsMethodsAndQueriesThatAreNotServed) {
         {"GET /api/v1/events/%zz", 400},
         {"GET /api/v1/history?limit=-1", 400},
         {"GET /api/v1/history?limit=1x", 400},
+        {"GET /api/v1/history?after=1", 400},
+        {"GET /api/v1/history?after=", 400},
         {"GET /api/v1/history?limt=1", 400},
         {"GET /api/v1/history?limit=1&limit=2", 400},
         {"GET /api/v1/deliveries?outcome=odd", 400},
@@ -402,14 +405,14 @@ TEST_P(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {
     EXPECT_EQ(Count("/api/v1/events", "event_list"), 1u);
 
     EXPECT_EQ(Send("POST", location, R"({"n": 12345678901234})"), 202);
-    EXPECT_EQ(last.Body, "{\"event_name\":\"a/b \xC3\xA9\",\"posted\":true}");
+    EXPECT_EQ(last.Body, "{\"event_name\":\"a/b \xC3\xA9\",\"posted\":true,\"id\":\"" + LastId() + "\"}");
     EXPECT_EQ(Send("POST", location), 202);
     const std::pair<std::string, std::string> escaped[] = {
         {"%22", R"(\")"}, {"%5C", R"(\\)"}, {"%0A", R"(\n)"}};
     for (const auto& [segment, json] : escaped) {
         Call("POST /api/v1/events", R"({"event_name":")" + json + "\"}");
         EXPECT_EQ(Call("POST /api/v1/events/" + segment), 202);
-        EXPECT_EQ(last.Body, R"({"event_name":")" + json + R"(","posted":true})");
+        EXPECT_EQ(last.Body, R"({"event_name":")" + json + R"(","posted":true,"id":")" + LastId() + "\"}");
         EXPECT_EQ(Call("DELETE /api/v1/events/" + segment), 204);
     }
     EXPECT_EQ(Call("GET /api/v1/history?event_name=a/b+%C3%A9&limit=2"), 200);
@@ -432,7 +435,7 @@ TEST_P(RestTest, EveryNameThatIsTakenCanBeAddressed) {
         EXPECT_EQ(Send("GET", event), 200);
         EXPECT_EQ(last.Body, entry);
         EXPECT_EQ(Send("POST", event), 202);
-        EXPECT_EQ(last.Body, R"({"event_name":")" + name + R"(","posted":true})");
+        EXPECT_EQ(last.Body, R"({"event_name":")" + name + R"(","posted":true,"id":")" + LastId() + "\"}");
         EXPECT_EQ(Send("POST", event + "/listeners", R"({"callback":"python://a.b-c_1"})"), 201);
         EXPECT_EQ(Send("DELETE", Header("Location")), 204);
         EXPECT_EQ(Send("DELETE", event), 204);
@@ -710,6 +713,34 @@ TEST_P(RestTest, HistoryAnswersTheLastOnesOldestFirst) {
     EXPECT_EQ(numbers("?event_name=" + h + "2"), "135");
     EXPECT_EQ(numbers("?limit=0"), "");
     EXPECT_EQ(numbers("?event_name=none"), "");
+}
+
+TEST_P(RestTest, WhatCameAfterAPostingIsReadPageByPage) {
+    const std::string name = "after-" + std::to_string(static_cast<int>(GetParam()));
+    Call("POST /api/v1/events", R"({"event_name": ")" + name + "\"}");
+    Call("POST /api/v1/events", R"({"event_name": "other"})");
+    std::string ids[5];
+    for (std::string& id : ids) {
+        ASSERT_EQ(Send("POST", "/api/v1/events/" + name), 202);
+        id = Body().GetData("id").Text();
+        Send("POST", "/api/v1/events/other");
+    }
+    const auto ask = [&](const std::string& after, const std::string& more) {
+        EXPECT_EQ(Send("GET", "/api/v1/history?after=" + after + more), 200);
+        return Body().GetArray("history").Size();
+    };
+    EXPECT_EQ(ask(ids[0], ""), 9u);
+    EXPECT_EQ(Body().GetData("last_id").Text(), LastId());
+    EXPECT_FALSE(Body().HasItem("gap"));
+    EXPECT_EQ(ask(ids[0], "&limit=3&event_name=" + name), 3u);
+    EXPECT_EQ(Body().GetData("last_id").Text(), ids[3]);
+    EXPECT_EQ(ask(ids[3], "&limit=3&event_name=" + name), 1u);
+    EXPECT_EQ(Body().GetData("last_id").Text(), LastId());
+    EXPECT_EQ(ask(ids[2], "&limit=0"), 0u);
+    EXPECT_EQ(Body().GetData("last_id").Text(), ids[2]);
+    EXPECT_EQ(ask(LastId(), ""), 0u);
+    EXPECT_GE(ask("another-epoch-7", ""), 10u);
+    EXPECT_TRUE(Body().HasItem("gap"));
 }
 
 TEST_P(RestTest, DeliveriesTellHowCallsEnded) {

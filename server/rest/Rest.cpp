@@ -182,4 +182,13 @@ std::optional<HttpResponse> ReadLimit(const RestCall& call, std::size_t& limit) 
     return BadParameter("limit", "must be a whole number, 0 or more");
 }
 
+std::optional<HttpResponse> ReadAfter(const QueryParameters& query,
+                                      std::optional<Velmora::PostingId>& after) {
+    const std::string* text = FindParameter(query, "after");
+    if (text == nullptr) return std::nullopt;
+    after = Velmora::PostingId::FromText(*text);
+    if (after) return std::nullopt;
+    return BadParameter("after", "must be the id of a posting: EPOCH-NUMBER");
+}
+
 }  // namespace Server

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "VL_PList.h"
+#include "VL_WebSocket.h"
 #include "config/Shape.h"
 #include "http/Http.h"
 #include "http/HttpServer.h"
@@ -75,6 +76,8 @@ std::optional<HttpResponse> ReadBody(const RestCall& call, Velmora::PListDict& b
                                      std::size_t max_depth = Velmora::PListItem::UsualDepth);
 /// Reads the query parameter "limit"; `limit` is left alone where it was not given.
 std::optional<HttpResponse> ReadLimit(const RestCall& call, std::size_t& limit);
+/// Reads the query parameter "after", a posting's id; `after` is left alone where it was not given.
+std::optional<HttpResponse> ReadAfter(const QueryParameters& query, std::optional<Velmora::PostingId>& after);
 
 // The rows of the table.
 

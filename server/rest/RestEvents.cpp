@@ -120,11 +120,12 @@ HttpResponse PostEvent(RestCall& call) {
     HttpResponse response;
     response.Status = Velmora::STATUS_202_ACCEPTED;
     response.ContentType = Velmora::Strings::MIME_json;
-    constexpr std::string_view Before = "{\"event_name\":", After = ",\"posted\":true}";
-    response.Body.reserve(Before.size() + name.size() + 2 + After.size());
+    constexpr std::string_view Before = "{\"event_name\":", After = ",\"posted\":true,\"id\":\"";
+    const std::string id = EventManager::LastPostingOfThread().Text();
+    response.Body.reserve(Before.size() + name.size() + 2 + After.size() + id.size() + 2);
     response.Body += Before;
     AppendJsonString(response.Body, name);
-    response.Body += After;
+    response.Body.append(After).append(id).append("\"}");
     return response;
 }
 

@@ -1,4 +1,5 @@
 // What happened: the history of postings and the outcomes of calls to listeners.
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -20,16 +21,18 @@ struct Selection {
     std::size_t Omitted = 0;  // that the client asked for and the answer has no room for
 };
 
+bool Wanted(const Velmora::PListItem* item, const std::string* name) {
+    const Velmora::PListDict* record = name == nullptr ? nullptr : AsDict(item);
+    return name == nullptr || (record != nullptr && record->GetData(Keys::event_name).TextView() == *name);
+}
+
 // The last records with that name (null: any), oldest first.
 Selection LastRecords(const Velmora::PListArray& history, const std::string* name, std::size_t limit) {
     std::vector<const Velmora::PListItem*> found;  // newest first
     Selection selection;
     for (std::size_t i = history.Size(); i > 0 && found.size() + selection.Omitted < limit; --i) {
         const Velmora::PListItem* item = history.GetItem(i - 1);
-        const Velmora::PListDict* record = AsDict(item);
-        const bool wanted =
-            name == nullptr || (record != nullptr && record->GetData(Keys::event_name).TextView() == *name);
-        if (!wanted) continue;
+        if (!Wanted(item, name)) continue;
         if (found.size() < MostRecords) {
             found.push_back(item);
         } else {
@@ -37,6 +40,27 @@ Selection LastRecords(const Velmora::PListArray& history, const std::string* nam
         }
     }
     for (auto item = found.rbegin(); item != found.rend(); ++item) selection.Records.Append(**item);
+    return selection;
+}
+
+// The first records with that name from where the reading begins. Where the limit leaves some out, the
+// reading's last one is the last that was taken, so that the next question goes on there.
+Selection FirstRecords(EventManager::HistoryReading& reading, const std::string* name, std::size_t limit,
+                       const EventManager::PostingId& after) {
+    const Velmora::PListArray& history = reading.Records;
+    Selection selection;
+    EventManager::PostingId last = after;
+    limit = std::min(limit, MostRecords);
+    for (std::size_t i = reading.Begin; i < history.Size(); ++i) {
+        const Velmora::PListItem* item = history.GetItem(i);
+        if (!Wanted(item, name)) continue;
+        if (selection.Records.Size() == limit) {
+            reading.Last = last;
+            break;
+        }
+        selection.Records.Append(*item);
+        if (selection.Records.Size() == limit) last = reading.IdAt(i);
+    }
     return selection;
 }
 
@@ -73,12 +97,16 @@ Velmora::PListDict DeliveryEntry(const Velmora::RequestOutcome& outcome, bool sl
 HttpResponse GetHistory(RestCall& call) {
     std::size_t limit = std::numeric_limits<std::size_t>::max();
     if (auto refused = ReadLimit(call, limit)) return std::move(*refused);
-    Velmora::PListDict history;
-    GlobalEventQueue().GetEventHistory(history);
-    const Selection selection =
-        LastRecords(std::as_const(history).GetArray(Keys::history), call.Parameter(Keys::event_name), limit);
+    std::optional<EventManager::PostingId> after;
+    if (auto refused = ReadAfter(call.Query, after)) return std::move(*refused);
+    EventManager::HistoryReading reading = EventManager::ReadEventHistory(after ? &*after : nullptr);
+    const std::string* name = call.Parameter(Keys::event_name);
+    const Selection selection = after ? FirstRecords(reading, name, limit, *after)
+                                      : LastRecords(std::as_const(reading.Records), name, limit);
     Velmora::PListDict answer;
     answer.SetItem(Keys::history, selection.Records);
+    if (!reading.Last.Epoch.empty()) answer.SetValue("last_id", reading.Last.Text());
+    if (reading.Gap) answer.SetValue("gap", true);
     if (selection.Omitted > 0) answer.SetValue("omitted", static_cast<long long>(selection.Omitted));
     return Json(Velmora::STATUS_200_OK, answer);
 }

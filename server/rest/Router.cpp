@@ -55,7 +55,7 @@ constexpr Row Table[] = {
     {Velmora::METH_GET, "/api/v1/watches", Waits::ForQueue, Body::None, "path", GetWatches},
     {Velmora::METH_POST, "/api/v1/watches", Waits::ForQueue, Body::JSON, "", PostWatches},
     {Velmora::METH_DELETE, "/api/v1/watches", Waits::ForQueue, Body::None, "path", DeleteWatches},
-    {Velmora::METH_GET, "/api/v1/history", Waits::ForQueue, Body::None, "event_name limit", GetHistory},
+    {Velmora::METH_GET, "/api/v1/history", Waits::ForQueue, Body::None, "after event_name limit", GetHistory},
     {Velmora::METH_GET, "/api/v1/deliveries", Waits::Never, Body::None, "outcome limit", GetDeliveries},
     {Velmora::METH_GET, "/api/v1/feed", Waits::Never, Body::None, "", GetFeed},
     {Velmora::METH_GET, "/healthz", Waits::Never, Body::None, "", GetHealth},
