@@ -36,6 +36,8 @@ using Mirel::DefaultLogSink;
 using Mirel::RESULT_FILEOPEN;
 using Mirel::RESULT_OK;
 using Velmora::BasicRestEntryCall;
+using Velmora::HandlerCall;
+using Velmora::HandlerOutcome;
 using Velmora::PListItem;
 
 namespace {
@@ -779,7 +781,7 @@ static PyObject* find_python_module(const std::string& module_name) {
 }
 
 /// Calls the handler with the payload as its one argument.
-static void call_python_handler(PyObject* handler, const PListDict& payload) {
+static void call_python_handler(PyObject* handler, const PListDict& payload, HandlerCall& call) {
     PythonReference arguments(PyTuple_New(1));
     PyObject* argument = arguments ? PyObject_FromPListItem(payload) : nullptr;
     if (!argument) {
@@ -788,18 +790,25 @@ static void call_python_handler(PyObject* handler, const PListDict& payload) {
     }
     PyTuple_SetItem(arguments.Get(), 0, argument);  // takes the reference over
     const PythonReference result(PyObject_CallObject(handler, arguments.Get()));
-    if (!result) log_pending_python_error();
+    if (result && call.Finish(result.Get())) {
+        call.Reached(HandlerOutcome::Ok);
+    } else {
+        log_pending_python_error();
+    }
 }
 
 /// Runs the function "event_handler" of a Python module. What goes wrong is logged.
 static void exec_python_handler(const std::string& module_name, const PListDict& payload) {
     const PythonContextLock context;
+    HandlerCall call(module_name, payload);
     const PythonReference module(find_python_module(module_name));
     if (!module) {
         log_pending_python_error();
         DefaultLogSink().Error("Unable to locate Python module \"%s\".\n", module_name.c_str());
+        call.NotImported();
         return;
     }
+    call.Reached(HandlerOutcome::NoHandler);
     DefaultLogSink().Debug("Ready to exec \"%s\".\n", module_name.c_str());
     const PythonReference handler(PyObject_GetAttrString(module.Get(), "event_handler"));
     if (!handler) {
@@ -810,7 +819,8 @@ static void exec_python_handler(const std::string& module_name, const PListDict&
         DefaultLogSink().Error("Python object %s.event_handler must be callable.\n", module_name.c_str());
         return;
     }
-    call_python_handler(handler.Get(), payload);
+    call.Reached(HandlerOutcome::Raised);
+    call_python_handler(handler.Get(), payload, call);
 }
 
 void EventQueue::CallListener(const Listener& listener, const PListDict& payload) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "MR_log.h"
@@ -44,7 +45,93 @@ class MR_EXPORT PythonContextLock {
 /// out or the tree is nested beyond 1,000 levels. The interpreter lock must be held.
 MR_EXPORT PyObject* PyObject_FromPListItem(const Velmora::PListItem& item);
 
-/// Logs the pending Python exception as one entry (type, message, traceback) at `level` and clears it;
-/// nothing when none is pending. SystemExit and KeyboardInterrupt are logged like any other. The interpreter
-/// lock must be held.
+/// Logs the pending Python exception (type, message, traceback) at `level` and clears it; nothing when none
+/// is pending. It is one entry, or with HandlerOptions::LineByLine one for each of its lines. SystemExit and
+/// KeyboardInterrupt are logged like any other. The interpreter lock must be held.
 MR_EXPORT void mr_log_python_exception(const Mirel::LogType_t& level);
+
+namespace Velmora {
+
+/// How far the call of a Python handler came.
+enum class HandlerOutcome {
+    Ok,         ///< the handler returned
+    Import,     ///< its module could not be imported
+    NoHandler,  ///< the module has no "event_handler", or one that cannot be called
+    Raised,     ///< the handler raised, or was not called for want of its argument
+};
+
+/// "ok", "import", "no_handler" or "raised".
+MR_EXPORT const char* HandlerOutcomeName(HandlerOutcome outcome);
+
+/// What is kept of one call of a Python handler.
+struct HandlerReport {
+    HandlerOutcome Outcome = HandlerOutcome::Ok;  ///< how far it came
+    Mirel::ui64_t Duration_us = 0;  ///< from when the interpreter was free for it; an import counts
+    std::string Reason;             ///< of a failure, one line: "ValueError: of no value"
+    std::string Traceback;          ///< its last lines, at most 4 KiB, without a newline at the end
+};
+
+/// Of the last handler that the calling thread has called; that of a success before the first one. Valid
+/// until the thread calls the next.
+MR_EXPORT const HandlerReport& LastHandlerReport();
+
+/// What is done around the calls of handlers; nothing, as it stands.
+struct HandlerOptions {
+    Mirel::ui32_t Slow_ms = 0;    ///< a handler that takes longer gets a Warn line; 0: none does
+    bool LineByLine = false;      ///< exceptions are logged with one entry a line, each with the same prefix
+    bool ExplainImports = false;  ///< a module that is there and cannot be imported says why in one line more
+    bool RunCoroutines = false;   ///< what an "async def" handler returns is run to its end
+};
+
+/// To be called before the first handler is. May be called again, also while handlers run.
+MR_EXPORT void SetHandlerOptions(const HandlerOptions& options);
+
+/// One call of a handler, from looking for its module to its end: made by whoever calls a handler, under the
+/// interpreter lock, for the scope of the call. Makes the thread's LastHandlerReport() and the counters, and
+/// does what the options ask for. Exceptions that the thread logs meanwhile become the report's traceback.
+class MR_EXPORT HandlerCall {
+  public:
+    /// `payload` is what the handler is called with. Both must outlive the object.
+    HandlerCall(const std::string& module, const PListDict& payload);
+    ~HandlerCall();
+    HandlerCall(const HandlerCall&) = delete;
+    HandlerCall& operator=(const HandlerCall&) = delete;
+
+    /// To be called at each step: how the call ends should it come no further. It begins with Import.
+    void Reached(HandlerOutcome outcome);
+    /// After a failed import has been logged.
+    void NotImported();
+    /// With what the handler returned, which is run to its end where it is a coroutine and the options ask
+    /// for it. False with a pending error where that raises.
+    bool Finish(PyObject* result);
+
+    /// The calling thread's call; null outside of one.
+    static HandlerCall* Current();
+    /// The module's name.
+    const std::string& Module() const { return m_Module; }
+    /// The argument.
+    const PListDict& Payload() const { return m_Payload; }
+    /// Takes the texts of an exception that is logged meanwhile: its traceback, and its type and message.
+    void TakeException(std::string_view traceback, std::string_view reason);
+
+  private:
+    void WarnIfSlow(Mirel::ui64_t duration_us) const;
+
+    const std::string& m_Module;
+    const PListDict& m_Payload;
+    HandlerCall* const m_Outer;
+    const Mirel::ui64_t m_Began_us;
+    HandlerOutcome m_Outcome = HandlerOutcome::Import;
+};
+
+/// Calls of handlers since the process began.
+struct HandlerCounters {
+    Mirel::ui64_t Calls[4] = {};    ///< by HandlerOutcome
+    Mirel::ui64_t Duration_us = 0;  ///< added up
+    Mirel::ui64_t Slow = 0;         ///< that took longer than the options' Slow_ms
+};
+
+/// May be called from any thread.
+MR_EXPORT HandlerCounters GetHandlerCounters();
+
+}  // namespace Velmora

@@ -17,9 +17,9 @@
 
 #include "MR_log.h"
 #include "VL_PList.h"
+#include "python/ExceptionText.h"
 
 using Mirel::DefaultLogSink;
-using Mirel::LogType_t;
 using Velmora::PListArray;
 using Velmora::PListData;
 using Velmora::PListDict;
@@ -394,53 +394,21 @@ std::string FormatPlainly(const Exception& exception) {
                            ? PyExceptionClass_Name(exception.Type.get())
                            : "Unknown Python exception";
     const PyRef message(exception.Value ? PyObject_Str(exception.Value.get()) : nullptr);
-    if (message) text += ": " + TextOf(message.get());
-    return text;
-}
-
-void EscapeNulBytes(std::string& text) {
-    for (std::size_t at = text.find('\0'); at != std::string::npos; at = text.find('\0', at)) {
-        text.replace(at, 1, "\\x00");
-    }
-}
-
-void WriteLog(LogType_t level, const char* text) {
-    Mirel::ILogSink& sink = DefaultLogSink();
-    switch (level) {
-        case Mirel::LOG_DEBUG:
-            sink.Debug("%s\n", text);
-            break;
-        case Mirel::LOG_INFO:
-            sink.Info("%s\n", text);
-            break;
-        case Mirel::LOG_WARN:
-            sink.Warn("%s\n", text);
-            break;
-        case Mirel::LOG_ERROR:
-            sink.Error("%s\n", text);
-            break;
-        case Mirel::LOG_NOTICE:
-            sink.Notice("%s\n", text);
-            break;
-        case Mirel::LOG_ALERT:
-            sink.Alert("%s\n", text);
-            break;
-        case Mirel::LOG_CRIT:
-            sink.Crit("%s\n", text);
-            break;
-    }
+    const std::string said = message ? TextOf(message.get()) : std::string();
+    const std::string own_types = "exceptions.";  // the module of Python 2's
+    if (text.starts_with(own_types)) text.erase(0, own_types.size());
+    return said.empty() ? text : text + ": " + said;
 }
 
 }  // namespace
 
-// PyErr_Print is not for this: it would end the process on SystemExit.
-void mr_log_python_exception(const LogType_t& level) {
+ExceptionText TakeExceptionText() {
     const Exception exception = TakeException();
-    if (!exception.Type || !DefaultLogSink().Logs(level)) return;
-    std::string text = FormatWithTraceback(exception);
-    if (text.empty()) text = FormatPlainly(exception);
+    ExceptionText text;
+    text.Traceback = FormatWithTraceback(exception);
+    text.Reason = FormatPlainly(exception);
     PyErr_Clear();
-    while (!text.empty() && text.back() == '\n') text.pop_back();
-    EscapeNulBytes(text);
-    WriteLog(level, text.c_str());
+    if (text.Traceback.empty()) text.Traceback = text.Reason;
+    while (text.Traceback.ends_with('\n')) text.Traceback.pop_back();
+    return text;
 }
