@@ -582,12 +582,12 @@ void EventQueue::AppendHistory(const PListDict& event_data, ui64_t number) {
     if (number == 0) number = m_LastNumber + 1;
     if (m_Numbers.empty() || m_Numbers.back().First + m_Numbers.back().Count != number)
         m_Numbers.push_back({number, 0});
-    m_EventHistory.Append(event_data);
-    ++m_Numbers.back().Count;
-    t_last_posting.Number = m_LastNumber = number;
     if (m_HistoryRuns.empty() || m_HistoryRuns.back().timestamp != timestamp) {
         m_HistoryRuns.push_back({std::string(timestamp), 0});
     }
+    m_EventHistory.Append(event_data);
+    ++m_Numbers.back().Count;
+    t_last_posting.Number = m_LastNumber = number;
     ++m_HistoryRuns.back().count;
     ++m_HistoryIndexed;
 }
@@ -653,7 +653,7 @@ static std::string_view record_time(const PListItem& record) {
 }
 
 /// Whether the index is as long as the history and begins with its first record. It does not where memory ran
-/// out between a record and its run (AppendHistory), or between the runs and their records (TrimHistory):
+/// out between a run and its record (AppendHistory), or between the runs and their records (TrimHistory):
 /// what no run covers would never leave.
 bool EventQueue::HistoryIsIndexed() const {
     if (m_HistoryIndexed != m_EventHistory.Size()) return false;
@@ -768,14 +768,26 @@ static void log_pending_python_error() {
     if (PyErr_Occurred()) mr_log_python_exception(Mirel::LOG_ERROR);
 }
 
+/// Whether another thread is in the middle of importing the module: what it defines is not there yet.
+static bool is_being_imported(PyObject* module) {
+    const PythonReference spec(PyObject_GetAttrString(module, "__spec__"));
+    const PythonReference initializing(spec ? PyObject_GetAttrString(spec.Get(), "_initializing") : nullptr);
+    const bool importing = initializing && PyObject_IsTrue(initializing.Get()) == 1;
+    PyErr_Clear();  // what is no module, or none that was imported, is used as it is
+    return importing;
+}
+
 /// A new reference to the loaded module, used as it is, or to the module imported now; null where that fails.
+/// An import that is under way is waited for.
 static PyObject* find_python_module(const std::string& module_name) {
     if (module_name.find('\0') != std::string::npos) {  // or the module of the name before it would be taken
         PyErr_SetString(PyExc_ImportError, "the module's name holds a NUL");
         return nullptr;
     }
     PyObject* module = PyDict_GetItemString(PyImport_GetModuleDict(), module_name.c_str());
-    if (!module) return PyImport_ImportModule(module_name.c_str());
+    Py_XINCREF(module);
+    PythonReference loaded(module);
+    if (!module || is_being_imported(module)) return PyImport_ImportModule(module_name.c_str());
     Py_INCREF(module);
     return module;
 }

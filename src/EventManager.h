@@ -178,7 +178,14 @@ class MR_EXPORT Watch {
 using watch_map = std::map<const std::string, Watch, ci_comp>;
 
 /// The queue as its callers see it. Every operation may be called from any thread at any time. Dictionaries
-/// that are handed in are copied, getters fill the caller's dictionary with copies, and nothing throws.
+/// that are handed in are copied, getters fill the caller's dictionary with copies.
+///
+/// Nothing throws as long as there is memory. Where it runs out, std::bad_alloc may come out of what creates,
+/// of what reads or applies a document, and of PostEvent. A creation has then been made whole or not at all,
+/// of a document the entries so far have been applied, a posting has called no listener; the queue is whole
+/// and goes on, and what was made but not saved is saved by the worker's next pass. Where memory runs out for
+/// a single listener of a posting, that listener is left out with an Error line. What deletes and what sets
+/// or reads a limit never throws.
 ///
 /// A Python handler runs inside the posting that calls it, while the queue's locks are held: it must not call
 /// any operation of the queue, also not through the server's REST interface and waiting for the answer, for

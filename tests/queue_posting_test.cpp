@@ -171,6 +171,40 @@ TEST_F(PostingTest, ALoadedModuleIsUsedAsItIsAndItsThreadsRunOn) {
     EXPECT_TRUE(log.Errors().empty());
 }
 
+// The module is among the loaded ones already, without its handler. That the posting waits for the import
+// shows in what it asks Python for.
+TEST_F(PostingTest, AModuleThatAnotherThreadIsImportingIsWaitedFor) {
+    if (PY_MAJOR_VERSION < 3) GTEST_SKIP() << "2.7 keeps no note of an import that is under way";
+    Module("gate", R"(import builtins, threading
+begun, go, asked, calls = threading.Event(), threading.Event(), [], []
+imported = builtins.__import__
+def noting(name, *others):
+    if name == 'slow_to_load' and begun.is_set(): asked.append(name)
+    return imported(name, *others)
+builtins.__import__ = noting
+def load():
+    import slow_to_load
+def start():
+    threading.Thread(target=load).start()
+)");
+    Module("slow_to_load",
+           "import gate\ngate.begun.set()\ngate.go.wait()\nevent_handler = gate.calls.append\n");
+    Event("e");
+    Listen("e", "python://slow_to_load");
+    Ask("gate", "start()");
+    EXPECT_TRUE(Testing::Eventually([] { return Ask("gate", "begun.is_set()") == "True"; }));
+    auto posted = std::async(std::launch::async, [&] { return Post("e"); });
+    EXPECT_TRUE(Testing::Eventually([&] {
+        return Ask("gate", "len(asked)") == "1" ||
+               posted.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    }));
+    Ask("gate", "go.set()");
+    EXPECT_TRUE(posted.get());
+    EXPECT_EQ(Ask("gate", "len(calls)"), "1");
+    EXPECT_TRUE(log.Errors().empty());
+    Ask("gate", "setattr(builtins, '__import__', imported)");
+}
+
 TEST_F(PostingTest, PostingsLeaveNoPythonReferencesBehind) {
     Module("counted",
            "import gc, sys\nmarker = object()\ndef event_handler(payload):\n    return marker\n"
@@ -194,6 +228,7 @@ TEST_F(PostingTest, StatisticsDoNotWaitForAHandler) {
     Event("e");
     Listen("e", "python://slow");
     EXPECT_EQ(Probe::Statistics(queue).Listeners, 1u);
+    EXPECT_EQ(Ask("slow", "inside"), "False");  // imported once, here
     std::thread poster([&] { Post("e"); });
     EXPECT_TRUE(Testing::Eventually([] { return Ask("slow", "inside") == "True"; }));
     auto asked = std::async(std::launch::async, [&] { return Probe::Statistics(queue); });
