@@ -141,8 +141,8 @@ void Connection::LogAnswer(Status_t status, std::size_t size, Clock::duration to
     const double took_ms = std::chrono::duration<double, std::milli>(took).count();
     const auto write = m_Shared.Options.AccessLog ? &Mirel::ILogSink::Info : &Mirel::ILogSink::Debug;
     (Mirel::DefaultLogSink().*write)("Access: %s \"%s %s\" %d, %zu bytes, %.3f ms\n", m_Stream.Peer().c_str(),
-                                     Velmora::MethodToString(head.Method), target.c_str(),
-                                     static_cast<int>(status), size, took_ms);
+                                     head.Method ? Velmora::MethodToString(*head.Method) : "-",
+                                     target.c_str(), static_cast<int>(status), size, took_ms);
 }
 
 Connection::Step Connection::FinishRequest() {
