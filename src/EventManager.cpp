@@ -59,6 +59,12 @@ constexpr std::chrono::milliseconds SaveAgainAfter{1000};  // passes can follow 
 
 const std::string PythonScheme = "python://";
 
+std::atomic<IListenerCaller*> s_listener_caller{nullptr};
+
+IListenerCaller* listener_caller() {
+    return s_listener_caller.load(std::memory_order_acquire);
+}
+
 PListDict copy_or_empty(const PListDict* dict) {
     return dict ? *dict : PListDict();
 }
@@ -377,7 +383,11 @@ bool EventQueue::HasTooManyListeners() const {
 }
 
 void EventQueue::ForgetCallbacks(const EventDistributor& event) {
-    for (const Listener& listener : event.listeners) m_Callbacks.erase({&event, listener.callback});
+    IListenerCaller* const caller = listener_caller();
+    for (const Listener& listener : event.listeners) {
+        m_Callbacks.erase({&event, listener.callback});
+        if (caller) caller->ListenerDeleted(event.name, listener);
+    }
 }
 
 static PListDict listener_entry(const Listener& listener) {
@@ -472,7 +482,7 @@ Status_t EventQueue::CreateEvent(const std::string& event_name, PListDict* event
 void EventQueue::DeleteAllEvents() {
     {
         AutoMutex lock(m_EventLock);
-        m_Callbacks.clear();
+        for (const auto& [name, event] : m_Events) ForgetCallbacks(event);
         m_Events.clear();
     }
     WriteState();
@@ -554,6 +564,7 @@ bool EventQueue::DeleteEventListener(const std::string& event_name, const UUID& 
                                            [&](const Listener& candidate) { return candidate.id == id; });
         if (listener == listeners.end()) return false;
         m_Callbacks.erase({&event->second, listener->callback});
+        if (listener_caller()) listener_caller()->ListenerDeleted(event_name, *listener);
         listeners.erase(listener);
     }
     WriteState();
@@ -738,16 +749,58 @@ bool EventQueue::PostEvent(const std::string& event_name, const PListDict* value
     payload.SetItem(Strings::event_data, event.data);
 
     Record(payload, 0);
+    CallListeners(event, payload, nullptr);
+    return true;
+}
+
+void EventQueue::CallListeners(const EventDistributor& event, PListDict& payload,
+                               const std::shared_ptr<void>& token) {
     for (const Listener& listener : event.listeners) {
         try {
             payload.DeleteItem(Strings::listener_data);
             payload.SetItem(Strings::listener_data, listener.data);
-            CallListener(listener, payload);
+            CallListener({event.name, listener, payload, token});
         } catch (const std::bad_alloc&) {  // the event is posted, and the other listeners are to know
             DefaultLogSink().Error("Out of memory calling \"%s\".\n", listener.callback.c_str());
         }
     }
+}
+
+bool EventQueue::CallListenersOf(const PListDict& payload, const std::shared_ptr<void>& token) {
+    PListDict own = payload;
+    AutoMutex lock(m_EventLock);
+    const auto event = m_Events.find(payload.GetData(Strings::event_name).Text());
+    if (event == m_Events.end()) return false;
+    CallListeners(event->second, own, token);
     return true;
+}
+
+/// A copy of the payload with what every posting has, in the order of every posting.
+static PListDict completed_payload(const PListDict& payload, const EventDistributor& event,
+                                   const PListData& now) {
+    PListDict complete;
+    complete.SetValue(Strings::event_name, event.name);
+    const PListItem* const time = payload.GetItem(Strings::timestamp);
+    complete.SetItem(Strings::timestamp, time ? *time : now);
+    const PListItem* const posted = payload.GetItem(Strings::post_data);
+    if (posted) complete.SetItem(Strings::post_data, *posted);
+    const PListItem* const data = payload.GetItem(Strings::event_data);
+    complete.SetItem(Strings::event_data, data ? *data : event.data);
+    return complete;
+}
+
+bool EventQueue::CallOneListener(const std::string& event_name, const UUID& id, const PListDict& payload) {
+    AutoMutex lock(m_EventLock);
+    const auto event = m_Events.find(event_name);
+    if (event == m_Events.end()) return false;
+    for (const Listener& listener : event->second.listeners) {
+        if (!(listener.id == id)) continue;
+        PListDict complete = completed_payload(payload, event->second, CurrentTime());
+        complete.SetItem(Strings::listener_data, listener.data);
+        CallListener({event_name, listener, complete, nullptr});
+        return true;
+    }
+    return false;
 }
 
 /// Owns one reference to a Python object, or none. The interpreter lock must be held throughout.
@@ -835,37 +888,71 @@ static void exec_python_handler(const std::string& module_name, const PListDict&
     call_python_handler(handler.Get(), payload, call);
 }
 
-void EventQueue::CallListener(const Listener& listener, const PListDict& payload) {
-    if (listener.callback.compare(0, PythonScheme.size(), PythonScheme) == 0) {
-        const Mirel::TimedScope timed(m_Counters.handler_times);
-        exec_python_handler(listener.callback.substr(PythonScheme.size()), payload);
-        return;
-    }
-
-    BasicRestEntryCall call;
-    call.Method = listener.data.Empty() ? Velmora::METH_GET : Velmora::METH_POST;
-    if (!call.TargetUrl.Parse(listener.callback)) {
-        if (!call.TargetUrl.ParsePath(listener.callback)) {
-            DefaultLogSink().Error("Unable to parse callback URL: %s\n", listener.callback.c_str());
-            return;
-        }
-        call.TargetUrl.Scheme = m_ServiceEndPoint.Scheme;
-        call.TargetUrl.Hostname = m_ServiceEndPoint.Hostname;
-        call.TargetUrl.Port = m_ServiceEndPoint.Port;
-        (void)LocalAccessManager::SelfAuthRestCallback().Call(call);
-    }
-    call.RequestHeaders.emplace(Velmora::Strings::ContentType, Velmora::Strings::MIME_json);
-
-    std::string body;
-    if (!listener.data.Empty()) (void)payload.EncodeJSON(body);
-    StartCaller(call, body);
+/// Runs the handler, and tells who watches the calls how that went.
+static void run_python_listener(const ListenerCall& call) {
+    exec_python_handler(call.Called.callback.substr(PythonScheme.size()), call.Payload);
+    if (IListenerCaller* const watcher = listener_caller()) watcher->HandlerRan(call);
 }
 
-void EventQueue::StartCaller(const BasicRestEntryCall& call, const std::string& body) {
+/// Makes the request that calls the listener. False where its callback is neither a URL nor a path.
+bool EventQueue::CallTarget(const Listener& listener, BasicRestEntryCall& request) const {
+    request.Method = listener.data.Empty() ? Velmora::METH_GET : Velmora::METH_POST;
+    if (!request.TargetUrl.Parse(listener.callback)) {
+        if (!request.TargetUrl.ParsePath(listener.callback)) return false;
+        request.TargetUrl.Scheme = m_ServiceEndPoint.Scheme;
+        request.TargetUrl.Hostname = m_ServiceEndPoint.Hostname;
+        request.TargetUrl.Port = m_ServiceEndPoint.Port;
+        (void)LocalAccessManager::SelfAuthRestCallback().Call(request);
+    }
+    request.RequestHeaders.emplace(Velmora::Strings::ContentType, Velmora::Strings::MIME_json);
+    return true;
+}
+
+void EventQueue::CallListener(const ListenerCall& call) {
+    const Listener& listener = call.Called;
+    if (listener.callback.compare(0, PythonScheme.size(), PythonScheme) == 0) {
+        const Mirel::TimedScope timed(m_Counters.handler_times);
+        run_python_listener(call);
+        return;
+    }
+    BasicRestEntryCall request;
+    if (!CallTarget(listener, request)) {
+        DefaultLogSink().Error("Unable to parse callback URL: %s\n", listener.callback.c_str());
+        return;
+    }
+    std::string body;
+    if (!listener.data.Empty()) (void)call.Payload.EncodeJSON(body);
+    IListenerCaller* const caller = listener_caller();
+    if (!caller || !caller->TakeRequest(call, request, body)) StartCaller(request, body, call.Token);
+}
+
+namespace {
+
+/// Lets its token go when its request has ended.
+class TokenCaller : public BackgroundHTTPRequestHandle<TLSHTTPRequestHandle> {
+  public:
+    TokenCaller(const BasicRestEntryCall& call, const std::string& body, const std::shared_ptr<void>& token)
+        : BackgroundHTTPRequestHandle(call, body), m_Token(token) {}
+    ~TokenCaller() override { WaitUntilFinished(); }
+
+  private:
+    Result_t ThreadFini(Result_t result) override {
+        m_Token.reset();
+        return BackgroundHTTPRequestHandle::ThreadFini(result);
+    }
+
+    std::shared_ptr<void> m_Token;
+};
+
+}  // namespace
+
+void EventQueue::StartCaller(const BasicRestEntryCall& call, const std::string& body,
+                             const std::shared_ptr<void>& token) {
     if (DefaultLogSink().Logs(Mirel::LOG_DEBUG)) {
         DefaultLogSink().Debug("Event dispatched to \"%s\".\n", call.TargetUrl.ComposeAbsolute().c_str());
     }
-    auto made = std::make_unique<caller_t>(call, body);
+    auto made =
+        token ? std::make_unique<TokenCaller>(call, body, token) : std::make_unique<caller_t>(call, body);
     if (!made->TakePlace()) {
         Velmora::CountRequestRefused(call);
         return;
@@ -1505,6 +1592,15 @@ Result_t SaveEventQueue() {
 void ApplyQueueState(const PListDict& document) {
     EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
     if (queue) queue->SetQueueStateSavingOnce(document);
+}
+
+void UseListenerCaller(IListenerCaller* caller) {
+    s_listener_caller.store(caller, std::memory_order_release);
+}
+
+bool CallEventListener(const std::string& event_name, const UUID& id, const PListDict& payload) {
+    EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
+    return queue && queue->CallOneListener(event_name, id, payload);
 }
 
 QueueStatistics GetQueueStatistics() {

@@ -12,6 +12,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -275,6 +276,31 @@ class MR_EXPORT IEventQueue {
     virtual bool DeleteWatch(const std::string& path) = 0;
 };
 
+/// One call of a listener, as an IListenerCaller is told of it. What it refers to is good until the function
+/// that was handed it returns.
+struct ListenerCall {
+    const std::string& EventName;        ///< of the posting
+    const Listener& Called;              ///< as it is registered
+    const PListDict& Payload;            ///< the posting, with the listener's own data
+    const std::shared_ptr<void>& Token;  ///< whoever holds a copy says that the call is not over; may be null
+};
+
+/// Makes the calls of postings in the queue's place, or watches them. All its functions are called while the
+/// lock of the events is held: they must be quick and must not call the queue.
+class MR_EXPORT IListenerCaller {
+  public:
+    virtual ~IListenerCaller() = default;
+
+    /// `request`, with `body`, is about to be made. True takes it over, and the queue has no more to do with
+    /// it (the token stands for the call meanwhile); false leaves it to the queue: one request, at once.
+    virtual bool TakeRequest(const ListenerCall& call, const Velmora::BasicRestEntryCall& request,
+                             const std::string& body) = 0;
+    /// A Python handler has run, on this thread: Velmora::LastHandlerReport() says how.
+    virtual void HandlerRan(const ListenerCall& call) = 0;
+    /// The listener is being deleted. Calls that are under way go on.
+    virtual void ListenerDeleted(const std::string& event_name, const Listener& listener) = 0;
+};
+
 /// What the queue has done so far and holds now, for the process that runs it. Sizes are read without
 /// waiting: while a posting keeps a registry busy, they are those of an earlier reading.
 struct QueueStatistics {
@@ -415,6 +441,12 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     /// What GetQueueStatistics answers of this queue.
     QueueStatistics Statistics() const;
 
+    /// For queues that learn of postings from elsewhere: calls the listeners of the payload's event with it,
+    /// as PostEvent does when the posting is recorded; nothing is recorded here. False where there is no such
+    /// event. The last copy of `token` (may be null) is let go when every Python handler has run and every
+    /// request has ended, which is on any thread, often after the return.
+    bool CallListenersOf(const PListDict& payload, const std::shared_ptr<void>& token);
+
   private:
     friend Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored);
     friend Result_t StartEventQueue(EventQueue* queue, const PListDict& dict,
@@ -423,6 +455,8 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     friend void ApplyQueueState(const PListDict& document);
     friend QueueStatistics GetQueueStatistics();
     friend HistoryReading ReadEventHistory(const PostingId* after);
+
+    friend bool CallEventListener(const std::string& event_name, const UUID& id, const PListDict& payload);
     friend struct EventQueueProbe;  // the tests' way to the phases of a pass
 
     using caller_t = BackgroundHTTPRequestHandle<TLSHTTPRequestHandle>;
@@ -479,8 +513,14 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     void DestroyTrimmedHistory();
 
     const PListData& CurrentTime() REQUIRES(m_EventLock);
-    void CallListener(const Listener& listener, const PListDict& payload) REQUIRES(m_EventLock);
-    void StartCaller(const Velmora::BasicRestEntryCall& call, const std::string& body) REQUIRES(m_EventLock);
+    void CallListeners(const EventDistributor& event, PListDict& payload, const std::shared_ptr<void>& token)
+        REQUIRES(m_EventLock);
+    bool CallOneListener(const std::string& event_name, const UUID& id, const PListDict& payload);
+    bool CallTarget(const Listener& listener, Velmora::BasicRestEntryCall& request) const
+        REQUIRES(m_EventLock);
+    void CallListener(const ListenerCall& call) REQUIRES(m_EventLock);
+    void StartCaller(const Velmora::BasicRestEntryCall& call, const std::string& body,
+                     const std::shared_ptr<void>& token) REQUIRES(m_EventLock);
 
     void MaintainWatches(int event_stream);
     void WaitForChanges(int event_stream) NO_THREAD_SAFETY_ANALYSIS;
@@ -610,6 +650,16 @@ MR_EXPORT Result_t SaveEventQueue();
 /// threads change meanwhile is saved as ever, with what has been applied until then. Does nothing before
 /// InitEventQueue.
 MR_EXPORT void ApplyQueueState(const PListDict& document);
+
+/// From now on `caller` makes or watches the calls of every queue in this process; null, as it is at first,
+/// leaves them to the queues. To be called before the queue is created. It must outlive every queue.
+MR_EXPORT void UseListenerCaller(IListenerCaller* caller);
+
+/// Calls one listener of the live queue as a posting does, and it alone: nothing is recorded and nothing is
+/// sent to the feed. `payload` is what it is called with; "event_name", "timestamp" and "event_data" are put
+/// in where they are missing, and the listener's own data in any case. False where there is no such event or
+/// listener.
+MR_EXPORT bool CallEventListener(const std::string& event_name, const UUID& id, const PListDict& payload);
 
 /// What the live queue has done and holds; all 0 and false without one. May be called from any thread at any
 /// time.

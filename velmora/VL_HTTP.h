@@ -280,6 +280,7 @@ class BackgroundHTTPRequestHandle : public HandleType, public Mirel::Thread {
     std::string m_RequestBody;
     CallerPlace m_Place;
 
+  protected:
     Result_t ThreadInit() override { return Mirel::RESULT_OK; }
     Result_t ThreadFini(Result_t result) override {
         m_Place.GiveBack();
@@ -297,6 +298,7 @@ class BackgroundHTTPRequestHandle : public HandleType, public Mirel::Thread {
                              m_CallData.Method, HTTP_1_1);
     }
 
+  private:
     BackgroundHTTPRequestHandle() = delete;
     BackgroundHTTPRequestHandle(const BackgroundHTTPRequestHandle&) = delete;
     BackgroundHTTPRequestHandle& operator=(const BackgroundHTTPRequestHandle&) = delete;
