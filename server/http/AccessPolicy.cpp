@@ -1,3 +1,4 @@
+// Host, Origin and token of a request against what the configuration allows.
 #include "http/AccessPolicy.h"
 
 #include <arpa/inet.h>

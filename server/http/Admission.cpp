@@ -1,3 +1,4 @@
+// The places inside the queue, and who waits for one.
 #include "http/Admission.h"
 
 namespace Server {

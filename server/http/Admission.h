@@ -22,8 +22,9 @@ class AdmissionWaiter {
     ~AdmissionWaiter() = default;
 };
 
-/// Lets at most `limit` requests in at once. Those beyond wait in the order of their arrival, a bounded
-/// number of them for a bounded time and without a thread. All operations may be called from any thread.
+/// The backpressure of the queue: lets at most `limit` requests in at once. Those beyond wait in the order of
+/// their arrival, a bounded number of them for a bounded time and without a thread. All operations may be
+/// called from any thread.
 class Admission {
   public:
     /// How long a request waits for its turn, and how many may be waiting.

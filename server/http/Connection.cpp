@@ -1,3 +1,4 @@
+// A connection's coroutine, from top to bottom.
 #include "http/Connection.h"
 
 #include <netinet/in.h>
@@ -170,7 +171,7 @@ bool Connection::GiveUp(const std::exception& failure) {
 void Connection::HandOver() {
     const std::string peer = m_Stream.Peer();
     Deregister();
-    HandOverToFeed(std::move(m_Stream), peer, m_Input.Rest());
+    HandOverToFeed(std::move(m_Stream), peer, m_Input.Unread());
 }
 
 void Connection::Deregister() {

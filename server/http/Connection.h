@@ -79,7 +79,7 @@ class Connection {
 
     ConnectionShared& m_Shared;
     Velmora::SocketStream m_Stream;
-    WatchedSocket m_Socket;  // the stream's
+    PolledSocket m_Socket;  // the stream's
     ConnectionLife m_Life;
     bool m_Registered = false;
     ConnectionInput m_Input;

@@ -1,3 +1,4 @@
+// Feeds a connection's bytes to the parser, request by request.
 #include "http/ConnectionInput.h"
 
 namespace Server {

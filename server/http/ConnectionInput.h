@@ -46,7 +46,7 @@ class ConnectionInput {
     void Shrink();
 
     /// What came behind the last request.
-    std::string_view Rest() const { return m_Buffer.View(); }
+    std::string_view Unread() const { return m_Buffer.View(); }
 
   private:
     RequestParser m_Parser;

@@ -1,3 +1,4 @@
+// Gathers answers and writes them.
 #include "http/ConnectionOutput.h"
 
 #include <utility>

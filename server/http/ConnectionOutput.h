@@ -23,7 +23,8 @@ class ConnectionOutput {
     void Append(HttpResponse response, ReplyForm form);
 
     bool Pending() const { return !m_Text.empty() || m_Large; }
-    /// Whether it is to be written before anything is added.
+    /// Whether it is to be written before anything is added: backpressure on a client that asks faster than
+    /// it reads.
     bool Full() const { return m_Large || m_Text.size() >= Batch; }
 
     /// Writes on; Moved once everything is written and the output is empty again.

@@ -1,3 +1,4 @@
+// Counts connections, sweeps those over their deadline, ends all.
 #include "http/ConnectionRegistry.h"
 
 #include <sys/socket.h>

@@ -20,18 +20,18 @@ namespace Server {
 // it still needs of it in the coroutine's frame.
 
 /// A socket as the loop knows it, for a stream that goes on owning the descriptor.
-class WatchedSocket {
+class PolledSocket {
   public:
     using Socket =
         boost::asio::basic_stream_socket<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
 
     /// Registers the descriptor with the kernel. Throws where the system refuses.
-    WatchedSocket(boost::asio::io_context& io, int descriptor) : m_Socket(io.get_executor()) {
+    PolledSocket(boost::asio::io_context& io, int descriptor) : m_Socket(io.get_executor()) {
         m_Socket.assign(boost::asio::ip::tcp::v4(), descriptor);
     }
-    ~WatchedSocket() { Release(); }
-    WatchedSocket(const WatchedSocket&) = delete;
-    WatchedSocket& operator=(const WatchedSocket&) = delete;
+    ~PolledSocket() { Release(); }
+    PolledSocket(const PolledSocket&) = delete;
+    PolledSocket& operator=(const PolledSocket&) = delete;
 
     /// Takes it from the loop again. To be called before the descriptor is closed or given away.
     void Release() {
@@ -47,7 +47,7 @@ class WatchedSocket {
 /// Until the socket can be read, or written, or has failed. The kernel is asked each time.
 class SocketWait {
   public:
-    SocketWait(WatchedSocket& socket, bool for_room)
+    SocketWait(PolledSocket& socket, bool for_room)
         : m_Socket(socket), m_What(for_room ? Socket::wait_write : Socket::wait_read) {}
 
     bool await_ready() const noexcept { return false; }
@@ -57,9 +57,9 @@ class SocketWait {
     void await_resume() const noexcept {}
 
   private:
-    using Socket = WatchedSocket::Socket;
+    using Socket = PolledSocket::Socket;
 
-    WatchedSocket& m_Socket;
+    PolledSocket& m_Socket;
     const Socket::wait_type m_What;
 };
 
@@ -67,7 +67,7 @@ class SocketWait {
 /// them: it does so anyway, since the socket was registered.
 class BytesWait {
   public:
-    BytesWait(WatchedSocket& socket, char* to, std::size_t size) : m_Socket(socket), m_Room(to, size) {}
+    BytesWait(PolledSocket& socket, char* to, std::size_t size) : m_Socket(socket), m_Room(to, size) {}
 
     bool await_ready() const noexcept { return false; }
     [[gnu::noinline]] void await_suspend(std::coroutine_handle<> frame) {
@@ -79,7 +79,7 @@ class BytesWait {
     std::size_t await_resume() const noexcept { return m_Bytes; }
 
   private:
-    WatchedSocket& m_Socket;
+    PolledSocket& m_Socket;
     const boost::asio::mutable_buffer m_Room;
     std::size_t m_Bytes = 0;
 };

@@ -1,3 +1,4 @@
+// Answers an upgrade and hands the connection's stream to the queue's feed.
 #include "http/FeedUpgrade.h"
 
 #include <openssl/evp.h>

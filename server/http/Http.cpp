@@ -1,3 +1,4 @@
+// Percent-encoding undone, and the errors that every room answers with.
 #include "http/Http.h"
 
 #include "VL_PList.h"

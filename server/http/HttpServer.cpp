@@ -1,3 +1,4 @@
+// Accepts connections, sweeps them, and ends in order.
 #include "http/HttpServer.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,4 @@
+// Resolves the address and listens on it.
 #include "http/HttpServerBind.h"
 
 #include <netdb.h>

@@ -1,3 +1,4 @@
+// Refuses by the head: its form, who asks, what for, and with how much.
 #include "http/RefuseHead.h"
 
 #include "http/FeedUpgrade.h"

@@ -1,3 +1,4 @@
+// Writes status line, headers and body.
 #include "http/ReplyForm.h"
 
 #include <strings.h>

@@ -1,3 +1,4 @@
+// Reads a head and a sized or chunked body, within the limits.
 #include "http/RequestParser.h"
 
 #include <algorithm>

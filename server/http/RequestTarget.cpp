@@ -1,3 +1,4 @@
+// Splits a target into path and query.
 #include "http/RequestTarget.h"
 
 #include <algorithm>

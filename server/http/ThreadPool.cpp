@@ -1,3 +1,4 @@
+// Who of the I/O threads works, who is idle, and the watchdog between them.
 #include "http/ThreadPool.h"
 
 #include <pthread.h>
@@ -13,8 +14,8 @@ namespace Server {
 namespace {
 
 // How long a thread may stay inside one request before another takes over.
-constexpr std::chrono::milliseconds WatchInterval{2};
-// How many quiet looks before the watch sleeps: waking it is a part of the request that does.
+constexpr std::chrono::milliseconds WatchdogInterval{2};
+// How many quiet looks before the watchdog sleeps: waking it is a part of the request that does.
 constexpr unsigned QuietLooks = 50;
 
 // The calling thread's place in its pool.
@@ -34,7 +35,7 @@ ThreadPool::ThreadPool(unsigned threads, unsigned working, Loop loop)
 Mirel::Result_t ThreadPool::Start(const std::function<void()>& stop_loop) {
     try {
         for (std::size_t i = 0; i < m_Threads; ++i) m_Running.emplace_back([this, i] { Serve(i); });
-        m_Running.emplace_back([this] { Watch(); });
+        m_Running.emplace_back([this] { Watchdog(); });
     } catch (const std::system_error& error) {
         stop_loop();
         Join();
@@ -47,8 +48,8 @@ void ThreadPool::Join() {
     {
         Mirel::AutoMutex held(m_Lock);
         m_Ending = true;
-        m_Rested.NotifyAll();
-        m_Watched.NotifyAll();
+        m_IdleWoken.NotifyAll();
+        m_WatchdogWoken.NotifyAll();
     }
     for (std::thread& thread : m_Running) thread.join();
     m_Running.clear();
@@ -57,7 +58,7 @@ void ThreadPool::Join() {
 void ThreadPool::Serve(std::size_t index) {
     pthread_setname_np(pthread_self(), "Http::Serve");
     t_sequence = &m_Places[index].Sequence;
-    if (index >= m_Working) Rest();
+    if (index >= m_Working) Idle();
     for (bool ended = false; !ended;) {
         try {
             m_Loop.Run();
@@ -76,7 +77,7 @@ bool ThreadPool::Enter() {
 
 void ThreadPool::Resumed() {
     t_sequence->fetch_add(1);
-    if (m_WatchAsleep.load()) WakeWatch();
+    if (m_WatchdogAsleep.load()) WakeWatchdog();
 }
 
 void ThreadPool::Leave() {
@@ -96,18 +97,18 @@ void ThreadPool::RefuseWaiters() {
     m_Admission.Expire(std::chrono::steady_clock::now(), true);
 }
 
-void ThreadPool::Rest() {
+void ThreadPool::Idle() {
     Mirel::AutoMutex held(m_Lock);
     if (m_Leaving > 0) --m_Leaving;
     if (m_AtWork <= m_Wanted) return;
     --m_AtWork;
-    while (m_AtWork >= m_Wanted && !m_Ending) m_Rested.Wait(m_Lock);
+    while (m_AtWork >= m_Wanted && !m_Ending) m_IdleWoken.Wait(m_Lock);
     ++m_AtWork;
 }
 
-void ThreadPool::WakeWatch() {
+void ThreadPool::WakeWatchdog() {
     Mirel::AutoMutex held(m_Lock);
-    m_Watched.NotifyOne();
+    m_WatchdogWoken.NotifyOne();
 }
 
 unsigned ThreadPool::CountStuck(std::vector<unsigned>& seen, bool& quiet) const {
@@ -121,23 +122,23 @@ unsigned ThreadPool::CountStuck(std::vector<unsigned>& seen, bool& quiet) const 
     return stuck;
 }
 
-// Has so many threads at work: wakes resting ones, or asks surplus ones to rest when they come by.
+// Has so many threads at work: wakes idle ones, or asks surplus ones to go idle when they come by.
 void ThreadPool::Staff(unsigned wanted) {
     unsigned surplus = 0;
     {
         Mirel::AutoMutex held(m_Lock);
         m_Wanted = std::min(wanted, m_Threads);
-        if (m_AtWork < m_Wanted) m_Rested.NotifyAll();
+        if (m_AtWork < m_Wanted) m_IdleWoken.NotifyAll();
         if (m_AtWork > m_Wanted + m_Leaving) surplus = m_AtWork - m_Wanted - m_Leaving;
         m_Leaving += surplus;
     }
-    for (; surplus > 0; --surplus) m_Loop.Post([this] { Rest(); });
+    for (; surplus > 0; --surplus) m_Loop.Post([this] { Idle(); });
 }
 
 // Looks at the places every few milliseconds while requests come in, and sleeps when none have come for a
 // while.
-void ThreadPool::Watch() {
-    pthread_setname_np(pthread_self(), "Http::Watch");
+void ThreadPool::Watchdog() {
+    pthread_setname_np(pthread_self(), "Http::Watchdog");
     std::vector<unsigned> seen(m_Places.size(), 0);
     unsigned quiet_looks = 0;
     for (;;) {
@@ -157,14 +158,14 @@ void ThreadPool::Watch() {
         if (quiet_looks >= QuietLooks && m_AtWork <= m_Wanted) {
             // Announced first, looked at again after: whoever enters in between sees the one or is seen by
             // the other.
-            m_WatchAsleep.store(true);
+            m_WatchdogAsleep.store(true);
             bool still_quiet = true;
             CountStuck(seen, still_quiet);
-            if (still_quiet) m_Watched.Wait(m_Lock);
-            m_WatchAsleep.store(false);
+            if (still_quiet) m_WatchdogWoken.Wait(m_Lock);
+            m_WatchdogAsleep.store(false);
             if (m_Ending) return;
         }
-        m_Watched.WaitUntil(m_Lock, std::chrono::steady_clock::now() + WatchInterval);
+        m_WatchdogWoken.WaitUntil(m_Lock, std::chrono::steady_clock::now() + WatchdogInterval);
     }
 }
 

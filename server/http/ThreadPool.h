@@ -1,4 +1,4 @@
-// The threads that serve connections, and the watch that keeps one of them free.
+// The threads that serve connections, and the watchdog that keeps one of them free.
 #pragma once
 
 #include <atomic>
@@ -16,7 +16,7 @@ namespace Server {
 
 /// Threads that all run the same loop, of which only a few do at a time: one thread without others to wake
 /// serves connections fastest. A thread that stays inside a request (it waits for the queue, or for a Python
-/// handler in it) is relieved by a resting one within a few milliseconds, and because fewer requests are let
+/// handler in it) is relieved by an idle one within a few milliseconds, and because fewer requests are let
 /// in than there are threads, one is always left for everything else.
 class ThreadPool {
   public:
@@ -57,11 +57,11 @@ class ThreadPool {
     };
 
     void Serve(std::size_t index);
-    void Rest();
-    void Watch();
+    void Idle();
+    void Watchdog();
     unsigned CountStuck(std::vector<unsigned>& seen, bool& quiet) const;
     void Staff(unsigned wanted);
-    void WakeWatch();
+    void WakeWatchdog();
 
     const unsigned m_Threads;
     const unsigned m_Working;
@@ -69,14 +69,14 @@ class ThreadPool {
 
     Admission m_Admission;
     std::vector<Place> m_Places;
-    std::atomic<bool> m_WatchAsleep{false};
+    std::atomic<bool> m_WatchdogAsleep{false};
 
     Mirel::Mutex m_Lock;
-    Mirel::Condition m_Rested;                  // for resting threads
-    Mirel::Condition m_Watched;                 // for the watch
-    unsigned m_AtWork GUARDED_BY(m_Lock);       // threads that are not resting
+    Mirel::Condition m_IdleWoken;               // for idle threads
+    Mirel::Condition m_WatchdogWoken;           // for the watchdog
+    unsigned m_AtWork GUARDED_BY(m_Lock);       // threads that are not idle
     unsigned m_Wanted GUARDED_BY(m_Lock);       // as many as should not be
-    unsigned m_Leaving GUARDED_BY(m_Lock) = 0;  // calls of Rest() that are on their way
+    unsigned m_Leaving GUARDED_BY(m_Lock) = 0;  // calls of Idle() that are on their way
     bool m_Ending GUARDED_BY(m_Lock) = false;
 
     std::vector<std::thread> m_Running;

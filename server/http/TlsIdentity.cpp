@@ -1,3 +1,4 @@
+// Loads certificate and key into OpenSSL's context.
 #include "http/TlsIdentity.h"
 
 #include <openssl/err.h>

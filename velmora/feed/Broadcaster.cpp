@@ -1,3 +1,4 @@
+// Posts into the log, and starts the loop for the first client.
 #include "feed/Broadcaster.h"
 
 #include <algorithm>
@@ -16,7 +17,7 @@ struct Registry {
     std::vector<std::weak_ptr<Broadcaster>> Known GUARDED_BY(Lock);
 };
 
-/// Never destroyed: a broadcaster may be a static object of its own.
+// Never destroyed: a broadcaster may be a static object of its own.
 Registry& TheRegistry() {
     static auto& all = *new Registry;
     return all;
@@ -99,7 +100,7 @@ std::shared_ptr<FeedLoop> Broadcaster::PresentLoop() {
     return m_Loop;
 }
 
-/// Null when no thread can be had; the next client tries again.
+// Null when no thread can be had; the next client tries again.
 std::shared_ptr<FeedLoop> Broadcaster::ObtainLoop() {
     Mirel::AutoMutex lock(m_Lock);
     if (m_Loop) return m_Loop;

@@ -1,3 +1,4 @@
+// Writes one client from the log, reads its frames, and closes it in order.
 #include "feed/FeedClient.h"
 
 #include <algorithm>
@@ -12,7 +13,7 @@ namespace Velmora::Feed {
 
 namespace {
 
-/// Control frames that wait for a client; one that has us answer more without taking the answers is ended.
+// Control frames that wait for a client; one that has us answer more without taking the answers is ended.
 constexpr std::size_t MaxControlQueue = 64u << 10;
 
 }  // namespace
@@ -65,7 +66,7 @@ FeedClient::Turn SocketClient::TakeTurn(const LogEnd& log_end, Time now) {
     return Outcome(end);
 }
 
-/// Sends the control frames where that is possible now; false where nothing more can be sent.
+// Sends the control frames where that is possible now; false where nothing more can be sent.
 bool SocketClient::FlushControl(Time now) {
     if (!ControlDue()) return m_Phase != Phase::Gone && !m_Blocked;
     std::size_t done = 0;
@@ -80,7 +81,7 @@ bool SocketClient::FlushControl(Time now) {
     return true;
 }
 
-/// Sends frames of the log, at most the rest of one segment; false where nothing more can be sent.
+// Sends frames of the log, at most the rest of one segment; false where nothing more can be sent.
 bool SocketClient::SendFrames(const LogEnd& end, Time now) {
     const std::size_t size = Sendable(end);
     if (size > 0) {
@@ -96,15 +97,15 @@ bool SocketClient::SendFrames(const LogEnd& end, Time now) {
     return !m_Blocked;
 }
 
-/// How much of the log is to be offered to the socket: what TLS has committed itself to in any case.
+// How much of the log is to be offered to the socket: what TLS has committed itself to in any case.
 std::size_t SocketClient::Sendable(const LogEnd& end) const {
     std::size_t size = m_Cursor.Limit(end) - m_Cursor.Offset;
     if (m_Phase == Phase::Closing) size = m_Cursor.InsideFrame() ? m_Cursor.FrameEnd() - m_Cursor.Offset : 0;
     return std::max(size, m_FramesCommitted ? m_Stream.WriteCommitted() : 0);
 }
 
-/// Once all is sent: has the client see the end of the connection, and waits for its own where that is
-/// missing.
+// Once all is sent: has the client see the end of the connection, and waits for its own where that is
+// missing.
 void SocketClient::FinishClosing() {
     if (m_Cursor.InsideFrame() || m_FramesCommitted) return;
     GiveUpPlace();
@@ -113,7 +114,7 @@ void SocketClient::FinishClosing() {
     m_Phase = m_PeerClosed ? Phase::Gone : Phase::Lingering;
 }
 
-/// `done` of `size` bytes have been written.
+// `done` of `size` bytes have been written.
 void SocketClient::Wrote(std::size_t done, std::size_t size, Time now) {
     m_Blocked = done < size;
     if (done == 0 && m_WasBlocked) return;
@@ -232,7 +233,7 @@ void SocketClient::Tick(Time now) {
     }
 }
 
-/// Progress is also what the kernel sends on while its own buffer is still too full to take more.
+// Progress is also what the kernel sends on while its own buffer is still too full to take more.
 void SocketClient::CheckProgress(Time now) {
     if (!m_Blocked) return;
     const long unsent = m_Stream.Unsent();
@@ -252,7 +253,7 @@ void SocketClient::CheckAlive(Time now) {
     }
 }
 
-/// The connection is over: at the client's wish, or because `why` failed.
+// The connection is over: at the client's wish, or because `why` failed.
 void SocketClient::Drop(const char* why) {
     if (m_Phase == Phase::Open || m_Phase == Phase::Draining) {
         if (why)

@@ -69,7 +69,7 @@ class FeedClient {
     // The broadcaster's own notes.
     Turn Standing = Turn::CaughtUp;
     Time BehindSince;               // when a turn first left something over; none: Time()
-    std::uint32_t Watched = 0;      // the events that epoll watches for
+    std::uint32_t Polled = 0;       // the events that epoll reports
     std::uint64_t CloseTicket = 0;  // the order to close that the client is leaving for
 
   protected:

@@ -1,3 +1,4 @@
+// The feed thread's loop over all clients.
 #include "feed/FeedLoop.h"
 
 #include <sched.h>
@@ -23,21 +24,21 @@ namespace {
 
 constexpr std::size_t ReceiveRoom = 16u << 10;  // a whole TLS record
 constexpr std::size_t ThreadStack = 256u << 10;
-/// Being woken costs a poster ten times what its posting does. Where new frames come so soon after the loop
-/// has gone to sleep, it naps instead, and sleeps until it is woken once a nap has brought nothing.
+// Being woken costs a poster ten times what its posting does. Where new frames come so soon after the loop
+// has gone to sleep, it naps instead, and sleeps until it is woken once a nap has brought nothing.
 constexpr std::chrono::microseconds SoonWoken{100};
 constexpr std::chrono::microseconds Nap{50};
 constexpr Milliseconds AfterFailure{10};
 constexpr int EventsAtOnce = 256;
-/// How finely a time-out is kept, as a part of it, and at most.
+// How finely a time-out is kept, as a part of it, and at most.
 constexpr int TicksInLimit = 4;
 constexpr Milliseconds LongestHurriedTick{250};
 
-/// How long the thread may compute before others have their turn. Whoever wants little at a time is let in at
-/// once: the frames leave before what posted them goes on, which is 5 to 10 us sooner.
+// How long the thread may compute before others have their turn. Whoever wants little at a time is let in at
+// once: the frames leave before what posted them goes on, which is 5 to 10 us sooner.
 constexpr std::chrono::nanoseconds Slice = std::chrono::microseconds(100);
 
-/// As the kernel wants them (sched_setattr(2)); the C library has no name for them yet.
+// As the kernel wants them (sched_setattr(2)); the C library has no name for them yet.
 struct SchedulingAttributes {
     std::uint32_t Size;
     std::uint32_t Policy;
@@ -49,7 +50,7 @@ struct SchedulingAttributes {
     std::uint64_t Period_ns;
 };
 
-/// A wish: Linux knows it since 6.12, earlier ones take no notice. Policies other than the usual are kept.
+// A wish: Linux knows it since 6.12, earlier ones take no notice. Policies other than the usual are kept.
 void AskForShortSlices() {
     SchedulingAttributes attributes{};
     if (syscall(SYS_sched_getattr, 0, &attributes, sizeof(attributes), 0) != 0) return;
@@ -157,7 +158,7 @@ Mirel::Result_t FeedLoop::ThreadBody() {
     }
 }
 
-/// False when the loop is to end.
+// False when the loop is to end.
 bool FeedLoop::MakePass() {
     m_Now = std::chrono::steady_clock::now();
     if (m_HasOrders && !TakeOrders()) return false;
@@ -181,7 +182,7 @@ Mirel::Result_t FeedLoop::ThreadFini(Mirel::Result_t result) {
     return result;
 }
 
-/// Carries out what other threads have asked for; false when that is to end.
+// Carries out what other threads have asked for; false when that is to end.
 bool FeedLoop::TakeOrders() {
     std::vector<std::unique_ptr<FeedClient>> newcomers;
     std::uint64_t ticket = 0;
@@ -221,7 +222,7 @@ void FeedLoop::Welcome(std::unique_ptr<FeedClient> client) {
     if (!client->Begin(m_Now)) return;
     if (client->Descriptor() >= 0) {
         epoll_event event{};
-        event.events = client->Watched = client->Interest();
+        event.events = client->Polled = client->Interest();
         event.data.ptr = client.get();
         if (epoll_ctl(m_Epoll, EPOLL_CTL_ADD, client->Descriptor(), &event) != 0) {
             Mirel::DefaultLogSink().Error("WebSocket client %s can't be watched: %s.\n", client->Name(),
@@ -235,7 +236,7 @@ void FeedLoop::Welcome(std::unique_ptr<FeedClient> client) {
     GiveTurn(*m_Clients.back());
 }
 
-/// Learns what is new in the log, and for whom.
+// Learns what is new in the log, and for whom.
 void FeedLoop::LookAtLog() {
     const LogEnd before = std::exchange(m_End, m_Log.End(&m_BatchBegan));
     const Time asleep = std::exchange(m_AsleepSince, Time());
@@ -264,7 +265,7 @@ void FeedLoop::GiveTurns() {
     m_Turn.clear();
 }
 
-/// To a client that is not in the list of those that are ready.
+// To a client that is not in the list of those that are ready.
 void FeedLoop::GiveTurn(FeedClient& client) {
     try {
         client.Standing = client.TakeTurn(m_End, m_Now);
@@ -284,15 +285,15 @@ void FeedLoop::GiveTurn(FeedClient& client) {
     if (client.Standing == Turn::More) m_Ready.push_back(&client);
     if (client.Hurried()) HurryTick();
     // Once its buffer has been full, a client that is behind will fill it again: it stays watched until it
-    // has caught up, instead of having the watch changed twice for every bufferful.
-    if (client.Standing != Turn::More) Watch(client);
+    // has caught up, instead of changing what epoll reports twice for every bufferful.
+    if (client.Standing != Turn::More) UpdatePoll(client);
 }
 
-void FeedLoop::Watch(FeedClient& client) {
+void FeedLoop::UpdatePoll(FeedClient& client) {
     const std::uint32_t interest = client.Interest();
-    if (interest == client.Watched || client.Descriptor() < 0) return;
+    if (interest == client.Polled || client.Descriptor() < 0) return;
     epoll_event event{};
-    event.events = client.Watched = interest;
+    event.events = client.Polled = interest;
     event.data.ptr = &client;
     if (epoll_ctl(m_Epoll, EPOLL_CTL_MOD, client.Descriptor(), &event) != 0)
         Mirel::DefaultLogSink().Error("WebSocket client %s can't be watched: %s.\n", client.Name(),
@@ -314,7 +315,7 @@ void FeedLoop::TickClients() {
                                 : TickOf(m_Limits.PingInterval, m_Limits.PingInterval));
 }
 
-/// All that is new has been offered to everybody who was ready for it.
+// All that is new has been offered to everybody who was ready for it.
 void FeedLoop::CountTimes() {
     Counters.Times.Count(std::chrono::steady_clock::now() - std::exchange(m_BatchBegan, Time()));
 }
@@ -325,7 +326,7 @@ Milliseconds FeedLoop::Lag() const {
     return std::chrono::duration_cast<Milliseconds>(std::chrono::steady_clock::now() - since);
 }
 
-/// There is a client whose time-out runs.
+// There is a client whose time-out runs.
 void FeedLoop::HurryTick() {
     m_TickAt = std::min(m_TickAt, m_Now + TickOf(m_Limits.Timeout, LongestHurriedTick));
 }
@@ -335,7 +336,7 @@ void FeedLoop::BuryGone() {
     std::erase_if(m_Clients, [](const auto& client) { return client->Standing == Turn::Gone; });
 }
 
-/// Tells those who have asked for the close once the last client that it concerned is gone.
+// Tells those who have asked for the close once the last client that it concerned is gone.
 void FeedLoop::AnswerClosers() {
     for (const auto& client : m_Clients)
         if (client->CloseTicket != 0) return;
@@ -344,7 +345,7 @@ void FeedLoop::AnswerClosers() {
     m_Closed.NotifyAll();
 }
 
-/// Waits for sockets, new frames, orders and the next tick; not at all while a client is ready.
+// Waits for sockets, new frames, orders and the next tick; not at all while a client is ready.
 void FeedLoop::Await() {
     int timeout_ms = 0;
     if (m_Ready.empty() && m_Naps) {

@@ -51,7 +51,7 @@ class FeedLoop final : private Mirel::Thread {
     void LookAtLog();
     void GiveTurns();
     void GiveTurn(FeedClient& client);
-    void Watch(FeedClient& client);
+    void UpdatePoll(FeedClient& client);
     void TickClients();
     void CountTimes();
     void HurryTick();

@@ -1,3 +1,4 @@
+// Writes frames' heads, and reads a client's frames across reads.
 #include "feed/Frame.h"
 
 #include <algorithm>
@@ -121,7 +122,7 @@ FrameParser::Found FrameParser::Violate(std::uint16_t code, const char* reason) 
     return Found::Violation;
 }
 
-/// What is wrong with the first two bytes of a frame; null where nothing is.
+// What is wrong with the first two bytes of a frame; null where nothing is.
 const char* FrameParser::StartFault() const {
     const Opcode opcode = GetOpcode();
     const std::uint8_t length = m_Header[1] & 0x7F;
@@ -139,7 +140,7 @@ const char* FrameParser::StartFault() const {
     return nullptr;
 }
 
-/// Collects the header; true when all of it that is known to be needed is there.
+// Collects the header; true when all of it that is known to be needed is there.
 bool FrameParser::TakeHeader(std::string_view& input) {
     const std::size_t count = std::min(m_HeaderNeeds - m_HeaderHas, input.size());
     std::copy_n(input.data(), count, m_Header.begin() + static_cast<std::ptrdiff_t>(m_HeaderHas));
@@ -148,7 +149,7 @@ bool FrameParser::TakeHeader(std::string_view& input) {
     return m_HeaderHas == m_HeaderNeeds;
 }
 
-/// With the whole header there: goes on to the payload, or ends the frame where it has none.
+// With the whole header there: goes on to the payload, or ends the frame where it has none.
 FrameParser::Found FrameParser::JudgeLength() {
     const std::size_t extended = m_HeaderNeeds - 2 - MaskSize;
     m_Left = extended == 0 ? m_Header[1] & 0x7F : BigEndian(m_Header.data() + 2, extended);
@@ -191,7 +192,7 @@ FrameParser::Found FrameParser::TakePayload(std::string_view& input) {
     return FinishFrame();
 }
 
-/// Looks at a piece of a text's payload.
+// Looks at a piece of a text's payload.
 bool FrameParser::IsText(std::string_view masked) {
     const std::uint8_t* mask = m_Header.data() + m_MaskAt;
     return std::all_of(masked.begin(), masked.end(), [&](char byte) {

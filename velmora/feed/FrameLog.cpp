@@ -1,3 +1,4 @@
+// Appends frames, lends what a cursor has not had, and forgets what all have had.
 #include "feed/FrameLog.h"
 
 #include <sys/mman.h>
@@ -14,11 +15,11 @@ namespace Velmora::Feed {
 
 namespace {
 
-/// What a client gets at most in one go, and so how long the others wait for their turn. Measured: half of it
-/// costs a tenth of the throughput, and twice as much gains nothing.
+// What a client gets at most in one go, and so how long the others wait for their turn. Measured: half of it
+// costs a tenth of the throughput, and twice as much gains nothing.
 constexpr std::size_t UsualSegmentSize = 64u << 10;
 constexpr std::size_t SmallestSegmentSize = 256;
-/// What is kept to be used anew: memory that the system has to find first costs a posting ten times as much.
+// What is kept to be used anew: memory that the system has to find first costs a posting ten times as much.
 constexpr std::size_t MaxSpare = 64;
 
 char* TakeMemory(std::size_t size) {
@@ -185,7 +186,7 @@ FrameLog::SegmentPtr FrameLog::NewSegment(std::size_t capacity) {
     return segment;
 }
 
-/// A cursor has left `segment`: lets go of what every cursor has passed.
+// A cursor has left `segment`: lets go of what every cursor has passed.
 void FrameLog::Leave(LogSegment& segment) {
     --segment.Readers;
     while (m_Segments.size() > 1 && m_Segments.front()->Readers == 0) {

@@ -1,3 +1,4 @@
+// Reads and writes a descriptor, in plain or through OpenSSL.
 #include "VL_Socket.h"
 
 #include <arpa/inet.h>
@@ -116,7 +117,7 @@ StreamState SocketStream::Write(const iovec* pieces, std::size_t count, std::siz
     return Judge(sendmsg(m_Descriptor, &message, Flags), done);
 }
 
-/// Record by record, until all is sent or the socket takes no more. Adds to `done`.
+// Record by record, until all is sent or the socket takes no more. Adds to `done`.
 StreamState SocketStream::WriteTLS(const char* data, std::size_t size, std::size_t& done) {
     StreamState state = StreamState::Moved;
     std::size_t sent = 0;
@@ -185,7 +186,7 @@ StreamState SocketStream::Fail(int error) {
     return StreamState::Failed;
 }
 
-/// What the socket itself has answered.
+// What the socket itself has answered.
 StreamState SocketStream::Judge(ssize_t result, std::size_t& done) {
     if (result > 0) {
         done = static_cast<std::size_t>(result);

@@ -1,3 +1,4 @@
+// The public face of the feed.
 #include "VL_WebSocket.h"
 
 #include <algorithm>
@@ -12,7 +13,7 @@ namespace Velmora {
 
 namespace {
 
-/// Room that a thread keeps from one encoding to the next.
+// Room that a thread keeps from one encoding to the next.
 constexpr std::size_t KeptTextRoom = 64u << 10;
 
 }  // namespace
