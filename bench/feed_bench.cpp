@@ -36,7 +36,7 @@ double SecondsSince(SteadyClock::time_point start) {
     return std::chrono::duration<double>(SteadyClock::now() - start).count();
 }
 
-/// What the calling thread has computed: the cost of its work on a machine that is busy with other work too.
+// What the calling thread has computed: the cost of its work on a machine that is busy with other work too.
 double ThreadSeconds() {
     timespec time{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -48,7 +48,7 @@ double ThreadSeconds() {
     std::exit(1);
 }
 
-/// Connected sockets whose far ends a thread reads empty, until the near ones are closed.
+// Connected sockets whose far ends a thread reads empty, until the near ones are closed.
 class Drain {
   public:
     explicit Drain(std::size_t clients) : m_Epoll(epoll_create1(0)) {
@@ -105,7 +105,7 @@ struct Rates {
     double Posting_ns;
 };
 
-/// A burst of postings, from the first one to the last delivery.
+// A burst of postings, from the first one to the last delivery.
 Rates FanOut(std::size_t clients, std::size_t postings) {
     const std::string text(PayloadSize, 'x');
     Drain drain(clients);
@@ -123,7 +123,7 @@ Rates FanOut(std::size_t clients, std::size_t postings) {
     return {static_cast<double>(clients * postings) / all, posting * 1e9 / static_cast<double>(postings)};
 }
 
-/// Sends everything to a full socket, too.
+// Sends everything to a full socket, too.
 void SendAll(int socket, const char* data, std::size_t size) {
     while (size > 0) {
         const ssize_t sent = send(socket, data, size, MSG_NOSIGNAL);
@@ -133,7 +133,7 @@ void SendAll(int socket, const char* data, std::size_t size) {
     }
 }
 
-/// The least that a fan-out can do: batches of frames that stand ready, one blocking send each.
+// The least that a fan-out can do: batches of frames that stand ready, one blocking send each.
 double BareLoop(std::size_t clients, std::size_t postings) {
     const std::string batch(BareBatch * FrameSize, 'x');
     Drain drain(clients);
@@ -147,7 +147,7 @@ double BareLoop(std::size_t clients, std::size_t postings) {
     return static_cast<double>(clients * rounds * BareBatch) / all;
 }
 
-/// What a posting costs that follows the one before after `pause`, when everybody has got that.
+// What a posting costs that follows the one before after `pause`, when everybody has got that.
 double spaced_posting_ns(std::size_t clients, std::chrono::microseconds pause) {
     constexpr std::size_t Postings = 500;
     const std::string text(PayloadSize, 'x');

@@ -56,7 +56,7 @@ SSL_CTX* MakeTlsContext() {
 constexpr char Answer[] = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
 constexpr int AnswerSize = sizeof Answer - 1;
 
-/// A caller's request comes in one segment here, and so in one read.
+// A caller's request comes in one segment here, and so in one read.
 void AnswerPlain(int connection) {
     char request[4096];
     if (read(connection, request, sizeof request) > 0) (void)!write(connection, Answer, AnswerSize);
@@ -83,7 +83,7 @@ void Serve(int listener, SSL_CTX* context) {
     }
 }
 
-/// Starts the process, which ends with this one; returns the port.
+// Starts the process, which ends with this one; returns the port.
 int StartListener(bool tls) {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -202,7 +202,7 @@ void RunBare(const std::string& url, int calls, bool sessions) {
 
 // ---------------------------------------------------------------- rounds and table
 
-/// What this process has computed, in microseconds: does not tell what else the machine is busy with.
+// What this process has computed, in microseconds: does not tell what else the machine is busy with.
 double computed_us() {
     timespec time{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
@@ -229,7 +229,7 @@ double Median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-/// Measures both in turns, so that what else the machine does meets both alike.
+// Measures both in turns, so that what else the machine does meets both alike.
 void Compare(const std::string& url, int calls, int rounds, bool sessions, const char* peer, double wanted) {
     Figures ours, bare;
     std::vector<double> ratios;

@@ -25,7 +25,7 @@ void Require(bool condition) {
     if (!condition) std::abort();
 }
 
-/// Takes whatever has come so far.
+// Takes whatever has come so far.
 class AnyHandler : public HttpHandler {
   public:
     std::optional<HttpResponse> Route(const HttpRequest&, HttpRoute&) const override { return {}; }
@@ -36,7 +36,7 @@ void CheckRefusal(const std::optional<HttpResponse>& refusal) {
     Require(!refusal || refusal->Status >= 400);
 }
 
-/// The request in one text. Asks for it to be let in, as a connection does.
+// The request in one text. Asks for it to be let in, as a connection does.
 std::string Described(const ConnectionInput& input) {
     static const AccessPolicy policy({.AccessToken = "token", .AllowedHosts = {"events.example"}});
     const RequestHead& head = input.Head();
@@ -53,7 +53,7 @@ std::string Described(const ConnectionInput& input) {
     return text.append(input.Body()).append("\n");
 }
 
-/// All that is found when the bytes come in pieces of at most `piece`.
+// All that is found when the bytes come in pieces of at most `piece`.
 std::string RequestsIn(std::string_view bytes, std::size_t piece) {
     ConnectionInput input(HeaderLimit, BodyLimit);
     std::string found;

@@ -18,7 +18,7 @@ void Empty(EventQueue& queue) {
     queue.DeleteAllWatches();
 }
 
-/// The document without what a restore makes anew: ids, and the start times that intervals set.
+// The document without what a restore makes anew: ids, and the start times that intervals set.
 std::string Text(const EventQueue& queue) {
     PListDict state;
     queue.GetQueueState(state);

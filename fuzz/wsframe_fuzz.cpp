@@ -22,7 +22,7 @@ void Require(bool condition) {
     if (!condition) std::abort();
 }
 
-/// All that is found when the input comes in pieces of `piece` bytes.
+// All that is found when the input comes in pieces of `piece` bytes.
 std::vector<Event> Parse(std::string_view input, std::size_t piece) {
     FrameParser parser;
     std::vector<Event> events;

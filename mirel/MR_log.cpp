@@ -1,3 +1,4 @@
+// Levels, the default sink, and the two kinds of log lines.
 #include "MR_log.h"
 
 #include <errno.h>

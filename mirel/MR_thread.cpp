@@ -1,3 +1,4 @@
+// A thread's run from its start to its hooks' end, and its name for the kernel.
 #include "MR_thread.h"
 
 #include <limits.h>

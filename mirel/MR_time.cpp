@@ -1,3 +1,4 @@
+// Times read from a clock that tests may step, and their texts.
 #include <time.h>
 
 #include <algorithm>

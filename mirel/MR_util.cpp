@@ -1,3 +1,4 @@
+// Identifiers, random bytes, and files that are written whole or not at all.
 #include "MR_util.h"
 
 #include <errno.h>

@@ -87,7 +87,7 @@ std::string id_text(const UUID& id) {
     return Mirel::bin2UUIDhex(id.Value(), UUID::Size, buf, TextBufferSize);
 }
 
-/// 16 hexadecimal digits.
+// 16 hexadecimal digits.
 std::string random_text() {
     UUID id;
     GenRandomValue(id);
@@ -160,7 +160,7 @@ Timer& Timer::operator=(const Timer& other) {
     return *this;
 }
 
-/// What is added for an interval: the low 32 bits count, as signed.
+// What is added for an interval: the low 32 bits count, as signed.
 static i32_t added_interval(i64_t interval_sec) {
     return static_cast<i32_t>(static_cast<ui32_t>(interval_sec));
 }
@@ -244,13 +244,13 @@ void EventQueue::UseStateFile(const std::string& path) {
     WriteState();
 }
 
-/// `code` with the reason that errno holds, in the words of the log.
+// `code` with the reason that errno holds, in the words of the log.
 static Result_t save_failure(const Result_t& code, const std::string& what) {
     const int reason = errno;
     return code.WithMessage(what + ": " + strerror(reason));
 }
 
-/// Replaces the file at `path` by `text` in one step, and returns once that is on the disk.
+// Replaces the file at `path` by `text` in one step, and returns once that is on the disk.
 static Result_t replace_file(const std::string& path, const std::string& text) {
     const std::string temporary = path + ".temp";
     const Result_t written = Mirel::WriteStringIntoNewFile(temporary, text, path);
@@ -262,7 +262,7 @@ static Result_t replace_file(const std::string& path, const std::string& text) {
     return RESULT_OK;
 }
 
-/// The text will hardly be longer than `expected_size`, so that its memory is taken once.
+// The text will hardly be longer than `expected_size`, so that its memory is taken once.
 static Result_t encode_state(const IEventQueue& queue, std::size_t expected_size, std::string& json) {
     json.reserve(expected_size + expected_size / 8);
     PListDict state;
@@ -270,7 +270,7 @@ static Result_t encode_state(const IEventQueue& queue, std::size_t expected_size
     return state.EncodeJSON(json);
 }
 
-/// A failure's message is the line for the log.
+// A failure's message is the line for the log.
 Result_t EventQueue::WriteStateFile() const {
     try {
         std::string json;
@@ -287,7 +287,7 @@ Result_t EventQueue::WriteStateFile() const {
     }
 }
 
-/// The lock covers building the document too: otherwise a thread that built an older one could write it last.
+// The lock covers building the document too: otherwise a thread that built an older one could write it last.
 Result_t EventQueue::SaveState(SaveReason reason) const {
     AutoMutex lock(m_SaveLock);
     if (m_StateFile.empty()) return RESULT_OK;
@@ -310,14 +310,14 @@ Result_t EventQueue::SaveState(SaveReason reason) const {
     return result;
 }
 
-/// Makes up for a save that failed, without waiting for the next change.
+// Makes up for a save that failed, without waiting for the next change.
 void EventQueue::RepeatFailedSave() {
     if (!m_Counters.last_save_failed || steady_now() < m_NextSave) return;
     (void)SaveState(SaveReason::Failure);
     m_NextSave = steady_now() + SaveAgainAfter;
 }
 
-/// While one lives, the saves that its thread's changes ask for are held back.
+// While one lives, the saves that its thread's changes ask for are held back.
 class HeldSaves {
   public:
     HeldSaves() { s_Current = this; }
@@ -325,7 +325,7 @@ class HeldSaves {
     HeldSaves(const HeldSaves&) = delete;
     HeldSaves& operator=(const HeldSaves&) = delete;
 
-    /// Takes note of a save; false where this thread holds none back.
+    // Takes note of a save; false where this thread holds none back.
     static bool Hold() {
         if (s_Current) s_Current->m_Asked = true;
         return s_Current;
@@ -338,7 +338,7 @@ class HeldSaves {
 };
 thread_local HeldSaves* HeldSaves::s_Current = nullptr;
 
-/// The change that asks for it has taken effect, so a failure is logged and goes no further.
+// The change that asks for it has taken effect, so a failure is logged and goes no further.
 void EventQueue::WriteState() const {
     if (!HeldSaves::Hold()) (void)SaveState();
 }
@@ -370,14 +370,14 @@ void EventQueue::SetMaxListeners(i32_t max) {
     m_MaxListeners = max;
 }
 
-/// The number of listeners of all events, counted anew: there must be as many callbacks.
+// The number of listeners of all events, counted anew: there must be as many callbacks.
 [[maybe_unused]] static ui32_t queue_size(const event_map& queue) {
     std::size_t size = 0;
     for (const auto& [name, event] : queue) size += event.listeners.size();
     return static_cast<ui32_t>(size);
 }
 
-/// Compared as unsigned, so that a negative limit is none.
+// Compared as unsigned, so that a negative limit is none.
 bool EventQueue::HasTooManyListeners() const {
     return static_cast<ui32_t>(m_Callbacks.size()) > static_cast<ui32_t>(m_MaxListeners);
 }
@@ -418,7 +418,7 @@ void EventQueue::GetEventState(PListDict& state) const {
     state.SetItem(Strings::event_list, std::move(events));
 }
 
-/// Offers every listener of a state document's event to the queue.
+// Offers every listener of a state document's event to the queue.
 static void restore_listeners(IEventQueue& queue, const std::string& event_name,
                               const PListArray& listeners) {
     int position = -1;
@@ -500,8 +500,8 @@ bool EventQueue::DeleteEvent(const std::string& event_name) {
     return true;
 }
 
-/// Whether a callback can be registered. Posting looks closer: there only a leading "python://" names a
-/// handler.
+// Whether a callback can be registered. Posting looks closer: there only a leading "python://" names a
+// handler.
 static bool callback_is_usable(const std::string& callback) {
     if (callback.find(PythonScheme) != std::string::npos) return true;
     URL url;
@@ -582,10 +582,10 @@ void EventQueue::GetEventHistory(PListDict& history) const {
     history.SetItem(Strings::history, records.release());
 }
 
-/// What LastPostingOfThread() answers. The epoch's text is written only where it is another one.
+// What LastPostingOfThread() answers. The epoch's text is written only where it is another one.
 static thread_local PostingId t_last_posting;
 
-/// All that may fail comes before the record is appended: a posting has its number, or there is none.
+// All that may fail comes before the record is appended: a posting has its number, or there is none.
 void EventQueue::AppendHistory(const PListDict& event_data, ui64_t number) {
     const std::string_view timestamp = event_data.GetData(Strings::timestamp).TextView();
     AutoMutex lock(m_HistoryLock);
@@ -610,7 +610,7 @@ void EventQueue::BeginEpoch(const std::string& epoch, ui64_t before) {
     m_LastNumber = m_ForgottenNumber = before;
 }
 
-/// Records have left at the front: what is numbered is no more than what is there.
+// Records have left at the front: what is numbered is no more than what is there.
 void EventQueue::ForgetLeftNumbers() {
     std::size_t numbered = 0;
     for (const NumberRun& run : m_Numbers) numbered += run.Count;
@@ -626,7 +626,7 @@ void EventQueue::ForgetLeftNumbers() {
     }
 }
 
-/// How many of the last records have a number above this one.
+// How many of the last records have a number above this one.
 std::size_t EventQueue::CountAfter(ui64_t number) const {
     std::size_t after = 0;
     for (auto run = m_Numbers.rbegin(); run != m_Numbers.rend() && run->First + run->Count - 1 > number;
@@ -663,9 +663,9 @@ static std::string_view record_time(const PListItem& record) {
     return static_cast<const PListDict&>(record).GetData(Strings::timestamp).TextView();
 }
 
-/// Whether the index is as long as the history and begins with its first record. It does not where memory ran
-/// out between a run and its record (AppendHistory), or between the runs and their records (TrimHistory):
-/// what no run covers would never leave.
+// Whether the index is as long as the history and begins with its first record. It does not where memory ran
+// out between a run and its record (AppendHistory), or between the runs and their records (TrimHistory):
+// what no run covers would never leave.
 bool EventQueue::HistoryIsIndexed() const {
     if (m_HistoryIndexed != m_EventHistory.Size()) return false;
     return m_HistoryIndexed == 0 || record_time(m_EventHistory.Front()) == m_HistoryRuns.front().timestamp;
@@ -682,9 +682,9 @@ void EventQueue::IndexHistory() {
     m_HistoryIndexed = m_EventHistory.Size();
 }
 
-/// The records of one second share their timestamp's text, so that the runs decide for many records at once;
-/// and what is trimmed is only taken off here. A million records are gone from the history within the lock in
-/// well under a millisecond, and DestroyTrimmedHistory() frees them where nobody waits.
+// The records of one second share their timestamp's text, so that the runs decide for many records at once;
+// and what is trimmed is only taken off here. A million records are gone from the history within the lock in
+// well under a millisecond, and DestroyTrimmedHistory() frees them where nobody waits.
 void EventQueue::TrimHistory() {
     Timestamp horizon = HistoryTime();
     horizon.AddSeconds(-HistoryRetention_sec);
@@ -716,7 +716,7 @@ void EventQueue::DestroyTrimmedHistory() {
 
 // ---------------------------------------------------------------- EventQueue: posting
 
-/// The text of now. All postings of a second share one text.
+// The text of now. All postings of a second share one text.
 const PListData& EventQueue::CurrentTime() {
     char buf[TextBufferSize];
     const std::string_view text(Timestamp().EncodeString(buf, TextBufferSize), Mirel::DateTimeLen);
@@ -775,7 +775,7 @@ bool EventQueue::CallListenersOf(const PListDict& payload, const std::shared_ptr
     return true;
 }
 
-/// A copy of the payload with what every posting has, in the order of every posting.
+// A copy of the payload with what every posting has, in the order of every posting.
 static PListDict completed_payload(const PListDict& payload, const EventDistributor& event,
                                    const PListData& now) {
     PListDict complete;
@@ -803,7 +803,7 @@ bool EventQueue::CallOneListener(const std::string& event_name, const UUID& id, 
     return false;
 }
 
-/// Owns one reference to a Python object, or none. The interpreter lock must be held throughout.
+// Owns one reference to a Python object, or none. The interpreter lock must be held throughout.
 class PythonReference {
   public:
     explicit PythonReference(PyObject* object) : m_Object(object) {}
@@ -821,7 +821,7 @@ static void log_pending_python_error() {
     if (PyErr_Occurred()) mr_log_python_exception(Mirel::LOG_ERROR);
 }
 
-/// Whether another thread is in the middle of importing the module: what it defines is not there yet.
+// Whether another thread is in the middle of importing the module: what it defines is not there yet.
 static bool is_being_imported(PyObject* module) {
     const PythonReference spec(PyObject_GetAttrString(module, "__spec__"));
     const PythonReference initializing(spec ? PyObject_GetAttrString(spec.Get(), "_initializing") : nullptr);
@@ -830,8 +830,8 @@ static bool is_being_imported(PyObject* module) {
     return importing;
 }
 
-/// A new reference to the loaded module, used as it is, or to the module imported now; null where that fails.
-/// An import that is under way is waited for.
+// A new reference to the loaded module, used as it is, or to the module imported now; null where that fails.
+// An import that is under way is waited for.
 static PyObject* find_python_module(const std::string& module_name) {
     if (module_name.find('\0') != std::string::npos) {  // or the module of the name before it would be taken
         PyErr_SetString(PyExc_ImportError, "the module's name holds a NUL");
@@ -845,7 +845,7 @@ static PyObject* find_python_module(const std::string& module_name) {
     return module;
 }
 
-/// Calls the handler with the payload as its one argument.
+// Calls the handler with the payload as its one argument.
 static void call_python_handler(PyObject* handler, const PListDict& payload, HandlerCall& call) {
     PythonReference arguments(PyTuple_New(1));
     PyObject* argument = arguments ? PyObject_FromPListItem(payload) : nullptr;
@@ -862,7 +862,7 @@ static void call_python_handler(PyObject* handler, const PListDict& payload, Han
     }
 }
 
-/// Runs the function "event_handler" of a Python module. What goes wrong is logged.
+// Runs the function "event_handler" of a Python module. What goes wrong is logged.
 static void exec_python_handler(const std::string& module_name, const PListDict& payload) {
     const PythonContextLock context;
     HandlerCall call(module_name, payload);
@@ -888,13 +888,13 @@ static void exec_python_handler(const std::string& module_name, const PListDict&
     call_python_handler(handler.Get(), payload, call);
 }
 
-/// Runs the handler, and tells who watches the calls how that went.
+// Runs the handler, and tells who watches the calls how that went.
 static void run_python_listener(const ListenerCall& call) {
     exec_python_handler(call.Called.callback.substr(PythonScheme.size()), call.Payload);
     if (IListenerCaller* const watcher = listener_caller()) watcher->HandlerRan(call);
 }
 
-/// Makes the request that calls the listener. False where its callback is neither a URL nor a path.
+// Makes the request that calls the listener. False where its callback is neither a URL nor a path.
 bool EventQueue::CallTarget(const Listener& listener, BasicRestEntryCall& request) const {
     request.Method = listener.data.Empty() ? Velmora::METH_GET : Velmora::METH_POST;
     if (!request.TargetUrl.Parse(listener.callback)) {
@@ -928,7 +928,7 @@ void EventQueue::CallListener(const ListenerCall& call) {
 
 namespace {
 
-/// Lets its token go when its request has ended.
+// Lets its token go when its request has ended.
 class TokenCaller : public BackgroundHTTPRequestHandle<TLSHTTPRequestHandle> {
   public:
     TokenCaller(const BasicRestEntryCall& call, const std::string& body, const std::shared_ptr<void>& token)
@@ -990,7 +990,7 @@ void EventQueue::GetTimerState(PListDict& state) const {
     state.SetItem(Strings::timer_list, std::move(timers));
 }
 
-/// Offers one timer of a state document to the queue.
+// Offers one timer of a state document to the queue.
 static void restore_timer(IEventQueue& queue, const PListDict& entry) {
     const std::string event_name = entry.GetData(Strings::event_name).Text();
     const std::string start_text = entry.GetData(Strings::start_time).Text();
@@ -1052,7 +1052,7 @@ void EventQueue::DeleteAllTimers() {
     WriteState();
 }
 
-/// Destroys the timer with that id and takes it off the list; false where there is none.
+// Destroys the timer with that id and takes it off the list; false where there is none.
 static bool erase_timer(timer_list& timers, const UUID& id) {
     for (auto it = timers.begin(); it != timers.end(); ++it) {
         if (!((*it)->id == id)) continue;
@@ -1100,7 +1100,7 @@ void EventQueue::GetWatchState(PListDict& state) const {
     state.SetItem(Strings::watch_list, std::move(watches));
 }
 
-/// Offers one watch of a state document to the queue.
+// Offers one watch of a state document to the queue.
 static void restore_watch(IEventQueue& queue, const PListDict& entry) {
     const std::string path = entry.GetData(Strings::path).Text();
     const std::string event_name = entry.GetData(Strings::event_name).Text();
@@ -1160,7 +1160,7 @@ bool EventQueue::DeleteWatch(const std::string& path) {
     return true;
 }
 
-/// For the last save, when the worker is no longer there to erase what was to end.
+// For the last save, when the worker is no longer there to erase what was to end.
 void EventQueue::DropEndedWatches() {
     AutoMutex lock(m_WatchLock);
     std::erase_if(m_Watches, [](const auto& entry) {
@@ -1186,7 +1186,7 @@ static void event_stream_close(int fd) {
     close(fd);
 }
 
-/// As inotify_add_watch(2); it would take a path with a NUL for what stands before that.
+// As inotify_add_watch(2); it would take a path with a NUL for what stands before that.
 static int event_stream_add(int fd, const std::string& path, ui32_t mask) {
     if (path.find('\0') == std::string::npos) return inotify_add_watch(fd, path.c_str(), mask);
     errno = EINVAL;
@@ -1215,8 +1215,8 @@ static void event_stream_fini_item(int fd, Watch& watch) {
     watch.mode = WM_END;
 }
 
-/// The watch descriptors in the kernel's records (inotify(7)), each once; -1 stands for an overflow of the
-/// kernel's queue. A record cut off at the end of the bytes is left out where its header is not whole.
+// The watch descriptors in the kernel's records (inotify(7)), each once; -1 stands for an overflow of the
+// kernel's queue. A record cut off at the end of the bytes is left out where its header is not whole.
 static std::set<int> event_stream_decode(const char* bytes, std::size_t size) {
     std::set<int> descriptors;
     inotify_event record;
@@ -1231,8 +1231,8 @@ static std::set<int> event_stream_decode(const char* bytes, std::size_t size) {
     return descriptors;
 }
 
-/// Marks what changed. A watch whose removal was requested meanwhile is left to end; one without a kernel
-/// watch has seen nothing, also where the kernel's overflow record bears the same -1.
+// Marks what changed. A watch whose removal was requested meanwhile is left to end; one without a kernel
+// watch has seen nothing, also where the kernel's overflow record bears the same -1.
 static void event_stream_mark_fired(const std::set<int>& changed, watch_map& watches) {
     const bool overflow = changed.count(-1) != 0;
     for (auto& [path, watch] : watches) {
@@ -1245,8 +1245,8 @@ static bool is_transient(int error) {
     return error == EAGAIN || error == EINTR;
 }
 
-/// Waits until the stream can be read, for a descriptor of any number. Above 0: it can; 0: not in time; below
-/// 0: the wait failed, errno says why.
+// Waits until the stream can be read, for a descriptor of any number. Above 0: it can; 0: not in time; below
+// 0: the wait failed, errno says why.
 static int event_stream_wait(int fd) {
     pollfd waiting{fd, POLLIN, 0};
     const int ready = poll(&waiting, 1, WatchWait_ms);
@@ -1316,7 +1316,7 @@ Result_t EventQueue::ThreadBody() {
     return RESULT_OK;
 }
 
-/// Whether another watch has the same kernel watch: there is one for each file, however its path is written.
+// Whether another watch has the same kernel watch: there is one for each file, however its path is written.
 static bool shares_kernel_watch(const watch_map& watches, const Watch& watch) {
     return watch.handle >= 0 && std::any_of(watches.begin(), watches.end(), [&](const auto& entry) {
                return &entry.second != &watch && entry.second.handle == watch.handle;
@@ -1340,7 +1340,7 @@ void EventQueue::MaintainWatches(int event_stream) {
     }
 }
 
-/// The lock checks are off since the stream function is handed the lock and takes it for the marking itself.
+// The lock checks are off since the stream function is handed the lock and takes it for the marking itself.
 void EventQueue::WaitForChanges(int event_stream) {
     event_stream_proc_stream(event_stream, m_Watches, m_WatchLock);
 }
@@ -1376,7 +1376,7 @@ void EventQueue::FireTimers() {
     }
 }
 
-/// Fires a due timer, or drops it where it is too late. True when the timer stays.
+// Fires a due timer, or drops it where it is too late. True when the timer stays.
 bool EventQueue::FireTimer(Timer& timer, const Timestamp& now, const Timestamp& expiry_limit) {
     if (timer.start_time < expiry_limit) {
         ++m_Counters.expired_timers;
@@ -1398,7 +1398,7 @@ bool EventQueue::KeepExpiredTimer(Timer&, const Timestamp&) {
     return false;
 }
 
-/// Says why a finished caller failed to deliver; what never got an answer is in the client's counters.
+// Says why a finished caller failed to deliver; what never got an answer is in the client's counters.
 static void log_failed_callback(BackgroundHTTPRequestHandle<TLSHTTPRequestHandle>& caller) {
     if (caller.Result().Failure() || StatusIsSuccess(caller.Status())) return;
     DefaultLogSink().Error("Callback to \"%s\" failed: %d (%s)\n",
@@ -1415,7 +1415,7 @@ EventQueue::caller_list EventQueue::TakeFinishedCallers() {
     return finished;
 }
 
-/// Callers and records leave their lists under the lock; nobody waits for the log and for their destruction.
+// Callers and records leave their lists under the lock; nobody waits for the log and for their destruction.
 void EventQueue::ReapCallersAndTrimHistory() {
     caller_list finished;
     {
@@ -1441,7 +1441,7 @@ void EventQueue::CountPass(std::chrono::steady_clock::time_point began) {
     ++m_Counters.passes;
 }
 
-/// Reads the sizes of what is not locked at the moment: whoever asks never waits behind a slow handler.
+// Reads the sizes of what is not locked at the moment: whoever asks never waits behind a slow handler.
 void EventQueue::MeasureSizes() const {
     if (m_EventLock.TryLock()) {
         m_Counters.events = m_Events.size();
@@ -1495,8 +1495,8 @@ QueueStatistics EventQueue::Statistics() const {
 
 namespace {
 
-/// A time that is passed, moved on by whole intervals to the first that is not. Nothing where the interval,
-/// as it is added, does not lead there.
+// A time that is passed, moved on by whole intervals to the first that is not. Nothing where the interval,
+// as it is added, does not lead there.
 std::optional<Timestamp> next_due(const Timestamp& passed, i64_t interval_sec, const Timestamp& now) {
     const i64_t step = added_interval(interval_sec) * i64_t{1000000};
     if (interval_sec < 1 || step < 1) return std::nullopt;
@@ -1520,7 +1520,7 @@ class TimerKeepingQueue : public EventQueue {
     }
 };
 
-/// The queue that the configuration asks for.
+// The queue that the configuration asks for.
 EventQueue* new_queue(const PListDict& dict, ui32_t timeout_ms) {
     const PListItem* keep = dict.GetDict(Strings::Timers).GetItem(Strings::KeepRepeating);
     if (keep && keep->HasType(Velmora::IT_TRUE)) return new TimerKeepingQueue(timeout_ms);

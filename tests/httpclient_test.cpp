@@ -30,12 +30,12 @@ namespace {
 
 using Caller = BackgroundHTTPRequestHandle<TLSHTTPRequestHandle>;
 
-/// Every name look-up of the process, libcurl's too (see getaddrinfo below), waits until the gate is opened.
+// Every name look-up of the process, libcurl's too (see getaddrinfo below), waits until the gate is opened.
 std::mutex gate_lock;
 std::condition_variable gate_opened;
 bool gate_open = false;
 
-/// Every certificate's chain is taken for a good one: what remains is whose certificate it is.
+// Every certificate's chain is taken for a good one: what remains is whose certificate it is.
 std::atomic<bool> chains_are_good{false};
 
 }  // namespace
@@ -67,7 +67,7 @@ BasicRestEntryCall CallOf(const std::string& text, Method_t method = METH_GET) {
     return {method, UrlOf(text), {{Strings::ContentType, Strings::MIME_json}}};
 }
 
-/// One exchange with room for a slow machine.
+// One exchange with room for a slow machine.
 struct Client : TLSHTTPRequestHandle {
     Client() {
         Timeout_ms(20000);
@@ -376,7 +376,7 @@ TEST(BackgroundCaller, PerformsItsRequestUnderItsSettings) {
     EXPECT_EQ(nowhere.Result(), Mirel::RESULT_PARAM);
 }
 
-/// The connections that a program which is started now would inherit.
+// The connections that a program which is started now would inherit.
 int InheritedConnections() {
     int count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -411,8 +411,8 @@ TEST(BackgroundCaller, StopAndDestructionLetTheRequestEnd) {
     EXPECT_EQ(GetRequestCounters().AnsweredByClass[2], answered + 1);
 }
 
-/// ThreadSanitizer does not see the atomic counts by which OpenSSL, compiled without it, keeps its threads
-/// apart, and takes threads that are at work at the end for forgotten ones. For programs started from now on.
+// ThreadSanitizer does not see the atomic counts by which OpenSSL, compiled without it, keeps its threads
+// apart, and takes threads that are at work at the end for forgotten ones. For programs started from now on.
 void LookIntoOurOwnCodeOnly() {
 #if defined(__SANITIZE_THREAD__)
     const char* const given = getenv("TSAN_OPTIONS");
@@ -439,7 +439,7 @@ TEST(BackgroundCaller, AProgramMayEndWhileCallsAreUnderWay) {
         EXPECT_EXIT(end_amid_handshakes(), ::testing::ExitedWithCode(EXIT_SUCCESS), "");
 }
 
-/// Leaves the process only a few more descriptors than it has.
+// Leaves the process only a few more descriptors than it has.
 class DescriptorLimit {
   public:
     explicit DescriptorLimit(rlim_t more) {

@@ -1,3 +1,4 @@
+// The log: levels, sinks, forms of its lines, and lost entries.
 #include "MR_log.h"
 
 #include <errno.h>

@@ -1,3 +1,4 @@
+// Threads' hooks and their order, names, stopping and joining.
 #include "MR_thread.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// Times: texts both ways, against the C library's.
 #include <gtest/gtest.h>
 #include <time.h>
 

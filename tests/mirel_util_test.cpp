@@ -1,3 +1,4 @@
+// Identifiers, and files under failures.
 #include "MR_util.h"
 
 #include <errno.h>

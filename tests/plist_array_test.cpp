@@ -1,3 +1,4 @@
+// Arrays: their changes at any place, sharing and size.
 #include <gtest/gtest.h>
 
 #include <deque>

@@ -1,3 +1,4 @@
+// JSON both ways: what is read, refused and written.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// Scalars and dictionaries: kinds, values, sharing, comparing and texts.
 #include "VL_PList.h"
 
 #include <gtest/gtest.h>

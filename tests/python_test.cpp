@@ -24,8 +24,8 @@ namespace {
 
 constexpr bool IsPython3 = PY_MAJOR_VERSION >= 3;
 
-/// Runs statements in a fresh namespace that knows `value`, and returns str(result). An exception stays
-/// pending, the answer is then empty. The interpreter lock must be held.
+// Runs statements in a fresh namespace that knows `value`, and returns str(result). An exception stays
+// pending, the answer is then empty. The interpreter lock must be held.
 std::string Execute(const std::string& code, PyObject* value = Py_None) {
     PyObject* names = PyDict_New();
     PyDict_SetItemString(names, "__builtins__", PyEval_GetBuiltins());
@@ -44,8 +44,8 @@ std::string Execute(const std::string& code, PyObject* value = Py_None) {
     return answer;
 }
 
-/// What Python shows of an item: repr(value) without the prefixes and suffixes that only one of the Pythons
-/// writes.
+// What Python shows of an item: repr(value) without the prefixes and suffixes that only one of the Pythons
+// writes.
 std::string Repr(const PListItem& item) {
     const PythonContextLock held;
     PyObject* value = PyObject_FromPListItem(item);
@@ -55,7 +55,7 @@ std::string Repr(const PListItem& item) {
     return answer;
 }
 
-/// The log entries (level and text) that code leaves behind when it raises.
+// The log entries (level and text) that code leaves behind when it raises.
 std::vector<CapturedLog::Entry> LoggedBy(const std::string& code, Mirel::LogType_t level = Mirel::LOG_ERROR) {
     const PythonContextLock held;
     CapturedLog log;

@@ -19,7 +19,7 @@ static PListDict Dict(const std::string& json) {
     return read ? *read : PListDict();
 }
 
-/// Runs `body` in a child process; its failures are the test's.
+// Runs `body` in a child process; its failures are the test's.
 static void InProcess(const std::function<void()>& body) {
     const pid_t child = fork();
     ASSERT_NE(child, -1);
@@ -201,14 +201,14 @@ TEST(GlobalQueue, ADocumentThatIsAppliedIsSavedOnceAndWhatOthersChangeMeanwhileA
     });
 }
 
-/// One answered operation of the process that is going to be killed.
+// One answered operation of the process that is going to be killed.
 struct Answer {
     int thread;
     int event;
 };
 
-/// Each thread creates its events 0, 1, 2 … and deletes the one before each; what was answered goes into the
-/// pipe.
+// Each thread creates its events 0, 1, 2 … and deletes the one before each; what was answered goes into the
+// pipe.
 [[noreturn]] static void ChangeUntilKilled(const std::string& path, int answers) {
     PListDict config = Dict(Testing::ReadFile(path));
     PListDict whole;
@@ -230,7 +230,7 @@ struct Answer {
     _exit(1);
 }
 
-/// The youngest event of each thread of process `child` in a saved document; -1 without one.
+// The youngest event of each thread of process `child` in a saved document; -1 without one.
 static std::vector<int> SavedEvents(const std::string& text, pid_t child) {
     Result_t why;
     const auto item = PListItem::CreateFromJSON(text, &why);

@@ -17,7 +17,7 @@ namespace EventManager {
 
 class PostingTest : public QueueTest {
   protected:
-    /// A handler module in a folder of its own that is on Python's path.
+    // A handler module in a folder of its own that is on Python's path.
     static void Module(const std::string& name, const std::string& source) {
         static const Testing::TemporaryFolder* modules = new Testing::TemporaryFolder;
         Testing::WriteFile(*modules / (name + ".py"), source);
@@ -28,13 +28,13 @@ class PostingTest : public QueueTest {
             ADD_FAILURE();
         }
     }
-    /// A handler that keeps each payload, as JSON, in its list "calls".
+    // A handler that keeps each payload, as JSON, in its list "calls".
     static void RecordingModule(const std::string& name) {
         Module(name,
                "import json\ncalls = []\ndef event_handler(payload):\n"
                "    calls.append(json.dumps(payload, sort_keys=True))\n");
     }
-    /// The text of a Python expression evaluated in a module.
+    // The text of a Python expression evaluated in a module.
     static std::string Ask(const std::string& module, const std::string& expression) {
         using Reference = std::unique_ptr<PyObject, decltype(&Py_DecRef)>;
         const PythonContextLock context;
@@ -284,14 +284,14 @@ class CallerTest : public PostingTest {
   protected:
     CallerTest() { Event("e", R"({"d":1})"); }
 
-    /// Reaps what has finished until nothing runs any more.
+    // Reaps what has finished until nothing runs any more.
     void AwaitCallers() {
         EXPECT_TRUE(Testing::Eventually([&] {
             Probe::Reap(queue);
             return Probe::Callers(queue) == 0;
         }));
     }
-    /// The one request that the server has received.
+    // The one request that the server has received.
     static std::string Request(const HttpTestServer& server) {
         EXPECT_TRUE(Testing::Eventually([&] { return server.Requests().size() == 1; }));
         return server.Requests().empty() ? "" : server.Requests()[0];
@@ -323,7 +323,7 @@ TEST_F(CallerTest, AListenerWithoutDataIsFetchedAndOneWithDataPostedTo) {
     EXPECT_TRUE(log.Errors().empty());
 }
 
-/// The value of the header Authorization, empty where there is none.
+// The value of the header Authorization, empty where there is none.
 static std::string Authorization(const std::string& request) {
     const std::string name = "\r\nAuthorization: ";
     const std::size_t at = request.find(name);

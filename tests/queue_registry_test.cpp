@@ -210,8 +210,8 @@ TEST_F(RegistryTest, TheEndPointFollowsTheConfiguration) {
 class StateFileTest : public QueueTest {
   protected:
     StateFileTest() { Probe::UseStateFile(queue, path); }
-    /// Whether `operation` saved (the file is no longer the old text) and what it saved is the whole current
-    /// document.
+    // Whether `operation` saved (the file is no longer the old text) and what it saved is the whole current
+    // document.
     bool Saves(const std::function<void()>& operation) {
         Testing::WriteFile(path, "old");
         operation();

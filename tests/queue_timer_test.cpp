@@ -10,7 +10,7 @@ class TimerTest : public QueueTest {
   protected:
     TimerTest() { Event("e"); }
 
-    /// Creates a timer that is to start `start` seconds from now.
+    // Creates a timer that is to start `start` seconds from now.
     UUID Create(double start, i64_t interval, const std::string& event = "e", const char* data = nullptr) {
         const PListDict dict = data ? Dict(data) : PListDict();
         const auto at = Timestamp::FromMicroseconds(clock.Now_us() + static_cast<i64_t>(start * 1e6));
@@ -18,7 +18,7 @@ class TimerTest : public QueueTest {
         EXPECT_TRUE(queue.CreateTimer(event, at, interval, data ? &dict : nullptr, id));
         return id;
     }
-    /// How many postings a pass at `seconds` from now makes.
+    // How many postings a pass at `seconds` from now makes.
     std::size_t FiredAfter(double seconds) {
         clock.Step(seconds);
         const std::size_t before = History().Size();

@@ -24,7 +24,7 @@ class WatchTest : public QueueTest {
     bool Watch(const std::string& path, const std::string& event = "e", bool once = false) {
         return queue.CreateWatch(path, event, nullptr, once);
     }
-    /// The watch part of one pass; what it posted.
+    // The watch part of one pass; what it posted.
     std::string Pass() {
         const std::size_t before = History().Size();
         Probe::MaintainWatches(queue, stream);
@@ -38,7 +38,7 @@ class WatchTest : public QueueTest {
         }
         return posted;
     }
-    /// Brings every requested watch to the kernel.
+    // Brings every requested watch to the kernel.
     void Register() { Probe::MaintainWatches(queue, stream); }
 
     Testing::TemporaryFolder folder;
@@ -217,7 +217,7 @@ TEST_F(WatchTest, ADescriptorBeyondWhatSelectTakesIsWaitedOn) {
     EXPECT_EQ(Pass(), "e:" + folder.Path() + " ");
 }
 
-/// The bytes of one kernel record.
+// The bytes of one kernel record.
 static std::string Record(int wd, const std::string& name = "") {
     inotify_event header{};
     header.wd = wd;

@@ -11,7 +11,7 @@ class WorkerTest : public QueueTest {
   protected:
     ~WorkerTest() override { Stop(); }
     void Stop() { EXPECT_TRUE(Probe::Stop(queue).Success()); }
-    /// What the worker does is done within a pass.
+    // What the worker does is done within a pass.
     static bool WithinAPass(const std::function<bool()>& condition) {
         return Testing::Eventually(condition, Pass.count());
     }

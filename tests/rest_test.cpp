@@ -164,7 +164,7 @@ class RouterTest : public ::testing::Test {
 
 enum class Transport { Direct, Plain, TLS };
 
-/// The same questions put to the router itself, and through a socket.
+// The same questions put to the router itself, and through a socket.
 class RestTest : public RouterTest, public ::testing::WithParamInterface<Transport> {
   protected:
     void SetUp() override {

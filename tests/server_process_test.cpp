@@ -25,11 +25,11 @@ using Testing::FeedClient;
 using Testing::HttpClient;
 using Testing::ReadFile;
 
-/// One run of velmora-server; killed with the object where it still runs.
+// One run of velmora-server; killed with the object where it still runs.
 class Process {
   public:
-    /// `descriptors`: how many it may have, if it asks for them; 0 for as many as this process. It inherits
-    /// that every signal is blocked.
+    // `descriptors`: how many it may have, if it asks for them; 0 for as many as this process. It inherits
+    // that every signal is blocked.
     Process(const std::string& errors, const std::vector<std::string>& arguments, rlim_t descriptors = 0) {
         int out[2];
         if (pipe2(out, O_CLOEXEC) != 0) ADD_FAILURE() << "no pipe";
@@ -58,7 +58,7 @@ class Process {
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    /// Waits for the line that says where the server listens; 0 where it ends without one.
+    // Waits for the line that says where the server listens; 0 where it ends without one.
     unsigned short Port() {
         char line[256];
         while (m_Port == 0 && fgets(line, sizeof line, m_Output) != nullptr) {
@@ -70,7 +70,7 @@ class Process {
         return m_Port;
     }
     pid_t Id() const { return m_Pid; }
-    /// Bytes of address space that it has now.
+    // Bytes of address space that it has now.
     rlim_t Memory() const {
         rlim_t pages = 0;
         std::ifstream("/proc/" + std::to_string(m_Pid) + "/statm") >> pages;
@@ -80,8 +80,8 @@ class Process {
         const rlimit limit{most, RLIM_INFINITY};
         EXPECT_EQ(prlimit(m_Pid, what, &limit, nullptr), 0) << strerror(errno);
     }
-    /// Signals the process (0: not at all) and waits for its end; its exit status, or minus the signal that
-    /// ended it.
+    // Signals the process (0: not at all) and waits for its end; its exit status, or minus the signal that
+    // ended it.
     int End(int signal) {
         if (signal != 0) kill(m_Pid, signal);
         int status = 0;
@@ -103,7 +103,7 @@ class ServerProcessTest : public ::testing::Test {
         more.insert(more.begin(), {"--config", folder / "config.json"});
         return std::make_unique<Process>(folder / "errors", more);
     }
-    /// One that is expected to serve.
+    // One that is expected to serve.
     std::unique_ptr<Process> Serve(const std::string& json) {
         auto server = Start(json);
         EXPECT_NE(server->Port(), 0) << ReadFile(folder / "errors");

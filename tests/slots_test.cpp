@@ -17,8 +17,8 @@ using Mirel::Result_t;
 using ::testing::ElementsAreArray;
 using Velmora::PListItem;
 
-/// Places in the table of virtual operations, read from pointers to members (Itanium C++ ABI, 2.3), in which
-/// the first word is the offset. A virtual destructor takes two places.
+// Places in the table of virtual operations, read from pointers to members (Itanium C++ ABI, 2.3), in which
+// the first word is the offset. A virtual destructor takes two places.
 template <class... Operations>
 std::vector<std::size_t> SlotsOf(Operations... operations) {
     const auto slot = [](auto operation) {
@@ -30,7 +30,7 @@ std::vector<std::size_t> SlotsOf(Operations... operations) {
     return {slot(operations)...};
 }
 
-/// `count` places that follow each other.
+// `count` places that follow each other.
 std::vector<std::size_t> From(std::size_t first, std::size_t count) {
     std::vector<std::size_t> places;
     for (std::size_t i = 0; i < count; ++i) places.push_back(first + i);
@@ -49,7 +49,7 @@ std::vector<std::size_t> QueueSlots() {
                    &Queue::SetWatchState, &Queue::CreateWatch, &Queue::DeleteAllWatches, &Queue::DeleteWatch);
 }
 
-/// Shows the hooks, which are private: an operation that overrides another stands in its place.
+// Shows the hooks, which are private: an operation that overrides another stands in its place.
 struct Hooks : Mirel::Thread {
     Result_t ThreadInit() override { return Mirel::RESULT_OK; }
     Result_t ThreadBody() override { return Mirel::RESULT_OK; }

@@ -37,13 +37,13 @@ class FeedClientTest : public ::testing::Test {
         now += Milliseconds(after_ms);
         client->Tick(now);
     }
-    /// Gives turns until nothing more happens; how the last one ended.
+    // Gives turns until nothing more happens; how the last one ended.
     Turn Work() {
         Turn turn = Turn::More;
         while (turn == Turn::More) turn = client->TakeTurn(frames.End(), now);
         return turn;
     }
-    /// What the server has sent, at most so many bytes.
+    // What the server has sent, at most so many bytes.
     std::string Sent(std::size_t size = 1000) {
         std::string bytes(size, '\0');
         const ssize_t got = recv(peer, bytes.data(), size, MSG_DONTWAIT);
@@ -246,7 +246,7 @@ TEST(FrameLogTest, WhatAllHaveTakenIsGivenBackAndMemoryStaysWithinItsLimit) {
     EXPECT_EQ(Counters.LogBytes, before);
 }
 
-/// Of this process, in bytes.
+// Of this process, in bytes.
 std::size_t AddressSpace() {
     return std::stoul(Testing::ReadFile("/proc/self/statm")) * static_cast<std::size_t>(getpagesize());
 }

@@ -104,7 +104,7 @@ TEST_F(WebSocketTest, EveryClientGetsAllPostingsInOneOrder) {
     EXPECT_TRUE(m_Log.At(Mirel::LOG_NOTICE).empty());
 }
 
-/// How often the feed's thread has given up its processor of its own will.
+// How often the feed's thread has given up its processor of its own will.
 long FeedsNaps() {
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
         if (ReadFile(task.path() / "comm") != "WebSocket::Feed\n") continue;

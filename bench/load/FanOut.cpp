@@ -1,3 +1,4 @@
+// How fast publications reach many subscribers.
 #include <memory>
 #include <vector>
 
@@ -31,7 +32,7 @@ class FanOutRun {
     }
 
   private:
-    /// Whole batches only.
+    // Whole batches only.
     std::size_t Budget() const { return m_Plan.Messages / m_Protocol.Batch * m_Protocol.Batch; }
 
     void Turn() {

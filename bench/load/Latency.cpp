@@ -1,3 +1,4 @@
+// How long a publication takes to its subscribers, at a fixed rate of postings.
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,8 +22,8 @@ namespace {
 constexpr std::size_t Posters = 8;
 constexpr std::int64_t Patience_ns = 5'000'000'000;
 
-/// Receivers that read the time out of every delivery. The driver never sleeps, so that its own waking up is
-/// in no figure.
+// Receivers that read the time out of every delivery. The driver never sleeps, so that its own waking up is
+// in no figure.
 class TimedClients {
   public:
     TimedClients(const Protocol& protocol, const Steady& plan) : m_Epoll(epoll_create1(EPOLL_CLOEXEC)) {

@@ -1,3 +1,4 @@
+// The protocols' texts, and where their messages end.
 #include "Protocol.h"
 
 #include <poll.h>
@@ -15,7 +16,7 @@ namespace {
 constexpr std::size_t JsonAround = 99;  // of a posting, around its data's text
 constexpr std::size_t NatsBatch = 64;
 
-/// "HTTP/1.1 202 …" with a Content-Length.
+// "HTTP/1.1 202 …" with a Content-Length.
 std::size_t HttpAnswerSize(std::string_view begin) {
     const std::size_t head = begin.find("\r\n\r\n");
     if (head == begin.npos) return 0;
@@ -26,13 +27,13 @@ std::size_t HttpAnswerSize(std::string_view begin) {
     return head + 4 + std::strtoul(begin.data() + length + 15, nullptr, 10);
 }
 
-/// The length of "+OK", ":3" and the like.
+// The length of "+OK", ":3" and the like.
 std::size_t LineSize(std::string_view begin) {
     const std::size_t end = begin.find("\r\n");
     return end == begin.npos ? 0 : end + 2;
 }
 
-/// *3 $7 message $2 ev $N …
+// *3 $7 message $2 ev $N …
 std::size_t RedisDeliverySize(std::string_view begin) {
     const std::size_t length = begin.rfind("$", begin.size() < 64 ? begin.size() : 64);
     const std::size_t head = begin.find("\r\n", length);
@@ -40,7 +41,7 @@ std::size_t RedisDeliverySize(std::string_view begin) {
     return head + 2 + std::strtoul(begin.data() + length + 1, nullptr, 10) + 2;
 }
 
-/// MSG ev 1 N
+// MSG ev 1 N
 std::size_t NatsDeliverySize(std::string_view begin) {
     const std::size_t head = begin.find("\r\n");
     if (head == begin.npos) return 0;

@@ -1,3 +1,4 @@
+// One publishing connection: keeps its window full and reads the answers.
 #include "Publisher.h"
 
 #include <sys/socket.h>
@@ -58,7 +59,7 @@ void Publisher::Receive() {
     CountAnswers();
 }
 
-/// Every answer is looked at, since their lengths differ where one counts or holds a time.
+// Every answer is looked at, since their lengths differ where one counts or holds a time.
 void Publisher::CountAnswers() {
     std::size_t read = 0;
     while (read < m_In.size()) {

@@ -1,3 +1,4 @@
+// How long a change in a folder takes to the feed, and to a bare reader.
 #include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>

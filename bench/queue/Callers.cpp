@@ -38,7 +38,7 @@ void CheckAllAnswered(std::size_t calls) {
 
 }  // namespace
 
-/// Postings one at a time, each with one listener that answers at once, and the same without it.
+// Postings one at a time, each with one listener that answers at once, and the same without it.
 void MeasureListenerCost(const std::string& url) {
     UseCore(0);
     EventQueue queue(5000);
@@ -58,8 +58,8 @@ void MeasureListenerCost(const std::string& url) {
     Print("poster_us", (Percentile(with, 0.5) - Percentile(without, 0.5)) / 1e3);
 }
 
-/// At most `in_flight` at a time, counted from their posting on (the threads start later, and a listener's
-/// backlog would overflow meanwhile), reaped as the worker does.
+// At most `in_flight` at a time, counted from their posting on (the threads start later, and a listener's
+// backlog would overflow meanwhile), reaped as the worker does.
 void MeasureCallers(const std::string& url, std::size_t calls, std::size_t in_flight) {
     UseCore(0);
     EventQueue queue(5000);
@@ -81,8 +81,8 @@ void MeasureCallers(const std::string& url, std::size_t calls, std::size_t in_fl
     Print("calls_per_s", static_cast<double>(calls) * 1e9 / all);
 }
 
-/// Memory per caller while all wait for a listener that takes connections and never answers. The process
-/// ends without waiting for them.
+// Memory per caller while all wait for a listener that takes connections and never answers. The process
+// ends without waiting for them.
 void MeasureWaitingCallers(const std::string& url, std::size_t callers) {
     RaiseDescriptorLimit();
     EventQueue queue(100000);
@@ -104,7 +104,7 @@ void MeasureWaitingCallers(const std::string& url, std::size_t callers) {
     _exit(0);
 }
 
-/// The same of a bare thread with its request's text and one blocking socket.
+// The same of a bare thread with its request's text and one blocking socket.
 void MeasureWaitingThreads(std::size_t port, std::size_t callers) {
     RaiseDescriptorLimit();
     pthread_attr_t attributes;

@@ -29,7 +29,7 @@ double HeapBytes() {
     return static_cast<double>(info.uordblks + info.hblkhd);
 }
 
-/// As a request posts: every record has data of its own.
+// As a request posts: every record has data of its own.
 void PostTypical(IEventQueue& queue, std::size_t records) {
     const std::string json = [] {
         std::string text;
@@ -72,8 +72,8 @@ void MeasureHistoryBytes(std::size_t records) {
     Print("resident_bytes_per_record", (ResidentBytes() - resident) / static_cast<double>(records));
 }
 
-/// "…_lock_ns" is what the thread that holds the lock computes meanwhile, at most (all of the call);
-/// "…_wait_ns" the longest posting of another thread, and "quiet_wait_ns" the same with nothing going on.
+// "…_lock_ns" is what the thread that holds the lock computes meanwhile, at most (all of the call);
+// "…_wait_ns" the longest posting of another thread, and "quiet_wait_ns" the same with nothing going on.
 void MeasureHistoryLocks(std::size_t records) {
     UseCore(0);
     SteppedClock clock;

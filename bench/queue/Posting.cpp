@@ -19,7 +19,7 @@ constexpr std::size_t Block =
 constexpr std::size_t Postings = 300'000;
 constexpr std::size_t PostingsToClients = 20'000;  // however many they are, so that rows compare
 
-/// Blocks of postings, each timed.
+// Blocks of postings, each timed.
 std::vector<double> PostBlocks(IEventQueue& queue, const PListDict& data, std::size_t blocks) {
     std::vector<double> costs;
     costs.reserve(blocks);
@@ -33,7 +33,7 @@ std::vector<double> PostBlocks(IEventQueue& queue, const PListDict& data, std::s
 
 }  // namespace
 
-/// The median over blocks, so that what else ran on the core does not count; "mean" is everything.
+// The median over blocks, so that what else ran on the core does not count; "mean" is everything.
 void MeasurePosting(std::size_t events, std::size_t clients) {
     const std::size_t postings = clients == 0 ? Postings : PostingsToClients;
     const std::size_t blocks = postings / Block;
@@ -55,7 +55,7 @@ void MeasurePosting(std::size_t events, std::size_t clients) {
     if (readers) readers->AwaitEnd_ns();
 }
 
-/// From the first posting to the last delivery.
+// From the first posting to the last delivery.
 void MeasureFanOut(std::size_t clients, std::size_t messages) {
     FeedClients readers(clients, messages);
     UseCore(0);
@@ -71,7 +71,7 @@ void MeasureFanOut(std::size_t clients, std::size_t messages) {
     Print("deliveries_per_s", static_cast<double>(clients * messages) * 1e9 / all);
 }
 
-/// What creating one more event costs where there are that many.
+// What creating one more event costs where there are that many.
 void MeasureCreateEvent(std::size_t events) {
     UseCore(0);
     EventQueue queue(500);

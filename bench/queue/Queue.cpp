@@ -1,3 +1,4 @@
+// The queue filled for a measurement, its feed clients, and a bystander who meets its lock.
 #include "Queue.h"
 
 #include <malloc.h>

@@ -32,7 +32,7 @@ std::string Encoded(const PListDict& dict) {
     return json;
 }
 
-/// A configuration of 1,000 events with a listener each, 5,000 timers and 1,000 watches.
+// A configuration of 1,000 events with a listener each, 5,000 timers and 1,000 watches.
 PListDict StartDocument(const Folder& folder) {
     PListDict document;
     auto* events = new PListArray;
@@ -58,7 +58,7 @@ PListDict StartDocument(const Folder& folder) {
     return document;
 }
 
-/// Events `from` and so on, every tenth with a listener.
+// Events `from` and so on, every tenth with a listener.
 PListDict EventsDocument(std::size_t from, std::size_t count) {
     PListArray events;
     for (std::size_t i = from; i < from + count; ++i) {
@@ -75,7 +75,7 @@ PListDict EventsDocument(std::size_t from, std::size_t count) {
 
 }  // namespace
 
-/// Saving beside the same bytes encoded, written, synced and renamed by hand, in turns.
+// Saving beside the same bytes encoded, written, synced and renamed by hand, in turns.
 void MeasureSave(std::size_t bytes) {
     UseCore(0);
     const Folder folder;
@@ -120,7 +120,7 @@ void MeasureStart() {
     (void)EventManager::StopEventQueue();
 }
 
-/// Restoring `events`, then applying a document of 10,000 more in one.
+// Restoring `events`, then applying a document of 10,000 more in one.
 void MeasureRestore(std::size_t events) {
     UseCore(0);
     const Folder folder;
@@ -141,7 +141,7 @@ void MeasureRestore(std::size_t events) {
     (void)EventManager::StopEventQueue();
 }
 
-/// One pass over the timers, and the longest that creating one on another thread takes meanwhile.
+// One pass over the timers, and the longest that creating one on another thread takes meanwhile.
 void MeasureTimers(std::size_t timers, std::size_t due) {
     UseCore(0);
     EventQueue queue(500);

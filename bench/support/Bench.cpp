@@ -1,3 +1,4 @@
+// Clocks, percentiles, cores and sockets for the benchmark programs.
 #include "Bench.h"
 
 #include <netinet/in.h>

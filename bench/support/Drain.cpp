@@ -1,3 +1,4 @@
+// Reads many receiving connections with one thread.
 #include "Drain.h"
 
 #include <sys/epoll.h>

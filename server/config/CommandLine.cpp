@@ -1,3 +1,4 @@
+// The options, read with CLI11.
 #include "config/CommandLine.h"
 
 #include <CLI/App.hpp>

@@ -1,3 +1,4 @@
+// Every member of the configuration file, with its shape and its default.
 #include "config/Config.h"
 
 #include <arpa/inet.h>

@@ -30,7 +30,7 @@ class ListenerCount {
   public:
     explicit ListenerCount(i32_t limit) : m_Limit(limit) {}
 
-    /// False where the queue would refuse to create the event; nothing is then counted.
+    // False where the queue would refuse to create the event; nothing is then counted.
     bool AddEvent(const std::string& name) {
         if (m_Callbacks.contains(name)) return true;
         if (Refused(m_Count, m_Limit)) return false;
@@ -47,7 +47,7 @@ class ListenerCount {
     }
     void Limit(i32_t limit) { m_Limit = limit; }
 
-    /// The pointer of the first entry of the document that would be refused; empty where all fit.
+    // The pointer of the first entry of the document that would be refused; empty where all fit.
     std::string Add(const Velmora::PListDict& document) {
         std::size_t index = 0;
         for (const Velmora::PListItem& item : document.GetArray(Keys::event_list)) {

@@ -1,3 +1,4 @@
+// The configuration as it is in force, printed without its secrets.
 #if defined(__clang__)  // the library adds to null pointers where it asks whether there is room
 #pragma clang attribute push(__attribute__((no_sanitize("pointer-overflow"))), apply_to = function)
 #endif

@@ -1,3 +1,4 @@
+// Asks the interpreter whether it would find a module, without importing it.
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 // (Python wants to be first)

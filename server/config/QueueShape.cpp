@@ -1,3 +1,4 @@
+// Reads timers' times and watches' paths.
 #include "config/QueueShape.h"
 
 #include <limits>

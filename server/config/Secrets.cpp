@@ -1,3 +1,4 @@
+// Takes the credentials out of URLs.
 #include "config/Secrets.h"
 
 #include <algorithm>

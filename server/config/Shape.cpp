@@ -1,3 +1,4 @@
+// Finds the faults of a dictionary, each with the pointer to its place.
 #include "config/Shape.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Locks the state file, reads it, and keeps aside what cannot be read.
 #include "config/StateFile.h"
 
 #include <fcntl.h>

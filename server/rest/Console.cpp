@@ -1,3 +1,4 @@
+// Answers with the console's files.
 #include "rest/Console.h"
 
 #include "rest/ConsoleFiles.h"

@@ -1,3 +1,4 @@
+// Whether everything is there that the server needs to answer.
 #include "rest/Health.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Every number of /metrics, with its name and its help.
 #include "rest/Metrics.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// What the resources share: bodies, parameters, errors, places in the address.
 #include "rest/Rest.h"
 
 #include <openssl/evp.h>

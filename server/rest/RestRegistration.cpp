@@ -1,3 +1,4 @@
+// Names and callbacks that REST takes.
 #include "rest/RestRegistration.h"
 
 #include <strings.h>

@@ -1,3 +1,4 @@
+// The table of resources, and the search in it.
 #include "rest/Router.h"
 
 #include <algorithm>

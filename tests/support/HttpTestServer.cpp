@@ -1,3 +1,4 @@
+// A test's server: accepts, reads requests, and answers by the script.
 #include "HttpTestServer.h"
 
 #include <arpa/inet.h>
@@ -39,7 +40,7 @@ SSL_CTX* SelfSignedContext() {
     return context;
 }
 
-/// How many bytes a request whose head ends at `head_size` has in all.
+// How many bytes a request whose head ends at `head_size` has in all.
 std::size_t RequestSize(const std::string& text, std::size_t head_size) {
     const std::string mark = "\r\nContent-Length: ";
     const std::size_t found = text.find(mark);

@@ -1,3 +1,4 @@
+// How many background calls there may be at once.
 #include <atomic>
 #include <chrono>
 #include <utility>
@@ -13,7 +14,7 @@ namespace {
 std::atomic<ui32_t> most_callers{0};
 std::atomic<ui32_t> places_taken{0};
 
-/// One line a second for as many refusals as there were.
+// One line a second for as many refusals as there were.
 class RefusalLog {
   public:
     void Note() {
@@ -24,7 +25,7 @@ class RefusalLog {
     }
 
   private:
-    /// How many refusals a line is to tell of now; 0 where it is too early for one.
+    // How many refusals a line is to tell of now; 0 where it is too early for one.
     ui64_t Due() {
         const auto now = std::chrono::steady_clock::now();
         Mirel::AutoMutex lock(m_Lock);

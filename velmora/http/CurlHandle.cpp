@@ -1,3 +1,4 @@
+// The stock of handles, and what they share.
 #include "http/CurlHandle.h"
 
 #include <openssl/crypto.h>
@@ -12,16 +13,16 @@ namespace Velmora {
 
 namespace {
 
-/// A program may end while callers are under way: OpenSSL must not be taken down under their threads. Said
-/// when the library is loaded, since whoever uses OpenSSL first in a process decides.
+// A program may end while callers are under way: OpenSSL must not be taken down under their threads. Said
+// when the library is loaded, since whoever uses OpenSSL first in a process decides.
 [[maybe_unused]] const int OpensslStays = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
-/// libcurl and TLS set up, once and thread-safely. Never undone: detached threads may outlive main().
+// libcurl and TLS set up, once and thread-safely. Never undone: detached threads may outlive main().
 void InitCurl() {
     [[maybe_unused]] static const CURLcode done = curl_global_init(CURL_GLOBAL_ALL);
 }
 
-/// Idle handles, at most `Limit` of them: each keeps two descriptors and some ten kilobytes.
+// Idle handles, at most `Limit` of them: each keeps two descriptors and some ten kilobytes.
 class Stock {
   public:
     CURL* Take() {
@@ -29,7 +30,7 @@ class Stock {
         return m_Count == 0 ? nullptr : m_Idle[--m_Count];
     }
 
-    /// False, and `handle` still the caller's, where the stock is full.
+    // False, and `handle` still the caller's, where the stock is full.
     bool Put(CURL* handle) {
         Mirel::AutoMutex lock(m_Lock);
         if (m_Count == m_Idle.size()) return false;
@@ -49,7 +50,7 @@ Stock& TheStock() {
     return *instance;
 }
 
-/// One store with a mutex for each kind of data in it.
+// One store with a mutex for each kind of data in it.
 class Store {
   public:
     Store() : m_Share(curl_share_init()) {

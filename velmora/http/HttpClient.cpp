@@ -1,3 +1,4 @@
+// The client handle, and the caller on a thread of its own.
 #include <chrono>
 #include <exception>
 #include <string>
@@ -20,7 +21,7 @@ HttpExchangeEnd Perform(const HttpExchangeRequest& request) noexcept {
     }
 }
 
-/// The message of `end` in a result of the kind that its failure calls for.
+// The message of `end` in a result of the kind that its failure calls for.
 Result_t ResultOf(const HttpExchangeEnd& end) {
     switch (end.Failure) {
         case RequestFailure::None:
@@ -34,7 +35,7 @@ Result_t ResultOf(const HttpExchangeEnd& end) {
     }
 }
 
-/// Counts one exchange from its start to its end.
+// Counts one exchange from its start to its end.
 HttpExchangeEnd PerformAndCount(const HttpExchangeRequest& request) {
     HttpRecorder& recorder = HttpRecorder::Instance();
     const auto start = std::chrono::steady_clock::now();

@@ -1,3 +1,4 @@
+// Makes one exchange with libcurl.
 #include "http/HttpExchange.h"
 
 #include <fcntl.h>
@@ -18,15 +19,15 @@ namespace Velmora {
 
 namespace {
 
-/// Most bytes of an answer's headers, interim answers and trailers included.
+// Most bytes of an answer's headers, interim answers and trailers included.
 constexpr std::size_t HeaderLimit = 64 * 1024;
 
 bool IsResourceError(int error) {
     return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
 }
 
-/// Why no further descriptor can be had right now; 0 where one can. libcurl does not tell a look-up that
-/// failed for want of a descriptor from one without an answer.
+// Why no further descriptor can be had right now; 0 where one can. libcurl does not tell a look-up that
+// failed for want of a descriptor from one without an answer.
 int DescriptorShortage() {
     const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (descriptor < 0) return IsResourceError(errno) ? errno : 0;
@@ -64,7 +65,7 @@ RequestFailure FailureOf(CURLcode code) {
     }
 }
 
-/// One exchange over one borrowed handle.
+// One exchange over one borrowed handle.
 class Exchange {
   public:
     explicit Exchange(const HttpExchangeRequest& request)
@@ -122,8 +123,8 @@ std::size_t Exchange::TakeBody(char*, std::size_t size, std::size_t count, void*
     return self->m_BodyBytes > TLSHTTPRequestHandle::ResponseBodyLimit ? 0 : size * count;
 }
 
-/// Opens the socket itself, so that the reason is known where there is none, and so that it never leaks into
-/// a program that a Python handler starts.
+// Opens the socket itself, so that the reason is known where there is none, and so that it never leaks into
+// a program that a Python handler starts.
 curl_socket_t Exchange::OpenSocket(void* exchange, curlsocktype, curl_sockaddr* address) {
     const int descriptor = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
     if (descriptor < 0) static_cast<Exchange*>(exchange)->m_SocketError = errno;
@@ -152,9 +153,9 @@ void Exchange::SetTarget() {
         static_cast<long>(m_Request.Proto == HTTP_1_0 ? CURL_HTTP_VERSION_1_0 : CURL_HTTP_VERSION_1_1));
 }
 
-/// The server's own credential is for the server alone: whatever the URL's name stands for, and whatever else
-/// listens at its port, the connection goes to the address that the server has bound. False where that is not
-/// known (any more).
+// The server's own credential is for the server alone: whatever the URL's name stands for, and whatever else
+// listens at its port, the connection goes to the address that the server has bound. False where that is not
+// known (any more).
 bool Exchange::PinToOwnServer() {
     const auto authorization = m_Request.Headers.find(Strings::Authorization);
     if (authorization == m_Request.Headers.end()) return true;

@@ -1,3 +1,4 @@
+// Records outcomes and counts.
 #include "http/HttpRecorder.h"
 
 #include <algorithm>
@@ -8,7 +9,7 @@ namespace Velmora {
 
 namespace {
 
-/// Longest URL or reason that is kept, in bytes: an outcome is there to be read by people.
+// Longest URL or reason that is kept, in bytes: an outcome is there to be read by people.
 constexpr std::size_t KeptTextLimit = 1024;
 
 std::string Shortened(std::string text) {

@@ -1,3 +1,4 @@
+// What a request must be to be sent.
 #include <algorithm>
 #include <string_view>
 
@@ -7,7 +8,7 @@ namespace Velmora {
 
 namespace {
 
-/// A header's name is a token (RFC 9110).
+// A header's name is a token (RFC 9110).
 bool IsToken(std::string_view name) {
     constexpr std::string_view Others = "!#$%&'*+-.^_`|~";
     return !name.empty() && std::all_of(name.begin(), name.end(), [&](char c) {
@@ -28,8 +29,8 @@ bool IsNamed(const std::string& name, const char* other) {
     return !less(name, other) && !less(other, name);
 }
 
-/// Headers that would end the request early or tell its end wrongly are refused: what follows them would be
-/// read as a request of its own.
+// Headers that would end the request early or tell its end wrongly are refused: what follows them would be
+// read as a request of its own.
 std::string WhyNotHeader(const std::string& name, const std::string& value, std::size_t body_size) {
     if (!IsToken(name)) return "Malformed header name";
     if (HasControlCharacter(value)) return "Control character in header " + name;

@@ -1,3 +1,4 @@
+// The texts of methods and statuses, and the order of header names.
 #include <algorithm>
 #include <cctype>
 #include <iterator>

@@ -1,3 +1,4 @@
+// Makes the process's credential, adds it to calls to the process itself, and recognises it.
 #include "LocalAccessManager.h"
 
 #include <netdb.h>
@@ -40,7 +41,7 @@ const std::string& Credential() {
     return credential;
 }
 
-/// Where the own server listens, as OwnServerAddress() tells it.
+// Where the own server listens, as OwnServerAddress() tells it.
 struct OwnServer {
     Mirel::Mutex m_Lock;
     std::string m_Address GUARDED_BY(m_Lock);
@@ -57,8 +58,8 @@ void SetServer(const std::string& address) {
     Server().m_Address = address;
 }
 
-/// Nobody connects to "every address": loopback of the same family is one of them, and nobody else can
-/// listen there at the same port.
+// Nobody connects to "every address": loopback of the same family is one of them, and nobody else can
+// listen there at the same port.
 void ReachWildcardByLoopback(sockaddr_storage& address) {
     if (address.ss_family == AF_INET) {
         in_addr& v4 = reinterpret_cast<sockaddr_in&>(address).sin_addr;

@@ -1,3 +1,4 @@
+// Reads and composes URLs.
 #include <arpa/inet.h>
 
 #include <charconv>
@@ -25,8 +26,8 @@ bool IsUnreservedOrDelimiter(char c) {
     return IsAlpha(c) || IsDigit(c) || std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos;
 }
 
-/// True where `text` is made of unreserved characters, sub-delimiters, well-formed percent escapes and the
-/// characters of `others`.
+// True where `text` is made of unreserved characters, sub-delimiters, well-formed percent escapes and the
+// characters of `others`.
 bool IsMadeOf(std::string_view text, std::string_view others) {
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (text[i] == '%') {
@@ -56,14 +57,14 @@ bool EqualLowered(std::string_view text, std::string_view lower_case) {
     return true;
 }
 
-/// The port that `scheme` stands for; 0 where it is neither http nor https.
+// The port that `scheme` stands for; 0 where it is neither http nor https.
 ui16_t SchemePort(std::string_view scheme) {
     if (EqualLowered(scheme, "http")) return 80;
     if (EqualLowered(scheme, "https")) return 443;
     return 0;
 }
 
-/// Reads what follows "host:". Nothing at all stands for the scheme's own port, as 0.
+// Reads what follows "host:". Nothing at all stands for the scheme's own port, as 0.
 bool ReadPort(std::string_view text, ui16_t& port) {
     port = 0;
     if (text.empty()) return true;
@@ -71,7 +72,7 @@ bool ReadPort(std::string_view text, ui16_t& port) {
     return error == std::errc() && end == text.data() + text.size();
 }
 
-/// Splits "user:password@" off the front of `authority`.
+// Splits "user:password@" off the front of `authority`.
 bool ReadUser(std::string_view& authority, URL& url) {
     const std::size_t at = authority.find('@');
     if (at == std::string_view::npos) return true;
@@ -84,7 +85,7 @@ bool ReadUser(std::string_view& authority, URL& url) {
     return true;
 }
 
-/// Reads "[address]" off the front of `authority`. Zone names and future address forms are refused.
+// Reads "[address]" off the front of `authority`. Zone names and future address forms are refused.
 bool ReadIpv6(std::string_view& authority, URL& url) {
     const std::size_t close = authority.find(']');
     if (close == std::string_view::npos) return false;
@@ -109,7 +110,7 @@ bool ReadAuthority(std::string_view authority, URL& url) {
     return authority.front() == ':' && ReadPort(authority.substr(1), url.Port);
 }
 
-/// Reads "/path?query", each part possibly absent.
+// Reads "/path?query", each part possibly absent.
 bool ReadPathAndQuery(std::string_view text, URL& url) {
     const std::size_t question = text.find('?');
     url.Path = text.substr(0, question);

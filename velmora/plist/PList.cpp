@@ -1,3 +1,4 @@
+// What all kinds of items have in common: they compare as trees, without recursion.
 #include "VL_PList.h"
 
 #include <utility>

@@ -1,3 +1,4 @@
+// Arrays: handles that take a body of their own before a change.
 #include <algorithm>
 #include <bit>
 #include <cassert>
@@ -12,7 +13,7 @@ PListArrayBody* Share(PListArrayBody* body) {
     return static_cast<PListArrayBody*>(ShareBody(body));
 }
 
-/// Makes `body` one that nobody else owns. Its chunks may still be shared.
+// Makes `body` one that nobody else owns. Its chunks may still be shared.
 PListArrayBody& MakeOwn(PListArrayBody*& body) {
     if (!body) {
         body = new PListArrayBody;
@@ -23,7 +24,7 @@ PListArrayBody& MakeOwn(PListArrayBody*& body) {
     return *body;
 }
 
-/// A chunk with copies of the items at [begin, end). A shared chunk is not marked, nor is anything below it.
+// A chunk with copies of the items at [begin, end). A shared chunk is not marked, nor is anything below it.
 PListChunk* CopyChunk(const PListChunk& chunk, ui32_t begin, ui32_t end) {
     PListChunk* copy = PListChunk::New(chunk.Capacity);
     copy->Begin = copy->End = begin;
@@ -33,8 +34,8 @@ PListChunk* CopyChunk(const PListChunk& chunk, ui32_t begin, ui32_t end) {
     return copy;
 }
 
-/// The items at [begin, end), to be removed from the front of `chunk`: moved, or copied where others own it,
-/// too.
+// The items at [begin, end), to be removed from the front of `chunk`: moved, or copied where others own it,
+// too.
 PListChunk* TakeFront(PListChunk& chunk, ui32_t begin, ui32_t end) {
     if (!chunk.Unique()) return CopyChunk(chunk, begin, end);
     PListChunk* taken = PListChunk::New(chunk.Capacity);
@@ -57,7 +58,7 @@ PListChunk& MakeOwnChunk(PListArrayBody& body, ui64_t position) {
     return *chunk;
 }
 
-/// The chunk in which the next item is to stand.
+// The chunk in which the next item is to stand.
 PListChunk& ChunkForAppend(PListArrayBody& body) {
     const std::size_t number = PListArrayBody::ChunkOf(body.End);
     if (number - body.FirstChunk < body.Chunks.size()) return MakeOwnChunk(body, body.End);
@@ -65,7 +66,7 @@ PListChunk& ChunkForAppend(PListArrayBody& body) {
     return *body.Chunks.emplace_back(PListChunk::New(PListArrayBody::ChunkRoom(number)));
 }
 
-/// Forgets the chunks in front of the first item.
+// Forgets the chunks in front of the first item.
 void DropChunksBefore(PListArrayBody& body) {
     const std::size_t gone = PListArrayBody::ChunkOf(body.Begin) - body.FirstChunk;
     // Now and then, so that it does not cost a pointer per chunk each time.

@@ -1,3 +1,4 @@
+// Bodies: shared, copied, released without recursion.
 #include "plist/PListBody.h"
 
 #include <algorithm>
@@ -138,7 +139,7 @@ namespace {
 // tree nor a lack of memory is in the way.
 class Reaper {
   public:
-    /// Gives up one share; what thereby loses its last owner is destroyed by Run.
+    // Gives up one share; what thereby loses its last owner is destroyed by Run.
     void Release(PListShared* body) noexcept {
         if (!body) return;
         // The only owner needs no exchange between processors.

@@ -1,3 +1,4 @@
+// Scalars: their kinds, and values as numbers and as text.
 #include <array>
 #include <charconv>
 #include <cmath>

@@ -1,3 +1,4 @@
+// Dictionaries: handles that take a body of their own before a change.
 #include <algorithm>
 
 #include "plist/PListBody.h"
@@ -27,7 +28,7 @@ class ReplacedBody {
     PListShared* m_Body = nullptr;
 };
 
-/// Makes `body` one that nobody else owns.
+// Makes `body` one that nobody else owns.
 PListDictBody& MakeOwn(PListDictBody*& body, ReplacedBody& replaced) {
     if (!body) {
         body = PListDictBody::New(FirstEntries);
@@ -39,7 +40,7 @@ PListDictBody& MakeOwn(PListDictBody*& body, ReplacedBody& replaced) {
     return *body;
 }
 
-/// `value` is what a slot is made of: a scalar, another slot, or an item that is not a list.
+// `value` is what a slot is made of: a scalar, another slot, or an item that is not a list.
 template <class Value>
 void Store(PListDictBody*& body, std::string_view key, Value&& value) {
     ReplacedBody replaced;

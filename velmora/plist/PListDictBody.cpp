@@ -1,3 +1,4 @@
+// A dictionary's entries in blocks, in the order in which they were added.
 #include <algorithm>
 
 #include "plist/PListBody.h"

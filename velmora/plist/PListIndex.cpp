@@ -1,3 +1,4 @@
+// A hash that nobody outside can steer.
 #include "plist/PListIndex.h"
 
 #include <bit>

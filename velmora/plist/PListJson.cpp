@@ -1,3 +1,4 @@
+// Numbers in JSON's form, and the writer.
 #include <array>
 #include <bit>
 #include <charconv>
@@ -102,7 +103,7 @@ class JSONWriter {
         m_Out.Put('"');
     }
 
-    /// Writes what stands at the front and returns how many bytes that was.
+    // Writes what stands at the front and returns how many bytes that was.
     std::size_t Special(std::string_view text) {
         const auto c = static_cast<byte_t>(text[0]);
         if (c < 0x80) {

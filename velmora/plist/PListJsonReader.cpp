@@ -1,3 +1,5 @@
+// The reader of JSON: straight from its text into a tree.
+
 // The reader adds to a null pointer while its stack is empty, which every compiler takes well; the sanitizer
 // does not.
 #ifdef __clang__
@@ -125,7 +127,7 @@ PListData NumberItem(std::string_view text) {
 // as large as it must be, when it is complete.
 class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeBuilder> {
   public:
-    /// Numbers are taken from `json`, whatever the stream has in their place.
+    // Numbers are taken from `json`, whatever the stream has in their place.
     TreeBuilder(BoundedStream& stream, std::string_view json, std::size_t max_depth)
         : m_Stream(stream), m_JSON(json), m_MaxDepth(max_depth) {
         m_Entries.reserve(KUsualEntries);

@@ -1,3 +1,4 @@
+// Texts that do not fit inline: shared, with a count.
 #include "VL_PListText.h"
 
 #include <atomic>

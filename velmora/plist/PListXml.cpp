@@ -1,3 +1,4 @@
+// Writes a tree as XML.
 #include "plist/TreeWalk.h"
 
 namespace Velmora {

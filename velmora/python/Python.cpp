@@ -1,3 +1,4 @@
+// Starts the interpreter, converts values, and logs exceptions.
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 // (Python wants to be first)
@@ -31,7 +32,7 @@ struct Release {
     void operator()(PyObject* object) const { Py_DECREF(object); }
 };
 
-/// A reference that is given back at the end of its scope, under the interpreter lock.
+// A reference that is given back at the end of its scope, under the interpreter lock.
 using PyRef = std::unique_ptr<PyObject, Release>;
 
 #if PY_MAJOR_VERSION >= 3
@@ -52,8 +53,8 @@ PyObject* PathText(const std::string& path) {
 
 // ---- Start ----
 
-/// Python's extension modules expect the interpreter among the symbols that all of the process sees. Where a
-/// program has loaded this library for itself alone (RTLD_LOCAL), it is not there yet.
+// Python's extension modules expect the interpreter among the symbols that all of the process sees. Where a
+// program has loaded this library for itself alone (RTLD_LOCAL), it is not there yet.
 void MakeInterpreterGlobal() {
     Dl_info library{};
     if (dladdr(reinterpret_cast<void*>(&Py_IsInitialized), &library) == 0) return;
@@ -71,8 +72,8 @@ void MakeInterpreterGlobal() {
     GiveUp(status.err_msg ? status.err_msg : "no reason given");
 }
 
-/// Python is kept from changing the process around it: no signal handlers, no locale, no settings of C's own
-/// stdio. Text is UTF-8 whatever the locale (services often run in the "C" one).
+// Python is kept from changing the process around it: no signal handlers, no locale, no settings of C's own
+// stdio. Text is UTF-8 whatever the locale (services often run in the "C" one).
 void StartInterpreter() {
     PyPreConfig pre;
     PyPreConfig_InitPythonConfig(&pre);
@@ -93,7 +94,7 @@ void StartInterpreter() {
     if (PyStatus_Exception(status)) GiveUp(status);
 }
 
-/// What handlers print appears line by line, also where standard output is a file or a journal.
+// What handlers print appears line by line, also where standard output is a file or a journal.
 void PrintByLine() {
     PyObject* out = PySys_GetObject("stdout");  // borrowed
     if (out == nullptr || out == Py_None) return;
@@ -123,13 +124,13 @@ void StartInterpreter() {
     PySys_SetArgvEx(1, arguments, 0);  // many modules expect sys.argv to be there
 }
 
-/// What handlers print appears line by line. This Python prints through C's own stream.
+// What handlers print appears line by line. This Python prints through C's own stream.
 void PrintByLine() {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 #endif
 
-/// The thread that starts the interpreter holds its lock at first and must let it go for the others.
+// The thread that starts the interpreter holds its lock at first and must let it go for the others.
 void StartOnce() {
     static std::once_flag started;
     std::call_once(started, [] {
@@ -147,7 +148,7 @@ std::string AbsolutePath(const std::string& directory) {
     return failure ? directory : path.lexically_normal().string();
 }
 
-/// False with a pending error.
+// False with a pending error.
 bool AddDirectories(const std::vector<std::string>& directories) {
     static char name[] = "path";
     PyObject* search_path = PySys_GetObject(name);  // borrowed
@@ -173,8 +174,8 @@ void InitPython(const std::vector<std::string>& directories) {
 
 namespace {
 
-/// Keeps what Python knows of a thread from the thread's first use of the interpreter to the thread's end.
-/// Made anew for every posting it would cost several times what the handler's call does.
+// Keeps what Python knows of a thread from the thread's first use of the interpreter to the thread's end.
+// Made anew for every posting it would cost several times what the handler's call does.
 class KeptThreadState {
   public:
     KeptThreadState() {
@@ -218,7 +219,7 @@ namespace {
 
 constexpr std::size_t DeepestNesting = 1000;
 
-/// An integer of any size; text that is none is 0.
+// An integer of any size; text that is none is 0.
 PyObject* NewInteger(const PListData& data) {
     long long value = 0;
     if (data.GetValue(value)) {
@@ -234,8 +235,8 @@ PyObject* NewInteger(const PListData& data) {
     return PyLong_FromLong(0);
 }
 
-/// A number that no double can hold is the nearest that one can, an infinity at the last, as Python's own
-/// reader of JSON has it; text that is no number is 0.
+// A number that no double can hold is the nearest that one can, an infinity at the last, as Python's own
+// reader of JSON has it; text that is no number is 0.
 PyObject* NewReal(const PListData& data) {
     double real = 0;
     if (data.GetValue(real)) return PyFloat_FromDouble(real);
@@ -265,8 +266,8 @@ PyObject* NewScalar(const PListData& data) {
     }
 }
 
-/// Converts a tree level by level, with a list of the containers that are still empty in the place of
-/// recursion: a deep tree must not depend on the stack of the thread that happens to post.
+// Converts a tree level by level, with a list of the containers that are still empty in the place of
+// recursion: a deep tree must not depend on the stack of the thread that happens to post.
 class TreeConverter {
   public:
     PyObject* Convert(const PListItem& item) {
@@ -287,7 +288,7 @@ class TreeConverter {
         std::size_t Level;
     };
 
-    /// A scalar, or an empty container that is noted to be filled.
+    // A scalar, or an empty container that is noted to be filled.
     PyObject* NewObject(const PListItem& item, std::size_t level) {
         const bool is_dict = item.HasType(Velmora::IT_DICT);
         if (!is_dict && !item.HasType(Velmora::IT_ARRAY))
@@ -347,7 +348,7 @@ struct Exception {
     PyRef Traceback;
 };
 
-/// Takes the pending exception; all null when there is none.
+// Takes the pending exception; all null when there is none.
 Exception TakeException() {
     PyObject* type = nullptr;
     PyObject* value = nullptr;
@@ -360,7 +361,7 @@ Exception TakeException() {
     return {PyRef(type), PyRef(value), PyRef(traceback)};
 }
 
-/// The bytes of a text object; empty, with a pending error, where it is none.
+// The bytes of a text object; empty, with a pending error, where it is none.
 std::string TextOf(PyObject* object) {
     const PyRef encoded(PyUnicode_Check(object)
                             ? PyUnicode_AsEncodedString(object, "utf-8", "backslashreplace")
@@ -371,7 +372,7 @@ std::string TextOf(PyObject* object) {
     return {bytes, static_cast<std::size_t>(size)};
 }
 
-/// What Python itself would print; empty, with a pending error, where that fails.
+// What Python itself would print; empty, with a pending error, where that fails.
 std::string FormatWithTraceback(const Exception& exception) {
     const auto or_none = [](const PyRef& object) { return object ? object.get() : Py_None; };
     const PyRef module(PyImport_ImportModule("traceback"));
@@ -387,7 +388,7 @@ std::string FormatWithTraceback(const Exception& exception) {
     return text ? TextOf(text.get()) : std::string();
 }
 
-/// Type and message, as far as they can be had: for exceptions that fail to describe themselves.
+// Type and message, as far as they can be had: for exceptions that fail to describe themselves.
 std::string FormatPlainly(const Exception& exception) {
     PyErr_Clear();
     std::string text = PyExceptionClass_Check(exception.Type.get())
