@@ -2,8 +2,8 @@
 #include <utility>
 
 #include "EventManager.h"
+#include "rest/Registration.h"
 #include "rest/Rest.h"
-#include "rest/RestRegistration.h"
 
 namespace Server {
 

@@ -4,8 +4,8 @@
 
 #include "EventManager.h"
 #include "config/Config.h"
+#include "rest/Registration.h"
 #include "rest/Rest.h"
-#include "rest/RestRegistration.h"
 
 namespace Server {
 

@@ -1,5 +1,5 @@
 // Names and callbacks that REST takes.
-#include "rest/RestRegistration.h"
+#include "rest/Registration.h"
 
 #include <strings.h>
 

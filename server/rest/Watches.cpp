@@ -9,8 +9,8 @@
 
 #include "EventManager.h"
 #include "config/QueueShape.h"
+#include "rest/Registration.h"
 #include "rest/Rest.h"
-#include "rest/RestRegistration.h"
 
 namespace Server {
 
