@@ -14,7 +14,7 @@ namespace {
 
 class NumberTest : public QueueTest {
   protected:
-    /// "n" of the records that came after the posting with this number, and "gap" where something is missing.
+    // "n" of the records that came after the posting with this number, and "gap" where something is missing.
     std::string After(const PostingId& id) {
         const HistoryReading reading = Probe::ReadHistory(queue, &id);
         std::string text = reading.Gap ? "gap" : "";
@@ -83,7 +83,7 @@ TEST_F(NumberTest, AQueueStartsAnEpochOfItsOwn) {
     EXPECT_FALSE(Epoch().empty());
 }
 
-/// A queue whose postings are numbered elsewhere.
+// A queue whose postings are numbered elsewhere.
 class NumberedElsewhere : public EventQueue {
   public:
     using EventQueue::BeginEpoch;

@@ -460,7 +460,7 @@ class NotifySocket {
         unsetenv("WATCHDOG_USEC");
         close(m_Socket);
     }
-    /// The next one; empty where there is none now.
+    // The next one; empty where there is none now.
     std::string Next() {
         char text[1024];
         const ssize_t size = recv(m_Socket, text, sizeof text, MSG_DONTWAIT);

@@ -8,7 +8,7 @@ namespace Velmora {
 
 namespace {
 
-/// What can stand in JSON, in a header field and in a line without being escaped.
+// What can stand in JSON, in a header field and in a line without being escaped.
 bool IsPlain(char c) {
     return c > ' ' && c < 0x7f && c != '"' && c != '\\';
 }
