@@ -15,7 +15,7 @@ class HandlersTest : public QueueTest {
   protected:
     ~HandlersTest() override { Velmora::SetHandlerOptions({}); }
 
-    /// A handler module in a folder of the test's own that is on Python's path.
+    // A handler module in a folder of the test's own that is on Python's path.
     void Module(const std::string& name, const std::string& source) {
         Testing::WriteFile(folder / (name + ".py"), source);
         InitPython({folder.Path()});
@@ -26,7 +26,7 @@ class HandlersTest : public QueueTest {
         const PythonContextLock context;
         EXPECT_EQ(PyRun_SimpleString(statements.c_str()), 0);
     }
-    /// The report of one posting to one handler, and what was logged as errors in the log.
+    // The report of one posting to one handler, and what was logged as errors in the log.
     const HandlerReport& Call(const std::string& module, const std::string& post_data = "{}") {
         queue.DeleteAllEvents();
         Event("e");

@@ -9,7 +9,7 @@ namespace EventManager {
 
 using Testing::HttpTestServer;
 
-/// Takes the requests to "/taken" over, and writes down what it is told.
+// Takes the requests to "/taken" over, and writes down what it is told.
 class Recorder : public IListenerCaller {
   public:
     bool TakeRequest(const ListenerCall& call, const Velmora::BasicRestEntryCall& request,

@@ -1,3 +1,4 @@
+// Reads the process's numbers from /proc.
 #include "rest/ProcessMetrics.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// Writes to the socket that the service manager has named.
 #include "service/ServiceManager.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,4 @@
+// Puts the lines together: what is loaded, where, and how to reach it.
 #include "service/StartLog.h"
 
 namespace Server {
