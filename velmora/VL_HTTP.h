@@ -323,7 +323,7 @@ class BackgroundHTTPRequestHandle : public HandleType, public Mirel::Thread {
                                 const std::string& request_body)
         : BackgroundHTTPRequestHandle(BasicRestEntryCall{method, url, headers}, request_body) {}
 
-    virtual ~BackgroundHTTPRequestHandle() { WaitUntilFinished(); }
+    ~BackgroundHTTPRequestHandle() override { WaitUntilFinished(); }
 
     /// Before Start(), for callers that are not to be without number: takes a place until the request has
     /// ended. False where there is none (SetMaxCallers); the caller is then not to be started.
