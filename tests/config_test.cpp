@@ -35,9 +35,9 @@ class ConfigTest : public ::testing::Test {
         const HttpServerOptions& http = config.Http;
         std::ostringstream text;
         text << http.MaxConnections << ' ' << config.MaxCallers << ' ' << http.BodyLimit << ' '
-             << http.HeaderLimit << ' ' << http.IdleTimeout_ms << ' ' << http.RequestTimeout_ms << ' '
-             << http.IOThreads << ' ' << config.MaxListeners << ' ' << config.MaxWatches << ' '
-             << config.EndTimeout_ms;
+             << http.DocumentLimit << ' ' << http.HeaderLimit << ' ' << http.IdleTimeout_ms << ' '
+             << http.RequestTimeout_ms << ' ' << http.IOThreads << ' ' << config.MaxListeners << ' '
+             << config.MaxWatches << ' ' << config.EndTimeout_ms;
         return text.str();
     }
 
@@ -52,7 +52,7 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
         "Timeout_ms": 700, "StateFile": "state/queue.json", "AccessTokenFile": "token", "PythonPath": ["py", "/opt/py"],
         "BindAddress": {"Host": "0.0.0.0", "ListenPort": 65535, "TLSIdentity": "identity.pem", "AllowedHosts": ["a.example"]},
         "Log": {"Level": "debug", "Format": "json"}, "Timers": {"KeepRepeating": true}, "Limits": {"MaxConnections": 11, "MaxCallers": 12,
-            "MaxBodyBytes": 4096, "MaxHeaderBytes": 2048, "IdleTimeout_ms": 101, "RequestTimeout_ms": 102, "IOThreads": 3,
+            "MaxBodyBytes": 4096, "MaxDocumentBytes": 8192, "MaxHeaderBytes": 2048, "IdleTimeout_ms": 101, "RequestTimeout_ms": 102, "IOThreads": 3,
             "MaxListeners": -1, "MaxWatches": 5, "EndTimeout_ms": 103},
         "EventManager": {
             "event_list": [{"event_name": "e", "listener_list": [{"callback": "http://me:pass-word@h/x@y"},
@@ -65,7 +65,7 @@ TEST_F(ConfigTest, TakesWhatTheFileSaysAndPrintsItWithoutSecrets) {
     EXPECT_EQ(config.Http.AccessToken, "s3cret-token");
     EXPECT_EQ(config.Http.TLSIdentity, folder / "identity.pem");
     EXPECT_EQ(config.Http.Port, 65535);
-    EXPECT_EQ(Limits(config), "11 12 4096 2048 101 102 3 -1 5 103");
+    EXPECT_EQ(Limits(config), "11 12 4096 8192 2048 101 102 3 -1 5 103");
     EXPECT_EQ(config.PythonPath, (std::vector<std::string>{folder / "py", "/opt/py"}));
     EXPECT_TRUE(config.LogAsJSON);
     EXPECT_TRUE(config.KeepRepeatingTimers);

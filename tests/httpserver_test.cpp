@@ -35,6 +35,7 @@ class EchoHandler : public HttpHandler {
     std::optional<HttpResponse> Route(const HttpRequest& head, HttpRoute& route) const override {
         if (head.Path == "/missing") return Problem(Velmora::STATUS_404_NOT_FOUND, "There is none.");
         route.MayBlock = head.Path.substr(0, 6) == "/block" || head.Path == "/lock";
+        route.TakesDocument = head.Path == "/document";
         return std::nullopt;
     }
 
@@ -451,6 +452,28 @@ TEST_F(HttpServerTest, RefusesAtTheHead) {
         }
     }
     EXPECT_EQ(m_Server->Counters().Requests, 2 * std::size(cases));
+}
+
+TEST_F(HttpServerTest, ADocumentMayBeLongerThanOtherBodies) {
+    m_Options.BodyLimit = 2000;
+    m_Options.DocumentLimit = 60000;
+    Start();
+    const auto ask = [&](const std::string& path, std::size_t size, bool in_chunks) {
+        const std::string text(size, 'x');
+        char length[16];
+        std::snprintf(length, sizeof length, in_chunks ? "%zx" : "%zu", size);
+        return AskOnce("POST " + path + " HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n" +
+                       (in_chunks ? std::string("Transfer-Encoding: chunked\r\n\r\n") + length + "\r\n" +
+                                        text + "\r\n0\r\n\r\n"
+                                  : std::string("Content-Length: ") + length + "\r\n\r\n" + text))
+            .Status;
+    };
+    for (const bool in_chunks : {false, true}) {
+        EXPECT_EQ(ask("/a", 2000, in_chunks), 200);
+        EXPECT_EQ(ask("/a", 2001, in_chunks), 413);
+        EXPECT_EQ(ask("/document", 60000, in_chunks), 200);
+        EXPECT_EQ(ask("/document", 60001, in_chunks), 413);
+    }
 }
 
 TEST_F(HttpServerTest, HandsFeedClientsToTheQueue) {

@@ -198,6 +198,7 @@ void Loader::Limits(const Velmora::PListDict& dict) {
     TakeNumber(shape, "MaxFeedClients", 1, 1000000, http.MaxFeedClients);
     TakeNumber(shape, "MaxCallers", 1, 1000000, m_Config.MaxCallers);
     TakeNumber(shape, "MaxBodyBytes", 1024, 1 << 30, http.BodyLimit);
+    TakeNumber(shape, "MaxDocumentBytes", 1024, 1 << 30, http.DocumentLimit);
     TakeNumber(shape, "MaxHeaderBytes", 1024, 1 << 20, http.HeaderLimit);
     TakeNumber(shape, "IdleTimeout_ms", 100, day_ms, http.IdleTimeout_ms);
     TakeNumber(shape, "RequestTimeout_ms", 100, day_ms, http.RequestTimeout_ms);

@@ -44,6 +44,7 @@ Velmora::PListDict LimitsInForce(const Config& config) {
     limits.SetValue("MaxFeedClients", number(http.MaxFeedClients));
     limits.SetValue("MaxCallers", number(config.MaxCallers));
     limits.SetValue("MaxBodyBytes", number(http.BodyLimit));
+    limits.SetValue("MaxDocumentBytes", number(http.DocumentLimit));
     limits.SetValue("MaxHeaderBytes", number(http.HeaderLimit));
     limits.SetValue("IdleTimeout_ms", number(http.IdleTimeout_ms));
     limits.SetValue("RequestTimeout_ms", number(http.RequestTimeout_ms));

@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <boost/asio/post.hpp>
 #include <utility>
 
@@ -22,6 +23,10 @@ namespace {
 constexpr Mirel::i64_t DrainLimit_ms = 2000;  // for the peer to close after the last answer
 constexpr std::size_t DrainBytes = 16u << 20;
 
+std::size_t LongestBody(const HttpServerOptions& options) {
+    return std::max(options.BodyLimit, options.DocumentLimit);
+}
+
 }  // namespace
 
 Connection::Connection(ConnectionShared& shared, Velmora::SocketStream stream)
@@ -29,7 +34,7 @@ Connection::Connection(ConnectionShared& shared, Velmora::SocketStream stream)
       m_Stream(std::move(stream)),
       m_Socket(shared.Io, m_Stream.Descriptor()),
       m_Life(m_Stream.Descriptor()),
-      m_Input(shared.Options.HeaderLimit, shared.Options.BodyLimit) {
+      m_Input(shared.Options.HeaderLimit, LongestBody(shared.Options)) {
     if (shared.Identity) shared.Identity->Secure(m_Stream);
 }
 

@@ -51,6 +51,10 @@ Connection::Step Connection::HeadComplete() {
     if (auto refusal = RefuseHead(head, *m_Shared.Policy, m_Shared.Handler, m_Route)) {
         return RefuseAndClose(std::move(*refusal));
     }
+    // A document may have whatever length the parser lets through.
+    if (!m_Route.TakesDocument && !m_Input.LimitBody(m_Shared.Options.BodyLimit)) {
+        return RefuseAndClose(m_Input.Error());
+    }
     if (head.Has(Field::Expect) && !head.Http10 && !m_Input.HasUnparsed()) {
         m_Output.Append("HTTP/1.1 100 Continue\r\n\r\n");
     }

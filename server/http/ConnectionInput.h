@@ -35,6 +35,7 @@ class ConnectionInput {
     /// The request, as far as it is parsed. Its views hold until FinishRequest(), or until room is made.
     const RequestHead& Head() const { return m_Parser.Head(); }
     std::string_view Body() const { return m_Parser.Body(); }
+    bool LimitBody(std::size_t limit) { return m_Parser.LimitBody(limit); }
     bool KeepAlive() const { return m_Parser.KeepAlive(); }
     HttpResponse Error() const { return m_Parser.Error(); }
 

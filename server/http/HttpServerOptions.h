@@ -23,6 +23,7 @@ struct HttpServerOptions {
     std::size_t MaxConnections = 4096;
     std::size_t MaxFeedClients = 4096;
     std::size_t BodyLimit = 1u << 20;
+    std::size_t DocumentLimit = 64u << 20;  // the same for a queue state document, where it is more
     std::size_t HeaderLimit = 16u << 10;
     Mirel::ui32_t IdleTimeout_ms = 75000;  // between requests
     Mirel::ui32_t RequestTimeout_ms =

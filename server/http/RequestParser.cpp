@@ -173,7 +173,7 @@ void RequestHead::Rebase(const char* from, const char* to) {
 class RequestParser::Impl {
   public:
     Impl(std::size_t header_limit, std::size_t body_limit)
-        : m_HeaderLimit(header_limit), m_BodyLimit(body_limit) {
+        : m_HeaderLimit(header_limit), m_LongestBody(body_limit) {
         Reset();
     }
 
@@ -183,6 +183,7 @@ class RequestParser::Impl {
         m_Collected.clear();
         m_Searched = 0;
         m_HeadReported = false;
+        m_BodyLimit = m_LongestBody;
         m_Parser.emplace(m_HeaderLimit, m_BodyLimit, m_Collected);
     }
 
@@ -209,6 +210,14 @@ class RequestParser::Impl {
         if (bytes.size() - consumed > ChunkLineLimit)
             return Refuse(Velmora::STATUS_400_BAD_REQ, "A chunk's size line is too long.");
         return Progress::NeedMore;
+    }
+
+    bool LimitBody(std::size_t limit) {
+        m_BodyLimit = std::min(limit, m_LongestBody);
+        m_Parser->body_limit(m_BodyLimit);  // for chunks
+        if (m_Parser->content_length().value_or(0) <= m_BodyLimit) return true;
+        RefuseBody();
+        return false;
     }
 
     const BeastParser& Parser() const { return *m_Parser; }
@@ -251,11 +260,13 @@ class RequestParser::Impl {
         return Progress::Failed;
     }
 
+    Progress RefuseBody() {
+        return Refuse(Velmora::STATUS_413_TOO_LARGE,
+                      "The body is larger than " + std::to_string(m_BodyLimit) + " bytes.");
+    }
+
     Progress Fail(std::string_view bytes, error_code error) {
-        if (error == http::error::body_limit) {
-            return Refuse(Velmora::STATUS_413_TOO_LARGE,
-                          "The body is larger than " + std::to_string(m_BodyLimit) + " bytes.");
-        }
+        if (error == http::error::body_limit) return RefuseBody();
         if (error == http::error::bad_version && NamesVersion(bytes)) {
             return Refuse(Velmora::STATUS_505_VERSION, "Only HTTP/1.0 and HTTP/1.1 are spoken here.");
         }
@@ -266,7 +277,8 @@ class RequestParser::Impl {
     static constexpr std::size_t CollectedKept = 64u << 10;
 
     const std::size_t m_HeaderLimit;
-    const std::size_t m_BodyLimit;
+    const std::size_t m_LongestBody;
+    std::size_t m_BodyLimit = 0;  // of the request that is coming in
 
     std::string m_Collected;     // a body that did not come in one piece
     std::size_t m_Searched = 0;  // bytes of an incomplete head in which it does not end
@@ -284,6 +296,9 @@ void RequestParser::Reset() {
 }
 RequestParser::Progress RequestParser::Parse(std::string_view bytes, std::size_t& consumed) {
     return m_Impl->Parse(bytes, consumed);
+}
+bool RequestParser::LimitBody(std::size_t limit) {
+    return m_Impl->LimitBody(limit);
 }
 const RequestHead& RequestParser::Head() const {
     return m_Impl->Parser().Head;

@@ -60,6 +60,7 @@ class RequestParser {
   public:
     enum class Progress { NeedMore, HeadComplete, Complete, Failed };
 
+    /// `body_limit` is for any request; a single one's can be made narrower.
     RequestParser(std::size_t header_limit, std::size_t body_limit);
     ~RequestParser();
 
@@ -70,6 +71,10 @@ class RequestParser {
     /// at all), and sets `consumed`. HeadComplete is answered once for each request that has a body; go on
     /// with the bytes behind `consumed`. Where the bytes are moved between calls, rebase the head.
     Progress Parse(std::string_view bytes, std::size_t& consumed);
+
+    /// After HeadComplete: how long this request's body may be. False (and there is an Error) where it will be
+    /// longer.
+    bool LimitBody(std::size_t limit);
 
     const RequestHead& Head() const;
     RequestHead& Head();

@@ -15,7 +15,7 @@ namespace {
 
 // Whether answering takes one of the queue's locks, which a posting with a slow Python handler may hold.
 enum class Waits { Never, ForQueue };
-enum class Body { None, JSON };
+enum class Body { None, JSON, Document };
 
 struct Row {
     Method_t Method;
@@ -45,7 +45,7 @@ constexpr Row Table[] = {
     {Velmora::METH_DELETE, "/api/v1/events/{event_name}/listeners/{listener_id}", Waits::ForQueue, Body::None,
      "", DeleteListener},
     {Velmora::METH_GET, "/api/v1/queue", Waits::ForQueue, Body::None, "", GetQueue},
-    {Velmora::METH_POST, "/api/v1/queue", Waits::ForQueue, Body::JSON, "", PostQueue},
+    {Velmora::METH_POST, "/api/v1/queue", Waits::ForQueue, Body::Document, "", PostQueue},
     {Velmora::METH_GET, "/api/v1/config", Waits::Never, Body::None, "", GetConfig},
     {Velmora::METH_PATCH, "/api/v1/config", Waits::Never, Body::JSON, "", PatchConfig},
     {Velmora::METH_GET, "/api/v1/timers", Waits::ForQueue, Body::None, "", GetTimers},
@@ -229,6 +229,7 @@ std::optional<HttpResponse> Router::Route(const HttpRequest& head, HttpRoute& ro
     }
     route.Row = row;
     route.MayBlock = row->Wait == Waits::ForQueue;
+    route.TakesDocument = row->Takes == Body::Document;
     if (!of_table) return std::nullopt;
     if (std::optional<HttpResponse> refused = ReadNames(names, route)) return refused;
     return ReadQuery(*row, head.Query, route.Query);
@@ -258,7 +259,7 @@ std::vector<RouteInfo> Router::Routes() {
     std::vector<RouteInfo> routes;
     for (const Row& route : Table) {
         routes.push_back({Velmora::MethodToString(route.Method), std::string(route.Pattern),
-                          Words(route.Query), route.Takes == Body::JSON});
+                          Words(route.Query), route.Takes != Body::None});
     }
     return routes;
 }
