@@ -347,6 +347,9 @@ TEST_F(ConfigTest, AStateFileCanBeTriedAndIsLeftAlone) {
     EXPECT_EQ(TryStateFile(folder / "none/state"), Mirel::RESULT_FILEOPEN);
     EXPECT_EQ(TryStateFile(folder / "dangling"), Mirel::RESULT_FILEOPEN);
     EXPECT_EQ(TryStateFile(folder / "taken"), Mirel::RESULT_FILEOPEN);
+    const Mirel::Result_t refused = TryStateFile("/proc/state");  // where root may write, and nobody can
+    EXPECT_EQ(refused, Mirel::RESULT_FILEOPEN);
+    EXPECT_THAT(refused.Message(), ::testing::HasSubstr("cannot write into \"/proc\": "));
     EXPECT_EQ(entries(), 6);
     std::filesystem::permissions(folder / "closed", std::filesystem::perms{0555});
     const uid_t user = geteuid();

@@ -44,6 +44,19 @@ std::string FolderOf(const std::string& path) {
     return folder.empty() ? "." : folder;
 }
 
+// Whether a file can be made in the folder, with the reason in errno. Nothing of it is seen where the file
+// system has files without a name.
+bool CanCreateIn(const std::string& folder) {
+    int made = open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+    if (made < 0 && errno == EOPNOTSUPP) {
+        std::string name = folder + "/.velmora-server-XXXXXX";
+        made = mkostemp(name.data(), O_CLOEXEC);
+        if (made >= 0) unlink(name.c_str());
+    }
+    if (made >= 0) close(made);
+    return made >= 0;
+}
+
 Mirel::Result_t CannotUse(const Mirel::Result_t& result, const std::string& path, const std::string& reason) {
     return result.WithMessage("Cannot use the state file \"" + path + "\": " + reason);
 }
@@ -115,7 +128,7 @@ Mirel::Result_t LockStateFile(const std::string& path) {
 Mirel::Result_t TryStateFile(const std::string& path) {
     if (path.empty()) return Mirel::RESULT_OK;
     const std::string folder = FolderOf(path);
-    if (faccessat(AT_FDCWD, (folder + "/.").c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+    if (!CanCreateIn(folder)) {
         return CannotUse(Mirel::RESULT_FILEOPEN, path,
                          "cannot write into \"" + folder + "\": " + std::strerror(errno));
     }

@@ -36,7 +36,7 @@ struct HttpRoute {
     /// Whether answering may wait for the event queue (and so for a slow Python handler). Such requests are
     /// admitted only while an I/O thread stays free for everything else.
     bool MayBlock = false;
-    bool TakesDocument = false;  // the body may be as long as a queue state document
+    bool TakesDocument = false;        // the body may be as long as a queue state document
     std::array<std::string, 2> Names;  // the path's variable segments, decoded
     QueryParameters Query;
 };

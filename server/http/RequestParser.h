@@ -72,8 +72,8 @@ class RequestParser {
     /// with the bytes behind `consumed`. Where the bytes are moved between calls, rebase the head.
     Progress Parse(std::string_view bytes, std::size_t& consumed);
 
-    /// After HeadComplete: how long this request's body may be. False (and there is an Error) where it will be
-    /// longer.
+    /// After HeadComplete: how long this request's body may be. False (and there is an Error) where it will
+    /// be longer.
     bool LimitBody(std::size_t limit);
 
     const RequestHead& Head() const;
