@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -96,7 +97,11 @@ TEST(Thread, StopAsksAndWaitsNoLongerThanItsLimit) {
     EXPECT_EQ(worker.Stops, 1);
     ASSERT_TRUE(worker.Start("gate").Success());
     EXPECT_EQ(worker.Stop(0, false), RESULT_OK);
+    const auto began = std::chrono::steady_clock::now();
     EXPECT_EQ(worker.Stop(20, true), RESULT_TIMEOUT);
+    const auto waited = std::chrono::steady_clock::now() - began;
+    EXPECT_GE(waited, std::chrono::milliseconds(20));
+    EXPECT_LT(waited, std::chrono::seconds(2));
     EXPECT_FALSE(worker.IsFinished());
 
     worker.Asked = [&] { return released.set_value(), RESULT_NETWORK; };

@@ -276,6 +276,12 @@ it("counts down to the next firing, and names timers that came too late", async 
   button("Delete the timer of door").click();
   await answer("Delete");
   assert.equal(last().url, "/api/v1/timers/1");
+  byId("timers-clear").click();
+  await answer("Keep");
+  assert.equal(last().url === "/api/v1/timers", false);
+  byId("timers-clear").click();
+  await answer("Delete all");
+  assert.deepEqual([last().method, last().url], ["DELETE", "/api/v1/timers"]);
 });
 
 it("keeps watches by their very path", async () => {
