@@ -1,0 +1,286 @@
+#include "Calls.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "MR_log.h"
+
+namespace Cluster {
+
+using Mirel::AutoMutex;
+using Mirel::DefaultLogSink;
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr i64_t second_ns = 1000000000;
+constexpr i64_t AckWait_sec = 6;
+constexpr milliseconds ProgressEvery{2000};
+constexpr milliseconds LookEvery{1000};
+constexpr milliseconds DeafLimit{4000};  // something is pending, and nothing comes
+constexpr std::size_t MostOpen = 1024, MostAtOnce = 128, AckedKept = 100000;
+constexpr ui64_t MostDeliveries = 5;
+
+/// A batch of fetched messages.
+class Batch {
+  public:
+    Batch() = default;
+    ~Batch() { natsMsgList_Destroy(&m_List); }
+    Batch(const Batch&) = delete;
+    Batch& operator=(const Batch&) = delete;
+    natsMsgList* List() { return &m_List; }
+    int Size() const { return m_List.Count; }
+    HeldMessage TakeAt(int index) {
+        natsMsg* message = m_List.Msgs[index];
+        m_List.Msgs[index] = nullptr;
+        return HeldMessage(message);
+    }
+
+  private:
+    natsMsgList m_List{};
+};
+
+}  // namespace
+
+Calls::Calls(Engine& engine, ICaller& caller)
+    : m_Engine(engine),
+      m_Caller(caller),
+      m_Report([this](LoopThread& thread) { Report(thread); }),
+      m_Fetch([this](LoopThread& thread) { Fetch(thread); }) {}
+
+Calls::~Calls() {
+    StopFetching();
+    Stop();
+}
+
+Result_t Calls::Start() {
+    const Result_t started = m_Report.Start("Cluster::Report");
+    return started.Failure() ? started : m_Fetch.Start("Cluster::Call");
+}
+
+void Calls::StopFetching() {
+    m_Fetch.EndAndWait();
+}
+
+void Calls::Stop() {
+    m_Report.EndAndWait();
+    AckEnded();
+    AutoMutex lock(m_Lock);
+    m_Open.clear();
+}
+
+// A consumer that was deleted is made anew behind the calls that have ended.
+bool Calls::MakeConsumer() {
+    HeldConsumerInfo info;
+    jsErrCode code = jsErrCode(0);
+    const Streams& names = m_Engine.Names();
+    const natsStatus found = Take(info, js_GetConsumerInfo, m_Engine.Context(), names.Postings.c_str(),
+                                  names.Calls.c_str(), nullptr, &code);
+    if (found == NATS_OK || found != NATS_NOT_FOUND) return found == NATS_OK;
+    StreamFacts facts;
+    if (m_Engine.Facts(names.Postings, facts) != NATS_OK) return false;
+    if (facts.Created_ns != m_StreamCreated) m_Floor = 0;
+    const std::string filter = names.Events + ">";
+    jsConsumerConfig config;
+    jsConsumerConfig_Init(&config);
+    config.Durable = names.Calls.c_str();
+    config.AckPolicy = js_AckExplicit;
+    config.AckWait = AckWait_sec * second_ns;
+    config.MaxDeliver = -1;
+    config.MaxAckPending = 65536;
+    config.MaxWaiting = 512;
+    config.FilterSubject = filter.c_str();
+    config.DeliverPolicy = m_Floor == 0 ? js_DeliverAll : js_DeliverByStartSequence;
+    config.OptStartSeq = m_Floor == 0 ? 0 : m_Floor + 1;
+    const natsStatus made =
+        Take(info, js_AddConsumer, m_Engine.Context(), names.Postings.c_str(), &config, nullptr, &code);
+    if (made != NATS_OK) DefaultLogSink().Debug("The consumer of the calls: %s\n", ReasonOf(made).c_str());
+    return made == NATS_OK;
+}
+
+bool Calls::Bind(HeldSubscription& subscription) {
+    if (!MakeConsumer()) return false;
+    const Streams& names = m_Engine.Names();
+    const std::string filter = names.Events + ">";
+    jsSubOptions options;
+    jsSubOptions_Init(&options);
+    options.Stream = names.Postings.c_str();
+    options.Consumer = names.Calls.c_str();
+    jsErrCode code = jsErrCode(0);
+    const natsStatus status = Take(subscription, js_PullSubscribe, m_Engine.Context(), filter.c_str(),
+                                   names.Calls.c_str(), nullptr, &options, &code);
+    if (status != NATS_OK) DefaultLogSink().Debug("Fetching calls: %s\n", ReasonOf(status).c_str());
+    return status == NATS_OK;
+}
+
+std::size_t Calls::Room() const {
+    AutoMutex lock(m_Lock);
+    return MostOpen - std::min(MostOpen, m_Open.size());
+}
+
+// Destroying the subscription leaves the consumer, which is everybody's, alone.
+void Calls::Fetch(LoopThread& thread) {
+    while (!thread.Stopping()) {
+        HeldSubscription subscription;
+        m_ConsumerGone = false;
+        if (Bind(subscription)) {
+            auto heard = Clock::now();
+            while (!thread.Stopping() && !m_ConsumerGone) {
+                if (FetchSome(thread, subscription.get()) || m_Pending == 0) heard = Clock::now();
+                if (Clock::now() - heard > DeafLimit) break;
+            }
+        }
+        if (!thread.Stopping()) thread.Rest(milliseconds(200));
+    }
+}
+
+// One is waited for, then what is there: a batch would wait until it is full. False where nothing came.
+bool Calls::FetchSome(LoopThread& thread, natsSubscription* subscription) {
+    const std::size_t room = Room();
+    if (room == 0) {
+        thread.Rest(milliseconds(20));
+        return true;
+    }
+    jsErrCode code = jsErrCode(0);
+    Batch first, more;
+    const natsStatus status = natsSubscription_Fetch(first.List(), subscription, 1, 1000, &code);
+    if (status != NATS_OK && status != NATS_TIMEOUT) thread.Rest(milliseconds(200));
+    if (first.Size() == 0) return false;
+    Handle(thread, first.TakeAt(0));
+    jsFetchRequest request;
+    jsFetchRequest_Init(&request);
+    request.Batch = static_cast<int>(std::min(room, MostAtOnce));
+    request.NoWait = true;
+    (void)natsSubscription_FetchRequest(more.List(), subscription, &request);
+    for (int i = 0; i < more.Size(); ++i) Handle(thread, more.TakeAt(i));
+    return true;
+}
+
+// Whether this delivery needs no call: the calls run here, or have ended, or have been given up.
+bool Calls::TakenUp(HeldMessage& message, const jsMsgMetaData& meta) {
+    if (meta.NumDelivered > 1) ++m_Repeated;
+    AutoMutex lock(m_Lock);
+    const auto open = m_Open.find(meta.Sequence.Stream);
+    if (open != m_Open.end()) {
+        open->second = std::shared_ptr<natsMsg>(message.release(), natsMsg_Destroy);
+        return true;
+    }
+    if (m_Acked.contains(meta.Sequence.Stream)) {
+        (void)natsMsg_Ack(message.get(), nullptr);
+        return true;
+    }
+    if (meta.NumDelivered <= MostDeliveries) return false;
+    ++m_SetAside;
+    DefaultLogSink().Error("The posting %llu is set aside: its calls have not ended %llu times\n",
+                           static_cast<unsigned long long>(meta.Sequence.Stream),
+                           static_cast<unsigned long long>(meta.NumDelivered - 1));
+    (void)natsMsg_Term(message.get(), nullptr);
+    return true;
+}
+
+void Calls::Handle(LoopThread& thread, HeldMessage message) {
+    HeldMetaData meta;
+    if (Take(meta, natsMsg_GetMetaData, message.get()) != NATS_OK || TakenUp(message, *meta)) return;
+    std::string why;
+    const auto posting = ReadPosting(m_Engine, message.get(), meta->Timestamp, why);
+    if (!posting) {  // counted and logged where the feed reads it
+        (void)natsMsg_Term(message.get(), nullptr);
+        return;
+    }
+    const ui64_t sequence = meta->Sequence.Stream;
+    {
+        AutoMutex lock(m_Lock);
+        m_Open[sequence] = std::shared_ptr<natsMsg>(message.release(), natsMsg_Destroy);
+    }
+    while (!thread.Stopping() && !m_Caller.KnowsRevision(posting->Revision)) {
+    }
+    if (thread.Stopping()) {  // another node's, at once
+        AutoMutex lock(m_Lock);
+        const auto open = m_Open.find(sequence);
+        if (open != m_Open.end()) (void)natsMsg_Nak(open->second.get(), nullptr);
+        m_Open.erase(sequence);
+        return;
+    }
+    ++m_Running;
+    const std::shared_ptr<void> token(nullptr, [this, sequence](void*) { Ended(sequence); });
+    m_Caller.Call(posting->Payload, token);
+}
+
+// On whatever thread the last call ends.
+void Calls::Ended(ui64_t sequence) {
+    --m_Running;
+    bool first = false;
+    {
+        AutoMutex lock(m_Lock);
+        first = m_Ended.empty();
+        m_Ended.push_back(sequence);
+    }
+    if (first) m_Report.Wake();
+}
+
+void Calls::AckEnded() {
+    std::vector<std::shared_ptr<natsMsg>> ended;
+    {
+        AutoMutex lock(m_Lock);
+        for (const ui64_t sequence : m_Ended) {
+            const auto open = m_Open.find(sequence);
+            if (open == m_Open.end()) continue;
+            ended.push_back(std::move(open->second));
+            m_Open.erase(open);
+            if (m_Acked.insert(sequence).second) m_AckedInOrder.push_back(sequence);
+            if (m_AckedInOrder.size() <= AckedKept) continue;
+            m_Acked.erase(m_AckedInOrder.front());
+            m_AckedInOrder.pop_front();
+        }
+        m_Ended.clear();
+    }
+    for (const auto& message : ended) (void)natsMsg_Ack(message.get(), nullptr);
+}
+
+void Calls::SayInProgress() {
+    AutoMutex lock(m_Lock);
+    for (const auto& [sequence, message] : m_Open) (void)natsMsg_InProgress(message.get(), nullptr);
+}
+
+// What the stream has dropped before anybody fetched it is lost to the listeners.
+void Calls::LookAtConsumer() {
+    HeldConsumerInfo info;
+    jsErrCode code = jsErrCode(0);
+    StreamFacts facts;
+    const Streams& names = m_Engine.Names();
+    const natsStatus status = Take(info, js_GetConsumerInfo, m_Engine.Context(), names.Postings.c_str(),
+                                   names.Calls.c_str(), nullptr, &code);
+    if (status == NATS_NOT_FOUND) m_ConsumerGone = true;
+    if (status != NATS_OK || m_Engine.Facts(names.Postings, facts) != NATS_OK) return;
+    m_Pending = info->NumPending;
+    const ui64_t floor = info->AckFloor.Stream;
+    if (m_StreamCreated == facts.Created_ns && facts.First > m_FirstSeen) {
+        const ui64_t called = std::max<ui64_t>(m_FirstSeen, info->Delivered.Stream + 1);
+        if (facts.First > called) {
+            m_Lost += facts.First - called;
+            DefaultLogSink().Error("The stream dropped %llu postings before their calls were made\n",
+                                   static_cast<unsigned long long>(facts.First - called));
+        }
+    }
+    m_StreamCreated = facts.Created_ns;
+    m_FirstSeen = facts.First;
+    m_Floor = floor;
+}
+
+void Calls::Report(LoopThread& thread) {
+    auto progress = Clock::now() + ProgressEvery, look = Clock::now();
+    while (!thread.Stopping()) {
+        thread.Rest(milliseconds(200));
+        AckEnded();
+        if (Clock::now() >= progress) {
+            SayInProgress();
+            progress = Clock::now() + ProgressEvery;
+        }
+        if (Clock::now() < look) continue;
+        LookAtConsumer();
+        look = Clock::now() + LookEvery;
+    }
+}
+
+}  // namespace Cluster

@@ -1,0 +1,74 @@
+// Calls the listeners of postings that this node has fetched: each posting goes to one node, and to another
+// one where that does not say in time that the calls have ended.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "Engine.h"
+#include "LoopThread.h"
+#include "MR_mutex.h"
+#include "Posting.h"
+
+namespace Cluster {
+
+/// Whoever calls. On the thread of the calls.
+class ICaller {
+  public:
+    virtual ~ICaller() = default;
+    /// Until this node knows the registry of that revision. False where it does not within a moment.
+    virtual bool KnowsRevision(ui64_t revision) = 0;
+    /// `token` is let go when all calls have ended.
+    virtual void Call(const PListDict& payload, const std::shared_ptr<void>& token) = 0;
+};
+
+class Calls {
+  public:
+    Calls(Engine& engine, ICaller& caller);
+    ~Calls();
+
+    Result_t Start();
+    /// Fetches no more.
+    void StopFetching();
+    /// Says what has been done.
+    void Stop();
+
+    ui64_t Running() const { return m_Running; }
+    ui64_t Pending() const { return m_Pending; }
+    ui64_t Repeated() const { return m_Repeated; }
+    ui64_t SetAside() const { return m_SetAside; }
+    ui64_t Lost() const { return m_Lost; }
+
+  private:
+    void Fetch(LoopThread& thread);
+    bool Bind(HeldSubscription& subscription);
+    bool MakeConsumer();
+    bool FetchSome(LoopThread& thread, natsSubscription* subscription);
+    void Handle(LoopThread& thread, HeldMessage message);
+    bool TakenUp(HeldMessage& message, const jsMsgMetaData& meta);
+    void Ended(ui64_t sequence);
+    void Report(LoopThread& thread);
+    void AckEnded();
+    void SayInProgress();
+    void LookAtConsumer();
+    std::size_t Room() const;
+
+    Engine& m_Engine;
+    ICaller& m_Caller;
+    mutable Mirel::Mutex m_Lock;
+    std::map<ui64_t, std::shared_ptr<natsMsg>> m_Open GUARDED_BY(m_Lock);  // by sequence
+    std::vector<ui64_t> m_Ended GUARDED_BY(m_Lock);
+    std::set<ui64_t> m_Acked GUARDED_BY(m_Lock);  // the last ones: an acknowledgement can be lost
+    std::deque<ui64_t> m_AckedInOrder GUARDED_BY(m_Lock);
+    std::atomic<ui64_t> m_Running{0}, m_Pending{0}, m_Repeated{0}, m_SetAside{0}, m_Lost{0};
+    std::atomic<ui64_t> m_Floor{0}, m_FirstSeen{0};  // calls up to there have ended; the stream's first
+    std::atomic<i64_t> m_StreamCreated{0};
+    std::atomic<bool> m_ConsumerGone{false};
+    LoopThread m_Report, m_Fetch;
+};
+
+}  // namespace Cluster

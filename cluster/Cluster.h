@@ -1,0 +1,111 @@
+// Several servers as one: what the process that runs a node configures, asks and is told.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "EventManager.h"
+
+/// Several servers that share postings, registry, timers and calls over an engine (NATS with JetStream).
+namespace Cluster {
+
+using EventManager::PListDict;
+using Mirel::i64_t;
+using Mirel::Result_t;
+using Mirel::ui64_t;
+
+/// What a node is told by its configuration.
+struct Settings {
+    std::string Name;  ///< of the cluster: first token of its subjects; empty: there is no cluster
+    std::string Node;  ///< of this node, another one for each
+    std::vector<std::string> Servers;  ///< URLs of the engine's servers
+    std::string User, Password;        ///< empty: none
+    std::string CredentialsFile;       ///< as the engine's tools write it; empty: none
+    bool UseTLS = false;
+    std::string CAFile;             ///< whom to trust; empty: whom the system does
+    std::string CertFile, KeyFile;  ///< this node's own; empty: none
+    int Replicas = 1;               ///< of everything that the engine stores
+    i64_t MaxAge_sec = 600;         ///< of postings
+    i64_t MaxBytes = i64_t{1} << 30;
+    i64_t TimerLateness_sec = 60;  ///< later than that, a due time is skipped
+
+    bool IsConfigured() const { return !Name.empty(); }
+};
+
+/// What became of a posting or a change.
+enum class Fate {
+    Stored,
+    NoSuchEvent,
+    TooLarge,     ///< for the engine
+    Unavailable,  ///< the engine did not take it, and will not
+    MayBeStored,  ///< the engine gave no answer
+};
+
+struct Outcome {
+    Fate What = Fate::Stored;
+    Velmora::PostingId Id;  ///< of a stored posting
+    std::string Why;        ///< for people
+};
+
+/// For /metrics, /readyz and GET /cluster.
+struct Statistics {
+    bool Connected = false;       ///< to one of the engine's servers
+    bool Ready = false;           ///< connected, and the registry has been read
+    std::string Detail;           ///< why not
+    bool HoldsTimers = false;     ///< this node fires the timers
+    ui64_t Revision = 0;          ///< of the registry, applied here
+    ui64_t Sequence = 0;          ///< of the last posting, recorded here
+    ui64_t Lag = 0;               ///< postings that are stored and not recorded here
+    ui64_t PendingCalls = 0;      ///< postings whose calls nobody has begun
+    ui64_t RunningCalls = 0;      ///< postings whose calls run here
+    ui64_t PendingPublishes = 0;  ///< that wait for the engine's answer
+    ui64_t RepeatedCalls = 0;     ///< postings that were handed to this node again
+    ui64_t SetAside = 0;          ///< postings whose calls were given up
+    ui64_t Malformed = 0;         ///< messages of others that post nothing
+    ui64_t LostCalls = 0;         ///< postings that the stream dropped before their calls
+    ui64_t TimerFirings = 0;      ///< by this node
+    ui64_t SkippedFirings = 0;    ///< due times that were too late, or came with a later one
+    ui64_t PublishRetries = 0;    ///< attempts that were repeated
+    ui64_t RefusedChanges = 0;    ///< that were decided anew, since another node came first
+    ui64_t Reconnects = 0;
+};
+
+/// One node of a cluster, as its process sees it. All operations may be called from any thread.
+class MR_EXPORT ICluster {
+  public:
+    virtual ~ICluster() = default;
+
+    /// The node's queue, for StartEventQueue(), which takes it over. Answers the same each time.
+    virtual EventManager::EventQueue* Queue() = 0;
+    /// Waits for the registry, at most `limit_ms`, and gives an empty cluster the document. Where the engine
+    /// is away the node goes on without, and catches up later.
+    virtual void Join(const PListDict& seed, Mirel::ui32_t limit_ms) = 0;
+
+    using Done = std::function<void(const Outcome&)>;
+    /// Posts JSON text (empty: without data). `done` is called once, on any thread, perhaps at once. `key`
+    /// (may be empty) is the poster's: the same one posts once within two minutes.
+    virtual void Post(const std::string& event_name, std::string json, const std::string& key, Done done) = 0;
+    /// Why the calling thread's last change of the registry was not made, once; Stored where it was, or was
+    /// refused for a reason that its own answer tells.
+    virtual Outcome TakeFailure() = 0;
+
+    virtual Statistics Figures() const = 0;
+    /// The nodes, the engine and the timers' holder.
+    virtual PListDict Describe() const = 0;
+
+    /// No more calls and timers; those that run go on.
+    virtual void BeginEnd() = 0;
+    /// Tells the engine what has been done, and leaves it.
+    virtual void End() = 0;
+};
+
+/// Makes a node. It connects in the background. RESULT_STATE in a build without the engine's client.
+MR_EXPORT Result_t MakeNode(const Settings& settings, Mirel::ui32_t timeout_ms,
+                            std::unique_ptr<ICluster>& node);
+
+/// Connects and looks for everything that a node needs; makes and changes nothing. One line for each fault.
+MR_EXPORT std::vector<std::string> CheckEngine(const Settings& settings);
+
+}  // namespace Cluster

@@ -1,0 +1,66 @@
+// One node: the connection to the engine and everything that uses it, in the order in which it is started.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "Calls.h"
+#include "Cluster.h"
+#include "ClusterQueue.h"
+#include "Engine.h"
+#include "LoopThread.h"
+#include "Nodes.h"
+#include "Publisher.h"
+#include "StreamReader.h"
+#include "TimerFirer.h"
+
+namespace Cluster {
+
+class Node : public ICluster, private IStreamUser, private ICaller {
+  public:
+    Node(const Settings& settings, Mirel::ui32_t timeout_ms);
+    ~Node() override;
+
+    Result_t Start();
+
+    EventManager::EventQueue* Queue() override { return m_Queue; }
+    void Join(const PListDict& seed, Mirel::ui32_t limit_ms) override;
+    void Post(const std::string& event_name, std::string json, const std::string& key, Done done) override;
+    Outcome TakeFailure() override { return ClusterQueue::TakeFailure(); }
+    Statistics Figures() const override;
+    PListDict Describe() const override;
+    void BeginEnd() override;
+    void End() override;
+
+  private:
+    // The postings' stream.
+    ui64_t Begin(const StreamFacts& facts) override;
+    void Receive(const StreamMessage& message) override;
+    void ReachedEnd(ui64_t) override {}
+    ui64_t StartOfHistory(const StreamFacts& facts) const;
+
+    bool KnowsRevision(ui64_t revision) override;
+    void Call(const PListDict& payload, const std::shared_ptr<void>& token) override;
+
+    void Watch(LoopThread& thread);
+    std::string WhyNotReady() const;
+
+    Engine m_Engine;
+    Publisher m_Publisher;
+    Nodes m_Nodes;
+    ClusterQueue* const m_Queue;  // the module's, which never lets it go
+    StreamReader m_Postings;
+    Calls m_Calls;
+    TimerFirer m_Timers;
+    LoopThread m_Watch;
+
+    mutable Mirel::Mutex m_Lock;
+    std::string m_Epoch GUARDED_BY(m_Lock), m_Trouble GUARDED_BY(m_Lock);
+    std::string m_Leader GUARDED_BY(m_Lock);
+    PListDict m_Seed;
+    std::atomic<bool> m_MaySeed{false};
+    std::atomic<ui64_t> m_Malformed{0};
+};
+
+}  // namespace Cluster

@@ -1,0 +1,48 @@
+// Who takes part: each node writes a record of itself every second, which also tells it the engine's time.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <string>
+
+#include "MR_mutex.h"
+#include "Publisher.h"
+#include "StreamReader.h"
+
+namespace Cluster {
+
+class Nodes : private IStreamUser {
+  public:
+    Nodes(Engine& engine, Publisher& publisher);
+
+    Result_t Start() { return m_Reader.Start(); }
+    void Stop() { m_Reader.Stop(); }
+
+    /// Writes this node's record.
+    void Announce(PListDict record);
+
+    /// One entry for each node that has written in the last minutes: its record, "node", and how long ago.
+    Velmora::PListArray List() const;
+
+    /// The engine's time, in microseconds, as this machine's clock and the last records have it.
+    i64_t EngineTime_us() const;
+
+  private:
+    struct Record {
+        PListDict Content;
+        i64_t Time_us = 0;  // the engine's
+    };
+
+    ui64_t Begin(const StreamFacts& facts) override;
+    void Receive(const StreamMessage& message) override;
+    void ReachedEnd(ui64_t) override {}
+
+    Engine& m_Engine;
+    Publisher& m_Publisher;
+    mutable Mirel::Mutex m_Lock;
+    std::map<std::string, Record> m_Records GUARDED_BY(m_Lock);
+    std::atomic<i64_t> m_Offset_us{0};
+    StreamReader m_Reader;
+};
+
+}  // namespace Cluster
