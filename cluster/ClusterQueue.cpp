@@ -435,7 +435,9 @@ void ClusterQueue::ReconcileWatches() {
                      });
     });
     std::erase_if(m_WatchAttempts, [&](const auto& attempt) { return !missing.contains(attempt.first); });
-    for (const auto& [key, watch] : missing) {
+    for (const auto& entry : missing) {
+        const std::string& key = entry.first;
+        const PListDict& watch = entry.second;
         if (++m_WatchAttempts[key] <= 2) {
             ApplyWatch(nullptr, &watch);
             continue;
