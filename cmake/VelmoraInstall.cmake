@@ -10,6 +10,8 @@ install(DIRECTORY mirel/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/EventManager CO
 install(FILES velmora/LocalAccessManager.h velmora/VL_HTTP.h velmora/VL_PList.h velmora/VL_PListText.h
               velmora/VL_Python.h velmora/VL_Socket.h velmora/VL_WebSocket.h src/EventManager.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/EventManager COMPONENT development)
+# For tests of handlers, with PYTHONPATH set to it; inside the server the module is there without it.
+install(FILES velmora/python/velmora.py DESTINATION ${CMAKE_INSTALL_DATADIR}/velmora/python COMPONENT library)
 # Libraries of other places (another Python, say) are found at run time where they were linked from.
 set_target_properties(mirel velmora EventManager PROPERTIES
   INSTALL_RPATH_USE_LINK_PATH ON INSTALL_RPATH "$ORIGIN")

@@ -23,6 +23,7 @@
 #include "config/Config.h"
 #include "config/StateFile.h"
 #include "http/HttpServer.h"
+#include "rest/Handlers.h"
 #include "rest/Router.h"
 #include "service/ServiceManager.h"
 #include "service/StartLog.h"
@@ -35,6 +36,7 @@ using Server::Config;
 using Server::ConfigFault;
 
 constexpr Mirel::ui32_t RequestsLimit_ms = 5000;  // for requests in progress, when the server ends
+constexpr Mirel::ui32_t PostingsLimit_ms = 5000;  // for what Python handlers have posted, then
 
 int Fail(const std::string& reason) {
     std::fprintf(stderr, "velmora-server: %s\n", reason.c_str());
@@ -92,6 +94,13 @@ void OnEnding(int number) {
     sem_post(&ending);
 }
 
+std::atomic<bool> reload_wanted{false};
+
+void OnReload(int) {
+    reload_wanted = true;
+    sem_post(&ending);
+}
+
 void OnNothing(int) {}
 
 void Handle(int number, void (*handler)(int)) {
@@ -109,24 +118,50 @@ void SetUpSignals() {
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, nullptr);  // whatever this process has inherited itself
     // A peer that has gone and a file that may not grow are found where they are written to.
-    for (const int number : {SIGPIPE, SIGXFSZ, SIGHUP}) Handle(number, OnNothing);
+    for (const int number : {SIGPIPE, SIGXFSZ}) Handle(number, OnNothing);
+    Handle(SIGHUP, OnReload);
     for (const int number : {SIGINT, SIGTERM}) Handle(number, OnEnding);
 }
 
-// False where it has not come by then; 0: waits as long as it takes.
-bool IsEnding(std::chrono::microseconds limit) {
-    if (limit.count() == 0) return sem_wait(&ending) == 0;
+// Until a signal has come, or until then; 0: as long as it takes.
+void WaitUntilWoken(std::chrono::microseconds limit) {
+    if (limit.count() == 0) {
+        sem_wait(&ending);
+        return;
+    }
     timespec until{};
     clock_gettime(CLOCK_MONOTONIC, &until);
     const auto ns = std::chrono::nanoseconds(limit).count() + until.tv_nsec;
     until.tv_sec += ns / 1000000000;
     until.tv_nsec = ns % 1000000000;
-    return sem_clockwait(&ending, CLOCK_MONOTONIC, &until) == 0;
+    sem_clockwait(&ending, CLOCK_MONOTONIC, &until);
+}
+
+std::atomic<int> reloads_running{0};
+
+// Beside the main thread, which is to hear of the end also while a handler keeps the reload waiting.
+void StartReload() {
+    ++reloads_running;
+    try {
+        std::thread([] {
+            const Velmora::HandlerReload done = Velmora::ReloadHandlers();
+            Mirel::DefaultLogSink().Notice("Reloaded on signal: %zu Python modules anew, %zu failed\n",
+                                           done.Reloaded.size(), done.Failed.size());
+            --reloads_running;
+        }).detach();
+    } catch (const std::exception& failure) {
+        --reloads_running;
+        Mirel::DefaultLogSink().Error("Cannot reload on signal: %s\n", failure.what());
+    }
 }
 
 void WaitForSignal(const Server::ServiceManager& manager) {
     Server::Watchdog watchdog(manager);
-    while (!IsEnding(watchdog.Interval())) watchdog.Look();
+    while (ending_signal == 0) {
+        WaitUntilWoken(watchdog.Interval());
+        if (reload_wanted.exchange(false)) StartReload();
+        watchdog.Look();
+    }
     manager.Tell("STOPPING=1");
     const int number = ending_signal;
     // The next one ends the process at once.
@@ -162,6 +197,7 @@ int End(Server::HttpServer& server, const Config& config) {
     const Result_t stopped = EventManager::StopEventQueue();
     if (stopped.Failure())
         Mirel::DefaultLogSink().Error("Stopping the queue failed: %s\n", stopped.Message());
+    Velmora::StopHandlerPostings(PostingsLimit_ms);
     WaitForCallers(config.Timeout_ms);
     Velmora::CloseAllWebSocketClients();
     const Result_t saved = EventManager::SaveEventQueue();
@@ -177,7 +213,8 @@ Result_t StartQueue(const Config& config, Mirel::ui16_t port, Server::QueueOrigi
     const Result_t read = Server::ReadStateFile(config.StateFile, document);
     if (read.Failure()) return read;
     origin = document ? Server::QueueOrigin::StateFile : Server::QueueOrigin::Configuration;
-    InitPython(config.PythonPath);
+    const Result_t handlers = Server::SetUpHandlers(config);
+    if (handlers.Failure()) return handlers;
     const auto restored = [&] {
         EventManager::IEventQueue& queue = EventManager::GlobalEventQueue();
         queue.SetMaxListeners(config.MaxListeners);
@@ -270,7 +307,8 @@ int main(int argc, char** argv) {
         Fail(std::string("Given up: ") + failure.what());
     }
     std::fflush(stdout);
-    // Threads that were left behind (a caller that does not end) must not find the process half taken down.
-    if (Velmora::GetRequestCounters().Running > 0) _exit(status);
+    // Threads that were left behind (a caller that does not end, a reload) must not find the process half
+    // taken down.
+    if (Velmora::GetRequestCounters().Running > 0 || reloads_running > 0) _exit(status);
     return status;
 }

@@ -864,6 +864,7 @@ static void call_python_handler(PyObject* handler, const PListDict& payload, Han
 
 // Runs the function "event_handler" of a Python module. What goes wrong is logged.
 static void exec_python_handler(const std::string& module_name, const PListDict& payload) {
+    const Velmora::HandlerTurn turn;
     const PythonContextLock context;
     HandlerCall call(module_name, payload);
     const PythonReference module(find_python_module(module_name));

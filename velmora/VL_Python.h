@@ -2,8 +2,10 @@
 // before any standard header (Python's own rule).
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "MR_log.h"
@@ -81,6 +83,8 @@ struct HandlerOptions {
     bool LineByLine = false;      ///< exceptions are logged with one entry a line, each with the same prefix
     bool ExplainImports = false;  ///< a module that is there and cannot be imported says why in one line more
     bool RunCoroutines = false;   ///< what an "async def" handler returns is run to its end
+    bool Reload = false;          ///< before each call, as ReloadHandlers() does
+    std::vector<std::string> ReloadBelow;  ///< directories with the modules that may be loaded anew
 };
 
 /// To be called before the first handler is. May be called again, also while handlers run.
@@ -126,12 +130,52 @@ class MR_EXPORT HandlerCall {
 
 /// Calls of handlers since the process began.
 struct HandlerCounters {
-    Mirel::ui64_t Calls[4] = {};    ///< by HandlerOutcome
-    Mirel::ui64_t Duration_us = 0;  ///< added up
-    Mirel::ui64_t Slow = 0;         ///< that took longer than the options' Slow_ms
+    Mirel::ui64_t Calls[4] = {};        ///< by HandlerOutcome
+    Mirel::ui64_t Duration_us = 0;      ///< added up
+    Mirel::ui64_t Reloads = 0;          ///< modules that were loaded anew
+    Mirel::ui64_t FailedReloads = 0;    ///< whose new version could not be
+    Mirel::ui64_t Posted = 0;           ///< by handlers, and made
+    Mirel::ui64_t PostedNowhere = 0;    ///< by handlers, of events that there are none of
+    Mirel::ui64_t PostingsRefused = 0;  ///< too many waited, or were dropped at the end
+    Mirel::ui64_t PostingsWaiting = 0;  ///< now
+    Mirel::ui64_t Slow = 0;             ///< that took longer than the options' Slow_ms
 };
 
 /// May be called from any thread.
 MR_EXPORT HandlerCounters GetHandlerCounters();
+
+/// While one lives no module of a handler is loaded anew: made by whoever calls a handler, before the
+/// interpreter lock is taken.
+class MR_EXPORT HandlerTurn {
+  public:
+    HandlerTurn();   ///< waits for a reload
+    ~HandlerTurn();  ///< ends
+    HandlerTurn(const HandlerTurn&) = delete;
+    HandlerTurn& operator=(const HandlerTurn&) = delete;
+};
+
+/// What came of loading modules anew.
+struct HandlerReload {
+    std::vector<std::string> Reloaded;  ///< names of modules that are in use in their new version
+    /// Modules that stay as they were, with the traceback that says why.
+    std::vector<std::pair<std::string, std::string>> Failed;
+};
+
+/// Loads the modules below HandlerOptions::ReloadBelow whose files have changed since they were loaded, and
+/// those that import them; those that hang together all or not at all. Waits for the handler that is running.
+/// What came of it is logged as well. Neither the interpreter lock nor one that a handler waits for may be
+/// held.
+MR_EXPORT HandlerReload ReloadHandlers();
+
+/// Makes an event's posting; false where there is no such event. `data` may be null.
+using HandlerPoster = std::function<bool(const std::string& event_name, const PListDict* data)>;
+
+/// Lets handlers `import velmora`, and makes what they post with `post`, on a thread of its own that lasts
+/// until StopHandlerPostings(). Once; later calls only change `post`. The interpreter lock must not be held.
+MR_EXPORT Result_t StartHandlerPostings(HandlerPoster post);
+
+/// Takes no more postings of handlers, makes those that wait and ends the thread. What is not made within
+/// `limit_ms` is dropped, and a line says how many.
+MR_EXPORT void StopHandlerPostings(Mirel::ui32_t limit_ms);
 
 }  // namespace Velmora

@@ -80,6 +80,7 @@ class Loader {
     void Log(const Velmora::PListDict& dict);
     void Limits(const Velmora::PListDict& dict);
     void Timers(const Velmora::PListDict& dict);
+    void Python(const Velmora::PListDict& dict);
     void Document(const Velmora::PListDict& dict);
 
     Config& m_Config;
@@ -98,6 +99,7 @@ void Loader::Load(const Velmora::PListDict& dict) {
     Token(shape);
     if (const auto path = shape.NonEmptyText(Keys::StateFile)) m_Config.StateFile = Resolved(*path);
     for (const std::string& path : shape.Texts("PythonPath")) m_Config.PythonPath.push_back(Resolved(path));
+    if (const Velmora::PListDict* python = shape.Dict("Python")) Python(*python);
     if (const Velmora::PListDict* log = shape.Dict("Log")) Log(*log);
     if (const Velmora::PListDict* limits = shape.Dict("Limits")) Limits(*limits);
     if (const Velmora::PListDict* timers = shape.Dict(Keys::Timers)) Timers(*timers);
@@ -212,6 +214,13 @@ void Loader::Limits(const Velmora::PListDict& dict) {
 void Loader::Timers(const Velmora::PListDict& dict) {
     Shape shape(dict, PointerTo("", Keys::Timers), m_Faults);
     m_Config.KeepRepeatingTimers = shape.Boolean(Keys::KeepRepeating).value_or(false);
+    shape.NothingElse();
+}
+
+void Loader::Python(const Velmora::PListDict& dict) {
+    Shape shape(dict, "/Python", m_Faults);
+    m_Config.ReloadHandlers = shape.Boolean("Reload").value_or(false);
+    TakeNumber(shape, "SlowHandler_ms", 0, 86400000, m_Config.SlowHandler_ms);
     shape.NothingElse();
 }
 

@@ -33,6 +33,8 @@ struct Config {
     std::string StateFile;        // empty: nothing is saved
     std::string AccessTokenFile;  // where Http.AccessToken has been read, empty: nowhere
     std::vector<std::string> PythonPath;
+    bool ReloadHandlers = false;         // Python modules below PythonPath, as soon as their files change
+    Mirel::ui32_t SlowHandler_ms = 100;  // a Python handler that takes longer is warned of; 0: none is
     Mirel::LogType_t LogLevel = Mirel::LOG_INFO;
     bool LogAsJSON = false;
     bool KeepRepeatingTimers = false;  // those found too late are set to their next time, not dropped

@@ -96,6 +96,9 @@ std::string PrintConfig(const Config& config) {
     log.SetValue("Level", Mirel::LogTypeName(config.LogLevel));
     log.SetValue("Format", config.LogAsJSON ? "json" : "text");
     log.SetValue("Access", config.Http.AccessLog);
+    Velmora::PListDict python;
+    python.SetValue("Reload", config.ReloadHandlers);
+    python.SetValue("SlowHandler_ms", static_cast<long long>(config.SlowHandler_ms));
     Velmora::PListDict timers;
     timers.SetValue(Keys::KeepRepeating, config.KeepRepeatingTimers);
     Velmora::PListDict dict;
@@ -108,6 +111,7 @@ std::string PrintConfig(const Config& config) {
     }
     if (!config.StateFile.empty()) dict.SetValue(Keys::StateFile, config.StateFile);
     dict.SetItem("PythonPath", Texts(config.PythonPath));
+    dict.SetItem("Python", python);
     dict.SetItem("Log", log);
     dict.SetItem("Limits", LimitsInForce(config));
     dict.SetItem(Keys::Timers, timers);

@@ -6,6 +6,7 @@
 #include "EventManager.h"
 #include "MR_log.h"
 #include "VL_HTTP.h"
+#include "VL_Python.h"
 #include "VL_WebSocket.h"
 #include "rest/ProcessMetrics.h"
 #include "rest/Rest.h"
@@ -160,6 +161,30 @@ void Deliveries(MetricsText& text, const EventManager::QueueStatistics& queue) {
                    "Time that a Python handler took, the wait for the interpreter included.");
 }
 
+void Handlers(MetricsText& text) {
+    const Velmora::HandlerCounters handlers = Velmora::GetHandlerCounters();
+    text.Family("velmora_handler_calls_total", Kind::Counter, "Calls of Python handlers, by how they ended.");
+    for (std::size_t i = 0; i < std::size(handlers.Calls); ++i) {
+        const auto outcome = static_cast<Velmora::HandlerOutcome>(i);
+        text.Sample(handlers.Calls[i], "outcome", Velmora::HandlerOutcomeName(outcome));
+    }
+    text.Family("velmora_handler_seconds_total", Kind::Counter, "Time that Python handlers took.");
+    text.Sample(static_cast<double>(handlers.Duration_us) / us_per_sec);
+    text.Counter("velmora_slow_handlers_total", handlers.Slow,
+                 "Calls of Python handlers that took longer than SlowHandler_ms.");
+    text.Family("velmora_handler_reloads_total", Kind::Counter,
+                "Python modules that were to be loaded anew, by whether they were.");
+    text.Sample(handlers.Reloads, "outcome", "ok");
+    text.Sample(handlers.FailedReloads, "outcome", "failed");
+    text.Family("velmora_handler_postings_total", Kind::Counter,
+                "What Python handlers have posted with velmora.post, by what became of it.");
+    text.Sample(handlers.Posted, "outcome", "posted");
+    text.Sample(handlers.PostedNowhere, "outcome", "no_event");
+    text.Sample(handlers.PostingsRefused, "outcome", "refused");
+    text.Gauge("velmora_handler_postings_waiting", handlers.PostingsWaiting,
+               "What Python handlers have posted and is not made yet.");
+}
+
 void Connections(MetricsText& text, const HttpServerCounters& server) {
     text.Gauge("velmora_http_connections", server.Connections,
                "Open connections, without those on the feed.");
@@ -195,6 +220,7 @@ HttpResponse GetMetrics(RestCall& call) {
     Queue(text, queue);
     Feed(text);
     Deliveries(text, queue);
+    Handlers(text);
     if (call.Context.ServerCounters) Connections(text, call.Context.ServerCounters());
 
     HttpResponse response;

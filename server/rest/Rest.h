@@ -112,6 +112,7 @@ HttpResponse DeleteWatches(RestCall& call);
 HttpResponse GetHistory(RestCall& call);
 HttpResponse GetDeliveries(RestCall& call);
 HttpResponse GetFeed(RestCall& call);
+HttpResponse PostHandlersReload(RestCall& call);
 
 HttpResponse GetHealth(RestCall& call);
 HttpResponse GetReadiness(RestCall& call);

@@ -59,6 +59,7 @@ constexpr Row Table[] = {
     {Velmora::METH_GET, "/api/v1/history", Waits::ForQueue, Body::None, "after event_name limit", GetHistory},
     {Velmora::METH_GET, "/api/v1/deliveries", Waits::Never, Body::None, "outcome limit", GetDeliveries},
     {Velmora::METH_GET, "/api/v1/feed", Waits::Never, Body::None, "", GetFeed},
+    {Velmora::METH_POST, "/api/v1/handlers/reload", Waits::ForQueue, Body::None, "", PostHandlersReload},
     {Velmora::METH_GET, "/healthz", Waits::Never, Body::None, "", GetHealth},
     {Velmora::METH_GET, "/readyz", Waits::Never, Body::None, "", GetReadiness},
     {Velmora::METH_GET, "/metrics", Waits::Never, Body::None, "", GetMetrics},

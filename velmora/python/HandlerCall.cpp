@@ -11,6 +11,9 @@
 #include "MR_log.h"
 #include "VL_Python.h"
 #include "python/HandlerLog.h"
+#include "python/HandlerPostings.h"
+#include "python/HandlerReloadCounts.h"
+#include "python/HandlerReloading.h"
 
 namespace Velmora {
 
@@ -85,12 +88,15 @@ void SetHandlerOptions(const HandlerOptions& options) {
     s_ExplainImports = options.ExplainImports;
     s_RunCoroutines = options.RunCoroutines;
     LogLineByLine(options.LineByLine);
+    const PythonContextLock context;
+    WatchHandlers(options.ReloadBelow, options.Reload);
 }
 
 HandlerCall::HandlerCall(const std::string& module, const PListDict& payload)
     : m_Module(module), m_Payload(payload), m_Outer(std::exchange(t_Current, this)), m_Began_us(Now_us()) {
     t_Report.Reason.clear();
     t_Report.Traceback.clear();
+    ReloadBeforeCall();
 }
 
 HandlerCall::~HandlerCall() {
@@ -100,6 +106,7 @@ HandlerCall::~HandlerCall() {
     s_Calls[static_cast<std::size_t>(m_Outcome)].fetch_add(1, std::memory_order_relaxed);
     s_Duration_us.fetch_add(t_Report.Duration_us, std::memory_order_relaxed);
     try {
+        NoteLoadedModules();
         if (m_Outcome != HandlerOutcome::Ok && t_Report.Reason.empty())
             t_Report.Reason = UsualReason(m_Outcome);
         WarnIfSlow(t_Report.Duration_us);
@@ -141,6 +148,9 @@ HandlerCounters GetHandlerCounters() {
     for (std::size_t i = 0; i < std::size(counters.Calls); ++i) counters.Calls[i] = s_Calls[i];
     counters.Duration_us = s_Duration_us;
     counters.Slow = s_SlowCalls;
+    counters.Reloads = HandlerReloads;
+    counters.FailedReloads = FailedHandlerReloads;
+    HandlerPostings::Instance().AddTo(counters);
     return counters;
 }
 
