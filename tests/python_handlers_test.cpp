@@ -146,6 +146,75 @@ TEST_F(HandlersTest, ASlowHandlerIsWarnedOf) {
     EXPECT_TRUE(log.At(Mirel::LOG_WARN).empty());
 }
 
+TEST_F(HandlersTest, WhatAHandlerPostsIsMadeAfterItsPosting) {
+    ASSERT_TRUE(Velmora::StartHandlerPostings([this](const std::string& name, const PListDict* data) {
+                    return queue.PostEvent(name, data);
+                }).Success());
+    Module("posting",
+           "import velmora\nrefused = []\n"
+           "def try_to(what, *arguments):\n    try: what(*arguments)\n"
+           "    except (TypeError, ValueError) as e: refused.append(str(e))\n"
+           "def event_handler(payload):\n"
+           "    d = {'list': [1, 2**40, 2**70, 0.5, True, None, ('x',)], 'own': velmora.listener_data}\n"
+           "    velmora.post('first', d)\n    d['list'] = 0\n    velmora.post('nowhere')\n"
+           "    velmora.post('second')\n    velmora.log('notice', 'two\\nlines')\n"
+           "    me = {}\n    me['me'] = me\n"
+           "    for data in (7, {1: 2}, {'x': object()}, {'x': float('nan')}, me):\n"
+           "        try_to(velmora.post, 'first', data)\n"
+           "    try_to(velmora.post, 7)\n    try_to(velmora.log, 'loud', 'x')\n");
+    for (const char* name : {"asked", "first", "second"}) Event(name);
+    Listen("asked", "python://posting", R"({"l":1})");
+    log.Clear();
+    Post("asked");
+    EXPECT_TRUE(Testing::Eventually([this] { return History().Size() == 3; }));
+    EXPECT_EQ(Text(Entry(History(), 1).GetDict("post_data")),
+              R"({"list":[1,1099511627776,1180591620717411303424,0.5,true,null,["x"]],"own":{"l":1}})");
+    EXPECT_EQ(Entry(History(), 2).GetData("event_name").Text(), "second");
+    EXPECT_TRUE(log.Has("A handler posted \"nowhere\", which is no event.\n"));
+    EXPECT_EQ(log.At(Mirel::LOG_NOTICE).size(), 1U);
+    EXPECT_TRUE(log.Errors().empty());
+    Python(
+        "import posting, velmora\nassert len(posting.refused) == 7, posting.refused\n"
+        "assert velmora.listener_data == {} and not velmora.recording\n");
+    Velmora::StopHandlerPostings(10000);
+    Post("asked");
+    EXPECT_EQ(Velmora::LastHandlerReport().Reason, "RuntimeError: velmora.post: the server is ending");
+}
+
+TEST_F(HandlersTest, AnEditIsInUseAtTheNextPostingAndABrokenOneIsNot) {
+    Velmora::HandlerOptions options;
+    options.Reload = true;
+    options.ReloadBelow = {folder.Path()};
+    Velmora::SetHandlerOptions(options);
+    const std::string handler =
+        "import edited_part\nimport untouched\n"
+        "def event_handler(payload):\n    untouched.seen.append(edited_part.value)\n";
+    Module("untouched", "seen = []\n");
+    Module("edited_part", "value = 1\n");
+    Module("edited", handler);
+    Call("edited");
+    Module("edited_part", "value = 22\n");
+    Call("edited");
+    EXPECT_TRUE(log.Has("Python module loaded anew: edited_part\n"));
+    Module("edited", handler + "this is no python\n");
+    EXPECT_EQ(Call("edited").Outcome, HandlerOutcome::Ok);
+    EXPECT_TRUE(
+        log.Has("Python module \"edited\" does not load in its new version; the one before stays in use.\n"));
+    EXPECT_TRUE(log.Has("SyntaxError"));
+    Call("edited");
+    EXPECT_TRUE(log.Errors().empty());  // said once
+
+    options.Reload = false;
+    Velmora::SetHandlerOptions(options);
+    Module("edited", handler + "    untouched.seen.append(3)\n");
+    Call("edited");
+    const Velmora::HandlerReload done = Velmora::ReloadHandlers();
+    EXPECT_EQ(done.Reloaded, std::vector<std::string>{"edited"});
+    EXPECT_TRUE(done.Failed.empty());
+    Call("edited");
+    Python("import untouched\nassert untouched.seen == [1, 22, 22, 22, 22, 22, 3], untouched.seen\n");
+}
+
 #if PY_MAJOR_VERSION >= 3
 
 TEST_F(HandlersTest, ACoroutineIsRunToItsEndWhereThatIsAskedFor) {

@@ -1,7 +1,8 @@
 // Python handlers: setting them up, loading them anew.
+#include "rest/Handlers.h"
+
 #include "EventManager.h"
 #include "VL_Python.h"
-#include "rest/Handlers.h"
 #include "rest/Rest.h"
 
 namespace Server {

@@ -8,12 +8,14 @@ _directories = []
 _stamps = {}  # of each module's file when it was loaded or last tried: name -> (module, stamp)
 _failed = set()  # names whose newest version does not import
 _folders = {}  # the directories' stamps when that was found
+_places = {}  # each __file__ and where it is below the directories, or None
 _kept = []  # Python 2 empties a module that nobody holds, though its functions may be running
 _working = False
 
 
 def below(directories):
     _directories[:] = [os.path.join(os.path.abspath(directory), "") for directory in directories]
+    _places.clear()
     note()
 
 
@@ -29,10 +31,11 @@ def _file_below(module):
     path = getattr(module, "__file__", None)
     if not isinstance(path, str):
         return None
-    path = os.path.abspath(path)
-    if "/site-packages/" in path or "/dist-packages/" in path:
-        return None
-    return path if path.startswith(tuple(_directories)) else None
+    if path not in _places:
+        place = os.path.abspath(path)
+        packaged = "/site-packages/" in place or "/dist-packages/" in place
+        _places[path] = place if place.startswith(tuple(_directories)) and not packaged else None
+    return _places[path]
 
 
 def _ours():
