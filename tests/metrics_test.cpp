@@ -296,7 +296,8 @@ TEST_F(MetricsTest, ConnectionsAndTheFeedAreCounted) {
                                   .AnsweredByClass = {20, 21, 22, 23, 24, 25},
                                   .RefusedBusy = 14,
                                   .RefusedConnections = 15,
-                                  .RefusedFeedClients = 16};
+                                  .RefusedFeedClients = 16,
+                                  .RequestTimes = {}};
     });
     EXPECT_EQ(Sample("velmora_http_connections"), 11);
     EXPECT_EQ(Sample("velmora_http_connections_total"), 12);
