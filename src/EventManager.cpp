@@ -188,6 +188,7 @@ EventQueue::EventQueue(ui32_t timeout_ms)
       m_WsManager(timeout_ms),
       m_RunOK(true) {
     BeginEpoch(random_text(), 0);
+    m_WsManager.SubscribersFrom(m_HistorySource);
     InitPython();
 }
 
@@ -604,10 +605,13 @@ void EventQueue::AppendHistory(const PListDict& event_data, ui64_t number) {
 }
 
 void EventQueue::BeginEpoch(const std::string& epoch, ui64_t before) {
-    AutoMutex lock(m_HistoryLock);
-    m_Epoch = epoch;
-    m_Numbers.clear();
-    m_LastNumber = m_ForgottenNumber = before;
+    {
+        AutoMutex lock(m_HistoryLock);
+        m_Epoch = epoch;
+        m_Numbers.clear();
+        m_LastNumber = m_ForgottenNumber = before;
+    }
+    m_WsManager.CloseAll();  // whoever comes back learns of it
 }
 
 // Records have left at the front: what is numbered is no more than what is there.
@@ -648,6 +652,34 @@ HistoryReading EventQueue::ReadHistory(const PostingId* after) const {
     const std::size_t size = m_EventHistory.Size();
     reading.Begin = size - std::min(size, CountAfter(after->Number));
     return reading;
+}
+
+HistorySource::Place HistorySource::PlaceAfter(const PostingId* after) const {
+    Place place;
+    AutoMutex lock(m_Queue.m_HistoryLock);
+    place.Last = {m_Queue.m_Epoch, m_Queue.m_LastNumber};
+    place.After = m_Queue.m_LastNumber;
+    if (after == nullptr) return place;
+    const ui64_t oldest = m_Queue.m_ForgottenNumber;
+    place.Gap = after->Epoch != m_Queue.m_Epoch || after->Number < oldest;
+    place.After = place.Gap ? oldest : after->Number;
+    return place;
+}
+
+bool HistorySource::Read(ui64_t after, std::size_t most,
+                         std::vector<Velmora::NumberedPosting>& postings) const {
+    AutoMutex lock(m_Queue.m_HistoryLock);
+    if (after < m_Queue.m_ForgottenNumber) return false;
+    const PListArray& history = m_Queue.m_EventHistory;
+    const std::size_t behind = m_Queue.CountAfter(after);
+    auto run = m_Queue.m_Numbers.rbegin();
+    std::size_t left = behind;  // from the first that is wanted to the end of the run
+    while (run != m_Queue.m_Numbers.rend() && left > run->Count) left -= (run++)->Count;
+    for (std::size_t i = history.Size() - behind; i < history.Size() && most > 0; ++i, --most, --left) {
+        while (left == 0) left = (--run)->Count;
+        postings.push_back({run->First + run->Count - left, *as_dict(history.GetItem(i))});
+    }
+    return true;
 }
 
 PostingId HistoryReading::IdAt(std::size_t index) const {
@@ -726,7 +758,7 @@ const PListData& EventQueue::CurrentTime() {
 
 void EventQueue::Record(const PListDict& payload, ui64_t number) {
     AppendHistory(payload, number);
-    m_WsManager.SendToListeners(payload);
+    m_WsManager.SendToListeners(payload, t_last_posting, payload.GetData(Strings::event_name).TextView());
     m_Counters.postings.fetch_add(1, std::memory_order_relaxed);
 }
 

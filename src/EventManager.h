@@ -328,6 +328,19 @@ struct QueueStatistics {
     Mirel::HistogramCounts SaveTimes;  ///< of saves, failed ones included; the wait for another save is not
 };
 
+class EventQueue;
+
+/// Where subscribers of the feed find what they have missed.
+class HistorySource : public Velmora::PostingSource {
+  public:
+    explicit HistorySource(const EventQueue& queue) : m_Queue(queue) {}
+    Place PlaceAfter(const PostingId* after) const override;
+    bool Read(ui64_t after, std::size_t most, std::vector<Velmora::NumberedPosting>& postings) const override;
+
+  private:
+    const EventQueue& m_Queue;
+};
+
 /// Consecutive records of the history whose numbers follow each other.
 struct NumberRun {
     ui64_t First = 0;       ///< the number of the first of them
@@ -457,6 +470,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     friend HistoryReading ReadEventHistory(const PostingId* after);
 
     friend bool CallEventListener(const std::string& event_name, const UUID& id, const PListDict& payload);
+    friend class HistorySource;
     friend struct EventQueueProbe;  // the tests' way to the phases of a pass
 
     using caller_t = BackgroundHTTPRequestHandle<TLSHTTPRequestHandle>;
@@ -571,6 +585,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     std::deque<NumberRun> m_Numbers GUARDED_BY(m_HistoryLock);
     ui64_t m_LastNumber GUARDED_BY(m_HistoryLock) = 0;
     ui64_t m_ForgottenNumber GUARDED_BY(m_HistoryLock) = 0;
+    const HistorySource m_HistorySource{*this};
     mutable Counters m_Counters;
 };
 

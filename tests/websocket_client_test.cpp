@@ -1,8 +1,12 @@
 // One client of the feed and the log it is written from, at times that the test chooses. With the sources
 // inside, for the library hides them.
 #include "feed/FeedClient.cpp"
+#include "feed/FeedFilter.cpp"
 #include "feed/Frame.cpp"
 #include "feed/FrameLog.cpp"
+#include "feed/NumberedFrame.cpp"
+#include "feed/Replays.cpp"
+#include "feed/Subscription.cpp"
 
 #include <fcntl.h>
 #include <netinet/in.h>

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "MR_histogram.h"
 #include "MR_types.h"
@@ -16,6 +17,7 @@ namespace Velmora {
 
 namespace Feed {
 class Broadcaster;
+class NumberedFeeds;
 struct Connection;
 }  // namespace Feed
 
@@ -32,6 +34,43 @@ struct MR_EXPORT PostingId {
     /// Reads such a text; nothing where it is none.
     static std::optional<PostingId> FromText(std::string_view text);
     friend bool operator==(const PostingId&, const PostingId&) = default;
+};
+
+/// What a client of the feed asks for that is told the postings' ids.
+struct FeedWish {
+    /// How it is written to.
+    enum class Form {
+        Numbered,     ///< WebSocket: {"id", "posting"}
+        EventStream,  ///< server-sent events, behind a head that is sent already
+    };
+    Form As = Form::Numbered;
+    /// Only the events of these names; one that ends in "*" stands for all that begin so. Empty: all.
+    std::vector<std::string> Names;
+    /// The last posting that it has; nothing: it wants none of those before.
+    std::optional<PostingId> After;
+};
+
+/// A posting out of the history.
+struct NumberedPosting {
+    ui64_t Number = 0;
+    PListDict Posting;
+};
+
+/// Where a broadcaster finds what its clients have missed. Called on any thread; nothing may be waited for.
+class MR_EXPORT PostingSource {
+  public:
+    /// Where a client begins.
+    struct Place {
+        PostingId Last;    ///< the last posting that there was
+        ui64_t After = 0;  ///< what it gets are those behind this number
+        bool Gap = false;  ///< there were others behind the one that it asked for
+    };
+    virtual ~PostingSource() = default;
+    /// The place of a client whose last posting was `after`; null: of one that wants none of those before.
+    virtual Place PlaceAfter(const PostingId* after) const = 0;
+    /// Adds the first postings behind the number, at most so many. False where there are no longer all of
+    /// them.
+    virtual bool Read(ui64_t after, std::size_t most, std::vector<NumberedPosting>& postings) const = 0;
 };
 
 /// Reads a broadcaster's postings inside the process (a counter, a bridge to elsewhere).
@@ -64,6 +103,9 @@ class MR_EXPORT TCPSession {
     static TCPSession WebSocket(SocketStream stream, const std::string& peer, std::string_view received = {});
     /// The same on a connected stream socket that the session takes over.
     static TCPSession WebSocket(int descriptor, const std::string& peer, std::string_view received = {});
+    /// A client that is told the postings' ids: a WebSocket connection, or one that takes server-sent events.
+    static TCPSession Subscriber(SocketStream stream, const std::string& peer, std::string_view received,
+                                 FeedWish wish);
     /// A reader inside the process, which the log calls `name`. Without a reader the session is empty.
     static TCPSession Reader(std::unique_ptr<BroadcastReader> reader, const std::string& name);
 
@@ -82,8 +124,10 @@ struct BroadcastOptions {
     ui32_t Timeout_ms = 500;
     /// How long a client may send nothing before it is pinged, and then before it is given up.
     ui32_t PingInterval_ms = 30000;
-    /// Bytes of frames that are kept for clients that have not taken them yet.
+    /// Bytes of frames that are kept for clients that have not taken them yet; in each form for itself.
     std::size_t LogLimit = 64u << 20;
+    /// How long nothing may be sent to a client that takes server-sent events before it is sent a comment.
+    ui32_t HeartbeatInterval_ms = 15000;
 };
 
 /// Sends every posting to every adopted client, without the poster ever meeting a socket.
@@ -95,6 +139,12 @@ struct BroadcastOptions {
 /// room for what it has not taken, or without one when a write made no progress for the time-out. Idle
 /// clients are pinged; pings are answered; a client that breaks the protocol is closed with 1002 (1007 where
 /// its text is not UTF-8, 1009 where its message is too long).
+///
+/// Subscribers (TCPSession::Subscriber) are told the postings' ids, may have missed some and may want only
+/// some. First each is told where it stands ({"id", "gap"}), then it gets what it has missed from the source,
+/// then what comes, each posting once and in order. They have a log and a thread for each form, so that
+/// nobody else pays for them; all that is said above holds for them as well. One that takes server-sent
+/// events gets a comment in place of a close frame.
 ///
 /// All operations may be called from any thread.
 class MR_EXPORT WebSocketBroadcastManager {
@@ -116,6 +166,13 @@ class MR_EXPORT WebSocketBroadcastManager {
     /// none.
     void SendToListeners(const PListDict& dict);
 
+    /// The same for a posting with its id, which subscribers are told; `name` is its event's.
+    void SendToListeners(const PListDict& dict, const PostingId& id, std::string_view name);
+
+    /// Where subscribers find what they have missed; must outlive them. To be called before the first is
+    /// adopted.
+    void SubscribersFrom(const PostingSource& source);
+
     /// The same for JSON text that is ready.
     void SendText(std::string_view json);
 
@@ -126,6 +183,7 @@ class MR_EXPORT WebSocketBroadcastManager {
 
   private:
     const std::shared_ptr<Feed::Broadcaster> m_Broadcaster;
+    const std::unique_ptr<Feed::NumberedFeeds> m_Numbered;
 };
 
 /// What all broadcasters of the process have done so far.

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <sys/resource.h>
+#include <cstring>
 
 #include <algorithm>
 #include <filesystem>
@@ -60,6 +61,15 @@ bool IsHost(const std::string& text) {
     return text.front() == '[' ? IsAddress(AF_INET6, host) : IsAddress(AF_INET, host) || IsHostName(host);
 }
 
+bool IsOrigin(const std::string& text) {
+    for (const auto& [scheme, usual] : {std::pair{"http://", ":80"}, std::pair{"https://", ":443"}}) {
+        if (text.rfind(scheme, 0) != 0) continue;
+        const std::string authority = text.substr(std::strlen(scheme));
+        return IsHost(authority) && !authority.ends_with(usual);
+    }
+    return false;
+}
+
 // Reads one configuration whose file stands in a directory.
 class Loader {
   public:
@@ -74,6 +84,8 @@ class Loader {
     }
     void BindAddress(const Velmora::PListDict& dict);
     void AllowedHosts(Shape& shape);
+    void AllowedOrigins(Shape& shape);
+    void CheckAnyOrigin();
     void TLSIdentity(Shape& shape);
     void Token(Shape& shape);
     void TokenText(Shape& shape, const std::string& key, std::string token);
@@ -97,6 +109,7 @@ void Loader::Load(const Velmora::PListDict& dict) {
     if (const Velmora::PListDict* address = shape.Dict(Velmora::Strings::Config::BindAddress))
         BindAddress(*address);
     Token(shape);
+    CheckAnyOrigin();
     if (const auto path = shape.NonEmptyText(Keys::StateFile)) m_Config.StateFile = Resolved(*path);
     for (const std::string& path : shape.Texts("PythonPath")) m_Config.PythonPath.push_back(Resolved(path));
     if (const Velmora::PListDict* python = shape.Dict("Python")) Python(*python);
@@ -114,6 +127,7 @@ void Loader::BindAddress(const Velmora::PListDict& dict) {
         m_Config.Http.Port = static_cast<ui16_t>(*port);
     TLSIdentity(shape);
     AllowedHosts(shape);
+    AllowedOrigins(shape);
     shape.NothingElse();
 }
 
@@ -125,6 +139,29 @@ void Loader::AllowedHosts(Shape& shape) {
         if (!host.empty() && !IsHost(host)) shape.Blame(key, index, "must be a host name or an IP address");
         ++index;
     }
+}
+
+// As a browser writes it: scheme, host and, where it is not the usual one, the port.
+void Loader::AllowedOrigins(Shape& shape) {
+    const std::string key = "AllowedOrigins";
+    m_Config.Http.AllowedOrigins = shape.Texts(key);
+    std::size_t index = 0;
+    for (const std::string& origin : m_Config.Http.AllowedOrigins) {
+        if (!origin.empty() && origin != "*" && !IsOrigin(origin))
+            shape.Blame(key, index, "must be an origin (https://host or https://host:port), or \"*\"");
+        ++index;
+    }
+}
+
+// Pages from anywhere may ask only what needs a token.
+void Loader::CheckAnyOrigin() {
+    const auto& origins = m_Config.Http.AllowedOrigins;
+    const auto any = std::find(origins.begin(), origins.end(), "*");
+    if (any == origins.end() || !m_Config.Http.AccessToken.empty()) return;
+    const std::string base =
+        PointerTo(PointerTo("", Velmora::Strings::Config::BindAddress), "AllowedOrigins");
+    m_Faults.push_back({PointerTo(base, static_cast<std::size_t>(any - origins.begin())),
+                        "needs an access token: name the origins, or set \"AccessToken\""});
 }
 
 void Loader::TLSIdentity(Shape& shape) {

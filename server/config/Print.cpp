@@ -33,6 +33,7 @@ Velmora::PListDict AddressInForce(const HttpServerOptions& http) {
     address.SetValue("ListenPort", static_cast<int>(http.Port));
     if (!http.TLSIdentity.empty()) address.SetValue("TLSIdentity", http.TLSIdentity);
     address.SetItem("AllowedHosts", Texts(http.AllowedHosts));
+    address.SetItem("AllowedOrigins", Texts(http.AllowedOrigins));
     return address;
 }
 

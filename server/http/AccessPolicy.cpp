@@ -160,7 +160,33 @@ AccessPolicy::AccessPolicy(const HttpServerOptions& options)
     : m_Token(options.AccessToken),
       m_Secure(!options.TLSIdentity.empty()),
       m_AllowedHosts(AllowedHosts(options)),
+      m_AllowedOrigins(options.AllowedOrigins),
       m_BoundHost(BoundHost(options)) {}
+
+bool AccessPolicy::FromOtherOrigin(const RequestHead& head) const {
+    if (m_AllowedOrigins.empty() || head.Count(Field::Origin) != 1) return false;
+    return std::any_of(m_AllowedOrigins.begin(), m_AllowedOrigins.end(), [&](const std::string& allowed) {
+        return (allowed == "*" && !m_Token.empty()) || SameLetters(allowed, head[Field::Origin]);
+    });
+}
+
+bool AccessPolicy::IsPreflight(const RequestHead& head) const {
+    return head.Method == Velmora::METH_OPTIONS && head.Has(Field::PreflightMethod) && FromOtherOrigin(head);
+}
+
+AccessPolicy::Fields AccessPolicy::ForOtherOrigin(const RequestHead& head) const {
+    if (!FromOtherOrigin(head)) return {};
+    Fields fields = {
+        {"Access-Control-Allow-Origin", std::string(head[Field::Origin])},
+        {"Vary", "Origin"},
+        {"Access-Control-Expose-Headers", "Allow, ETag, Location, Retry-After, WWW-Authenticate"}};
+    if (!IsPreflight(head)) return fields;
+    fields.emplace_back("Access-Control-Allow-Methods", "GET, HEAD, POST, PATCH, DELETE");
+    fields.emplace_back("Access-Control-Allow-Headers",
+                        "Authorization, Content-Type, Idempotency-Key, If-None-Match, Last-Event-ID");
+    fields.emplace_back("Access-Control-Max-Age", "600");
+    return fields;
+}
 
 bool AccessPolicy::NamedByOperator(std::string_view host) const {
     return std::any_of(m_AllowedHosts.begin(), m_AllowedHosts.end(),
@@ -203,8 +229,10 @@ bool AccessPolicy::Authorized(const RequestHead& head) const {
     const std::string_view given = head[Field::Authorization];
     if (StartsWithLetters(given, "bearer ") && TokenMatches(Trimmed(given.substr(7)))) return true;
     if (LocalAccessManager::IsSelfAuthorized(given)) return true;
-    return head.Has(Field::Upgrade) && ListHas(head, Field::WebSocketProtocol, FeedProtocol) &&
-           OffersToken(head);
+    if (!head.Has(Field::Upgrade)) return false;
+    const bool feed = ListHas(head, Field::WebSocketProtocol, FeedProtocol) ||
+                      ListHas(head, Field::WebSocketProtocol, NumberedFeedProtocol);
+    return feed && OffersToken(head);
 }
 
 std::optional<HttpResponse> AccessPolicy::Check(const RequestHead& head, std::string_view path,
@@ -219,9 +247,11 @@ std::optional<HttpResponse> AccessPolicy::Check(const RequestHead& head, std::st
                        "This server is not known by the name in the Host field.");
     }
     if (head.Count(Field::Origin) > 1 ||
-        (head.Has(Field::Origin) && !OriginAllowed(head[Field::Origin], authority))) {
+        (head.Has(Field::Origin) && !OriginAllowed(head[Field::Origin], authority) &&
+         !FromOtherOrigin(head))) {
         return Problem(Velmora::STATUS_403_FORBIDDEN, "Requests from pages of other sites are refused.");
     }
+    if (IsPreflight(head)) return std::nullopt;  // a browser asks without the token whether it may use it
     if (!m_Token.empty() && UnderApi(path) && (head.Count(Field::Authorization) > 1 || !Authorized(head))) {
         return Unauthorized();
     }

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "http/Http.h"
@@ -14,6 +15,7 @@ namespace Server {
 
 /// Name of the feed's WebSocket subprotocol, and the prefix of the one that carries a browser's token.
 inline constexpr std::string_view FeedProtocol = "velmora.feed.v1";
+inline constexpr std::string_view NumberedFeedProtocol = "velmora.feed.v2";
 inline constexpr std::string_view BearerProtocol = "bearer.";
 
 /// Decides from a request's head whether it is let in. Immutable, so usable from any thread.
@@ -26,7 +28,14 @@ class AccessPolicy {
     std::optional<HttpResponse> Check(const RequestHead& head, std::string_view path,
                                       std::string_view authority) const;
 
+    /// The header fields by which a browser lets a page from elsewhere see the answer, where the operator has
+    /// allowed its origin; to the question before the request (a preflight) also what it may ask.
+    using Fields = std::vector<std::pair<std::string, std::string>>;
+    Fields ForOtherOrigin(const RequestHead& head) const;
+
   private:
+    bool FromOtherOrigin(const RequestHead& head) const;
+    bool IsPreflight(const RequestHead& head) const;
     bool NamedByOperator(std::string_view host) const;
     bool HostAllowed(std::string_view host) const;
     bool OriginAllowed(std::string_view origin, std::string_view authority) const;
@@ -37,7 +46,8 @@ class AccessPolicy {
     const std::string m_Token;
     const bool m_Secure;                            // it speaks TLS itself
     const std::vector<std::string> m_AllowedHosts;  // lower case, IPv6 addresses without brackets
-    const std::string m_BoundHost;                  // alike; empty where it stands for every interface
+    const std::vector<std::string> m_AllowedOrigins;
+    const std::string m_BoundHost;  // alike; empty where it stands for every interface
 };
 
 /// "host:port", "host", "[::1]:port" or "[::1]" in two; the host without its brackets, the port empty where

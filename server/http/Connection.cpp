@@ -176,7 +176,7 @@ bool Connection::GiveUp(const std::exception& failure) {
 void Connection::HandOver() {
     const std::string peer = m_Stream.Peer();
     Deregister();
-    HandOverToFeed(std::move(m_Stream), peer, m_Input.Unread());
+    HandOverToFeed(std::move(m_Stream), peer, m_Input.Unread(), std::move(m_FeedWish));
 }
 
 void Connection::Deregister() {

@@ -88,8 +88,9 @@ class Connection {
     unsigned m_Answered = 0;  // requests in this turn
     HttpRoute m_Route;        // of the request whose head is there
     FeedPlaces::Place m_FeedPlace;
-    HttpRequest m_Request;      // the one that is answered
-    Clock::time_point m_Began;  // when it was there as a whole; none yet: time_point()
+    std::optional<Velmora::FeedWish> m_FeedWish;  // of a subscriber that is on its way to the feed
+    HttpRequest m_Request;                        // the one that is answered
+    Clock::time_point m_Began;                    // when it was there as a whole; none yet: time_point()
     bool m_CloseAfter = false;
     bool m_UpgradeAfter = false;
 };

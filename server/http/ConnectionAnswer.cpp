@@ -121,6 +121,7 @@ Connection::Step Connection::Respond(HttpResponse response) {
     m_CloseAfter = !form.KeepAlive;
 
     CountAnswer(response.Status, response.Body.size());
+    for (auto& field : m_Shared.Policy->ForOtherOrigin(head)) response.Headers.push_back(std::move(field));
     m_Output.Append(std::move(response), form);
     return FinishRequest();
 }
@@ -167,8 +168,12 @@ Connection::Step Connection::Upgrade() {
         m_Shared.RefusedFeedClients.fetch_add(1, std::memory_order_relaxed);
         return Respond(FeedIsFull(m_Shared.Options.MaxFeedClients));
     }
-    m_Output.Append(SwitchingProtocols(m_Input.Head()));
-    CountAnswer(Velmora::STATUS_101_SWITCHING, 0);
+    const RequestHead& head = m_Input.Head();
+    if (auto refusal = ReadFeedWish(head, m_Route.Query, m_FeedWish)) return Respond(std::move(*refusal));
+    const bool events = WantsEventStream(head);
+    m_Output.Append(events ? EventStreamHead(m_Shared.Policy->ForOtherOrigin(head))
+                           : SwitchingProtocols(head));
+    CountAnswer(events ? Velmora::STATUS_200_OK : Velmora::STATUS_101_SWITCHING, 0);
     m_UpgradeAfter = true;
     return FinishRequest();
 }

@@ -3,11 +3,13 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "EventManager.h"
 #include "VL_WebSocket.h"
 #include "http/AccessPolicy.h"
+#include "http/ReplyForm.h"
 
 namespace Server {
 
@@ -59,10 +61,72 @@ std::string SwitchingProtocols(const RequestHead& head) {
         "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
         "X-Content-Type-Options: nosniff\r\nCache-Control: no-store\r\nSec-WebSocket-Accept: ";
     text.append(AcceptKey(head[Field::WebSocketKey])).append("\r\n");
-    if (ListHas(head, Field::WebSocketProtocol, FeedProtocol)) {
+    if (ListHas(head, Field::WebSocketProtocol, NumberedFeedProtocol)) {
+        text.append("Sec-WebSocket-Protocol: ").append(NumberedFeedProtocol).append("\r\n");
+    } else if (ListHas(head, Field::WebSocketProtocol, FeedProtocol)) {
         text.append("Sec-WebSocket-Protocol: ").append(FeedProtocol).append("\r\n");
     }
     return text.append("\r\n");
+}
+
+namespace {
+
+// Of an epoch that there never is: whoever asks so learns that something is missing.
+const Velmora::PostingId Unknown = {"?", 0};
+
+// A media type of the list may bear parameters.
+bool AcceptsEventStream(std::string_view accept) {
+    while (!accept.empty()) {
+        std::string_view type = accept.substr(0, accept.find(','));
+        accept.remove_prefix(std::min(type.size() + 1, accept.size()));
+        type = type.substr(0, type.find(';'));
+        while (!type.empty() && type.front() == ' ') type.remove_prefix(1);
+        while (!type.empty() && type.back() == ' ') type.remove_suffix(1);
+        if (SameLetters(type, "text/event-stream")) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+bool WantsEventStream(const RequestHead& head) {
+    if (head.Parts->Path == EventStreamPath) return true;
+    return !head.Has(Field::Upgrade) && AcceptsEventStream(head[Field::Accept]);
+}
+
+std::optional<HttpResponse> ReadFeedWish(const RequestHead& head, const QueryParameters& query,
+                                         std::optional<Velmora::FeedWish>& wish) {
+    const bool events = WantsEventStream(head);
+    if (!events && !ListHas(head, Field::WebSocketProtocol, NumberedFeedProtocol)) {
+        if (query.empty()) return std::nullopt;
+        return Problem(Velmora::STATUS_400_BAD_REQ,
+                       "The query parameter \"" + query.front().first + "\" is only for the subprotocol " +
+                           std::string(NumberedFeedProtocol) + " and for server-sent events.");
+    }
+    wish.emplace();
+    if (events) wish->As = Velmora::FeedWish::Form::EventStream;
+    for (const auto& [name, value] : query) {
+        if (name == "event_name") {
+            wish->Names.push_back(value);
+        } else if (!(wish->After = Velmora::PostingId::FromText(value))) {
+            return Problem(Velmora::STATUS_400_BAD_REQ,
+                           "The query parameter \"after\" must be the id of a posting: EPOCH-NUMBER.");
+        }
+    }
+    // What a browser has come to since it was told the address.
+    if (events && !head[Field::LastEventId].empty())
+        wish->After = Velmora::PostingId::FromText(head[Field::LastEventId]).value_or(Unknown);
+    return std::nullopt;
+}
+
+std::string EventStreamHead(const std::vector<std::pair<std::string, std::string>>& more) {
+    HttpResponse response;
+    response.Headers = more;
+    response.Headers.emplace_back("X-Accel-Buffering", "no");  // a proxy is to pass on what there is
+    response.ContentType = "text/event-stream";
+    std::string text;
+    AppendReplyHead(text, response, {.KeepAlive = false, .Endless = true});
+    return text;
 }
 
 FeedPlaces::Place FeedPlaces::Take() {
@@ -82,8 +146,11 @@ HttpResponse FeedIsFull(std::size_t most) {
     return response;
 }
 
-void HandOverToFeed(Velmora::SocketStream stream, const std::string& peer, std::string_view received) {
-    Velmora::TCPSession session = Velmora::TCPSession::WebSocket(std::move(stream), peer, received);
+void HandOverToFeed(Velmora::SocketStream stream, const std::string& peer, std::string_view received,
+                    std::optional<Velmora::FeedWish> wish) {
+    using Velmora::TCPSession;
+    TCPSession session = wish ? TCPSession::Subscriber(std::move(stream), peer, received, std::move(*wish))
+                              : TCPSession::WebSocket(std::move(stream), peer, received);
     EventManager::GlobalEventQueue().AdoptWsClient(session);
 }
 

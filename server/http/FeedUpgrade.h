@@ -7,14 +7,29 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "VL_Socket.h"
+#include "VL_WebSocket.h"
 #include "http/Http.h"
 #include "http/RequestParser.h"
 
 namespace Server {
 
 inline constexpr std::string_view FeedPath = "/api/v1/feed";
+inline constexpr std::string_view EventStreamPath = "/api/v1/feed/sse";
+
+/// Whether a GET for the feed wants server-sent events: by its path, or by what it accepts.
+bool WantsEventStream(const RequestHead& head);
+
+/// Reads what a subscriber of the feed asks for into `wish`, which stays empty for a client that is told no
+/// ids; otherwise the refusal (400). `query` is the parameters.
+std::optional<HttpResponse> ReadFeedWish(const RequestHead& head, const QueryParameters& query,
+                                         std::optional<Velmora::FeedWish>& wish);
+
+/// The head of the answer that server-sent events follow; `more` are further fields.
+std::string EventStreamHead(const std::vector<std::pair<std::string, std::string>>& more);
 
 /// The refusal of a GET for the feed that is no proper WebSocket upgrade (400, 426), or nothing.
 std::optional<HttpResponse> RefuseUpgrade(const RequestHead& head);
@@ -47,7 +62,9 @@ class FeedPlaces {
 HttpResponse FeedIsFull(std::size_t most);
 
 /// Hands the connection to the live queue, which sends it every posting from now on; `received` is what the
-/// client has sent behind its request. The connection is closed where there is no queue to take it.
-void HandOverToFeed(Velmora::SocketStream stream, const std::string& peer, std::string_view received);
+/// client has sent behind its request, `wish` what a subscriber has asked for. The connection is closed where
+/// there is no queue to take it.
+void HandOverToFeed(Velmora::SocketStream stream, const std::string& peer, std::string_view received,
+                    std::optional<Velmora::FeedWish> wish);
 
 }  // namespace Server

@@ -19,6 +19,8 @@ struct HttpServerOptions {
 
     bool AccessLog = false;  // one Info line for each answer
 
+    std::vector<std::string> AllowedOrigins;  // of pages from elsewhere, or "*": all that have the token
+
     std::size_t IOThreads = 0;  // 0: chosen from the number of cores
     std::size_t MaxConnections = 4096;
     std::size_t MaxFeedClients = 4096;

@@ -27,7 +27,8 @@ HttpRequest RequestOf(const RequestHead& head) {
 }
 
 bool AsksForFeed(const HttpRequest& request) {
-    return request.Method == Velmora::METH_GET && request.Path == FeedPath;
+    return request.Method == Velmora::METH_GET &&
+           (request.Path == FeedPath || request.Path == EventStreamPath);
 }
 
 std::optional<HttpResponse> RefuseHead(const RequestHead& head, const AccessPolicy& policy,
@@ -38,7 +39,10 @@ std::optional<HttpResponse> RefuseHead(const RequestHead& head, const AccessPoli
     const HttpRequest request = RequestOf(head);
     if (auto refusal = handler.Route(request, route)) return refusal;
     if (AsksForFeed(request)) {
-        if (auto refusal = RefuseUpgrade(head)) return refusal;
+        const bool events = WantsEventStream(head) && !head.HasBody;
+        if (auto refusal = events ? std::nullopt : RefuseUpgrade(head)) return refusal;
+        std::optional<Velmora::FeedWish> wish;
+        if (auto refusal = ReadFeedWish(head, route.Query, wish)) return refusal;
     }
     if (head.HasBody && !IsJson(head[Field::ContentType])) {
         return Problem(Velmora::STATUS_415_MEDIA_TYPE, "A body must be application/json.");

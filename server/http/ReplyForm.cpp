@@ -69,7 +69,7 @@ void AppendReplyHead(std::string& text, const HttpResponse& response, ReplyForm 
     text.append("X-Content-Type-Options: nosniff\r\n");
     if (!response.ContentType.empty())
         text.append("Content-Type: ").append(response.ContentType).append("\r\n");
-    if (!StatusHasNoBody(response.Status)) {
+    if (!StatusHasNoBody(response.Status) && !form.Endless) {
         text.append("Content-Length: ");
         AppendNumber(text, ReplyBody(response).size());
         text.append("\r\n");

@@ -12,6 +12,7 @@ struct ReplyForm {
     bool HeadOnly = false;  // the request was HEAD
     bool KeepAlive = true;  // the connection stays open for further requests
     bool Http10 = false;    // the client speaks HTTP/1.0
+    bool Endless = false;   // the body ends with the connection
 };
 
 /// Appends status line and header fields, up to and with the empty line. The body is the caller's to send.

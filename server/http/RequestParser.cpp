@@ -42,8 +42,12 @@ std::optional<Method_t> KnownMethod(http::verb verb) {
     }
 }
 
-std::optional<Field> KnownField(http::field name) {
+std::optional<Field> KnownField(http::field name, std::string_view text) {
     switch (name) {
+        case http::field::accept:
+            return Field::Accept;
+        case http::field::access_control_request_method:
+            return Field::PreflightMethod;
         case http::field::host:
             return Field::Host;
         case http::field::origin:
@@ -66,6 +70,9 @@ std::optional<Field> KnownField(http::field name) {
             return Field::WebSocketVersion;
         case http::field::sec_websocket_protocol:
             return Field::WebSocketProtocol;
+        case http::field::unknown:
+            if (boost::beast::iequals(text, "Last-Event-ID")) return Field::LastEventId;
+            return std::nullopt;
         default:
             return std::nullopt;
     }
@@ -105,14 +112,14 @@ class BeastParser : public http::basic_parser<true> {
         Head.Http10 = version < 11;
     }
 
-    void on_field_impl(http::field name, beast_view, beast_view value, error_code& error) override {
+    void on_field_impl(http::field name, beast_view text, beast_view value, error_code& error) override {
         if (is_header_done()) return;  // a trailer field: nothing that was checked may change any more
         if (name == http::field::transfer_encoding &&
             (Head.Http10 || !boost::beast::iequals(value, "chunked"))) {
             error = http::error::bad_transfer_encoding;
             return;
         }
-        const std::optional<Field> known = KnownField(name);
+        const std::optional<Field> known = KnownField(name, {text.data(), text.size()});
         if (!known) return;
         // A value that went over several lines is put together in another place; nobody sends that any more.
         if (value.data() < Bytes.data() || value.data() > Bytes.data() + Bytes.size()) {

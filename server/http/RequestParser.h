@@ -28,6 +28,9 @@ enum class Field {
     WebSocketKey,
     WebSocketVersion,
     WebSocketProtocol,
+    Accept,
+    LastEventId,
+    PreflightMethod,  // Access-Control-Request-Method
     Count,
 };
 

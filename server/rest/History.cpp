@@ -21,18 +21,29 @@ struct Selection {
     std::size_t Omitted = 0;  // that the client asked for and the answer has no room for
 };
 
-bool Wanted(const Velmora::PListItem* item, const std::string* name) {
-    const Velmora::PListDict* record = name == nullptr ? nullptr : AsDict(item);
-    return name == nullptr || (record != nullptr && record->GetData(Keys::event_name).TextView() == *name);
+// Which events are asked for; none: all.
+using Names = std::vector<std::string_view>;
+
+// A name that ends in "*" stands for all that begin so.
+bool Match(const Names& names, std::string_view name) {
+    return std::any_of(names.begin(), names.end(), [name](std::string_view one) {
+        return one == name || (one.ends_with('*') && name.starts_with(one.substr(0, one.size() - 1)));
+    });
 }
 
-// The last records with that name (null: any), oldest first.
-Selection LastRecords(const Velmora::PListArray& history, const std::string* name, std::size_t limit) {
+bool Wanted(const Velmora::PListItem* item, const Names& names) {
+    if (names.empty()) return true;
+    const Velmora::PListDict* record = AsDict(item);
+    return record != nullptr && Match(names, record->GetData(Keys::event_name).TextView());
+}
+
+// The last records of those events, oldest first.
+Selection LastRecords(const Velmora::PListArray& history, const Names& names, std::size_t limit) {
     std::vector<const Velmora::PListItem*> found;  // newest first
     Selection selection;
     for (std::size_t i = history.Size(); i > 0 && found.size() + selection.Omitted < limit; --i) {
         const Velmora::PListItem* item = history.GetItem(i - 1);
-        if (!Wanted(item, name)) continue;
+        if (!Wanted(item, names)) continue;
         if (found.size() < MostRecords) {
             found.push_back(item);
         } else {
@@ -43,9 +54,9 @@ Selection LastRecords(const Velmora::PListArray& history, const std::string* nam
     return selection;
 }
 
-// The first records with that name from where the reading begins. Where the limit leaves some out, the
+// The first records of those events from where the reading begins. Where the limit leaves some out, the
 // reading's last one is the last that was taken, so that the next question goes on there.
-Selection FirstRecords(EventManager::HistoryReading& reading, const std::string* name, std::size_t limit,
+Selection FirstRecords(EventManager::HistoryReading& reading, const Names& names, std::size_t limit,
                        const EventManager::PostingId& after) {
     const Velmora::PListArray& history = reading.Records;
     Selection selection;
@@ -53,7 +64,7 @@ Selection FirstRecords(EventManager::HistoryReading& reading, const std::string*
     limit = std::min(limit, MostRecords);
     for (std::size_t i = reading.Begin; i < history.Size(); ++i) {
         const Velmora::PListItem* item = history.GetItem(i);
-        if (!Wanted(item, name)) continue;
+        if (!Wanted(item, names)) continue;
         if (selection.Records.Size() == limit) {
             reading.Last = last;
             break;
@@ -100,9 +111,11 @@ HttpResponse GetHistory(RestCall& call) {
     std::optional<EventManager::PostingId> after;
     if (auto refused = ReadAfter(call.Query, after)) return std::move(*refused);
     EventManager::HistoryReading reading = EventManager::ReadEventHistory(after ? &*after : nullptr);
-    const std::string* name = call.Parameter(Keys::event_name);
-    const Selection selection = after ? FirstRecords(reading, name, limit, *after)
-                                      : LastRecords(std::as_const(reading.Records), name, limit);
+    Names names;
+    for (const auto& [key, value] : call.Query)
+        if (key == Keys::event_name) names.push_back(value);
+    const Selection selection = after ? FirstRecords(reading, names, limit, *after)
+                                      : LastRecords(std::as_const(reading.Records), names, limit);
     Velmora::PListDict answer;
     answer.SetItem(Keys::history, selection.Records);
     if (!reading.Last.Epoch.empty()) answer.SetValue("last_id", reading.Last.Text());

@@ -22,7 +22,7 @@ struct Row {
     std::string_view Pattern;  // rows of one path stand together
     Waits Wait;
     Body Takes;
-    std::string_view Query;  // the parameters that are understood, parted by blanks
+    std::string_view Query;  // the parameters that are understood, parted by blanks; "*": more than once
     HttpResponse (*Function)(RestCall&);
 };
 
@@ -56,10 +56,12 @@ constexpr Row Table[] = {
     {Velmora::METH_GET, "/api/v1/watches", Waits::ForQueue, Body::None, "path", GetWatches},
     {Velmora::METH_POST, "/api/v1/watches", Waits::ForQueue, Body::JSON, "", PostWatches},
     {Velmora::METH_DELETE, "/api/v1/watches", Waits::ForQueue, Body::None, "path", DeleteWatches},
-    {Velmora::METH_GET, "/api/v1/history", Waits::ForQueue, Body::None, "after event_name limit", GetHistory},
+    {Velmora::METH_GET, "/api/v1/history", Waits::ForQueue, Body::None, "after event_name* limit",
+     GetHistory},
     {Velmora::METH_GET, "/api/v1/deliveries", Waits::Never, Body::None, "outcome limit", GetDeliveries},
-    {Velmora::METH_GET, "/api/v1/feed", Waits::Never, Body::None, "", GetFeed},
     {Velmora::METH_POST, "/api/v1/handlers/reload", Waits::ForQueue, Body::None, "", PostHandlersReload},
+    {Velmora::METH_GET, "/api/v1/feed", Waits::Never, Body::None, "after event_name*", GetFeed},
+    {Velmora::METH_GET, "/api/v1/feed/sse", Waits::Never, Body::None, "after event_name*", GetFeed},
     {Velmora::METH_GET, "/healthz", Waits::Never, Body::None, "", GetHealth},
     {Velmora::METH_GET, "/readyz", Waits::Never, Body::None, "", GetReadiness},
     {Velmora::METH_GET, "/metrics", Waits::Never, Body::None, "", GetMetrics},
@@ -154,10 +156,12 @@ std::optional<HttpResponse> ReadQuery(const Row& row, std::string_view query, Qu
         const std::size_t equals = std::min(pair.find('='), pair.size());
         const std::optional<std::string> name = DecodeQueryText(pair.substr(0, equals));
         if (!name) return Problem(Velmora::STATUS_400_BAD_REQ, "The query holds a malformed percent escape.");
-        if (std::find(known.begin(), known.end(), *name) == known.end()) {
+        const bool repeated = std::find(known.begin(), known.end(), *name + '*') != known.end();
+        if (!repeated && std::find(known.begin(), known.end(), *name) == known.end()) {
             return BadParameter(*name, "is not known here");
         }
-        if (FindParameter(parameters, *name) != nullptr) return BadParameter(*name, "is given twice");
+        if (!repeated && FindParameter(parameters, *name) != nullptr)
+            return BadParameter(*name, "is given twice");
         std::optional<std::string> value = DecodeQueryText(pair.substr(std::min(equals + 1, pair.size())));
         if (!value) return BadParameter(*name, "holds a malformed percent escape");
         parameters.emplace_back(*name, std::move(*value));
@@ -259,8 +263,11 @@ HttpResponse Router::Handle(const HttpRequest& request, HttpRoute& route) {
 std::vector<RouteInfo> Router::Routes() {
     std::vector<RouteInfo> routes;
     for (const Row& route : Table) {
-        routes.push_back({Velmora::MethodToString(route.Method), std::string(route.Pattern),
-                          Words(route.Query), route.Takes != Body::None});
+        std::vector<std::string> query = Words(route.Query);
+        for (std::string& parameter : query)
+            if (parameter.ends_with('*')) parameter.pop_back();
+        routes.push_back({Velmora::MethodToString(route.Method), std::string(route.Pattern), std::move(query),
+                          route.Takes != Body::None});
     }
     return routes;
 }

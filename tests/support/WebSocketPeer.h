@@ -103,6 +103,20 @@ class Peer {
         return Velmora::TCPSession::WebSocket(std::move(stream), name, received);
     }
 
+    /// The same for a client that is told the postings' ids.
+    Velmora::TCPSession Subscriber(Velmora::FeedWish wish) {
+        Velmora::SocketStream stream(m_Server);
+        if (m_ServerTLS) stream.Secure(m_ServerTLS);
+        return Velmora::TCPSession::Subscriber(std::move(stream), "peer", {}, std::move(wish));
+    }
+    /// What comes, up to and with `end` or the end of the connection.
+    std::string ReadUntil(const std::string& end) {
+        std::string text;
+        char byte;
+        while (!text.ends_with(end) && ReadAll(&byte, 1)) text += byte;
+        return text;
+    }
+
     /// Has the server's TLS take what was written, before the session is made: the socket tells of it no
     /// more.
     void LetServerReadAhead() {

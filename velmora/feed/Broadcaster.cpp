@@ -25,16 +25,21 @@ Registry& TheRegistry() {
 
 ClientLimits LimitsOf(const BroadcastOptions& options) {
     return {Milliseconds(std::max(options.Timeout_ms, 1u)),
-            Milliseconds(std::max(options.PingInterval_ms, 1u))};
+            Milliseconds(std::max(options.PingInterval_ms, 1u)),
+            Milliseconds(std::max(options.HeartbeatInterval_ms, 1u))};
 }
 
 }  // namespace
 
-Broadcaster::Broadcaster(const BroadcastOptions& options)
-    : m_Limits(LimitsOf(options)), m_Log(options.LogLimit) {}
+Broadcaster::Broadcaster(const BroadcastOptions& options, const PostingSource* source,
+                         std::optional<FeedWish::Form> form)
+    : m_Limits(LimitsOf(options)), m_Log(options.LogLimit, form) {
+    if (form) m_Replays.emplace(*source, *form);
+}
 
-std::shared_ptr<Broadcaster> Broadcaster::Make(const BroadcastOptions& options) {
-    auto broadcaster = std::make_shared<Broadcaster>(options);
+std::shared_ptr<Broadcaster> Broadcaster::Make(const BroadcastOptions& options, const PostingSource* source,
+                                               std::optional<FeedWish::Form> form) {
+    auto broadcaster = std::make_shared<Broadcaster>(options, source, form);
     Registry& all = TheRegistry();
     Mirel::AutoMutex lock(all.Lock);
     std::erase_if(all.Known, [](const auto& known) { return known.expired(); });
@@ -62,13 +67,26 @@ void Broadcaster::Adopt(Connection& connection) {
 std::unique_ptr<FeedClient> Broadcaster::MakeClient(Connection& from) {
     if (from.Reader)
         return std::make_unique<ReaderClient>(m_Log, std::move(from.Reader), std::move(from.Name));
-    return std::make_unique<SocketClient>(m_Log, std::move(from.Socket), std::move(from.Name),
-                                          std::move(from.Received), m_Limits);
+    auto client = std::make_unique<SocketClient>(m_Log, std::move(from.Socket), std::move(from.Name),
+                                                 std::move(from.Received), m_Limits);
+    // What comes between its place in the log, which it has now, and the one in the history, it gets from
+    // there.
+    if (from.Wish) client->Subscribe(*from.Wish, *m_Replays);
+    return client;
 }
 
 void Broadcaster::Send(std::string_view json) {
+    Append(json);
+}
+
+void Broadcaster::Send(const PostedText& posted) {
+    Append(posted);
+}
+
+template <class Frame>
+void Broadcaster::Append(const Frame& frame) {
     try {
-        if (m_Log.Append(json)) PresentLoop()->Wake();
+        if (m_Log.Append(frame)) PresentLoop()->Wake();
         Count(Counters.Postings);
     } catch (const std::bad_alloc&) {
         LoseClients();

@@ -49,6 +49,7 @@ bool SocketClient::Begin(Time now) {
         return false;
     }
     Mirel::DefaultLogSink().Debug("WebSocket client %s joined.\n", Name());
+    if (m_Wish) Greet();
     Digest(std::exchange(m_Received, {}), now);
     return true;
 }
@@ -83,31 +84,36 @@ bool SocketClient::FlushControl(Time now) {
 
 // Sends frames of the log, at most the rest of one segment; false where nothing more can be sent.
 bool SocketClient::SendFrames(const LogEnd& end, Time now) {
+    if (m_Wish && !FindNext(end, now)) return false;
+    LogCursor& cursor = Current();
     const std::size_t size = Sendable(end);
     if (size > 0) {
         std::size_t done = 0;
-        const StreamState state = m_Stream.Write(m_Cursor.Data(), size, done);
+        const StreamState state = m_Stream.Write(cursor.Data(), size, done);
         if (state == StreamState::Failed || state == StreamState::Closed) return Drop("write"), false;
         m_FramesCommitted = m_Stream.WriteCommitted() > 0;
-        Count(Counters.FramesDelivered, m_Cursor.Move(done, end));
+        Count(Counters.FramesDelivered, cursor.Move(done, CurrentEnd(end)));
         Count(Counters.BytesDelivered, done);
         Wrote(done, size, now);
     }
-    if (m_Phase != Phase::Closing && !m_Blocked && !GoOn(end)) FallBehind(now);
+    if (m_Wish) SkipUnwanted(end);
+    if (m_Phase != Phase::Closing && !m_Blocked && !Replaying() && !GoOn(end)) FallBehind(now);
     return !m_Blocked;
 }
 
 // How much of the log is to be offered to the socket: what TLS has committed itself to in any case.
 std::size_t SocketClient::Sendable(const LogEnd& end) const {
-    std::size_t size = m_Cursor.Limit(end) - m_Cursor.Offset;
-    if (m_Phase == Phase::Closing) size = m_Cursor.InsideFrame() ? m_Cursor.FrameEnd() - m_Cursor.Offset : 0;
+    const LogCursor& cursor = Current();
+    std::size_t size = m_Wish ? WantedRun(end) : cursor.Limit(end) - cursor.Offset;
+    if (m_Phase == Phase::Closing) size = cursor.InsideFrame() ? cursor.FrameEnd() - cursor.Offset : 0;
     return std::max(size, m_FramesCommitted ? m_Stream.WriteCommitted() : 0);
 }
 
 // Once all is sent: has the client see the end of the connection, and waits for its own where that is
 // missing.
 void SocketClient::FinishClosing() {
-    if (m_Cursor.InsideFrame() || m_FramesCommitted) return;
+    if (Current().InsideFrame() || m_FramesCommitted) return;
+    if (m_Wish) m_Wish->EndReplay();
     GiveUpPlace();
     if (!m_Control.empty()) return;
     m_Stream.EndWriting();
@@ -126,7 +132,8 @@ FeedClient::Turn SocketClient::Outcome(const LogEnd& end) const {
     if (m_Phase == Phase::Gone) return Turn::Gone;
     if (m_Blocked) return Turn::Blocked;
     if (m_Phase == Phase::Lingering) return Turn::CaughtUp;
-    const bool frames = HasPlace() && (m_Cursor.Segment->Number < end.Segment || Sendable(end) > 0);
+    const bool frames =
+        HasPlace() && (Replaying() || m_Cursor.Segment->Number < end.Segment || Sendable(end) > 0);
     return frames || !m_Control.empty() ? Turn::More : Turn::CaughtUp;
 }
 
@@ -137,7 +144,10 @@ bool SocketClient::WantsTurn() const {
 
 void SocketClient::CheckPlace(const LogEnd& end, Time now) {
     const bool takes_frames = m_Phase == Phase::Open || m_Phase == Phase::Draining;
-    if (takes_frames && FrameLog::FellOff(m_Cursor, end)) FallBehind(now);
+    if (!takes_frames || !FrameLog::FellOff(m_Cursor, end)) return;
+    if (m_Phase == Phase::Draining || !Replaying()) return FallBehind(now);
+    m_Log.Detach(m_Cursor);  // what the log has lost comes out of the history
+    m_Cursor = m_Log.Attach();
 }
 
 void SocketClient::Leave(const LogEnd& until, Time deadline) {
@@ -164,6 +174,7 @@ void SocketClient::Receive(std::span<char> room, Time now) {
 }
 
 void SocketClient::Digest(std::string_view input, Time now) {
+    if (TakesEvents()) return;  // whatever it says
     while (!m_PeerClosed && m_Phase != Phase::Gone) {
         switch (m_Parser.Next(input)) {
             case FrameParser::Found::Nothing:
@@ -212,7 +223,7 @@ void SocketClient::FallBehind(Time now) {
 }
 
 void SocketClient::StartClosing(std::uint16_t code, const char* reason, Time deadline) {
-    AppendCloseFrame(m_Control, code, reason);
+    TakesEvents() ? AppendFarewell(m_Control, code, reason) : AppendCloseFrame(m_Control, code, reason);
     m_Deadline = m_Phase == Phase::Draining ? std::min(m_Deadline, deadline) : deadline;
     m_Phase = Phase::Closing;
 }
@@ -244,6 +255,7 @@ void SocketClient::CheckProgress(Time now) {
 
 void SocketClient::CheckAlive(Time now) {
     if (m_Phase != Phase::Open) return;
+    if (TakesEvents()) return Heartbeat(now);
     if (m_Pinged) {
         if (now - m_PingTime >= m_Limits.PingInterval) EndSlow("does not answer a ping");
     } else if (now - m_Heard >= m_Limits.PingInterval) {

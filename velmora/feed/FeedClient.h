@@ -12,8 +12,10 @@
 
 #include "VL_Socket.h"
 #include "VL_WebSocket.h"
+#include "feed/FeedFilter.h"
 #include "feed/Frame.h"
 #include "feed/FrameLog.h"
+#include "feed/Replays.h"
 
 namespace Velmora::Feed {
 
@@ -21,8 +23,9 @@ using Time = std::chrono::steady_clock::time_point;
 using Milliseconds = std::chrono::milliseconds;
 
 struct ClientLimits {
-    Milliseconds Timeout;       // how long a write may make no progress, and a close may take
-    Milliseconds PingInterval;  // how long nothing may be heard before a ping, and then before the end
+    Milliseconds Timeout;           // how long a write may make no progress, and a close may take
+    Milliseconds PingInterval;      // how long nothing may be heard before a ping, and then before the end
+    Milliseconds Heartbeat{15000};  // how long nothing may be sent before a comment, to who sends nothing
 };
 
 /// One client of the log. Made on any thread, which makes every later posting its own; all else happens on
@@ -59,6 +62,10 @@ class FeedClient {
     virtual bool WantsTurn() const { return false; }
     /// True where a deadline is running that is counted in ClientLimits::Timeout.
     virtual bool Hurried() const { return false; }
+    /// What it wants, where that is less than everything.
+    virtual const FeedFilter* Filter() const { return nullptr; }
+    /// How often time is to be looked at while nothing hurries.
+    virtual Milliseconds Calm(const ClientLimits& limits) const { return limits.PingInterval / 4; }
     /// What the socket is to be watched for; its descriptor, -1 where there is none.
     virtual std::uint32_t Interest() const { return 0; }
     virtual int Descriptor() const { return -1; }
@@ -85,11 +92,38 @@ class FeedClient {
     const std::string m_Name;
 };
 
-/// A WebSocket connection.
+/// How far a subscriber has come in what it has missed, and what it wants at all.
+struct Subscription {
+    Subscription(const FeedWish& wish, Replays& replays);
+    ~Subscription();
+    Subscription(const Subscription&) = delete;
+    Subscription& operator=(const Subscription&) = delete;
+
+    const FeedWish::Form Form;
+    const FeedFilter Filter;
+    PostingSource::Place Place;  // After: the number that it has come to
+    bool Replaying = true;       // it is not level with the log yet
+    LogCursor Replay;            // in what it has missed; has no segment between two
+    bool Live = false;           // what the log has for it is all behind Place.After
+
+    /// Before anything is asked of `Source`, on the broadcaster's thread.
+    void BeginReplay();
+    void EndReplay();
+
+    Replays& Source;
+
+  private:
+    bool m_Entered = false;
+};
+
+/// A connection: a WebSocket, or one that takes server-sent events.
 class SocketClient final : public FeedClient {
   public:
     SocketClient(FrameLog& log, SocketStream stream, std::string peer, std::string received,
                  const ClientLimits& limits);
+
+    /// Makes a subscriber of it, before Begin(). Its place in the log is there before the one in the history.
+    void Subscribe(const FeedWish& wish, Replays& replays);
 
     bool Begin(Time now) override;
     Turn TakeTurn(const LogEnd& end, Time now) override;
@@ -101,6 +135,8 @@ class SocketClient final : public FeedClient {
     bool Hurried() const override { return m_Blocked || m_Phase != Phase::Open; }
     std::uint32_t Interest() const override { return m_Stream.Interest(m_Blocked); }
     int Descriptor() const override { return m_Stream.Descriptor(); }
+    const FeedFilter* Filter() const override { return m_Wish ? &m_Wish->Filter : nullptr; }
+    Milliseconds Calm(const ClientLimits& limits) const override;
 
   private:
     enum class Phase {
@@ -117,7 +153,23 @@ class SocketClient final : public FeedClient {
     void FinishClosing();
     void Wrote(std::size_t done, std::size_t size, Time now);
     Turn Outcome(const LogEnd& end) const;
-    bool ControlDue() const { return !m_Control.empty() && !m_Cursor.InsideFrame() && !m_FramesCommitted; }
+    bool ControlDue() const { return !m_Control.empty() && !Current().InsideFrame() && !m_FramesCommitted; }
+
+    // A subscriber's (Subscription.cpp).
+    bool TakesEvents() const { return m_Wish && m_Wish->Form == FeedWish::Form::EventStream; }
+    bool Replaying() const { return m_Wish && m_Wish->Replaying; }
+    bool InReplay() const { return m_Wish && m_Wish->Replay.Segment; }
+    const LogCursor& Current() const { return InReplay() ? m_Wish->Replay : m_Cursor; }
+    LogCursor& Current() { return InReplay() ? m_Wish->Replay : m_Cursor; }
+    LogEnd CurrentEnd(const LogEnd& end) const;
+    void Greet();
+    bool FindNext(const LogEnd& end, Time now);
+    bool NextReplay(Time now);
+    void SkipUnwanted(const LogEnd& end);
+    bool WantsAll() const { return m_Wish->Filter.All() && (m_Wish->Live || InReplay()); }
+    bool Wanted(const FrameNote& note) const;
+    std::size_t WantedRun(const LogEnd& end) const;
+    void Heartbeat(Time now);
 
     void Digest(std::string_view input, Time now);
     void AnswerPing(std::string_view payload);
@@ -150,6 +202,7 @@ class SocketClient final : public FeedClient {
     Time m_Heard;               // when the client last sent something
     bool m_Pinged = false;      // and not heard since
     Time m_PingTime;
+    std::unique_ptr<Subscription> m_Wish;  // a subscriber's
 };
 
 /// A reader inside the process.

@@ -63,6 +63,10 @@ Milliseconds TickOf(Milliseconds limit, Milliseconds longest) {
     return std::clamp(limit / TicksInLimit, Milliseconds(1), longest);
 }
 
+Milliseconds CalmTick(const FeedClient& client, const ClientLimits& limits) {
+    return std::max(client.Calm(limits), Milliseconds(1));
+}
+
 }  // namespace
 
 FeedLoop::FeedLoop(FrameLog& log, const ClientLimits& limits)
@@ -231,8 +235,9 @@ void FeedLoop::Welcome(std::unique_ptr<FeedClient> client) {
         }
         client->Receive(m_Room, m_Now);  // what TLS may have read already
     }
+    Introduce(*client);
+    m_TickAt = std::min(m_TickAt, m_Now + CalmTick(*client, m_Limits));
     m_Clients.push_back(std::move(client));
-    m_TickAt = std::min(m_TickAt, m_Now + TickOf(m_Limits.PingInterval, m_Limits.PingInterval));
     GiveTurn(*m_Clients.back());
 }
 
@@ -245,14 +250,53 @@ void FeedLoop::LookAtLog() {
         return;
     }
     m_Naps = m_Naps || m_Now - asleep < SoonWoken;
-    for (auto& client : m_Clients) {
-        if (m_End.First != before.First) {
-            client->CheckPlace(m_End, m_Now);
-            HurryTick();
-        }
-        if (client->Standing != Turn::CaughtUp) continue;
-        client->Standing = Turn::More;
-        m_Ready.push_back(client.get());
+    if (m_End.First != before.First) {
+        for (auto& client : m_Clients) client->CheckPlace(m_End, m_Now);
+        HurryTick();
+    }
+    for (FeedClient* client : m_Eager) MakeReady(*client);
+    if (!m_ByName.empty()) WakeNamed(before);
+}
+
+void FeedLoop::MakeReady(FeedClient& client) {
+    if (client.Standing != Turn::CaughtUp) return;
+    client.Standing = Turn::More;
+    m_Ready.push_back(&client);
+}
+
+// Those who want events of certain names only: who wants one of those that have come, and all once a segment
+// is over, for which they must not be waited.
+void FeedLoop::WakeNamed(const LogEnd& before) {
+    if (m_End.Segment != before.Segment) {
+        for (const auto& [hash, client] : m_ByName) MakeReady(*client);
+        return;
+    }
+    const std::shared_ptr<LogSegment> last = m_Log.Last();
+    if (last->Number != m_End.Segment) return;  // the next look finds another segment
+    for (std::uint64_t frame = before.Frames; frame < m_End.Frames; ++frame) {
+        const auto [begin, end] = m_ByName.equal_range(last->Notes[frame].Hash);
+        for (auto found = begin; found != end; ++found) MakeReady(*found->second);
+    }
+}
+
+// Where it is looked for when frames have come. May fail, and then it is as before.
+void FeedLoop::Introduce(FeedClient& client) {
+    const auto hashes = client.Filter() ? client.Filter()->OnlyNames() : std::vector<std::uint64_t>();
+    if (hashes.empty()) return m_Eager.push_back(&client);
+    try {
+        for (const std::uint64_t hash : hashes) m_ByName.emplace(hash, &client);
+    } catch (...) {
+        Forget(client);
+        throw;
+    }
+}
+
+// Of those who want certain names only.
+void FeedLoop::Forget(FeedClient& client) {
+    if (client.Filter() == nullptr) return;
+    for (const std::uint64_t hash : client.Filter()->OnlyNames()) {
+        for (auto [found, end] = m_ByName.equal_range(hash); found != end;)
+            found = found->second == &client ? m_ByName.erase(found) : std::next(found);
     }
 }
 
@@ -302,6 +346,7 @@ void FeedLoop::UpdatePoll(FeedClient& client) {
 
 void FeedLoop::TickClients() {
     bool hurried = false;
+    Milliseconds calm = TickOf(m_Limits.PingInterval, m_Limits.PingInterval);
     Time behind;
     for (auto& client : m_Clients) {
         client->Tick(m_Now);
@@ -309,10 +354,11 @@ void FeedLoop::TickClients() {
             behind = client->BehindSince;
         if (client->WantsTurn() && client->Standing != Turn::More) GiveTurn(*client);
         hurried = hurried || client->Hurried();
+        calm = std::min(calm, CalmTick(*client, m_Limits));
     }
     m_BehindSince.store(behind, std::memory_order_relaxed);
-    m_TickAt = m_Now + (hurried ? TickOf(m_Limits.Timeout, LongestHurriedTick)
-                                : TickOf(m_Limits.PingInterval, m_Limits.PingInterval));
+    if (hurried) calm = std::min(calm, TickOf(m_Limits.Timeout, LongestHurriedTick));
+    m_TickAt = m_Now + calm;
 }
 
 // All that is new has been offered to everybody who was ready for it.
@@ -333,6 +379,12 @@ void FeedLoop::HurryTick() {
 
 void FeedLoop::BuryGone() {
     m_AnyGone = false;
+    // Many leave at once: each is found among the others once for all.
+    std::erase_if(m_Eager, [](const FeedClient* client) { return client->Standing == Turn::Gone; });
+    if (!m_ByName.empty()) {
+        for (const auto& client : m_Clients)
+            if (client->Standing == Turn::Gone) Forget(*client);
+    }
     std::erase_if(m_Clients, [](const auto& client) { return client->Standing == Turn::Gone; });
 }
 

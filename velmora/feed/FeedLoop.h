@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "MR_mutex.h"
@@ -49,6 +50,10 @@ class FeedLoop final : private Mirel::Thread {
     bool TakeOrders();
     void Welcome(std::unique_ptr<FeedClient> client);
     void LookAtLog();
+    void MakeReady(FeedClient& client);
+    void WakeNamed(const LogEnd& before);
+    void Introduce(FeedClient& client);
+    void Forget(FeedClient& client);
     void GiveTurns();
     void GiveTurn(FeedClient& client);
     void UpdatePoll(FeedClient& client);
@@ -78,6 +83,9 @@ class FeedLoop final : private Mirel::Thread {
 
     // The thread's own.
     std::vector<std::unique_ptr<FeedClient>> m_Clients;
+    std::vector<FeedClient*> m_Eager;  // those that may want whatever comes
+    std::unordered_multimap<std::uint64_t, FeedClient*>
+        m_ByName;                      // the others, by the hashes of what they want
     std::vector<FeedClient*> m_Ready;  // those whose standing is More
     std::vector<FeedClient*> m_Turn;   // of the present round
     LogEnd m_End;                      // of the log, when last looked at

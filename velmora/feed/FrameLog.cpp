@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "feed/CounterSet.h"
+#include "feed/FeedFilter.h"
 #include "feed/Frame.h"
 
 namespace Velmora::Feed {
@@ -21,6 +22,9 @@ constexpr std::size_t UsualSegmentSize = 64u << 10;
 constexpr std::size_t SmallestSegmentSize = 256;
 // What is kept to be used anew: memory that the system has to find first costs a posting ten times as much.
 constexpr std::size_t MaxSpare = 64;
+// Room for notes and for names: for the smallest frames, and as a part of the frames' own.
+constexpr std::size_t NotePart = 64;
+constexpr std::size_t NamePart = 4;
 
 char* TakeMemory(std::size_t size) {
     // Populated: a page fault for every few frames would cost several times as much.
@@ -40,13 +44,36 @@ void PutFrame(LogSegment& segment, std::string_view text) {
 
 }  // namespace
 
-LogSegment::LogSegment(std::size_t capacity) : Capacity(capacity), Bytes(TakeMemory(capacity)) {}
+LogSegment::LogSegment(std::size_t capacity, std::size_t notes, std::size_t names)
+    : Capacity(capacity),
+      Bytes(TakeMemory(capacity)),
+      NoteRoom(notes),
+      NameRoom(names),
+      Notes(notes > 0 ? std::make_unique<FrameNote[]>(notes) : nullptr),
+      Names(notes > 0 ? std::make_unique<char[]>(names) : nullptr) {}
+
+bool LogSegment::Put(std::string_view frame, std::uint64_t number, std::string_view name,
+                     std::uint64_t hash) {
+    const FrameNote* before = Frames > 0 ? &Notes[Frames - 1] : nullptr;
+    const bool known = before != nullptr && before->Hash == hash && NameOf(*before) == name;
+    if (Frames == NoteRoom || Capacity - Size < frame.size()) return false;
+    if (!known && NameRoom - NamesSize < name.size()) return false;
+    std::memcpy(Bytes + Size, frame.data(), frame.size());
+    Size += frame.size();
+    FrameNote& note = Notes[Frames++];
+    note = {number, Size, hash, known ? before->NameAt : NamesSize, name.size()};
+    if (known) return true;
+    std::copy(name.begin(), name.end(), Names.get() + NamesSize);
+    NamesSize += name.size();
+    return true;
+}
 
 LogSegment::~LogSegment() {
     munmap(Bytes, Capacity);
 }
 
 std::size_t LogCursor::FrameEnd() const {
+    if (Segment->Notes) return Segment->Notes[Frames].End;
     return Boundary + ServerFrameSize(Segment->Bytes + Boundary);
 }
 
@@ -55,7 +82,13 @@ std::size_t LogCursor::Limit(const LogEnd& end) const {
 }
 
 std::uint64_t LogCursor::FrameLimit(const LogEnd& end) const {
+    if (Segment->Number > end.Segment) return 0;  // it has come to the log after that
     return Segment->Number < end.Segment ? Segment->Frames : end.Frames;
+}
+
+void LogCursor::SkipTo(std::uint64_t frame) {
+    Frames = frame;
+    Offset = Boundary = frame == 0 ? 0 : Segment->Notes[frame - 1].End;
 }
 
 std::uint64_t LogCursor::Move(std::size_t count, const LogEnd& end) {
@@ -74,8 +107,10 @@ std::uint64_t LogCursor::Move(std::size_t count, const LogEnd& end) {
     return Frames - before;
 }
 
-FrameLog::FrameLog(std::size_t limit)
-    : m_Limit(limit), m_SegmentSize(std::clamp(limit / 8, SmallestSegmentSize, UsualSegmentSize)) {
+FrameLog::FrameLog(std::size_t limit, std::optional<FeedWish::Form> form)
+    : m_Limit(limit),
+      m_SegmentSize(std::clamp(limit / 8, SmallestSegmentSize, UsualSegmentSize)),
+      m_Form(form) {
     Mirel::AutoMutex lock(m_Lock);
     Push(NewSegment(m_SegmentSize));
 }
@@ -100,12 +135,50 @@ bool FrameLog::Append(std::string_view text) {
         if (m_Segments.back()->Capacity - m_Segments.back()->Size < size) Push(NewSegment(m_SegmentSize));
         PutFrame(*m_Segments.back(), text);
     }
+    return FinishAppend(dropped);
+}
+
+// The frame is put together before the lock is taken; its memory is kept from one to the next.
+bool FrameLog::Append(const PostedText& posted) {
+    static thread_local std::string frame;
+    frame.clear();
+    AppendFrame(frame, *m_Form, posted);
+    const std::uint64_t hash = NameHash(posted.Name);
+    SegmentPtr own;
+    if (frame.size() > m_SegmentSize || posted.Name.size() > m_SegmentSize / NamePart) {
+        own = std::make_shared<LogSegment>(frame.size(), 1, posted.Name.size());
+        own->Put(frame, posted.Number, posted.Name, hash);
+    }
+    std::vector<SegmentPtr> dropped;  // freed after the lock
+    Mirel::AutoMutex lock(m_Lock);
+    if (!HasReaders()) return false;
+    if (own) {
+        Push(std::move(own));
+    } else if (!m_Segments.back()->Put(frame, posted.Number, posted.Name, hash)) {
+        Push(NewSegment(m_SegmentSize));
+        m_Segments.back()->Put(frame, posted.Number, posted.Name, hash);
+    }
+    if (frame.capacity() > m_SegmentSize) std::string().swap(frame);
+    return FinishAppend(dropped);
+}
+
+// True when the thread that waits for frames has to be woken.
+bool FrameLog::FinishAppend(std::vector<SegmentPtr>& dropped) {
     while (m_Bytes > m_Limit && m_Segments.size() > 1) dropped.push_back(PopFront());
     // The clock is read once for a batch: each posting would pay for it otherwise.
     if (m_First == decltype(m_First)()) m_First = std::chrono::steady_clock::now();
     const bool wake = m_Waited;
     m_Waited = false;
     return wake;
+}
+
+std::shared_ptr<LogSegment> FrameLog::LooseSegment(std::size_t bytes, std::size_t frames, std::size_t names) {
+    return std::make_shared<LogSegment>(bytes, frames, names);
+}
+
+std::shared_ptr<LogSegment> FrameLog::Last() {
+    Mirel::AutoMutex lock(m_Lock);
+    return m_Segments.back();
 }
 
 LogCursor FrameLog::Attach() {
@@ -178,11 +251,15 @@ FrameLog::SegmentPtr FrameLog::PopFront() {
 }
 
 FrameLog::SegmentPtr FrameLog::NewSegment(std::size_t capacity) {
-    if (m_Spare.empty()) return std::make_shared<LogSegment>(capacity);
+    if (m_Spare.empty()) {
+        if (!m_Form) return std::make_shared<LogSegment>(capacity);
+        return std::make_shared<LogSegment>(capacity, capacity / NotePart, capacity / NamePart);
+    }
     SegmentPtr segment = std::move(m_Spare.back());
     m_Spare.pop_back();
     segment->Size = 0;
     segment->Frames = 0;
+    segment->NamesSize = 0;
     return segment;
 }
 

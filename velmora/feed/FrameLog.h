@@ -7,18 +7,31 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <vector>
 
 #include "MR_mutex.h"
+#include "feed/NumberedFrame.h"
 
 namespace Velmora::Feed {
+
+/// What is known of a frame that tells its id. Written once, before its frame is published.
+struct FrameNote {
+    std::uint64_t Number = 0;  // the posting's
+    std::size_t End = 0;       // where in the segment the frame ends
+    std::uint64_t Hash = 0;    // the name's
+    std::size_t NameAt = 0;    // where in the segment's names its event's stands
+    std::size_t NameSize = 0;
+};
 
 /// A piece of the log: whole frames, one after the other. Bytes that have once been written never change
 /// while anyone reads the segment.
 struct LogSegment {
     /// Takes its memory from the system at once. std::bad_alloc where there is none.
-    explicit LogSegment(std::size_t capacity);
+    /// `notes` and `names` are how many notes there is room for, and bytes for names; 0 where the frames tell
+    /// no ids.
+    explicit LogSegment(std::size_t capacity, std::size_t notes = 0, std::size_t names = 0);
     ~LogSegment();
     LogSegment(const LogSegment&) = delete;
     LogSegment& operator=(const LogSegment&) = delete;
@@ -32,6 +45,18 @@ struct LogSegment {
     std::uint64_t Frames = 0;
     // Cursors in the segment; under the log's lock.
     std::size_t Readers = 0;
+
+    /// Appends a frame with its note. False, and nothing done, where there is no room.
+    bool Put(std::string_view frame, std::uint64_t number, std::string_view name, std::uint64_t hash);
+    std::string_view NameOf(const FrameNote& note) const {
+        return {Names.get() + note.NameAt, note.NameSize};
+    }
+
+    const std::size_t NoteRoom;
+    const std::size_t NameRoom;
+    const std::unique_ptr<FrameNote[]> Notes;  // null where the frames tell no ids
+    const std::unique_ptr<char[]> Names;
+    std::size_t NamesSize = 0;  // changed with Size
 };
 
 /// How far the log went at one time.
@@ -57,6 +82,8 @@ struct LogCursor {
     /// What of the cursor's segment may be read by `end`.
     std::size_t Limit(const LogEnd& end) const;
     std::uint64_t FrameLimit(const LogEnd& end) const;
+    /// Goes on to the frame with that index in the segment, or behind the last one.
+    void SkipTo(std::uint64_t frame);
     /// Goes `count` bytes on within the limit and answers how many frames that completed.
     std::uint64_t Move(std::size_t count, const LogEnd& end);
 };
@@ -68,7 +95,8 @@ struct LogCursor {
 class FrameLog {
   public:
     /// `limit` is in bytes, the room of all segments together. A single frame longer than it is kept alone.
-    explicit FrameLog(std::size_t limit);
+    /// `form`: that of frames that tell ids; nothing where they do not.
+    explicit FrameLog(std::size_t limit, std::optional<FeedWish::Form> form = std::nullopt);
     ~FrameLog();
     FrameLog(const FrameLog&) = delete;
     FrameLog& operator=(const FrameLog&) = delete;
@@ -78,6 +106,14 @@ class FrameLog {
     /// Appends `text` as one text frame (nothing where there is no cursor). True when the thread that waits
     /// for frames has to be woken: at most once for each PrepareToWait().
     bool Append(std::string_view text);
+    /// The same for a log whose frames tell ids.
+    bool Append(const PostedText& posted);
+    std::optional<FeedWish::Form> Form() const { return m_Form; }
+
+    /// A segment outside of the log with these frames' bytes to come.
+    static std::shared_ptr<LogSegment> LooseSegment(std::size_t bytes, std::size_t frames, std::size_t names);
+    /// The last segment.
+    std::shared_ptr<LogSegment> Last();
 
     /// A cursor behind the last frame.
     LogCursor Attach();
@@ -99,6 +135,7 @@ class FrameLog {
     using SegmentPtr = std::shared_ptr<LogSegment>;
 
     LogEnd EndLocked() const REQUIRES(m_Lock);
+    bool FinishAppend(std::vector<SegmentPtr>& dropped) REQUIRES(m_Lock);
     void Push(SegmentPtr segment) REQUIRES(m_Lock);
     SegmentPtr PopFront() REQUIRES(m_Lock);
     SegmentPtr NewSegment(std::size_t capacity) REQUIRES(m_Lock);
@@ -106,6 +143,7 @@ class FrameLog {
 
     const std::size_t m_Limit;
     const std::size_t m_SegmentSize;
+    const std::optional<FeedWish::Form> m_Form;
     std::atomic<std::size_t> m_Readers{0};
 
     mutable Mirel::Mutex m_Lock;

@@ -6,8 +6,10 @@
 #include <utility>
 #include <vector>
 
+#include "MR_log.h"
 #include "feed/Broadcaster.h"
 #include "feed/CounterSet.h"
+#include "feed/NumberedFeeds.h"
 
 namespace Velmora {
 
@@ -15,6 +17,13 @@ namespace {
 
 // Room that a thread keeps from one encoding to the next.
 constexpr std::size_t KeptTextRoom = 64u << 10;
+
+// All are asked before the first is waited for, so that their time-outs run at the same time.
+void CloseClientsOf(const std::vector<std::shared_ptr<Feed::Broadcaster>>& broadcasters) {
+    std::vector<ui64_t> tickets;
+    for (const auto& broadcaster : broadcasters) tickets.push_back(broadcaster->AskClose());
+    for (std::size_t i = 0; i < tickets.size(); ++i) broadcasters[i]->AwaitClose(tickets[i]);
+}
 
 }  // namespace
 
@@ -36,6 +45,13 @@ TCPSession TCPSession::WebSocket(SocketStream stream, const std::string& peer, s
     return session;
 }
 
+TCPSession TCPSession::Subscriber(SocketStream stream, const std::string& peer, std::string_view received,
+                                  FeedWish wish) {
+    TCPSession session = WebSocket(std::move(stream), peer, received);
+    session.m_Connection->Wish = std::move(wish);
+    return session;
+}
+
 TCPSession TCPSession::Reader(std::unique_ptr<BroadcastReader> reader, const std::string& name) {
     TCPSession session;
     if (!reader) return session;
@@ -53,7 +69,8 @@ WebSocketBroadcastManager::WebSocketBroadcastManager(ui32_t timeout_ms)
     : WebSocketBroadcastManager(BroadcastOptions{.Timeout_ms = timeout_ms}) {}
 
 WebSocketBroadcastManager::WebSocketBroadcastManager(const BroadcastOptions& options)
-    : m_Broadcaster(Feed::Broadcaster::Make(options)) {}
+    : m_Broadcaster(Feed::Broadcaster::Make(options)),
+      m_Numbered(std::make_unique<Feed::NumberedFeeds>(options)) {}
 
 WebSocketBroadcastManager::~WebSocketBroadcastManager() {
     CloseAll();
@@ -61,7 +78,16 @@ WebSocketBroadcastManager::~WebSocketBroadcastManager() {
 
 void WebSocketBroadcastManager::AdoptWsClient(TCPSession& session) {
     const std::unique_ptr<Feed::Connection> connection = std::move(session.m_Connection);
-    if (connection) m_Broadcaster->Adopt(*connection);
+    if (!connection) return;
+    if (!connection->Wish) return m_Broadcaster->Adopt(*connection);
+    const std::shared_ptr<Feed::Broadcaster> numbered = m_Numbered->Obtain(connection->Wish->As);
+    if (numbered) return numbered->Adopt(*connection);
+    Mirel::DefaultLogSink().Error("WebSocket client %s can't be served: postings have no ids here.\n",
+                                  connection->Name.c_str());
+}
+
+void WebSocketBroadcastManager::SubscribersFrom(const PostingSource& source) {
+    m_Numbered->From(source);
 }
 
 void WebSocketBroadcastManager::SendToListeners(const PListDict& dict) {
@@ -76,20 +102,33 @@ void WebSocketBroadcastManager::SendToListeners(const PListDict& dict) {
     if (text.capacity() > KeptTextRoom) std::string().swap(text);
 }
 
+void WebSocketBroadcastManager::SendToListeners(const PListDict& dict, const PostingId& id,
+                                                std::string_view name) {
+    if (!m_Numbered->HasClients()) return SendToListeners(dict);
+    static thread_local std::string text;
+    try {
+        static_cast<void>(dict.EncodeJSON(text));
+        if (m_Broadcaster->HasClients()) m_Broadcaster->Send(text);
+        m_Numbered->Send({id.Epoch, id.Number, name, text});
+    } catch (const std::bad_alloc&) {
+        if (m_Broadcaster->HasClients()) m_Broadcaster->LoseClients();
+        m_Numbered->LoseClients();
+    }
+    if (text.capacity() > KeptTextRoom) std::string().swap(text);
+}
+
 void WebSocketBroadcastManager::SendText(std::string_view json) {
     if (m_Broadcaster->HasClients()) m_Broadcaster->Send(json);
 }
 
 void WebSocketBroadcastManager::CloseAll() {
-    m_Broadcaster->AwaitClose(m_Broadcaster->AskClose());
+    std::vector<std::shared_ptr<Feed::Broadcaster>> all = m_Numbered->Present();
+    all.push_back(m_Broadcaster);
+    CloseClientsOf(all);
 }
 
 void CloseAllWebSocketClients() {
-    // All are asked before the first is waited for, so that their time-outs run at the same time.
-    std::vector<std::pair<std::shared_ptr<Feed::Broadcaster>, ui64_t>> closing;
-    for (auto& broadcaster : Feed::Broadcaster::All())
-        closing.emplace_back(broadcaster, broadcaster->AskClose());
-    for (const auto& [broadcaster, ticket] : closing) broadcaster->AwaitClose(ticket);
+    CloseClientsOf(Feed::Broadcaster::All());
 }
 
 BroadcastCounters GetBroadcastCounters() {
