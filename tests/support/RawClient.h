@@ -31,7 +31,7 @@ class RawClient {
         if (tls) StartTls();
     }
     /// A socket that is not connected yet.
-    RawClient() : m_Socket(socket(AF_INET, SOCK_STREAM, 0)) {
+    RawClient() : m_Socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const timeval limit{20, 0};
         setsockopt(m_Socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         const int at_once = 1;  // pieces are sent as pieces
