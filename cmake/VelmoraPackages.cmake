@@ -74,6 +74,7 @@ endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME eventmanager)
 set(CPACK_PACKAGE_VENDOR EventManager)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has a first line of its own
 set(CPACK_PACKAGE_CONTACT "${VELMORA_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ
@@ -87,13 +88,16 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/mirel ${PROJECT_BINARY_DIR}/velmora
                                                 ${PROJECT_BINARY_DIR}/src)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(same "(= ${PROJECT_VERSION})")
 
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libeventmanager1)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "event manager module of the Velmora server framework
- Named events with their listeners, timers and filesystem watches behind one queue,
- with the framework's libraries that it stands on.")
+Named events with their listeners, timers and filesystem watches behind one
+queue, with the framework's libraries that it stands on.")
+
 file(WRITE ${PROJECT_BINARY_DIR}/packaging/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/packaging/triggers)
 
@@ -101,8 +105,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libeventmanager-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libeventmanager1 ${same}")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "event manager module of the Velmora server framework (headers)
- What a program needs that is compiled with the module: headers, the CMake package
- EventManager and its file for pkg-config.")
+What a program needs that is compiled with the module: headers, the CMake
+package EventManager and its file for pkg-config.")
 
 set(CPACK_DEBIAN_SERVER_PACKAGE_NAME velmora-server)
 set(CPACK_DEBIAN_SERVER_PACKAGE_SECTION net)
@@ -112,13 +116,13 @@ set(CPACK_DEBIAN_SERVER_PACKAGE_SUGGESTS "velmora-client ${same}")
 set(CPACK_DEBIAN_SERVER_PACKAGE_CONTROL_EXTRA ${packaging}/debian/conffiles ${packaging}/debian/postinst
                                               ${packaging}/debian/prerm ${packaging}/debian/postrm)
 set(CPACK_DEBIAN_SERVER_DESCRIPTION "event manager as a server: REST, WebSocket feed, web console
- Posts named events, by request, by timer and when watched paths change, to
- listeners: URLs and Python handlers. Keeps a short history and streams every
- posting to the clients of its feed.")
+Posts named events, by request, by timer and when watched paths change, to
+listeners: URLs and Python handlers. Keeps a short history and streams every
+posting to the clients of its feed.")
 
 set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME velmora-client)
 set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_CLIENT_PACKAGE_DEPENDS "libeventmanager1 ${same}")
 set(CPACK_DEBIAN_CLIENT_DESCRIPTION "client of velmora-server for the terminal
- Posts, registers and watches from a terminal or a script.")
+Posts, registers and watches from a terminal or a script.")
 include(CPack)
