@@ -43,7 +43,7 @@ done
 
 # serve PROGRAM-TEXT: runs the Python text, as the server's own user, beside a server that is as the unit starts it.
 serve() {
-    inside setpriv --reuid velmora --regid velmora --clear-groups python3 -c '
+    inside setpriv --reuid velmora --regid velmora --clear-groups env HOME=/var/lib/velmora python3 -c '
 import os, signal, subprocess, sys, urllib.request
 check = ["velmora-server", "--config", "/etc/velmora/velmora-server.json"]
 subprocess.run([*check, "--check"], check=True)
