@@ -161,12 +161,13 @@ bool Calls::FetchSome(LoopThread& thread, natsSubscription* subscription) {
 bool Calls::TakenUp(HeldMessage& message, const jsMsgMetaData& meta) {
     if (meta.NumDelivered > 1) ++m_Repeated;
     AutoMutex lock(m_Lock);
-    const auto open = m_Open.find(meta.Sequence.Stream);
+    const Place place(meta.Sequence.Stream, meta.Timestamp);
+    const auto open = m_Open.find(place);
     if (open != m_Open.end()) {
         open->second = std::shared_ptr<natsMsg>(message.release(), natsMsg_Destroy);
         return true;
     }
-    if (m_Acked.contains(meta.Sequence.Stream)) {
+    if (m_Acked.contains(place)) {
         (void)natsMsg_Ack(message.get(), nullptr);
         return true;
     }
@@ -188,33 +189,33 @@ void Calls::Handle(LoopThread& thread, HeldMessage message) {
         (void)natsMsg_Term(message.get(), nullptr);
         return;
     }
-    const ui64_t sequence = meta->Sequence.Stream;
+    const Place place(meta->Sequence.Stream, meta->Timestamp);
     {
         AutoMutex lock(m_Lock);
-        m_Open[sequence] = std::shared_ptr<natsMsg>(message.release(), natsMsg_Destroy);
+        m_Open[place] = std::shared_ptr<natsMsg>(message.release(), natsMsg_Destroy);
     }
     while (!thread.Stopping() && !m_Caller.KnowsRevision(posting->Revision)) {
     }
     if (thread.Stopping()) {  // another node's, at once
         AutoMutex lock(m_Lock);
-        const auto open = m_Open.find(sequence);
+        const auto open = m_Open.find(place);
         if (open != m_Open.end()) (void)natsMsg_Nak(open->second.get(), nullptr);
-        m_Open.erase(sequence);
+        m_Open.erase(place);
         return;
     }
     ++m_Running;
-    const std::shared_ptr<void> token(nullptr, [this, sequence](void*) { Ended(sequence); });
+    const std::shared_ptr<void> token(nullptr, [this, place](void*) { Ended(place); });
     m_Caller.Call(posting->Payload, token);
 }
 
 // On whatever thread the last call ends.
-void Calls::Ended(ui64_t sequence) {
+void Calls::Ended(const Place& place) {
     --m_Running;
     bool first = false;
     {
         AutoMutex lock(m_Lock);
         first = m_Ended.empty();
-        m_Ended.push_back(sequence);
+        m_Ended.push_back(place);
     }
     if (first) m_Report.Wake();
 }
@@ -223,12 +224,12 @@ void Calls::AckEnded() {
     std::vector<std::shared_ptr<natsMsg>> ended;
     {
         AutoMutex lock(m_Lock);
-        for (const ui64_t sequence : m_Ended) {
-            const auto open = m_Open.find(sequence);
+        for (const Place& place : m_Ended) {
+            const auto open = m_Open.find(place);
             if (open == m_Open.end()) continue;
             ended.push_back(std::move(open->second));
             m_Open.erase(open);
-            if (m_Acked.insert(sequence).second) m_AckedInOrder.push_back(sequence);
+            if (m_Acked.insert(place).second) m_AckedInOrder.push_back(place);
             if (m_AckedInOrder.size() <= AckedKept) continue;
             m_Acked.erase(m_AckedInOrder.front());
             m_AckedInOrder.pop_front();
@@ -240,7 +241,7 @@ void Calls::AckEnded() {
 
 void Calls::SayInProgress() {
     AutoMutex lock(m_Lock);
-    for (const auto& [sequence, message] : m_Open) (void)natsMsg_InProgress(message.get(), nullptr);
+    for (const auto& [place, message] : m_Open) (void)natsMsg_InProgress(message.get(), nullptr);
 }
 
 // What the stream has dropped before anybody fetched it is lost to the listeners.

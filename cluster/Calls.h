@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "Engine.h"
@@ -44,13 +45,16 @@ class Calls {
     ui64_t Lost() const { return m_Lost; }
 
   private:
+    // Number and time of a message: a stream that is made anew begins its numbers again.
+    using Place = std::pair<ui64_t, i64_t>;
+
     void Fetch(LoopThread& thread);
     bool Bind(HeldSubscription& subscription);
     bool MakeConsumer();
     bool FetchSome(LoopThread& thread, natsSubscription* subscription);
     void Handle(LoopThread& thread, HeldMessage message);
     bool TakenUp(HeldMessage& message, const jsMsgMetaData& meta);
-    void Ended(ui64_t sequence);
+    void Ended(const Place& place);
     void Report(LoopThread& thread);
     void AckEnded();
     void SayInProgress();
@@ -60,10 +64,10 @@ class Calls {
     Engine& m_Engine;
     ICaller& m_Caller;
     mutable Mirel::Mutex m_Lock;
-    std::map<ui64_t, std::shared_ptr<natsMsg>> m_Open GUARDED_BY(m_Lock);  // by sequence
-    std::vector<ui64_t> m_Ended GUARDED_BY(m_Lock);
-    std::set<ui64_t> m_Acked GUARDED_BY(m_Lock);  // the last ones: an acknowledgement can be lost
-    std::deque<ui64_t> m_AckedInOrder GUARDED_BY(m_Lock);
+    std::map<Place, std::shared_ptr<natsMsg>> m_Open GUARDED_BY(m_Lock);
+    std::vector<Place> m_Ended GUARDED_BY(m_Lock);
+    std::set<Place> m_Acked GUARDED_BY(m_Lock);  // the last ones: an acknowledgement can be lost
+    std::deque<Place> m_AckedInOrder GUARDED_BY(m_Lock);
     std::atomic<ui64_t> m_Running{0}, m_Pending{0}, m_Repeated{0}, m_SetAside{0}, m_Lost{0};
     std::atomic<ui64_t> m_Floor{0}, m_FirstSeen{0};  // calls up to there have ended; the stream's first
     std::atomic<i64_t> m_StreamCreated{0};

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <future>
@@ -16,6 +17,7 @@
 
 #include "Cluster.h"
 #include "EventManager.h"
+#include "HttpTestServer.h"
 #include "MR_thread.h"
 #include "Testing.h"
 
@@ -73,6 +75,28 @@ class EngineProcess {
     bool Runs() const { return m_Process > 0; }
     std::string Url() const { return "nats://127.0.0.1:" + std::to_string(m_Port); }
 
+    /// What any client of the engine may do, in the engine's own protocol.
+    void Publish(const std::string& subject, const std::string& body) const {
+        const int socket_ = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(m_Port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const std::string text = "CONNECT {\"verbose\":false}\r\nPUB " + subject + " " +
+                                 std::to_string(body.size()) + "\r\n" + body + "\r\nPING\r\n";
+        ASSERT_EQ(send(socket_, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+        std::string read;
+        char buffer[4096];
+        while (read.find("PONG") == std::string::npos) {
+            const ssize_t bytes = recv(socket_, buffer, sizeof buffer, 0);
+            if (bytes <= 0) break;
+            read.append(buffer, static_cast<std::size_t>(bytes));
+        }
+        EXPECT_NE(read.find("PONG"), std::string::npos) << read;
+        close(socket_);
+    }
+
   private:
     const Testing::TemporaryFolder m_Folder;
     const int m_Port = FreePort();
@@ -129,14 +153,19 @@ std::string StateOf(ICluster& node) {
     return json;
 }
 
+std::string Numbered(std::size_t n) {
+    return "{\"n\":" + std::to_string(n) + "}";
+}
+
 class ClusterNodeTest : public ::testing::Test {
   protected:
     void SetUp() override {
         if (!Engine.Runs()) GTEST_SKIP() << "no nats-server is installed";
+        Settings settings;
+        settings.Name = settings.Node = "x";
+        settings.Servers = {Engine.Url()};
         std::unique_ptr<ICluster> none;
-        if (MakeNode(Settings{.Name = "x", .Node = "x", .Servers = {Engine.Url()}}, 500, none) ==
-            Mirel::RESULT_STATE)
-            GTEST_SKIP() << "built without the cluster";
+        if (MakeNode(settings, 500, none) == Mirel::RESULT_STATE) GTEST_SKIP() << "built without the cluster";
     }
     EngineProcess Engine;
 };
@@ -215,6 +244,64 @@ TEST_F(ClusterNodeTest, DueTimesFireOnceAndAnotherNodeTakesOver) {
     EXPECT_TRUE(Eventually([&] { return successor->Figures().TimerFirings >= 2; }));
     EXPECT_TRUE(static_cast<IEventQueue*>(successor->Queue())->DeleteTimer(each));
     Leave(successor);
+}
+
+TEST_F(ClusterNodeTest, ListenersAreCalledOnceWhateverIsTakenAwayFromTheReaders) {
+    Testing::HttpTestServer listener(Testing::HttpTestServer::Answers("200 OK"));
+    auto a = Join(Engine, "plant", "a"), b = Join(Engine, "plant", "b");
+    IEventQueue& at_a = *a->Queue();
+    UUID id;
+    ASSERT_EQ(at_a.CreateEvent("e", nullptr), Velmora::STATUS_201_CREATED);
+    PListDict data;
+    data.SetValue("with", "a body");
+    ASSERT_EQ(at_a.CreateEventListener("e", listener.Url("/called"), &data, id), Velmora::STATUS_201_CREATED);
+    std::size_t posted = 0;
+    const auto post = [&](int count) {
+        for (int i = 0; i < count; ++i, ++posted) {
+            ICluster& node = i % 2 ? *a : *b;
+            ASSERT_TRUE(Eventually([&] { return Post(node, "e", Numbered(posted)).What == Fate::Stored; }));
+        }
+    };
+    // Which postings have been called: more than one call for one of them is not two.
+    const auto called = [&] {
+        const std::vector<std::string> requests = listener.Requests();
+        std::size_t count = 0;
+        for (std::size_t n = 0; n < posted; ++n)
+            count += std::any_of(requests.begin(), requests.end(), [&](const std::string& request) {
+                return request.find(Numbered(n)) != std::string::npos;
+            });
+        return count;
+    };
+    post(30);
+    EXPECT_TRUE(Eventually([&] { return called() == posted; })) << called();
+
+    Engine.Publish("$JS.API.CONSUMER.DELETE.plant_postings.plant_calls", "");
+    post(20);
+    EXPECT_TRUE(Eventually([&] { return called() >= posted; })) << called();
+
+    Engine.Publish("plant.events.e", "no JSON");
+    Engine.Publish("plant.events.e", "[1]");
+    Engine.Publish("plant.events.e=4", "");
+    Engine.Publish("plant.events.e", Numbered(posted));
+    ++posted;
+    EXPECT_TRUE(Eventually([&] { return called() >= posted; })) << called();
+    EXPECT_TRUE(Eventually([&] { return a->Figures().Malformed == 3 && b->Figures().Malformed == 3; }));
+    EXPECT_TRUE(Eventually([&] { return HistoryOf(*a) == HistoryOf(*b); }));
+
+    Engine.Publish("$JS.API.STREAM.PURGE.plant_postings", "");
+    post(5);
+    EXPECT_TRUE(Eventually([&] { return called() >= posted; })) << called();
+
+    const std::string epoch = Post(*a, "e", Numbered(posted)).Id.Epoch;
+    ++posted;
+    EXPECT_TRUE(Eventually([&] { return called() >= posted; })) << called();
+    Engine.Publish("$JS.API.STREAM.DELETE.plant_postings", "");
+    post(5);
+    EXPECT_TRUE(Eventually([&] { return called() >= posted; })) << called() << " of " << posted;
+    EXPECT_TRUE(Eventually([&] { return Post(*b, "e", "").Id.Epoch != epoch; }));
+    EXPECT_TRUE(Eventually([&] { return HistoryOf(*a) == HistoryOf(*b); }));
+    Leave(a);
+    Leave(b);
 }
 
 TEST_F(ClusterNodeTest, AnEngineThatIsAwayIsSaidAndComesBack) {
