@@ -274,12 +274,15 @@ async function follow(client, query, on, ending) {
 
 function takeEvent(client, event, on) {
   let id = "";
+  let type = "";
   const data = [];
   for (const line of event.split("\n")) {
     if (line.startsWith("id:")) id = line.slice(3).trim();
+    else if (line.startsWith("event:")) type = line.slice(6).replace(/^ /, "");
     else if (line.startsWith("data:")) data.push(line.slice(5).replace(/^ /, ""));
   }
   if (data.length === 0) return; // a heartbeat
   const text = data.join("\n");
-  on.message({ id, posting: client.parse(text), text });
+  const content = client.parse(text);
+  on.message(type === "velmora.hello" ? content : { id, posting: content, text });
 }

@@ -76,7 +76,7 @@ class Tail {
 
   private:
     bool Take(const Api::Event& event) {
-        if (event.Type == "hello") return Stand(event);
+        if (event.Type == "velmora.hello") return Stand(event);
         m_LastId = event.Id;
         if (m_Json) {
             PrintText(Object({{"id", Quoted(event.Id)}, {"posting", event.Data}}));
@@ -87,14 +87,13 @@ class Tail {
         return m_Left == 0 || --m_Left > 0;
     }
 
-    // Where the feed stands: the place to go on from where nothing has come yet.
+    // Where the feed stands. The event's own id is the place from which what was missed comes.
     bool Stand(const Api::Event& event) {
-        const Velmora::PListDict standing = ReadAnswer(event.Data);
         bool gap = false;
-        if (standing.GetData("gap").GetValue(gap) && gap && !m_Query.empty()) {
+        if (ReadAnswer(event.Data).GetData("gap").GetValue(gap) && gap) {
             std::fprintf(stderr, "velmora: some of what was posted before is missing here.\n");
         }
-        if (m_LastId.empty()) m_LastId = standing.GetData("id").Text();
+        m_LastId = event.Id;
         return true;
     }
 
