@@ -35,8 +35,9 @@ export interface FollowOptions {
   after?: string;
   onPosting?: ((message: Message) => void) | null;
   onGap?: ((gap: Gap) => void) | null;
+  onOpen?: ((standing: Gap & { gap: boolean }) => void) | null;
   onState?: ((feed: Feed) => void) | null;
-  prepare?: (() => Promise<unknown>) | null;
+  prepare?: ((feed: Feed) => Promise<unknown>) | null;
 }
 
 export declare class VelmoraError extends Error {
@@ -58,10 +59,10 @@ export declare class Client {
 }
 
 export declare class Feed implements AsyncIterable<Message> {
-  readonly state: "connecting" | "open" | "waiting" | "full" | "closed";
+  readonly state: "new" | "connecting" | "open" | "waiting" | "full" | "closed";
   readonly retryAt: number;
   readonly failure: VelmoraError | null;
-  readonly lastId: string;
+  lastId: string;
   close(): void;
   hurry(): void;
   [Symbol.asyncIterator](): AsyncIterator<Message>;

@@ -99,7 +99,7 @@ function feedQuery(after, events) {
 /// Give callbacks, or iterate over it (`for await`), not both. An iteration that is slower than the feed is not flooded:
 /// the connection pauses and goes on from the last posting that fitted.
 export class Feed {
-  state = "connecting"; // "connecting", "open", "waiting" (until `retryAt`), "closed"
+  state = "new"; // then "connecting", "open", "waiting" (until `retryAt`), "full" (see above), "closed"
   retryAt = 0; // milliseconds, as Date.now()
   failure = null; // why the last connection ended, where that is known
   lastId; // of the last posting; the place from which the feed goes on
@@ -116,12 +116,14 @@ export class Feed {
 
   /// `events`: the names wanted, each of which may end in "*"; none: all. `after`: the id to go on from; "": from now on.
   /// `onPosting({id, posting, text})`, where `text` is the message as it came; `onGap({after, id})`: postings between the
-  /// two are missing; `onState(feed)`: its state has changed. `prepare()` is awaited before every connection; where it
-  /// rejects, the feed waits and tries again.
-  constructor(client, { events = [], after = "", onPosting = null, onGap = null, onState = null, prepare = null } = {}) {
+  /// two are missing; `onOpen({after, id, gap})`: it is connected, and what was posted between the two comes first;
+  /// `onState(feed)`: its state has changed. `prepare(feed)` is awaited before every connection (and may set `lastId`);
+  /// where it rejects, the feed waits and tries again.
+  constructor(client, options = {}) {
+    const { events = [], after = "", onPosting = null, onGap = null, onOpen = null, onState = null, prepare = null } = options;
     this.#client = client;
     this.lastId = after;
-    this.#options = { events, onPosting, onGap, onState, prepare };
+    this.#options = { events, onPosting, onGap, onOpen, onState, prepare };
     queueMicrotask(() => this.#connect());
   }
 
@@ -157,7 +159,7 @@ export class Feed {
     const generation = (this.#generation += 1);
     const current = () => generation === this.#generation;
     try {
-      await this.#options.prepare?.();
+      await this.#options.prepare?.(this);
     } catch (failure) {
       if (current()) this.#wait(failure);
       return;
@@ -180,6 +182,7 @@ export class Feed {
       this.#gapTold = this.lastId; // once, also where the connection ends before a posting has come
       this.#options.onGap?.({ after: this.lastId, id: message.id });
     }
+    this.#options.onOpen?.({ after: this.lastId, id: message.id, gap: message.gap });
     this.#timer = setTimeout(() => (this.#pause = FIRST_PAUSE_MS), SETTLED_MS);
     this.#become("open");
   }

@@ -1,4 +1,5 @@
-# velmora_embed_console(TARGET): adds what serves the console, with the files of console/ as raw texts in one generated source.
+# velmora_embed_console(TARGET): adds what serves the console, with the files of console/ and the client library that they
+# use as raw texts in one generated source.
 #
 # Run as a script (cmake -DOUTPUT=... -DDIRECTORY=... -DFILES="a;b" -P EmbedConsole.cmake) it writes that source.
 
@@ -26,13 +27,11 @@ endif()
 set(VELMORA_EMBED_CONSOLE ${CMAKE_CURRENT_LIST_FILE})
 
 function(velmora_embed_console target)
-  set(directory ${PROJECT_SOURCE_DIR}/console)
-  file(GLOB paths CONFIGURE_DEPENDS ${directory}/*.html ${directory}/*.css ${directory}/*.js ${directory}/*.svg)
-  set(names "")
-  foreach(path IN LISTS paths)
-    get_filename_component(name ${path} NAME)
-    list(APPEND names ${name})
-  endforeach()
+  set(directory ${PROJECT_SOURCE_DIR})
+  set(console ${directory}/console)
+  file(GLOB names CONFIGURE_DEPENDS RELATIVE ${directory}
+       ${console}/*.html ${console}/*.css ${console}/*.js ${console}/*.svg ${directory}/clients/*.mjs)
+  list(TRANSFORM names PREPEND ${directory}/ OUTPUT_VARIABLE paths)
   set(output ${CMAKE_CURRENT_BINARY_DIR}/ConsoleFiles.cpp)
   add_custom_command(OUTPUT ${output}
     COMMAND ${CMAKE_COMMAND} -DOUTPUT=${output} -DDIRECTORY=${directory} "-DFILES=${names}" -P ${VELMORA_EMBED_CONSOLE}

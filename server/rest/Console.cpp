@@ -7,8 +7,6 @@ namespace Server {
 
 namespace {
 
-constexpr std::string_view Directory = "/console/";
-
 // No script, style, picture or connection but this server's own, nothing written into the page itself, no
 // framing.
 constexpr const char* Policy =
@@ -16,8 +14,7 @@ constexpr const char* Policy =
     "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
 std::string_view FileName(std::string_view path) {
-    if (path == "/") return "index.html";
-    return path.starts_with(Directory) ? path.substr(Directory.size()) : std::string_view();
+    return path == "/" ? "console/index.html" : path.substr(path.starts_with('/') ? 1 : 0);
 }
 
 const ConsoleFile* FindFile(std::string_view name) {
@@ -31,7 +28,7 @@ const ConsoleFile* FindFile(std::string_view name) {
 const char* TypeOf(std::string_view name) {
     if (name.ends_with(".html")) return "text/html; charset=utf-8";
     if (name.ends_with(".css")) return "text/css; charset=utf-8";
-    if (name.ends_with(".js")) return "text/javascript; charset=utf-8";
+    if (name.ends_with("js")) return "text/javascript; charset=utf-8";
     return name.ends_with(".svg") ? "image/svg+xml" : "application/octet-stream";
 }
 

@@ -402,16 +402,4 @@ describe("Parts", () => {
     });
     assert.deepEqual(places, ["1:1", "1:3", "1:6", "1:2", "1:3", "1:2", "1:1", "1:4", "1:4", "1:1", "1:7", "1:3"]);
   });
-
-  it("tells missed postings from seen ones, equal ones included", async () => {
-    await open();
-    const missing = await page.evaluate(async () => {
-      const { Ledger } = await import("/console/ledger.js");
-      const ledger = new Ledger();
-      for (const text of ["a", "b", "b"]) ledger.note(100, text);
-      const history = ["a", "b", "b", "b", "c"].map((text) => ({ second: 100, text }));
-      return ledger.missing([...history, { second: 101, text: "a" }]).map(({ second, text }) => `${second}${text}`);
-    });
-    assert.deepEqual(missing, ["100b", "100c", "101a"]);
-  });
 });

@@ -9,7 +9,6 @@ const { encodeName, path, post, get, request } = await import("../../console/api
 const { curlLine } = await import("../../console/curl.js");
 const { unseenExpired, markExpiredSeen } = await import("../../console/expired.js");
 const { JsonText } = await import("../../console/json.js");
-const { Ledger } = await import("../../console/ledger.js");
 const { addressKey, deliveryKey, failed, failingListeners, newestByAddress } = await import("../../console/outcome.js");
 const { gist, passes, readPosting } = await import("../../console/posting.js");
 const { Rates, SPAN_S, rateText } = await import("../../console/rates.js");
@@ -63,21 +62,6 @@ it("counts timers that came too late until they were seen, for each run of the s
   assert.deepEqual([unseen(undefined, undefined), unseen(0, 1000), unseen(3, 1000)], [0, 0, 3]);
   markExpiredSeen({ expired: 3, startedAt: 1000 });
   assert.deepEqual([unseen(3, 2500), unseen(5, 1000), unseen(2, 1000), unseen(3, 60000), unseen(7, 60000)], [0, 2, 2, 3, 7]);
-});
-
-it("tells missed postings from seen ones, equal ones included", () => {
-  const ledger = new Ledger();
-  for (const text of ["a", "b", "b"]) ledger.note(100, text);
-  const copy = ledger.copy();
-  copy.note(100, "c");
-  const history = ["a", "b", "b", "b", "c"].map((text) => ({ second: 100, text }));
-  const missing = (from) => from.missing([...history, { second: 101, text: "a" }]).map(({ second, text }) => `${second}${text}`);
-  assert.deepEqual(missing(ledger), ["100b", "100c", "101a"]);
-  assert.deepEqual(missing(copy), ["100b", "101a"]);
-  ledger.note(140, "x");
-  assert.deepEqual(missing(ledger), ["100b", "100c", "101a"]); // as far back as the history reaches
-  for (const second of [146, 150]) ledger.note(second, "x");
-  assert.equal(ledger.seconds.has(100), false);
 });
 
 it("judges a listener by its newest delivery", () => {

@@ -19,7 +19,7 @@ globalThis.fetch = async (url, { method = "GET", body, headers = {}, signal } = 
   if (server.status[name]) return json({ detail: `no ${name}`, errors: [{ pointer: "/a", detail: "wrong" }] }, server.status[name]);
   if (method === "GET" && name === "queue") return json(server.queue ?? state);
   if (name === "deliveries") return json({ deliveries: server.deliveries });
-  if (name === "history") return json(`{"history":${server.history}}`);
+  if (name === "history") return json(`{"history":${server.history},"last_id":"e-0"}`);
   if (method === "DELETE") return new Response(null, { status: 204 });
   return json({ id: "new", ...state });
 };
@@ -33,13 +33,15 @@ globalThis.WebSocket = class {
     sockets.push(this);
   }
 
-  open() {
+  /// Opens it where the feed stands at `id`.
+  async open(id = "e-0", gap = false) {
     this.readyState = 1;
-    return this.onopen();
+    this.onopen();
+    this.onmessage({ data: `{"id":"${id}","gap":${gap}}` });
   }
 
   close() {
     this.readyState = 3;
-    this.onclose();
+    this.onclose?.({ code: 1006, reason: "" });
   }
 };
