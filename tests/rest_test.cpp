@@ -826,7 +826,7 @@ TEST_F(RouterTest, AHistoryBeyondTheMostSaysWhatItLeavesOut) {
 TEST_F(RouterTest, TheConsoleIsServedWithWhatKeepsItToItself) {
     int files = 0;
     for (const ConsoleFile* file = ConsoleFiles; !file->Name.empty(); ++file, ++files) {
-        const std::string name(file->Name), path = name == "index.html" ? "/" : "/console/" + name;
+        const std::string name(file->Name), path = name == "console/index.html" ? "/" : "/" + name;
         SCOPED_TRACE(path);
         HttpRequest request;
         request.Path = path;
@@ -835,7 +835,7 @@ TEST_F(RouterTest, TheConsoleIsServedWithWhatKeepsItToItself) {
         EXPECT_EQ(last.StaticBody, file->Content);
         const std::string type(last.ContentType);
         const std::string ending = name.substr(name.rfind('.') + 1);
-        EXPECT_NE(type.find(ending == "js" ? "javascript" : ending), std::string::npos) << type;
+        EXPECT_NE(type.find(ending.ends_with("js") ? "javascript" : ending), std::string::npos) << type;
         EXPECT_NE(Header("Content-Security-Policy").find("default-src 'none'; script-src 'self'"),
                   std::string::npos);
         EXPECT_NE(Header("Content-Security-Policy").find("frame-ancestors 'none'"), std::string::npos);
@@ -851,8 +851,8 @@ TEST_F(RouterTest, TheConsoleIsServedWithWhatKeepsItToItself) {
         EXPECT_EQ(Testing::AskRouter(router, request).Status, 404);
     }
     EXPECT_GT(files, 5);
-    for (const char* path : {"/console", "/console/", "/console/none.js", "/konsole/index.html",
-                             "/console/../index.html", "/index.html"}) {
+    for (const char* path : {"/console", "/console/", "/console/none.js", "/clients",
+                             "/clients/velmora_client.py", "/console/../index.html", "/index.html"}) {
         EXPECT_EQ(Send("GET", path), 404) << path;
     }
     EXPECT_EQ(Send("GET", "/api/v1/queue", "", "*"), 304);
