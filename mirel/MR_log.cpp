@@ -15,6 +15,7 @@
 #include <iterator>
 #include <memory_resource>
 
+#include "MR_text.h"
 #include "MR_thread.h"
 #include "MR_util.h"
 
@@ -49,33 +50,16 @@ byte_t ByteAt(std::string_view text, std::size_t index) {
     return static_cast<byte_t>(text[index]);
 }
 
-// Bytes of the well-formed UTF-8 character that `text` begins with (RFC 3629); 0 where there is none.
+// Bytes of the well-formed UTF-8 character that `text` begins with; 0 where there is none.
 std::size_t CharacterLength(std::string_view text) {
-    const byte_t lead = ByteAt(text, 0);
-    if (lead < 0x80) return 1;
-    const std::size_t length = lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
-    if (length == 0 || text.size() < length) return 0;
-    // The second byte's range keeps out overlong forms, surrogates, and what lies beyond U+10FFFF.
-    const byte_t least = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
-    const byte_t most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
-    if (ByteAt(text, 1) < least || ByteAt(text, 1) > most) return 0;
-    for (std::size_t i = 2; i < length; ++i) {
-        if ((ByteAt(text, i) & 0xC0) != 0x80) return 0;
-    }
-    return length;
+    const Utf8Lead lead = ReadUtf8(text);
+    return lead.Valid ? lead.Size : 0;
 }
 
 // Terminals obey these: C0, delete, and C1 (as UTF-8).
 bool IsControl(std::string_view character) {
     const byte_t lead = ByteAt(character, 0);
     return lead < 0x20 || lead == 0x7F || (lead == 0xC2 && ByteAt(character, 1) < 0xA0);
-}
-
-template <class String>
-void AppendHex(String& out, byte_t byte) {
-    constexpr char Digits[] = "0123456789abcdef";
-    out += Digits[byte >> 4];
-    out += Digits[byte & 15];
 }
 
 // How a character that cannot stand as it is looks in a line of text.

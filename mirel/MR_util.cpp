@@ -14,6 +14,7 @@
 #include <system_error>
 
 #include "MR_log.h"
+#include "MR_text.h"
 
 namespace Mirel {
 namespace {
@@ -125,14 +126,6 @@ Result_t FileFailure(const Result_t& code, const std::string& path) {
     return result;
 }
 
-// 0 to 15, or -1.
-int HexValue(char digit) {
-    if (digit >= '0' && digit <= '9') return digit - '0';
-    if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-    if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-    return -1;
-}
-
 // Whether a hyphen stands before this byte of a UUID's text.
 bool BeginsGroup(std::size_t byte) {
     return byte == 4 || byte == 6 || byte == 8 || byte == 10;
@@ -159,13 +152,12 @@ void GenRandomValue(UUID& id) {
 }
 
 char* bin2UUIDhex(const byte_t* bytes, ui32_t count, char* buf, ui32_t len) {
-    constexpr char Digits[] = "0123456789abcdef";
     if (count != UUID::Size || len <= UUIDLen) return nullptr;
     char* at = buf;
     for (ui32_t i = 0; i < count; ++i) {
         if (BeginsGroup(i)) *at++ = '-';
-        *at++ = Digits[bytes[i] >> 4];
-        *at++ = Digits[bytes[i] & 15];
+        *at++ = HexDigits[bytes[i] >> 4];
+        *at++ = HexDigits[bytes[i] & 15];
     }
     *at = '\0';
     return buf;

@@ -1,7 +1,6 @@
 // Host, Origin and token of a request against what the configuration allows.
 #include "http/AccessPolicy.h"
 
-#include <arpa/inet.h>
 #include <openssl/crypto.h>
 
 #include <algorithm>
@@ -9,23 +8,20 @@
 #include <functional>
 
 #include "LocalAccessManager.h"
+#include "MR_text.h"
 
 namespace Server {
 
 namespace {
 
-char Lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 std::string Lowered(std::string_view text) {
     std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(), Lower);
+    std::transform(result.begin(), result.end(), result.begin(), Mirel::LowerASCII);
     return result;
 }
 
 bool StartsWithLetters(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && SameLetters(text.substr(0, prefix.size()), prefix);
+    return text.size() >= prefix.size() && Mirel::EqualIgnoringCase(text.substr(0, prefix.size()), prefix);
 }
 
 std::string_view Trimmed(std::string_view text) {
@@ -97,11 +93,6 @@ HttpResponse Unauthorized() {
 
 }  // namespace
 
-bool SameLetters(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](char x, char y) { return Lower(x) == Lower(y); });
-}
-
 std::optional<std::pair<std::string_view, std::string_view>> SplitAuthority(std::string_view authority) {
     std::size_t end;
     std::string_view host;
@@ -123,17 +114,9 @@ std::optional<std::pair<std::string_view, std::string_view>> SplitAuthority(std:
     return std::pair{host, port};
 }
 
-bool IsLoopbackName(std::string_view host) {
-    if (SameLetters(host, "localhost")) return true;
-    const std::string text(host);
-    in_addr v4{};
-    if (inet_pton(AF_INET, text.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
-    in6_addr v6{};
-    return inet_pton(AF_INET6, text.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
-}
-
 bool ListHas(const RequestHead& head, Field field, std::string_view element) {
-    return AnyElement(head, field, [element](std::string_view one) { return SameLetters(one, element); });
+    return AnyElement(head, field,
+                      [element](std::string_view one) { return Mirel::EqualIgnoringCase(one, element); });
 }
 
 std::optional<std::string> DecodeBase64Url(std::string_view text) {
@@ -189,12 +172,14 @@ AccessPolicy::Fields AccessPolicy::ForOtherOrigin(const RequestHead& head) const
 }
 
 bool AccessPolicy::NamedByOperator(std::string_view host) const {
-    return std::any_of(m_AllowedHosts.begin(), m_AllowedHosts.end(),
-                       [host](const std::string& allowed) { return SameLetters(allowed, host); });
+    return std::any_of(m_AllowedHosts.begin(), m_AllowedHosts.end(), [host](const std::string& allowed) {
+        return Mirel::EqualIgnoringCase(allowed, host);
+    });
 }
 
 bool AccessPolicy::HostAllowed(std::string_view host) const {
-    return NamedByOperator(host) || IsLoopbackName(host) || SameLetters(m_BoundHost, host);
+    return NamedByOperator(host) || Mirel::IsLoopbackName(host) ||
+           Mirel::EqualIgnoringCase(m_BoundHost, host);
 }
 
 // Only pages that came from where the request goes to: of the same scheme, host and port. Which port that is
@@ -207,7 +192,7 @@ bool AccessPolicy::OriginAllowed(std::string_view origin, std::string_view autho
     origin.remove_prefix(origin.find("//") + 2);
     const auto from = SplitAuthority(origin);
     const auto to = SplitAuthority(authority);
-    if (!from || !to || !SameLetters(from->first, to->first)) return false;
+    if (!from || !to || !Mirel::EqualIgnoringCase(from->first, to->first)) return false;
     if (secure && !m_Secure && !NamedByOperator(from->first)) return false;
     const int usual = secure ? 443 : 80;
     return PortNumber(from->second, usual) == PortNumber(to->second, usual);

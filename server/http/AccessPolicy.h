@@ -54,12 +54,6 @@ class AccessPolicy {
 /// none is named. Nothing for anything else.
 std::optional<std::pair<std::string_view, std::string_view>> SplitAuthority(std::string_view authority);
 
-/// Whether the text is "localhost", an address in 127.0.0.0/8 or ::1.
-bool IsLoopbackName(std::string_view host);
-
-/// Equality in any letter case (ASCII).
-bool SameLetters(std::string_view a, std::string_view b);
-
 /// Whether the field, a comma-separated list that may stand in several lines, has the element, in any letter
 /// case.
 bool ListHas(const RequestHead& head, Field field, std::string_view element);

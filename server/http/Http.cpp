@@ -1,20 +1,10 @@
 // Percent-encoding undone, and the errors that every room answers with.
 #include "http/Http.h"
 
+#include "MR_text.h"
 #include "VL_PList.h"
 
 namespace Server {
-
-namespace {
-
-int HexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-}  // namespace
 
 std::optional<std::string> PercentDecode(std::string_view text) {
     if (text.find('%') == text.npos) return std::string(text);
@@ -25,8 +15,8 @@ std::optional<std::string> PercentDecode(std::string_view text) {
             decoded += text[i];
             continue;
         }
-        const int high = i + 2 < text.size() ? HexValue(text[i + 1]) : -1;
-        const int low = i + 2 < text.size() ? HexValue(text[i + 2]) : -1;
+        const int high = i + 2 < text.size() ? Mirel::HexValue(text[i + 1]) : -1;
+        const int low = i + 2 < text.size() ? Mirel::HexValue(text[i + 2]) : -1;
         if (high < 0 || low < 0) return std::nullopt;
         decoded += static_cast<char>(high * 16 + low);
         i += 2;

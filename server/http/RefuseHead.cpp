@@ -1,6 +1,7 @@
 // Refuses by the head: its form, who asks, what for, and with how much.
 #include "http/RefuseHead.h"
 
+#include "MR_text.h"
 #include "http/FeedUpgrade.h"
 
 namespace Server {
@@ -10,7 +11,7 @@ namespace {
 bool IsJson(std::string_view content_type) {
     content_type = content_type.substr(0, content_type.find(';'));
     while (!content_type.empty() && content_type.back() == ' ') content_type.remove_suffix(1);
-    return SameLetters(content_type, Velmora::Strings::MIME_json);
+    return Mirel::EqualIgnoringCase(content_type, Velmora::Strings::MIME_json);
 }
 
 }  // namespace

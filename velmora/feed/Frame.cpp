@@ -25,14 +25,6 @@ bool CodeIsValid(std::uint16_t code) {
     return code >= 1000 && code <= 1014 && (code < 1004 || code > 1006);
 }
 
-bool IsUtf8(std::string_view text) {
-    Utf8Check check;
-    for (const char byte : text) {
-        if (!check.Take(static_cast<std::uint8_t>(byte))) return false;
-    }
-    return check.Whole();
-}
-
 }  // namespace
 
 std::size_t ServerHeaderSize(std::size_t payload) {
@@ -75,23 +67,6 @@ void AppendCloseFrame(std::string& out, std::uint16_t code, std::string_view rea
         payload.append(reason.substr(0, MaxControlPayload - 2));
     }
     AppendControlFrame(out, OP_CLOSE, payload);
-}
-
-bool Utf8Check::Take(std::uint8_t byte) {
-    if (m_Left > 0) {
-        if (byte < m_Low || byte > m_High) return false;
-        --m_Left;
-        m_Low = 0x80;
-        m_High = 0xBF;
-        return true;
-    }
-    if (byte < 0x80) return true;
-    if (byte < 0xC2 || byte > 0xF4) return false;
-    m_Left = byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
-    // The second byte's range keeps overlong forms, surrogates and what lies beyond U+10FFFF out.
-    m_Low = byte == 0xE0 ? 0xA0 : byte == 0xF0 ? 0x90 : 0x80;
-    m_High = byte == 0xED ? 0x9F : byte == 0xF4 ? 0x8F : 0xBF;
-    return true;
 }
 
 FrameParser::Found FrameParser::Next(std::string_view& input) {
@@ -219,7 +194,7 @@ FrameParser::Found FrameParser::JudgeClose() {
     m_Code =
         static_cast<std::uint16_t>(BigEndian(reinterpret_cast<const std::uint8_t*>(m_Payload.data()), 2));
     if (!CodeIsValid(m_Code)) return Violate(CLOSE_PROTOCOL_ERROR, "close code not allowed");
-    if (!IsUtf8(Payload().substr(2))) return Violate(CLOSE_NOT_UTF8, "close reason not UTF-8");
+    if (!Mirel::IsUtf8(Payload().substr(2))) return Violate(CLOSE_NOT_UTF8, "close reason not UTF-8");
     return Found::Close;
 }
 

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "MR_text.h"
+
 namespace Velmora::Feed {
 
 /// Codes of a close frame.
@@ -52,20 +54,6 @@ void AppendControlFrame(std::string& out, Opcode opcode, std::string_view payloa
 
 /// Appends a close frame with `code` and `reason` (nothing of either for CLOSE_NONE).
 void AppendCloseFrame(std::string& out, std::uint16_t code, std::string_view reason = {});
-
-/// Whether text that comes in pieces is UTF-8.
-class Utf8Check {
-  public:
-    /// False once it can't be any more.
-    bool Take(std::uint8_t byte);
-    /// Whether the text may end here.
-    bool Whole() const { return m_Left == 0; }
-
-  private:
-    std::size_t m_Left = 0;  // bytes of the character that are still to come
-    std::uint8_t m_Low = 0;  // the range of the next one
-    std::uint8_t m_High = 0;
-};
 
 /// Reads what one client sends, in pieces of any size. Payloads of data messages are skipped, those of texts
 /// after a look whether they are UTF-8; only a control frame's is kept. Takes a fixed amount of memory. Not
@@ -113,7 +101,7 @@ class FrameParser {
     bool m_InText = false;            // the data message that came last, or comes, is a text
     std::size_t m_MaskAt = 0;         // where in the header the text frame's mask is
     std::size_t m_Taken = 0;          // bytes of that frame that were looked at
-    Utf8Check m_Text;
+    Mirel::Utf8Check m_Text;
     std::array<char, MaxControlPayload> m_Payload{};
     std::size_t m_PayloadSize = 0;
     std::uint16_t m_Code = CLOSE_NONE;

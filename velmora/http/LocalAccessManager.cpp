@@ -12,6 +12,7 @@
 #include <string>
 
 #include "MR_mutex.h"
+#include "MR_text.h"
 #include "MR_util.h"
 #include "http/OwnServer.h"
 
@@ -23,14 +24,10 @@ constexpr std::string_view Scheme = "Velmora-Self ";
 constexpr std::size_t SecretSize = 32;
 
 std::string MakeCredential() {
-    constexpr std::string_view Digits = "0123456789abcdef";
     std::array<Mirel::byte_t, SecretSize> secret;
     Mirel::GenRandomBytes(secret.data(), secret.size());
     std::string credential(Scheme);
-    for (const Mirel::byte_t byte : secret) {
-        credential += Digits[byte >> 4];
-        credential += Digits[byte & 0x0f];
-    }
+    for (const Mirel::byte_t byte : secret) Mirel::AppendHex(credential, byte);
     OPENSSL_cleanse(secret.data(), secret.size());
     return credential;
 }

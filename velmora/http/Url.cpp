@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include "MR_text.h"
 #include "VL_HTTP.h"
 
 namespace Velmora {
@@ -48,19 +49,10 @@ bool IsScheme(std::string_view text) {
     return true;
 }
 
-bool EqualLowered(std::string_view text, std::string_view lower_case) {
-    if (text.size() != lower_case.size()) return false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) != lower_case[i]) return false;
-    }
-    return true;
-}
-
 // The port that `scheme` stands for; 0 where it is neither http nor https.
 ui16_t SchemePort(std::string_view scheme) {
-    if (EqualLowered(scheme, "http")) return 80;
-    if (EqualLowered(scheme, "https")) return 443;
+    if (Mirel::EqualIgnoringCase(scheme, "http")) return 80;
+    if (Mirel::EqualIgnoringCase(scheme, "https")) return 443;
     return 0;
 }
 

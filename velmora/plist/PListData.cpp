@@ -5,6 +5,7 @@
 #include <limits>
 #include <system_error>
 
+#include "MR_text.h"
 #include "VL_PList.h"
 
 namespace Velmora {
@@ -40,15 +41,6 @@ bool ReadWhole(std::string_view text, T& value) {
 
 bool IsNumber(ItemType_t type) {
     return type == IT_INT || type == IT_INT64 || type == IT_REAL;
-}
-
-bool EqualsIgnoringCase(std::string_view text, std::string_view lower) {
-    if (text.size() != lower.size()) return false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) != lower[i]) return false;
-    }
-    return true;
 }
 
 // The limits as reals: the lower one is exact, and so is the upper one plus 1, for 32 and for 64 bits.
@@ -106,11 +98,11 @@ PListItem* PListData::Copy() const {
 bool PListData::GetValue(bool& value) const {
     value = false;
     const std::string_view text = TextView();
-    if (EqualsIgnoringCase(text, "true") || EqualsIgnoringCase(text, "yes")) {
+    if (Mirel::EqualIgnoringCase(text, "true") || Mirel::EqualIgnoringCase(text, "yes")) {
         value = true;
         return true;
     }
-    if (EqualsIgnoringCase(text, "false") || EqualsIgnoringCase(text, "no")) return true;
+    if (Mirel::EqualIgnoringCase(text, "false") || Mirel::EqualIgnoringCase(text, "no")) return true;
     double number;
     if (!GetValue(number) || std::isnan(number)) return false;
     value = number != 0;

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "MR_text.h"
 #include "plist/TreeWalk.h"
 
 namespace Velmora {
@@ -110,7 +111,7 @@ class JSONWriter {
             Escape(text[0]);
             return 1;
         }
-        const auto [size, valid] = ReadUtf8(text);
+        const auto [size, valid] = Mirel::ReadUtf8(text);
         if (valid) {
             m_Out.Put(text.substr(0, size));
         } else {
@@ -136,9 +137,8 @@ class JSONWriter {
     }
 
     void Hex(char c) {
-        constexpr std::string_view Digits = "0123456789abcdef";
-        m_Out.Put(Digits[static_cast<byte_t>(c) >> 4]);
-        m_Out.Put(Digits[static_cast<byte_t>(c) & 15]);
+        m_Out.Put(Mirel::HexDigits[static_cast<byte_t>(c) >> 4]);
+        m_Out.Put(Mirel::HexDigits[static_cast<byte_t>(c) & 15]);
     }
 
     TextOutput m_Out;
@@ -172,24 +172,6 @@ bool IsJSONNumber(std::string_view text) noexcept {
         at = end;
     }
     return at == text.size();
-}
-
-Utf8Lead ReadUtf8(std::string_view text) noexcept {
-    const auto at = [text](std::size_t i) {
-        return i < text.size() ? static_cast<byte_t>(text[i]) : byte_t{0};
-    };
-    const byte_t lead = at(0);
-    if (lead < 0x80) return {1, true};
-    if (lead < 0xC2 || lead > 0xF4) return {1, false};
-    const std::size_t size = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    // The second byte's range shuts out what is too long, too large, or half of a pair.
-    const byte_t lowest = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
-    const byte_t highest = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
-    if (at(1) < lowest || at(1) > highest) return {1, false};
-    for (std::size_t i = 2; i < size; ++i) {
-        if ((at(i) & 0xC0) != 0x80) return {i, false};
-    }
-    return {size, true};
 }
 
 Result_t PListData::EncodeJSON(std::string& out) const {

@@ -1,4 +1,5 @@
 // Writes a tree as XML.
+#include "MR_text.h"
 #include "plist/TreeWalk.h"
 
 namespace Velmora {
@@ -42,7 +43,7 @@ class XMLWriter {
         m_Out.Put(name);
         m_Out.Put('>');
         while (!text.empty()) {
-            const auto [size, valid] = ReadUtf8(text);
+            const auto [size, valid] = Mirel::ReadUtf8(text);
             m_Out.Put(valid ? Character(text.substr(0, size)) : ReplacementCharacter);
             text.remove_prefix(size);
         }

@@ -42,13 +42,6 @@ class TextOutput {
     char m_Buffer[1024];
 };
 
-/// What stands at the front of a text, which must not be empty.
-struct Utf8Lead {
-    std::size_t Size;  // bytes of the character, or of what to replace
-    bool Valid;
-};
-Utf8Lead ReadUtf8(std::string_view text) noexcept;
-
 /// Whether `text` is a number as JSON writes it: -? int frac? exp?
 bool IsJSONNumber(std::string_view text) noexcept;
 
