@@ -4,10 +4,8 @@
 #include <utility>
 
 #include "EventManager.h"
-#include "VL_HTTP.h"
 #include "config/Config.h"
 #include "config/QueueShape.h"
-#include "config/Secrets.h"
 
 namespace Server {
 
@@ -31,65 +29,20 @@ void EachEntry(const Velmora::PListArray& array, const std::string& base, std::v
     }
 }
 
-bool CanBeCalled(const std::string& callback) {
-    Velmora::URL url;
-    return callback.find("python://") != std::string::npos || url.Parse(callback) || url.ParsePath(callback);
-}
-
-void CheckListener(const Velmora::PListDict& entry, const std::string& pointer,
-                   std::set<std::string>& callbacks, std::vector<Fault>& faults) {
-    Shape shape(entry, pointer, faults);
-    const auto callback = shape.NonEmptyText(Keys::callback, Need::Required);
-    if (callback && !CanBeCalled(*callback)) {
-        shape.Blame(Keys::callback,
-                    "must be a URL, a path on this server or \"python://\" and a module's name");
-    } else if (callback && LacksCredentials(*callback)) {
-        shape.Blame(Keys::callback, NeedsSecret);
-    } else if (callback && !callbacks.insert(*callback).second) {
-        shape.Blame(Keys::callback, "stands twice in this event");
-    }
-    shape.Dict(Keys::listener_data);
-    shape.Any(Keys::id);
-    shape.NothingElse();
-}
-
 void CheckEvent(const Velmora::PListDict& entry, const std::string& pointer, std::set<std::string>& names,
-                std::vector<Fault>& faults) {
+                DocumentSoFar& document, std::vector<Fault>& faults) {
     Shape shape(entry, pointer, faults);
-    const auto name = shape.NonEmptyText(Keys::event_name, Need::Required);
+    const auto name = ReadEventName(shape, &document);
     if (name && !names.insert(*name).second) shape.Blame(Keys::event_name, "stands twice in the document");
     shape.Dict(Keys::event_data);
-    std::set<std::string> callbacks;
+    document.Callbacks.clear();
     if (const Velmora::PListArray* listeners = shape.Array(Keys::listener_list)) {
         EachEntry(*listeners, PointerTo(pointer, Keys::listener_list), faults,
                   [&](const Velmora::PListDict& listener, const std::string& at) {
-                      CheckListener(listener, at, callbacks, faults);
+                      Shape of_listener(listener, at, faults);
+                      ReadListener(of_listener, &document);
                   });
     }
-    shape.NothingElse();
-}
-
-void CheckTimer(const Velmora::PListDict& entry, const std::string& pointer, std::vector<Fault>& faults) {
-    Shape shape(entry, pointer, faults);
-    shape.NonEmptyText(Keys::event_name, Need::Required);
-    ReadTimerTimes(shape);
-    shape.Dict(Keys::timer_data);
-    shape.Any(Keys::id);
-    shape.NothingElse();
-}
-
-using PathSet = std::set<std::string, Velmora::ci_comp>;
-
-void CheckWatch(const Velmora::PListDict& entry, const std::string& pointer, PathSet& paths,
-                std::vector<Fault>& faults) {
-    Shape shape(entry, pointer, faults);
-    const auto path = ReadWatchPath(shape);
-    if (path && !paths.insert(*path).second) {
-        shape.Blame(Keys::path, "stands twice in the document (letter case does not count)");
-    }
-    shape.NonEmptyText(Keys::event_name, Need::Required);
-    shape.Boolean(Keys::once);
-    shape.Dict(Keys::watch_data);
     shape.NothingElse();
 }
 
@@ -99,22 +52,25 @@ void CheckQueueDocument(const Velmora::PListDict& document, const std::string& b
                         std::vector<ConfigFault>& faults) {
     Shape shape(document, base, faults);
     std::set<std::string> names;
-    PathSet paths;
+    DocumentSoFar so_far;
     if (const Velmora::PListArray* events = shape.Array(Keys::event_list)) {
         EachEntry(*events, PointerTo(base, Keys::event_list), faults,
                   [&](const Velmora::PListDict& entry, const std::string& at) {
-                      CheckEvent(entry, at, names, faults);
+                      CheckEvent(entry, at, names, so_far, faults);
                   });
     }
     if (const Velmora::PListArray* timers = shape.Array(Keys::timer_list)) {
-        EachEntry(
-            *timers, PointerTo(base, Keys::timer_list), faults,
-            [&](const Velmora::PListDict& entry, const std::string& at) { CheckTimer(entry, at, faults); });
+        EachEntry(*timers, PointerTo(base, Keys::timer_list), faults,
+                  [&](const Velmora::PListDict& entry, const std::string& at) {
+                      Shape of_timer(entry, at, faults);
+                      ReadTimer(of_timer, &so_far);
+                  });
     }
     if (const Velmora::PListArray* watches = shape.Array(Keys::watch_list)) {
         EachEntry(*watches, PointerTo(base, Keys::watch_list), faults,
                   [&](const Velmora::PListDict& entry, const std::string& at) {
-                      CheckWatch(entry, at, paths, faults);
+                      Shape of_watch(entry, at, faults);
+                      ReadWatch(of_watch, &so_far);
                   });
     }
     for (const std::string& limit : {Keys::max_listeners, Keys::max_watches}) {

@@ -2,7 +2,7 @@
 #include <utility>
 
 #include "EventManager.h"
-#include "rest/Registration.h"
+#include "config/QueueShape.h"
 #include "rest/Rest.h"
 
 namespace Server {
@@ -146,15 +146,14 @@ HttpResponse PostListeners(RestCall& call) {
     if (auto refused = ReadBody(call, body)) return std::move(*refused);
     std::vector<Fault> faults;
     Shape shape(body, "", faults);
-    const auto callback = ReadCallback(shape);
-    const Velmora::PListDict* data = shape.Dict(Keys::listener_data);
-    shape.NothingElse();
+    const ListenerEntry listener = ReadListener(shape);
     if (!faults.empty()) {
         return Problem(Velmora::STATUS_422_UNPROCESSABLE, "The listener cannot be created as given.", faults);
     }
-    if (!IsCallable(*callback)) return CallbackRefused();
+    if (!IsCallable(*listener.Callback)) return CallbackRefused();
     EventManager::UUID id;
-    const Status_t status = GlobalEventQueue().CreateEventListener(call.Names[0], *callback, data, id);
+    const Status_t status =
+        GlobalEventQueue().CreateEventListener(call.Names[0], *listener.Callback, listener.Data, id);
     return ListenerAnswer(status, call.Names[0], id);
 }
 

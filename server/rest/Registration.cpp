@@ -1,46 +1,17 @@
-// Names and callbacks that REST takes.
+// Checks the names and callbacks of whole documents.
 #include "rest/Registration.h"
 
-#include <strings.h>
-
-#include <algorithm>
 #include <map>
 #include <set>
 
 #include "EventManager.h"
-#include "VL_HTTP.h"
+#include "config/QueueShape.h"
 
 namespace Server {
 
 namespace Keys = EventManager::Strings;
 
 namespace {
-
-constexpr std::string_view PythonScheme = "python://";
-
-// Why an event cannot have this name; empty where it can.
-std::string NameFault(std::string_view name) {
-    if (name.size() > LongestEventName) {
-        return "must not be longer than " + std::to_string(LongestEventName) + " bytes";
-    }
-    if (name == "." || name == "..") return "must not be \".\" or \"..\", which clients take out of a path";
-    return std::string();
-}
-
-bool IsInModuleName(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-           c == '-' || c == '.' || static_cast<unsigned char>(c) >= 0x80;
-}
-
-// Names parted by dots. What Python makes of bytes beyond ASCII is Python's to say.
-bool IsModuleName(std::string_view name) {
-    return !name.empty() && name.front() != '.' && name.back() != '.' && name.find("..") == name.npos &&
-           std::all_of(name.begin(), name.end(), IsInModuleName);
-}
-
-bool IsWebScheme(const std::string& scheme) {
-    return strcasecmp(scheme.c_str(), "http") == 0 || strcasecmp(scheme.c_str(), "https") == 0;
-}
 
 using CallbacksByEvent = std::map<std::string, std::set<std::string>>;
 
@@ -78,29 +49,6 @@ void CheckListeners(const Velmora::PListDict& event, const std::string& base,
 }
 
 }  // namespace
-
-std::optional<std::string> ReadEventName(Shape& shape) {
-    auto name = shape.NonEmptyText(Keys::event_name, Need::Required);
-    const std::string fault = name ? NameFault(*name) : std::string();
-    if (!fault.empty()) shape.Blame(Keys::event_name, fault);
-    return name;
-}
-
-std::optional<std::string> ReadCallback(Shape& shape) {
-    auto callback = shape.Text(Keys::callback, Need::Required);
-    if (callback && callback->find('\0') != std::string::npos) {
-        shape.Blame(Keys::callback, "must not hold a NUL");
-    }
-    return callback;
-}
-
-bool IsCallable(const std::string& callback) {
-    if (callback.starts_with(PythonScheme)) {
-        return IsModuleName(std::string_view(callback).substr(PythonScheme.size()));
-    }
-    Velmora::URL url;
-    return url.ParsePath(callback) || (url.Parse(callback) && IsWebScheme(url.Scheme));
-}
 
 void CheckRegistrations(const Velmora::PListDict& document, const Velmora::PListDict& existing,
                         std::vector<Fault>& faults) {

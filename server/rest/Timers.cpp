@@ -3,7 +3,6 @@
 
 #include "EventManager.h"
 #include "config/QueueShape.h"
-#include "rest/Registration.h"
 #include "rest/Rest.h"
 
 namespace Server {
@@ -12,23 +11,6 @@ namespace Keys = EventManager::Strings;
 using EventManager::GlobalEventQueue;
 
 namespace {
-
-// What a body asks for, once it is known to be right.
-struct NewTimer {
-    std::string EventName;
-    TimerTimes Times;
-    const Velmora::PListDict* Data = nullptr;
-};
-
-NewTimer ReadTimer(const Velmora::PListDict& body, std::vector<Fault>& faults) {
-    NewTimer timer;
-    Shape shape(body, "", faults);
-    timer.EventName = ReadEventName(shape).value_or("");
-    timer.Times = ReadTimerTimes(shape);
-    timer.Data = shape.Dict(Keys::timer_data);
-    shape.NothingElse();
-    return timer;
-}
 
 std::string NoSuchTimer(const std::string& id) {
     return "There is no timer with the id \"" + id + "\".";
@@ -46,12 +28,13 @@ HttpResponse PostTimers(RestCall& call) {
     Velmora::PListDict body;
     if (auto refused = ReadBody(call, body)) return std::move(*refused);
     std::vector<Fault> faults;
-    const NewTimer timer = ReadTimer(body, faults);
+    Shape shape(body, "", faults);
+    const TimerEntry timer = ReadTimer(shape);
     if (!faults.empty())
         return Problem(Velmora::STATUS_422_UNPROCESSABLE, "The timer cannot be created as given.", faults);
 
     EventManager::UUID id;
-    if (!GlobalEventQueue().CreateTimer(timer.EventName, timer.Times.Start, timer.Times.Interval_sec,
+    if (!GlobalEventQueue().CreateTimer(*timer.EventName, timer.Times.Start, timer.Times.Interval_sec,
                                         timer.Data, id)) {
         return Problem(Velmora::STATUS_503_NO_SERVICE, "The event queue is not running yet.");
     }

@@ -9,7 +9,6 @@
 
 #include "EventManager.h"
 #include "config/QueueShape.h"
-#include "rest/Registration.h"
 #include "rest/Rest.h"
 
 namespace Server {
@@ -102,22 +101,19 @@ HttpResponse PostWatches(RestCall& call) {
     if (auto refused = ReadBody(call, body)) return std::move(*refused);
     std::vector<Fault> faults;
     Shape shape(body, "", faults);
-    const auto path = ReadWatchPath(shape);
-    const auto event_name = ReadEventName(shape);
-    const bool once = shape.Boolean(Keys::once).value_or(false);
-    const Velmora::PListDict* data = shape.Dict(Keys::watch_data);
-    shape.NothingElse();
+    const WatchEntry watch = ReadWatch(shape);
     if (!faults.empty())
         return Problem(Velmora::STATUS_422_UNPROCESSABLE, "The watch cannot be created as given.", faults);
 
-    if (!GlobalEventQueue().CreateWatch(*path, *event_name, data, once)) return WatchRefused(*path);
+    if (!GlobalEventQueue().CreateWatch(*watch.Path, *watch.EventName, watch.Data, watch.Once))
+        return WatchRefused(*watch.Path);
     Velmora::PListDict entry;
-    entry.SetValue(Keys::path, *path);
-    entry.SetValue(Keys::event_name, *event_name);
-    entry.SetValue(Keys::once, once);
-    if (data != nullptr && !data->Empty()) entry.SetItem(Keys::watch_data, *data);
-    entry.SetItem("warnings", WatchWarnings(*path));
-    return Created(ApiPath({Keys::watches}) + "?path=" + PercentEncode(*path), entry);
+    entry.SetValue(Keys::path, *watch.Path);
+    entry.SetValue(Keys::event_name, *watch.EventName);
+    entry.SetValue(Keys::once, watch.Once);
+    if (watch.Data != nullptr && !watch.Data->Empty()) entry.SetItem(Keys::watch_data, *watch.Data);
+    entry.SetItem("warnings", WatchWarnings(*watch.Path));
+    return Created(ApiPath({Keys::watches}) + "?path=" + PercentEncode(*watch.Path), entry);
 }
 
 HttpResponse DeleteWatches(RestCall& call) {
