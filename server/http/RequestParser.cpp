@@ -313,9 +313,6 @@ const RequestHead& RequestParser::Head() const {
 RequestHead& RequestParser::Head() {
     return m_Impl->Parser().Head;
 }
-bool RequestParser::HeadDone() const {
-    return m_Impl->Parser().is_header_done();
-}
 bool RequestParser::KeepAlive() const {
     return m_Impl->Parser().keep_alive();
 }

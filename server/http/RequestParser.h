@@ -81,7 +81,6 @@ class RequestParser {
 
     const RequestHead& Head() const;
     RequestHead& Head();
-    bool HeadDone() const;
     bool KeepAlive() const;
 
     /// The body, once the request is complete: a view into the bytes that were given last or into the parser.
