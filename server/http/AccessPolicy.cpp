@@ -149,7 +149,7 @@ AccessPolicy::AccessPolicy(const HttpServerOptions& options)
 bool AccessPolicy::FromOtherOrigin(const RequestHead& head) const {
     if (m_AllowedOrigins.empty() || head.Count(Field::Origin) != 1) return false;
     return std::any_of(m_AllowedOrigins.begin(), m_AllowedOrigins.end(), [&](const std::string& allowed) {
-        return (allowed == "*" && !m_Token.empty()) || SameLetters(allowed, head[Field::Origin]);
+        return (allowed == "*" && !m_Token.empty()) || Mirel::EqualIgnoringCase(allowed, head[Field::Origin]);
     });
 }
 

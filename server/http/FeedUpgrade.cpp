@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "EventManager.h"
+#include "MR_text.h"
 #include "VL_WebSocket.h"
 #include "http/AccessPolicy.h"
 #include "http/ReplyForm.h"
@@ -82,7 +83,7 @@ bool AcceptsEventStream(std::string_view accept) {
         type = type.substr(0, type.find(';'));
         while (!type.empty() && type.front() == ' ') type.remove_prefix(1);
         while (!type.empty() && type.back() == ' ') type.remove_suffix(1);
-        if (SameLetters(type, "text/event-stream")) return true;
+        if (Mirel::EqualIgnoringCase(type, "text/event-stream")) return true;
     }
     return false;
 }
