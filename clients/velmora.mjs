@@ -123,6 +123,7 @@ export class Feed {
     const { events = [], after = "", onPosting = null, onGap = null, onOpen = null, onState = null, prepare = null } = options;
     this.#client = client;
     this.lastId = after;
+    this.#items = onPosting ? null : []; // for an iteration, which may begin later
     this.#options = { events, onPosting, onGap, onOpen, onState, prepare };
     queueMicrotask(() => this.#connect());
   }
@@ -141,7 +142,6 @@ export class Feed {
   }
 
   async *[Symbol.asyncIterator]() {
-    this.#items ??= [];
     try {
       while (this.state !== "closed" || this.#items.length) {
         while (this.#items.length) yield this.#items.shift();

@@ -252,7 +252,7 @@ TEST_P(RestTest, PathsMethodsAndQueriesThatAreNotServed) {
         {"GET /api/v1/deliveries?outcome=odd", 400},
         {"GET /api/v1/history?event_name=%f", 400},
         {"GET /api/v1/feed", 426},
-        {"GET /api/v1/feed?event_name=x", 400},
+        {"GET /api/v1/feed?event_nam=x", 400},
         {"DELETE /api/v1/watches?pth=/tmp", 400},
     };
     for (const auto& [line, status] : cases) EXPECT_EQ(Call(line), status) << line;
@@ -270,7 +270,8 @@ TEST_P(RestTest, PathsMethodsAndQueriesThatAreNotServed) {
 }
 
 TEST_F(RouterTest, OnlyWhatMayWaitForTheQueueSaysSo) {
-    const std::set<std::string> never{"/api/v1/deliveries", "/api/v1/config", "/api/v1/feed"};
+    const std::set<std::string> never{"/api/v1/deliveries", "/api/v1/config", "/api/v1/feed",
+                                      "/api/v1/feed/sse"};
     HttpRequest request;
     for (const RouteInfo& route : Router::Routes()) {
         request.Method = MethodNamed(route.Method);
