@@ -333,6 +333,7 @@ class EventQueue;
 /// Where subscribers of the feed find what they have missed.
 class HistorySource : public Velmora::PostingSource {
   public:
+    /// The queue must outlive it.
     explicit HistorySource(const EventQueue& queue) : m_Queue(queue) {}
     Place PlaceAfter(const PostingId* after) const override;
     bool Read(ui64_t after, std::size_t most, std::vector<Velmora::NumberedPosting>& postings) const override;

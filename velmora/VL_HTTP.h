@@ -281,12 +281,16 @@ class BackgroundHTTPRequestHandle : public HandleType, public Mirel::Thread {
     CallerPlace m_Place;
 
   protected:
+    /// Nothing is to be made ready.
     Result_t ThreadInit() override { return Mirel::RESULT_OK; }
+    /// Gives the place among the callers back; answers `result`.
     Result_t ThreadFini(Result_t result) override {
         m_Place.GiveBack();
         return result;
     }
+    /// A request is not cut short: it ends by itself or with its time-out.
     Result_t ThreadStop() override { return Mirel::RESULT_OK; }
+    /// Makes the request. RESULT_PARAM without a target.
     Result_t ThreadBody() override {
         if (m_CallData.TargetUrl.Empty()) return Mirel::RESULT_PARAM;
         m_Handle = static_cast<const HandleType&>(*this);

@@ -33,6 +33,7 @@ struct MR_EXPORT PostingId {
     std::string Text() const;
     /// Reads such a text; nothing where it is none.
     static std::optional<PostingId> FromText(std::string_view text);
+    /// Whether both name the same posting.
     friend bool operator==(const PostingId&, const PostingId&) = default;
 };
 
@@ -43,7 +44,7 @@ struct FeedWish {
         Numbered,     ///< WebSocket: {"id", "posting"}
         EventStream,  ///< server-sent events, behind a head that is sent already
     };
-    Form As = Form::Numbered;
+    Form As = Form::Numbered;  ///< the form that it is written to in
     /// Only the events of these names; one that ends in "*" stands for all that begin so. Empty: all.
     std::vector<std::string> Names;
     /// The last posting that it has; nothing: it wants none of those before.
@@ -52,8 +53,8 @@ struct FeedWish {
 
 /// A posting out of the history.
 struct NumberedPosting {
-    ui64_t Number = 0;
-    PListDict Posting;
+    ui64_t Number = 0;  ///< within its epoch
+    PListDict Posting;  ///< as the history holds it
 };
 
 /// Where a broadcaster finds what its clients have missed. Called on any thread; nothing may be waited for.
