@@ -252,6 +252,7 @@ TEST_F(ConfigTest, NamesTheFirstEntryOfADocumentBeyondLimitsThatDoNotCutTheConfi
 // Whoever takes a file that cannot be looked at for none overwrites it.
 TEST_F(ConfigTest, OnlyAStateFileThatIsNotThereIsNone) {
     Testing::WriteFile(folder / "file", "{}");
+    Testing::WriteFile(folder / "list", "[]");
     std::filesystem::create_symlink("loop", folder / "loop");
     std::filesystem::create_symlink("nothing", folder / "dangling");
     std::optional<Velmora::PListDict> document;
@@ -259,7 +260,7 @@ TEST_F(ConfigTest, OnlyAStateFileThatIsNotThereIsNone) {
          {std::string(), folder / "none", folder / "no/folder", folder / "dangling"}) {
         EXPECT_TRUE(ReadStateFile(path, document).Success() && !document) << path;
     }
-    for (const std::string& path : {folder / "file", folder / "file/state", folder / "loop",
+    for (const std::string& path : {folder / "file", folder / "list", folder / "file/state", folder / "loop",
                                     folder / std::string(300, 'x'), folder.Path()}) {
         EXPECT_TRUE(ReadStateFile(path, document).Failure()) << path;
     }

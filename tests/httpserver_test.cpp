@@ -14,6 +14,7 @@
 
 #include "EventManager.h"
 #include "HttpClient.h"
+#include "LocalAccessManager.h"
 #include "RawClient.h"
 #include "Testing.h"
 #include "VL_WebSocket.h"
@@ -145,6 +146,8 @@ TEST_F(HttpServerTest, RefusesMalformedRequestsAndServesOn) {
         {"GET / HTTP/1.1\r\n Host: localhost\r\n\r\n", 400},
         {"GET / HTTP/1.1\r\nHost : localhost\r\n\r\n", 400},
         {"GET / HTTP/1.1\r\nHost: loc\r\n alhost\r\n\r\n", 400},
+        {"GET / HTTP/1.1\r\nHost: localhost\r\nOrigin: \r\n http://elsewhere\r\n\r\n", 400},
+        {"GET / HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer a\r\n\tb\r\n\r\n", 400},
         {std::string("GET / HTTP/1.1\r\nHost: local\0host\r\n\r\n", 36), 400},
         {"GET / HTTP/2.0\r\nHost: localhost\r\n\r\n", 505},
         {"GET / FTP/1.1\r\nHost: localhost\r\n\r\n", 400},
@@ -645,6 +648,9 @@ TEST_F(HttpServerTest, StopLetsRequestsFinish) {
     EXPECT_TRUE(busy.Ends());
     stopping.join();
     EXPECT_EQ(m_Server->Counters().Connections, 0u);
+    // Whoever takes the port now is not told the credential.
+    Velmora::BasicRestEntryCall call;
+    EXPECT_EQ(LocalAccessManager::SelfAuthRestCallback().Call(call), Mirel::RESULT_STATE);
 }
 
 TEST(RequestParserTest, TakesEveryByteOnItsOwnAndLeavesNothingBehindWhereTheBufferMoves) {
