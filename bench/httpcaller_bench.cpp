@@ -158,7 +158,7 @@ struct BareCall {
     CURLSH* Share;
 };
 
-void* BareCall(void* argument) {
+void* CallBare(void* argument) {
     const auto* const call = static_cast<const BareCall*>(argument);
     CURL* const handle = curl_easy_init();
     curl_slist* const headers = curl_slist_append(nullptr, "Content-Type: application/json");
@@ -192,7 +192,7 @@ void RunBare(const std::string& url, int calls, bool sessions) {
     for (int i = 0; i < calls; ++i) {
         pthread_t& place = ring[static_cast<std::size_t>(i) % InFlight];
         if (i >= static_cast<int>(InFlight)) pthread_join(place, nullptr);
-        if (pthread_create(&place, &attributes, BareCall, &call) != 0) Fail("pthread_create");
+        if (pthread_create(&place, &attributes, CallBare, &call) != 0) Fail("pthread_create");
     }
     const int open = std::min(calls, static_cast<int>(InFlight));
     for (int i = calls - open; i < calls; ++i)
