@@ -40,7 +40,8 @@ bool HasPythonModule(const std::string& module) {
     const Reference defined(ready ? PyRun_String(HasModule, Py_file_input, names.get(), names.get())
                                   : nullptr);
     PyObject* const function = defined ? PyDict_GetItemString(names.get(), "has_module") : nullptr;
-    const Reference found(function ? PyObject_CallFunction(function, "s#", module.data(),
+    char text_with_size[] = "s#";  // Python 2.7 wants to be able to change it
+    const Reference found(function ? PyObject_CallFunction(function, text_with_size, module.data(),
                                                            static_cast<Py_ssize_t>(module.size()))
                                    : nullptr);
     PyErr_Clear();  // no name of a module, or a package around it that cannot be imported
