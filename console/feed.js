@@ -75,9 +75,11 @@ export class Feed extends EventTarget {
 
   sayWhatWasMissed({ after, id, gap }) {
     const length = `${Math.max(1, Math.round((Date.now() - this.lostAt) / 1000))} s without connection`;
-    const count = numberOf(id) - numberOf(after);
+    const anew = epochOf(id) !== epochOf(after);
+    const count = numberOf(id) - (anew ? 0 : numberOf(after));
     const filled = `${count} missed ${count === 1 ? "posting was" : "postings were"} filled in from the history`;
-    if (gap) this.say(`${length}: what the history still holds was filled in; what was posted before that is missing here.`);
+    if (anew) this.say(`${length}: ${filled}. The server was started anew; what was posted right before its end may be missing here.`);
+    else if (gap) this.say(`${length}: what the history still holds was filled in; what was posted before that is missing here.`);
     else this.say(`${length}: ${filled}.`);
   }
 
@@ -86,4 +88,5 @@ export class Feed extends EventTarget {
   }
 }
 
+const epochOf = (id) => id.slice(0, id.lastIndexOf("-"));
 const numberOf = (id) => Number(id.slice(id.lastIndexOf("-") + 1));

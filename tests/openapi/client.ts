@@ -27,7 +27,7 @@ export async function eventsAndListeners(api: Api) {
   }));
   const posted: true = there(await api.POST("/api/v1/events/{event_name}", { params, body: { any: ["thing"] } })).posted;
   there(await api.POST("/api/v1/events/{event_name}", { params }));
-  const { history } = there(await api.GET("/api/v1/history", { params: { query: { event_name: "a/b é", limit: 2 } } }));
+  const { history } = there(await api.GET("/api/v1/history", { params: { query: { event_name: ["a/b é"], limit: 2 } } }));
   const { event_list } = there(await api.GET("/api/v1/events"));
   await api.DELETE("/api/v1/events/{event_name}", { params });
   return {
