@@ -155,7 +155,7 @@ TEST_F(HandlersTest, WhatAHandlerPostsIsMadeAfterItsPosting) {
            "def try_to(what, *arguments):\n    try: what(*arguments)\n"
            "    except (TypeError, ValueError) as e: refused.append(str(e))\n"
            "def event_handler(payload):\n"
-           "    d = {'list': [1, 2**40, 2**70, 0.5, True, None, ('x',)], 'own': velmora.listener_data}\n"
+           "    d = {'list': [1, 2**40, 2**70, 0.5, True, None, ('x',), velmora.listener_data]}\n"
            "    velmora.post('first', d)\n    d['list'] = 0\n    velmora.post('nowhere')\n"
            "    velmora.post('second')\n    velmora.log('notice', 'two\\nlines')\n"
            "    me = {}\n    me['me'] = me\n"
@@ -168,7 +168,7 @@ TEST_F(HandlersTest, WhatAHandlerPostsIsMadeAfterItsPosting) {
     Post("asked");
     EXPECT_TRUE(Testing::Eventually([this] { return History().Size() == 3; }));
     EXPECT_EQ(Text(Entry(History(), 1).GetDict("post_data")),
-              R"({"list":[1,1099511627776,1180591620717411303424,0.5,true,null,["x"]],"own":{"l":1}})");
+              R"({"list":[1,1099511627776,1180591620717411303424,0.5,true,null,["x"],{"l":1}]})");
     EXPECT_EQ(Entry(History(), 2).GetData("event_name").Text(), "second");
     EXPECT_TRUE(log.Has("A handler posted \"nowhere\", which is no event.\n"));
     EXPECT_EQ(log.At(Mirel::LOG_NOTICE).size(), 1U);
