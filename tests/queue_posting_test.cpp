@@ -208,7 +208,7 @@ def start():
 TEST_F(PostingTest, PostingsLeaveNoPythonReferencesBehind) {
     Module("counted",
            "import gc, sys\nmarker = object()\ndef event_handler(payload):\n    return marker\n"
-           "def references():\n"
+           "def references():\n    gc.collect()\n"
            "    once = (None, marker, event_handler, sys.modules['counted'])\n"
            "    return [sys.getrefcount(o) for o in once] + [len(gc.get_objects())]\n"
            "def note():\n    global before\n    before = references()\n"
