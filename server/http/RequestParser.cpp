@@ -121,9 +121,8 @@ class BeastParser : public http::basic_parser<true> {
         }
         const std::optional<Field> known = KnownField(name, {text.data(), text.size()});
         if (!known) return;
-        // A value that went over several lines is put together in another place; nobody sends that any more.
-        if (value.data() < Bytes.data() || value.data() > Bytes.data() + Bytes.size()) {
-            if (!value.empty()) error = http::error::bad_obs_fold;
+        if (IsFolded(Plain(text), Plain(value))) {
+            error = http::error::bad_obs_fold;
             return;
         }
         const auto index = static_cast<std::size_t>(*known);
@@ -132,6 +131,15 @@ class BeastParser : public http::basic_parser<true> {
         } else {
             Head.More.emplace_back(*known, Plain(value));
         }
+    }
+
+    // Whether a value went over several lines, which nobody sends any more: Beast puts it together in another place,
+    // or begins it behind the first line's end where that line is empty.
+    bool IsFolded(std::string_view name, std::string_view value) const {
+        if (value.empty()) return false;
+        if (value.data() < Bytes.data() || value.data() > Bytes.data() + Bytes.size()) return true;
+        const char* const behind = name.data() + name.size();
+        return std::string_view(behind, static_cast<std::size_t>(value.data() - behind)).find('\n') != Bytes.npos;
     }
 
     void on_header_impl(error_code&) override {}

@@ -104,7 +104,7 @@ class Resume(unittest.TestCase):
                 self.assertGreater(min(missed), max(have))
                 self.assertLess(i, len(epochs) - 1)
 
-    async def websocket(self, query, seed):
+    async def websocket(self, query, seed, greeted):
         chance, got, gaps, last = random.Random(seed), [], [], ""
         while True:
             after = "&after=" + last if last else ""
@@ -114,6 +114,7 @@ class Resume(unittest.TestCase):
                     hello = json.loads(await feed.recv())
                     if not last:
                         last = hello["id"]
+                        greeted.release()
                     if hello["gap"]:
                         gaps.append(len(got))
                     for _ in range(chance.randrange(1, 400)):
@@ -129,8 +130,10 @@ class Resume(unittest.TestCase):
     def test_websockets_that_are_killed_get_all_and_nothing_twice(self):
         async def run():
             queries = ["", "event_name=b", "event_name=a.*&event_name=b", "event_name=*"]
-            clients = [asyncio.create_task(self.websocket(query, i)) for i, query in enumerate(queries * 2)]
-            await asyncio.sleep(0)  # they are on their way
+            greeted = asyncio.Semaphore(0)
+            clients = [asyncio.create_task(self.websocket(query, i, greeted)) for i, query in enumerate(queries * 2)]
+            for _ in clients:  # nobody misses what is posted before it has come for the first time
+                await asyncio.wait_for(greeted.acquire(), PATIENCE_SEC)
             loader = threading.Thread(target=self.load, args=(3000, 4))
             loader.start()
             results = await asyncio.wait_for(asyncio.gather(*clients), PATIENCE_SEC)
