@@ -73,7 +73,7 @@ struct Statistics {
 };
 
 /// One node of a cluster, as its process sees it. All operations may be called from any thread.
-class MR_EXPORT ICluster {
+class ICluster {
   public:
     virtual ~ICluster() = default;
 
@@ -102,10 +102,9 @@ class MR_EXPORT ICluster {
 };
 
 /// Makes a node. It connects in the background. RESULT_STATE in a build without the engine's client.
-MR_EXPORT Result_t MakeNode(const Settings& settings, Mirel::ui32_t timeout_ms,
-                            std::unique_ptr<ICluster>& node);
+Result_t MakeNode(const Settings& settings, Mirel::ui32_t timeout_ms, std::unique_ptr<ICluster>& node);
 
 /// Connects and looks for everything that a node needs; makes and changes nothing. One line for each fault.
-MR_EXPORT std::vector<std::string> CheckEngine(const Settings& settings);
+std::vector<std::string> CheckEngine(const Settings& settings);
 
 }  // namespace Cluster

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace Cluster {
 
@@ -40,8 +41,10 @@ natsStatus Take(Held<T, Destroy>& held, Function function, Arguments... argument
 
 inline std::string ReasonOf(natsStatus status) {
     const char* last = nats_GetLastError(nullptr);
-    const std::string text = natsStatus_GetText(status);
-    return last != nullptr && *last != '\0' ? text + ": " + last : text;
+    const std::string_view text = last != nullptr && *last != '\0' ? last : natsStatus_GetText(status);
+    // Without the place in the client's source.
+    const std::size_t place = text.starts_with('(') ? text.find("): ") : text.npos;
+    return std::string(place == text.npos ? text : text.substr(place + 3));
 }
 
 }  // namespace Cluster

@@ -15,10 +15,10 @@ inline constexpr std::size_t LongestName = 3000;
 
 /// Letters, digits, '-' and '_' stand for themselves, and so does a '.' between two other characters; every
 /// other byte is "=XX". Different names stay different.
-MR_EXPORT std::string EncodeName(std::string_view name);
+std::string EncodeName(std::string_view name);
 
 /// The name; nothing for a '=' without two hexadecimal digits. Bytes that EncodeName would have encoded stand
 /// for themselves, since others write subjects too.
-MR_EXPORT std::optional<std::string> DecodeName(std::string_view text);
+std::optional<std::string> DecodeName(std::string_view text);
 
 }  // namespace Cluster

@@ -106,9 +106,12 @@ void Publisher::Attempt(WaitingPointer waiting) {
     jsPubOptions_Init(&options);
     options.MaxWait = AttemptLimit_ms;
     natsMsg* given = message;
-    const natsStatus status = js_PublishMsgAsync(m_Context.get(), &given, &options);
+    // While it reconnects, the client would keep the message and send it later.
+    const natsStatus status =
+        m_Engine.Connected() ? js_PublishMsgAsync(m_Context.get(), &given, &options) : NATS_NOT_YET_CONNECTED;
     if (status == NATS_OK) return;
-    const std::string why = ReasonOf(status);
+    const std::string why =
+        status == NATS_NOT_YET_CONNECTED ? "no server of the engine can be reached" : ReasonOf(status);
     WaitingPointer back = TakeWaiting(message);
     if (given) natsMsg_Destroy(given);
     if (back) Failed(std::move(back), status, 0, why);

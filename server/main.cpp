@@ -14,6 +14,7 @@
 #include <memory>
 #include <thread>
 
+#include "Cluster.h"
 #include "EventManager.h"
 #include "MR_log.h"
 #include "VL_HTTP.h"
@@ -23,6 +24,7 @@
 #include "config/Config.h"
 #include "config/StateFile.h"
 #include "http/HttpServer.h"
+#include "rest/ClusterGate.h"
 #include "rest/Handlers.h"
 #include "rest/Router.h"
 #include "service/ServiceManager.h"
@@ -35,6 +37,7 @@ using Mirel::Result_t;
 using Server::Config;
 using Server::ConfigFault;
 
+constexpr Mirel::ui32_t JoinLimit_ms = 10000;     // for the cluster's registry, when the server starts
 constexpr Mirel::ui32_t RequestsLimit_ms = 5000;  // for requests in progress, when the server ends
 constexpr Mirel::ui32_t PostingsLimit_ms = 5000;  // for what Python handlers have posted, then
 
@@ -191,19 +194,33 @@ void WaitForCallers(Mirel::i32_t timeout_ms) {
 }
 
 // The order is that of who might still cause work for whom.
-int End(Server::HttpServer& server, const Config& config) {
+int End(Server::HttpServer& server, const Config& config, Cluster::ICluster* node) {
     LimitEnd(config.EndTimeout_ms);
     server.Stop(RequestsLimit_ms);
+    if (node) node->BeginEnd();
     const Result_t stopped = EventManager::StopEventQueue();
     if (stopped.Failure())
         Mirel::DefaultLogSink().Error("Stopping the queue failed: %s\n", stopped.Message());
     Velmora::StopHandlerPostings(PostingsLimit_ms);
     WaitForCallers(config.Timeout_ms);
+    if (node) node->End();
     Velmora::CloseAllWebSocketClients();
     const Result_t saved = EventManager::SaveEventQueue();
     if (saved.Failure()) return Fail(std::string("Saving the state failed: ") + saved.Message());
     Mirel::DefaultLogSink().Notice("Ended\n");
     return stopped.Success() ? 0 : 1;
+}
+
+// A node's queue is the cluster's; what the configuration holds is for an empty cluster.
+Result_t StartNode(const Config& config, Mirel::ui16_t port, std::unique_ptr<Cluster::ICluster>& node) {
+    const Result_t handlers = Server::SetUpHandlers(config);
+    if (handlers.Failure()) return handlers;
+    const Result_t made = Cluster::MakeNode(config.Node, static_cast<Mirel::ui32_t>(config.Timeout_ms), node);
+    if (made.Failure()) return made;
+    const Velmora::PListDict dict = config.ForEventQueue(port, Velmora::PListDict());
+    const Result_t started = EventManager::StartEventQueue(node->Queue(), dict, nullptr);
+    if (started.Success()) node->Join(config.EventManager, JoinLimit_ms);
+    return started;
 }
 
 // Restores without limits, which would cut what was saved under higher ones; then they are set. What was left
@@ -259,8 +276,16 @@ int Run(const Config& config, const std::string& config_file) {
     if (locked.Failure()) return Fail(locked.Message());
     Velmora::SetMaxCallers(config.MaxCallers);
     Server::QueueOrigin origin{};
-    const Result_t started = StartQueue(config, server.Port(), origin);
+    std::unique_ptr<Cluster::ICluster> node;
+    const Result_t started = config.Node.IsConfigured() ? StartNode(config, server.Port(), node)
+                                                        : StartQueue(config, server.Port(), origin);
     if (started.Failure()) return Fail(started.Message());
+    std::unique_ptr<Server::ClusterGate> gate;
+    if (node) {
+        gate = std::make_unique<Server::ClusterGate>(*node);
+        if (const Result_t begun = gate->Begin(); begun.Failure()) return Fail(begun.Message());
+        router.GoThrough(*gate);
+    }
 
     const Result_t serving = server.Serve();
     if (serving.Failure()) {
@@ -273,7 +298,7 @@ int Run(const Config& config, const std::string& config_file) {
     std::fflush(stdout);
     manager.Tell("READY=1\nSTATUS=Listening on " + server.Url());
     WaitForSignal(manager);
-    return End(server, config);
+    return End(server, config, node.get());
 }
 
 // All threads share one arena: the history is written by whoever posts and freed by the worker, and the main

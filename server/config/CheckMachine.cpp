@@ -166,6 +166,10 @@ void CheckMachine(const Config& config, std::vector<ConfigFault>& faults,
     CheckTLSIdentity(config.Http.TLSIdentity, faults);
     CheckStateFile(config.StateFile, faults, warnings);
     CheckPythonPath(config.PythonPath, faults);
+    if (config.Node.IsConfigured() && faults.empty()) {
+        for (const std::string& what : Cluster::CheckEngine(config.Node))
+            faults.push_back({"/Cluster", what});
+    }
     FindPythonModulesIn(config.PythonPath);
     References(config.EventManager, faults, warnings);
 }

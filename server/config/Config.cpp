@@ -13,6 +13,7 @@
 #include "EventManager.h"
 #include "MR_util.h"
 #include "VL_HTTP.h"
+#include "config/ClusterConfig.h"
 #include "config/Secrets.h"
 #include "http/AccessPolicy.h"
 
@@ -117,6 +118,10 @@ void Loader::Load(const Velmora::PListDict& dict) {
     if (const Velmora::PListDict* limits = shape.Dict("Limits")) Limits(*limits);
     if (const Velmora::PListDict* timers = shape.Dict(Keys::Timers)) Timers(*timers);
     if (const Velmora::PListDict* document = shape.Dict(Keys::EventManager)) Document(*document);
+    if (const Velmora::PListDict* cluster = shape.Dict("Cluster"))
+        m_Config.Node = ReadCluster(*cluster, m_Directory, m_Faults);
+    if (m_Config.Node.IsConfigured() && !m_Config.StateFile.empty())
+        shape.Blame("Cluster", "cannot stand beside \"StateFile\": the cluster keeps the state");
     shape.NothingElse();
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Cluster.h"
 #include "MR_error.h"
 #include "MR_log.h"
 #include "VL_PList.h"
@@ -42,6 +43,7 @@ struct Config {
     Mirel::i32_t MaxWatches = 1024;
     Mirel::ui32_t EndTimeout_ms = 60000;  // for the orderly end
     Velmora::PListDict EventManager;      // a queue state document
+    Cluster::Settings Node;               // of a cluster; not configured: a single server
 
     /// The dictionary to start the queue with: the port that was really bound, and the document that is to be
     /// restored, which no limit cuts.

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "EventManager.h"
+#include "config/ClusterConfig.h"
 #include "config/Config.h"
 #include "config/Secrets.h"
 
@@ -116,6 +117,7 @@ std::string PrintConfig(const Config& config) {
     dict.SetItem("Log", log);
     dict.SetItem("Limits", LimitsInForce(config));
     dict.SetItem(Keys::Timers, timers);
+    if (config.Node.IsConfigured()) dict.SetItem("Cluster", ClusterInForce(config.Node));
     dict.SetItem(Keys::EventManager, DocumentWithoutCredentials(config.EventManager));
     std::string json;
     if (dict.EncodeJSON(json).Failure()) return std::string();

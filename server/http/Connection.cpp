@@ -72,6 +72,13 @@ Coroutine Connection::Serve(std::unique_ptr<Connection> /*self*/) {
                 co_await Ready(true);
             }
             if (Leaving()) break;
+            if (step == Step::Later) {
+                m_Life.Enter(Phase::Handling, 0);
+                co_await LaterWait(*m_Later, m_Shared.Io);
+                Respond(m_Later->Take());
+                m_Later = nullptr;
+                continue;
+            }
             if (step == Step::Again) continue;
             // The others have their turn. By then the next bytes are there mostly: who reads at once makes a
             // system call for nothing.

@@ -12,6 +12,7 @@
 #include "http/ConnectionShared.h"
 #include "http/ConnectionWaits.h"
 #include "http/Coroutine.h"
+#include "http/LaterAnswer.h"
 
 namespace Server {
 
@@ -43,6 +44,7 @@ class Connection {
         Input,      // all that is there is used
         Admission,  // the request waits to be let in
         Turn,       // others are to have theirs
+        Later,      // the answer is to come
     };
 
     // Moving bytes and waiting (Connection.cpp).
@@ -72,6 +74,7 @@ class Connection {
     HttpResponse CallHandlerAndLeave();
     Step Upgrade();
     Step Respond(HttpResponse response);
+    Step RespondOrWait(HttpResponse response);
     Step RefuseAndClose(HttpResponse response);
     void CountAnswer(Status_t status, std::size_t size);
     void LogAnswer(Status_t status, std::size_t size, Clock::duration took) const;
@@ -90,6 +93,7 @@ class Connection {
     FeedPlaces::Place m_FeedPlace;
     std::optional<Velmora::FeedWish> m_FeedWish;  // of a subscriber that is on its way to the feed
     HttpRequest m_Request;                        // the one that is answered
+    std::shared_ptr<LaterAnswer> m_Later;         // the answer to it, where that comes later
     Clock::time_point m_Began;                    // when it was there as a whole; none yet: time_point()
     bool m_CloseAfter = false;
     bool m_UpgradeAfter = false;

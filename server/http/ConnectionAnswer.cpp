@@ -75,16 +75,16 @@ Connection::Step Connection::RequestComplete() {
 }
 
 Connection::Step Connection::Answer() {
-    if (!m_Route.MayBlock) return Respond(CallHandler());
+    if (!m_Route.MayBlock) return RespondOrWait(CallHandler());
     m_Life.Enter(Phase::Handling, 0);
     if (!m_Shared.Pool.Enter()) return Step::Admission;
-    return Respond(CallHandlerAndLeave());
+    return RespondOrWait(CallHandlerAndLeave());
 }
 
 // The turn of a request that waited has come.
 Connection::Step Connection::AnswerAdmitted() {
     m_Shared.Pool.Resumed();
-    return Respond(CallHandlerAndLeave());
+    return RespondOrWait(CallHandlerAndLeave());
 }
 
 // Its time is over, or too many wait.
@@ -109,6 +109,11 @@ HttpResponse Connection::CallHandler() {
                                       Mirel::EscapeForLog(m_Request.Path).c_str(), error.what());
         return Problem(Velmora::STATUS_500_SERVER_ERROR, "The server could not answer this request.");
     }
+}
+
+Connection::Step Connection::RespondOrWait(HttpResponse response) {
+    m_Later = std::move(response.Later);
+    return m_Later ? Step::Later : Respond(std::move(response));
 }
 
 Connection::Step Connection::Respond(HttpResponse response) {

@@ -11,6 +11,7 @@
 #include <new>
 
 #include "MR_log.h"
+#include "http/LaterAnswer.h"
 #include "http/ThreadPool.h"
 
 namespace Server {
@@ -96,6 +97,25 @@ class TurnWait {
     void await_resume() const noexcept {}
 
   private:
+    boost::asio::io_context& m_Io;
+};
+
+/// Until an answer that comes later is there.
+class LaterWait {
+  public:
+    LaterWait(LaterAnswer& answer, boost::asio::io_context& io) : m_Answer(answer), m_Io(io) {}
+    ~LaterWait() { m_Answer.Forget(); }
+    LaterWait(const LaterWait&) = delete;
+    LaterWait& operator=(const LaterWait&) = delete;
+
+    bool await_ready() const noexcept { return false; }
+    [[gnu::noinline]] bool await_suspend(std::coroutine_handle<> frame) {
+        return m_Answer.Wait([&io = m_Io, frame] { boost::asio::post(io, [frame] { frame.resume(); }); });
+    }
+    void await_resume() const noexcept {}
+
+  private:
+    LaterAnswer& m_Answer;
     boost::asio::io_context& m_Io;
 };
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,6 +23,7 @@ struct HttpRequest {
     std::string_view Query;        // as received, without the "?": "limit=10&event_name=x"
     std::string_view ContentType;  // empty where the request names none
     std::string_view IfNoneMatch;
+    std::string_view IdempotencyKey;
     std::string_view Body;
     bool HasBody = false;  // a Content-Length above 0 or chunks came with it
 };
@@ -41,6 +43,8 @@ struct HttpRoute {
     QueryParameters Query;
 };
 
+class LaterAnswer;
+
 /// What is answered. Content-Length, Date, Connection and the security headers are the connection's to add;
 /// for HEAD the connection leaves the body out.
 struct HttpResponse {
@@ -51,6 +55,9 @@ struct HttpResponse {
 
     /// Bytes that live as long as the program, sent in place of Body without a copy (the console's files).
     std::string_view StaticBody;
+
+    /// Not null: none of the above counts, and the answer comes later.
+    std::shared_ptr<LaterAnswer> Later;
 };
 
 /// Percent-decoding of one path segment or query value to bytes; nothing for a malformed escape.

@@ -72,6 +72,7 @@ std::optional<Field> KnownField(http::field name, std::string_view text) {
             return Field::WebSocketProtocol;
         case http::field::unknown:
             if (boost::beast::iequals(text, "Last-Event-ID")) return Field::LastEventId;
+            if (boost::beast::iequals(text, "Idempotency-Key")) return Field::IdempotencyKey;
             return std::nullopt;
         default:
             return std::nullopt;
@@ -133,13 +134,14 @@ class BeastParser : public http::basic_parser<true> {
         }
     }
 
-    // Whether a value went over several lines, which nobody sends any more: Beast puts it together in another place,
-    // or begins it behind the first line's end where that line is empty.
+    // Whether a value went over several lines, which nobody sends any more: Beast puts it together in another
+    // place, or begins it behind the first line's end where that line is empty.
     bool IsFolded(std::string_view name, std::string_view value) const {
         if (value.empty()) return false;
         if (value.data() < Bytes.data() || value.data() > Bytes.data() + Bytes.size()) return true;
         const char* const behind = name.data() + name.size();
-        return std::string_view(behind, static_cast<std::size_t>(value.data() - behind)).find('\n') != Bytes.npos;
+        return std::string_view(behind, static_cast<std::size_t>(value.data() - behind)).find('\n') !=
+               Bytes.npos;
     }
 
     void on_header_impl(error_code&) override {}

@@ -22,6 +22,7 @@ enum class Field {
     Authorization,
     ContentType,
     IfNoneMatch,
+    IdempotencyKey,
     Expect,
     Upgrade,
     Connection,

@@ -3,6 +3,7 @@
 
 #include "EventManager.h"
 #include "config/QueueShape.h"
+#include "rest/ClusterGate.h"
 #include "rest/Rest.h"
 
 namespace Server {
@@ -107,6 +108,18 @@ HttpResponse GetEvent(RestCall& call) {
     return entry.Empty() ? EventMissing(call.Names[0]) : Json(Velmora::STATUS_200_OK, entry);
 }
 
+HttpResponse Posted(const std::string& name, const std::string& id) {
+    HttpResponse response;
+    response.Status = Velmora::STATUS_202_ACCEPTED;
+    response.ContentType = Velmora::Strings::MIME_json;
+    constexpr std::string_view Before = "{\"event_name\":", After = ",\"posted\":true,\"id\":\"";
+    response.Body.reserve(Before.size() + name.size() + 2 + After.size() + id.size() + 2);
+    response.Body += Before;
+    AppendJsonString(response.Body, name);
+    response.Body.append(After).append(id).append("\"}");
+    return response;
+}
+
 HttpResponse PostEvent(RestCall& call) {
     const std::string& name = call.Names[0];
     Velmora::PListDict data;
@@ -114,19 +127,14 @@ HttpResponse PostEvent(RestCall& call) {
     if (has_data) {
         if (auto refused = ReadBody(call, data)) return std::move(*refused);
     }
+    if (call.Context.Gate != nullptr) {
+        call.Context.RestPostings.fetch_add(1, std::memory_order_relaxed);
+        return call.Context.Gate->Post(call.Request, name);
+    }
     if (!GlobalEventQueue().PostEvent(name, has_data ? &data : nullptr)) return EventMissing(name);
     call.Context.RestPostings.fetch_add(1, std::memory_order_relaxed);
 
-    HttpResponse response;
-    response.Status = Velmora::STATUS_202_ACCEPTED;
-    response.ContentType = Velmora::Strings::MIME_json;
-    constexpr std::string_view Before = "{\"event_name\":", After = ",\"posted\":true,\"id\":\"";
-    const std::string id = EventManager::LastPostingOfThread().Text();
-    response.Body.reserve(Before.size() + name.size() + 2 + After.size() + id.size() + 2);
-    response.Body += Before;
-    AppendJsonString(response.Body, name);
-    response.Body.append(After).append(id).append("\"}");
-    return response;
+    return Posted(name, EventManager::LastPostingOfThread().Text());
 }
 
 HttpResponse DeleteEvent(RestCall& call) {

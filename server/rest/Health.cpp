@@ -9,6 +9,7 @@
 
 #include "EventManager.h"
 #include "MR_util.h"
+#include "rest/ClusterGate.h"
 #include "rest/Rest.h"
 
 namespace Server {
@@ -42,6 +43,12 @@ CheckOutcome CheckStateFile(const EventManager::QueueStatistics& queue, const st
     return {true, "writable"};
 }
 
+CheckOutcome CheckCluster(ClusterGate* gate) {
+    if (gate == nullptr) return {true, "none is configured"};
+    const Cluster::Statistics figures = gate->Of().Figures();
+    return {figures.Ready, figures.Ready ? "in order" : figures.Detail};
+}
+
 namespace {
 
 Velmora::PListDict Entry(const CheckOutcome& outcome) {
@@ -67,10 +74,12 @@ HttpResponse GetReadiness(RestCall& call) {
     const EventManager::QueueStatistics queue = EventManager::GetQueueStatistics();
     const CheckOutcome worker = CheckWorker(queue);
     const CheckOutcome state_file = CheckStateFile(queue, call.Context.StateFile);
-    const bool ready = worker.Ok && state_file.Ok;
+    const CheckOutcome cluster = CheckCluster(call.Context.Gate);
+    const bool ready = worker.Ok && state_file.Ok && cluster.Ok;
     Velmora::PListDict checks;
     checks.SetItem("worker", Entry(worker));
     checks.SetItem("state_file", Entry(state_file));
+    if (call.Context.Gate != nullptr) checks.SetItem("cluster", Entry(cluster));
     Velmora::PListDict answer;
     answer.SetValue("ready", ready);
     answer.SetItem("checks", checks);

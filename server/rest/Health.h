@@ -11,6 +11,8 @@ namespace Server {
 /// second at most; the rest is work, a slow Python handler's included.
 inline constexpr Mirel::ui64_t LongestPass_ms = 5000;
 
+class ClusterGate;
+
 struct CheckOutcome {
     bool Ok;
     std::string Detail;  // for people; names no path, since whoever asks needs no token
@@ -21,5 +23,8 @@ CheckOutcome CheckWorker(const EventManager::QueueStatistics& queue);
 
 /// Whether the next save can be expected to succeed. An empty path is fine: nothing is to be saved.
 CheckOutcome CheckStateFile(const EventManager::QueueStatistics& queue, const std::string& path);
+
+/// Whether the cluster's engine is there and its registry has been read; fine without a cluster.
+CheckOutcome CheckCluster(ClusterGate* gate);
 
 }  // namespace Server

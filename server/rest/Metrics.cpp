@@ -8,6 +8,7 @@
 #include "VL_HTTP.h"
 #include "VL_Python.h"
 #include "VL_WebSocket.h"
+#include "rest/ClusterGate.h"
 #include "rest/ProcessMetrics.h"
 #include "rest/Rest.h"
 
@@ -221,6 +222,7 @@ HttpResponse GetMetrics(RestCall& call) {
     Feed(text);
     Deliveries(text, queue);
     Handlers(text);
+    if (call.Context.Gate != nullptr) ClusterMetrics(text, call.Context.Gate->Of().Figures());
     if (call.Context.ServerCounters) Connections(text, call.Context.ServerCounters());
 
     HttpResponse response;

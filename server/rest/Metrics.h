@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "Cluster.h"
 #include "MR_histogram.h"
 #include "MR_types.h"
 
@@ -37,5 +38,8 @@ class MetricsText {
     std::string m_Text;
     std::string m_Family;
 };
+
+/// The families of a node of a cluster.
+void ClusterMetrics(MetricsText& text, const Cluster::Statistics& figures);
 
 }  // namespace Server

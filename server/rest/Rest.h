@@ -19,12 +19,15 @@
 
 namespace Server {
 
+class ClusterGate;
+
 /// What the handlers know of the process around them.
 struct RestContext {
     // Set before the first request.
     std::string StateFile;  // empty: none
     Mirel::ui32_t Timeout_ms = 500;
     std::function<HttpServerCounters()> ServerCounters;
+    ClusterGate* Gate = nullptr;  // null: a single server
     std::chrono::steady_clock::time_point Started = std::chrono::steady_clock::now();
 
     // Counted by any thread.
@@ -52,6 +55,8 @@ inline constexpr std::string_view ApiPrefix = "/api/v1";
 HttpResponse Json(Status_t status, const Velmora::PListDict& document);
 HttpResponse Created(const std::string& location, const Velmora::PListDict& document);
 HttpResponse NoContent();
+/// 202: the event was posted under the id.
+HttpResponse Posted(const std::string& event_name, const std::string& id);
 /// 204 where something was removed, else 404 with the detail.
 HttpResponse Removed(bool found, const std::string& otherwise);
 /// A problem that says what is wrong where in the body: "errors": [{"pointer", "detail"}].
@@ -85,6 +90,8 @@ HttpResponse GetQueue(RestCall& call);
 HttpResponse PostQueue(RestCall& call);
 HttpResponse GetConfig(RestCall& call);
 HttpResponse PatchConfig(RestCall& call);
+
+HttpResponse GetCluster(RestCall& call);
 
 HttpResponse GetEvents(RestCall& call);
 HttpResponse PostEvents(RestCall& call);

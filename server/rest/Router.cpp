@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "MR_log.h"
+#include "rest/ClusterGate.h"
 #include "rest/Console.h"
 
 namespace Server {
@@ -44,6 +45,7 @@ constexpr Row Table[] = {
      "", GetListener},
     {Velmora::METH_DELETE, "/api/v1/events/{event_name}/listeners/{listener_id}", Waits::ForQueue, Body::None,
      "", DeleteListener},
+    {Velmora::METH_GET, "/api/v1/cluster", Waits::Never, Body::None, "", GetCluster},
     {Velmora::METH_GET, "/api/v1/queue", Waits::ForQueue, Body::None, "", GetQueue},
     {Velmora::METH_POST, "/api/v1/queue", Waits::ForQueue, Body::Document, "", PostQueue},
     {Velmora::METH_GET, "/api/v1/config", Waits::Never, Body::None, "", GetConfig},
@@ -245,8 +247,21 @@ HttpResponse Router::Dispatch(const HttpRequest& request, HttpRoute& route) {
     return static_cast<const Row*>(route.Row)->Function(call);
 }
 
+// Whether the request changes what the nodes of a cluster share, for which their engine is waited for.
+static bool ChangesCluster(const HttpRoute& route) {
+    const Row& row = *static_cast<const Row*>(route.Row);
+    const bool changes = row.Method == Velmora::METH_POST || row.Method == Velmora::METH_DELETE ||
+                         row.Method == Velmora::METH_PATCH;
+    return changes && row.Function != PostEvent && row.Pattern.starts_with(ApiPrefix);
+}
+
 HttpResponse Router::Handle(const HttpRequest& request, HttpRoute& route) {
     try {
+        if (m_Context.Gate != nullptr && ChangesCluster(route)) {
+            return m_Context.Gate->Change(request, route, [this](const HttpRequest& own, HttpRoute& its) {
+                return Dispatch(own, its);
+            });
+        }
         return Dispatch(request, route);
     } catch (const std::bad_alloc& failure) {
         Mirel::DefaultLogSink().Error("Request %s %s failed: %s\n", Velmora::MethodToString(request.Method),

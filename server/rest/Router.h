@@ -30,6 +30,9 @@ class Router : public HttpHandler {
     /// Where /metrics takes the connections' counters from. To be called before the first request.
     void CountersFrom(std::function<HttpServerCounters()> source);
 
+    /// Where changes and postings of a node of a cluster go. To be called before the first request.
+    void GoThrough(ClusterGate& gate) { m_Context.Gate = &gate; }
+
     std::optional<HttpResponse> Route(const HttpRequest& head, HttpRoute& route) const override;
     HttpResponse Handle(const HttpRequest& request, HttpRoute& route) override;
 
