@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <iostream>
 #include <memory>
 #include <thread>
 
@@ -23,6 +24,7 @@
 #include "config/CommandLine.h"
 #include "config/Config.h"
 #include "config/StateFile.h"
+#include "config/Tokens.h"
 #include "http/HttpServer.h"
 #include "rest/ClusterGate.h"
 #include "rest/Handlers.h"
@@ -64,6 +66,15 @@ int Check(const Config& config, std::vector<ConfigFault> faults) {
     for (const ConfigFault& warning : warnings) Fail("warning: " + FaultText(warning));
     if (faults.empty()) std::puts("The configuration is fine.");
     return faults.empty() ? 0 : 1;
+}
+
+int HashToken() {
+    std::string token, fault;
+    std::getline(std::cin, token);
+    const std::optional<std::string> hash = Server::HashOfToken(token, fault);
+    if (!hash) return Fail("Cannot hash the token: " + fault);
+    std::puts(hash->c_str());
+    return 0;
 }
 
 void SetUpLog(const Config& config) {
@@ -313,6 +324,7 @@ int main(int argc, char** argv) {
     SetUpMemory();
     Server::CommandLine command_line;
     if (const std::optional<int> status = Server::ReadCommandLine(argc, argv, command_line)) return *status;
+    if (command_line.HashToken) return HashToken();
     std::vector<ConfigFault> faults;
     Config config = Server::LoadConfig(command_line.ConfigFile, faults);
     command_line.ApplyTo(config);

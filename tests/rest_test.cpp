@@ -278,6 +278,7 @@ TEST_F(RouterTest, OnlyWhatMayWaitForTheQueueSaysSo) {
         request.Path = route.Pattern;
         const bool queue = route.Pattern.rfind("/api/", 0) == 0 && never.count(route.Pattern) == 0;
         HttpRoute found;
+        found.Caller = CallerWithAllRights("");
         EXPECT_FALSE(router.Route(request, found)) << route.Pattern;
         EXPECT_EQ(found.MayBlock, queue) << route.Pattern;
     }
@@ -376,6 +377,7 @@ TEST_F(RouterTest, EveryRequestIsAnsweredWithoutMemory) {
     bool refused = true;
     for (int allocations = 0; refused; ++allocations) {
         HttpRoute route;
+        route.Caller = CallerWithAllRights("");
         ASSERT_FALSE(router.Route(request, route));
         HttpResponse response;
         {

@@ -41,7 +41,7 @@ void CheckAddress(const Config& config, std::vector<Fault>& faults, std::vector<
                       port = PointerTo(AddressPointer, "ListenPort");
     if (IsBlamed(faults, host) || IsBlamed(faults, port)) return;
     const bool guarded =
-        !http.AccessToken.empty() || IsBlamed(faults, "/AccessToken") || IsBlamed(faults, "/AccessTokenFile");
+        http.Guarded() || IsBlamed(faults, "/AccessToken") || IsBlamed(faults, "/AccessTokenFile");
     int descriptor = -1;
     Mirel::ui16_t bound_port = 0;
     const Mirel::Result_t bound = BindListener(http.Host, http.Port, guarded, descriptor, bound_port);

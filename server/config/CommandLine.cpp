@@ -90,6 +90,8 @@ std::optional<int> ReadCommandLine(int argc, const char* const* argv, CommandLin
                  "Check the configuration and what it names, say every fault, and exit");
     app.add_flag("--print-config", command_line.PrintConfig,
                  "Print what is in force, secrets hidden, and exit");
+    app.add_flag("--hash-token", command_line.HashToken,
+                 "Read an access token from standard input, print what \"Hash\" holds for it, and exit");
     AddLogOptions(app, command_line);
     app.footer(
         "Limits that PATCH /api/v1/config sets hold until this process ends. Each start begins with those "

@@ -18,6 +18,7 @@ struct CommandLine {
     std::optional<bool> LogAsJSON;
     bool Check = false;
     bool PrintConfig = false;
+    bool HashToken = false;
 
     /// Puts what the command line says in the place of what the configuration does.
     void ApplyTo(Config& config) const;

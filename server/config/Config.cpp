@@ -14,7 +14,7 @@
 #include "MR_util.h"
 #include "VL_HTTP.h"
 #include "config/ClusterConfig.h"
-#include "config/Secrets.h"
+#include "config/Tokens.h"
 #include "http/AccessPolicy.h"
 
 namespace Server {
@@ -27,7 +27,6 @@ using Mirel::ui32_t;
 namespace {
 
 constexpr std::size_t LargestConfig = 16u << 20;
-constexpr std::size_t LargestSecretFile = 64u << 10;
 
 bool IsAddress(int family, const std::string& text) {
     in6_addr any{};
@@ -89,7 +88,6 @@ class Loader {
     void CheckAnyOrigin();
     void TLSIdentity(Shape& shape);
     void Token(Shape& shape);
-    void TokenText(Shape& shape, const std::string& key, std::string token);
     void Log(const Velmora::PListDict& dict);
     void Limits(const Velmora::PListDict& dict);
     void Timers(const Velmora::PListDict& dict);
@@ -110,6 +108,8 @@ void Loader::Load(const Velmora::PListDict& dict) {
     if (const Velmora::PListDict* address = shape.Dict(Velmora::Strings::Config::BindAddress))
         BindAddress(*address);
     Token(shape);
+    m_Config.Http.AccessTokens =
+        ReadAccessTokens(shape, m_Directory.string(), m_Config.Http.AccessToken, m_Faults);
     CheckAnyOrigin();
     if (const auto path = shape.NonEmptyText(Keys::StateFile)) m_Config.StateFile = Resolved(*path);
     for (const std::string& path : shape.Texts("PythonPath")) m_Config.PythonPath.push_back(Resolved(path));
@@ -162,11 +162,12 @@ void Loader::AllowedOrigins(Shape& shape) {
 void Loader::CheckAnyOrigin() {
     const auto& origins = m_Config.Http.AllowedOrigins;
     const auto any = std::find(origins.begin(), origins.end(), "*");
-    if (any == origins.end() || !m_Config.Http.AccessToken.empty()) return;
+    if (any == origins.end() || m_Config.Http.Guarded()) return;
     const std::string base =
         PointerTo(PointerTo("", Velmora::Strings::Config::BindAddress), "AllowedOrigins");
-    m_Faults.push_back({PointerTo(base, static_cast<std::size_t>(any - origins.begin())),
-                        "needs an access token: name the origins, or set \"AccessToken\""});
+    m_Faults.push_back(
+        {PointerTo(base, static_cast<std::size_t>(any - origins.begin())),
+         "needs an access token: name the origins, or set \"AccessToken\" or \"AccessTokens\""});
 }
 
 void Loader::TLSIdentity(Shape& shape) {
@@ -186,29 +187,11 @@ void Loader::TLSIdentity(Shape& shape) {
 void Loader::Token(Shape& shape) {
     const auto token = shape.NonEmptyText("AccessToken");
     const auto path = shape.NonEmptyText("AccessTokenFile");
-    if (token) TokenText(shape, "AccessToken", *token);
+    if (token) CheckTokenText(shape, "AccessToken", m_Config.Http.AccessToken = *token);
     if (!path) return;
     m_Config.AccessTokenFile = Resolved(*path);
     if (token) shape.Blame("AccessTokenFile", "cannot stand beside \"AccessToken\"");
-    std::string text;
-    const Mirel::Result_t read = Mirel::ReadFileIntoString(m_Config.AccessTokenFile, text, LargestSecretFile);
-    if (read.Success()) {
-        TokenText(shape, "AccessTokenFile", text.substr(0, text.find_last_not_of("\r\n") + 1));
-    } else {
-        shape.Blame("AccessTokenFile", std::string("cannot be read: ") + read.Message());
-    }
-}
-
-// What an Authorization header can carry.
-void Loader::TokenText(Shape& shape, const std::string& key, std::string token) {
-    const bool visible =
-        std::all_of(token.begin(), token.end(), [](unsigned char c) { return c > 0x20 && c < 0x7f; });
-    if (token.empty() || !visible) {
-        shape.Blame(key, "must hold one token of visible ASCII characters without blanks");
-    } else if (token == HiddenSecret) {
-        shape.Blame(key, NeedsSecret);
-    }
-    m_Config.Http.AccessToken = std::move(token);
+    m_Config.Http.AccessToken = ReadTokenFile(shape, "AccessTokenFile", m_Config.AccessTokenFile);
 }
 
 void Loader::Log(const Velmora::PListDict& dict) {

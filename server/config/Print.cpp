@@ -15,6 +15,7 @@
 #include "config/ClusterConfig.h"
 #include "config/Config.h"
 #include "config/Secrets.h"
+#include "config/Tokens.h"
 
 namespace Server {
 
@@ -111,6 +112,8 @@ std::string PrintConfig(const Config& config) {
     } else if (!config.Http.AccessToken.empty()) {
         dict.SetValue("AccessToken", HiddenSecret);
     }
+    if (!config.Http.AccessTokens.empty())
+        dict.SetItem("AccessTokens", AccessTokensInForce(config.Http.AccessTokens));
     if (!config.StateFile.empty()) dict.SetValue(Keys::StateFile, config.StateFile);
     dict.SetItem("PythonPath", Texts(config.PythonPath));
     dict.SetItem("Python", python);

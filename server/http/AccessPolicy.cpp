@@ -84,10 +84,19 @@ bool UnderApi(std::string_view path) {
     return !decoded || Lowered(*decoded).substr(0, 3) == "api" || decoded->substr(0, 1) == ".";
 }
 
-HttpResponse Unauthorized() {
+std::vector<Caller> Holders(const std::vector<AccessToken>& tokens) {
+    std::vector<Caller> holders;
+    for (const AccessToken& token : tokens) holders.push_back(std::make_shared<const AccessToken>(token));
+    return holders;
+}
+
+HttpResponse Unauthorized(const RequestHead& head) {
+    const bool shown = head.Has(Field::Authorization);
     HttpResponse response = Problem(Velmora::STATUS_401_UNAUTHORIZED,
-                                    "An access token is wanted: Authorization: Bearer <token>.");
-    response.Headers.emplace_back("WWW-Authenticate", "Bearer realm=\"velmora\"");
+                                    shown ? "The access token that the request shows is not known here."
+                                          : "An access token is wanted: Authorization: Bearer <token>.");
+    const char* const error = shown ? ", error=\"invalid_token\"" : "";
+    response.Headers.emplace_back("WWW-Authenticate", std::string("Bearer realm=\"velmora\"") + error);
     return response;
 }
 
@@ -141,6 +150,10 @@ std::optional<std::string> DecodeBase64Url(std::string_view text) {
 
 AccessPolicy::AccessPolicy(const HttpServerOptions& options)
     : m_Token(options.AccessToken),
+      m_TokenHolder(CallerWithAllRights("AccessToken")),
+      m_Holders(Holders(options.AccessTokens)),
+      m_Self(CallerWithAllRights("(this server)")),
+      m_Anybody(options.Guarded() ? nullptr : CallerWithAllRights("")),
       m_Secure(!options.TLSIdentity.empty()),
       m_AllowedHosts(AllowedHosts(options)),
       m_AllowedOrigins(options.AllowedOrigins),
@@ -149,7 +162,7 @@ AccessPolicy::AccessPolicy(const HttpServerOptions& options)
 bool AccessPolicy::FromOtherOrigin(const RequestHead& head) const {
     if (m_AllowedOrigins.empty() || head.Count(Field::Origin) != 1) return false;
     return std::any_of(m_AllowedOrigins.begin(), m_AllowedOrigins.end(), [&](const std::string& allowed) {
-        return (allowed == "*" && !m_Token.empty()) || Mirel::EqualIgnoringCase(allowed, head[Field::Origin]);
+        return (allowed == "*" && !m_Anybody) || Mirel::EqualIgnoringCase(allowed, head[Field::Origin]);
     });
 }
 
@@ -198,30 +211,49 @@ bool AccessPolicy::OriginAllowed(std::string_view origin, std::string_view autho
     return PortNumber(from->second, usual) == PortNumber(to->second, usual);
 }
 
-bool AccessPolicy::TokenMatches(std::string_view token) const {
-    return token.size() == m_Token.size() && CRYPTO_memcmp(token.data(), m_Token.data(), token.size()) == 0;
+// Every token is compared, so that the time tells of none.
+Caller AccessPolicy::HolderOf(std::string_view token) const {
+    Caller found;
+    if (!m_Token.empty() && token.size() == m_Token.size() &&
+        CRYPTO_memcmp(token.data(), m_Token.data(), token.size()) == 0) {
+        found = m_TokenHolder;
+    }
+    if (m_Holders.empty()) return found;
+    const std::string digest = TokenDigest(token);
+    for (const Caller& holder : m_Holders) {
+        const bool same = holder->Digest.size() == digest.size() &&
+                          CRYPTO_memcmp(digest.data(), holder->Digest.data(), digest.size()) == 0;
+        if (same) found = holder;
+    }
+    return found;
 }
 
-bool AccessPolicy::OffersToken(const RequestHead& head) const {
-    return AnyElement(head, Field::WebSocketProtocol, [this](std::string_view one) {
+Caller AccessPolicy::HolderOffered(const RequestHead& head) const {
+    Caller holder;
+    AnyElement(head, Field::WebSocketProtocol, [&](std::string_view one) {
         if (one.substr(0, BearerProtocol.size()) != BearerProtocol) return false;
         const std::optional<std::string> token = DecodeBase64Url(one.substr(BearerProtocol.size()));
-        return token && TokenMatches(*token);
+        if (token) holder = HolderOf(*token);
+        return holder != nullptr;
     });
+    return holder;
 }
 
-bool AccessPolicy::Authorized(const RequestHead& head) const {
+Caller AccessPolicy::Identify(const RequestHead& head) const {
+    if (head.Count(Field::Authorization) > 1) return nullptr;
     const std::string_view given = head[Field::Authorization];
-    if (StartsWithLetters(given, "bearer ") && TokenMatches(Trimmed(given.substr(7)))) return true;
-    if (LocalAccessManager::IsSelfAuthorized(given)) return true;
-    if (!head.Has(Field::Upgrade)) return false;
+    if (StartsWithLetters(given, "bearer ")) {
+        if (Caller holder = HolderOf(Trimmed(given.substr(7)))) return holder;
+    }
+    if (LocalAccessManager::IsSelfAuthorized(given)) return m_Self;
+    if (!head.Has(Field::Upgrade)) return nullptr;
     const bool feed = ListHas(head, Field::WebSocketProtocol, FeedProtocol) ||
                       ListHas(head, Field::WebSocketProtocol, NumberedFeedProtocol);
-    return feed && OffersToken(head);
+    return feed ? HolderOffered(head) : nullptr;
 }
 
 std::optional<HttpResponse> AccessPolicy::Check(const RequestHead& head, std::string_view path,
-                                                std::string_view authority) const {
+                                                std::string_view authority, Caller& caller) const {
     if (head.Count(Field::Host) != 1) {
         return Problem(Velmora::STATUS_400_BAD_REQ, "A request needs exactly one Host field.");
     }
@@ -237,10 +269,10 @@ std::optional<HttpResponse> AccessPolicy::Check(const RequestHead& head, std::st
         return Problem(Velmora::STATUS_403_FORBIDDEN, "Requests from pages of other sites are refused.");
     }
     if (IsPreflight(head)) return std::nullopt;  // a browser asks without the token whether it may use it
-    if (!m_Token.empty() && UnderApi(path) && (head.Count(Field::Authorization) > 1 || !Authorized(head))) {
-        return Unauthorized();
-    }
-    return std::nullopt;
+    caller = m_Anybody;
+    if (caller || !UnderApi(path)) return std::nullopt;
+    caller = Identify(head);
+    return caller ? std::nullopt : std::optional(Unauthorized(head));
 }
 
 }  // namespace Server

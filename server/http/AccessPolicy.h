@@ -24,9 +24,10 @@ class AccessPolicy {
     explicit AccessPolicy(const HttpServerOptions& options);
 
     /// The refusal (400, 401, 403, 421), or nothing where the request may go on. `path` is the target's path;
-    /// `authority` that of an absolute target, which then stands for the Host field.
+    /// `authority` that of an absolute target, which then stands for the Host field. `caller` is who asks,
+    /// where the path needs it to be known.
     std::optional<HttpResponse> Check(const RequestHead& head, std::string_view path,
-                                      std::string_view authority) const;
+                                      std::string_view authority, Caller& caller) const;
 
     /// The header fields by which a browser lets a page from elsewhere see the answer, where the operator has
     /// allowed its origin; to the question before the request (a preflight) also what it may ask.
@@ -39,11 +40,15 @@ class AccessPolicy {
     bool NamedByOperator(std::string_view host) const;
     bool HostAllowed(std::string_view host) const;
     bool OriginAllowed(std::string_view origin, std::string_view authority) const;
-    bool Authorized(const RequestHead& head) const;
-    bool TokenMatches(std::string_view token) const;
-    bool OffersToken(const RequestHead& head) const;
+    Caller Identify(const RequestHead& head) const;
+    Caller HolderOf(std::string_view token) const;
+    Caller HolderOffered(const RequestHead& head) const;
 
     const std::string m_Token;
+    const Caller m_TokenHolder;                     // who has that one
+    const std::vector<Caller> m_Holders;            // those of the further tokens
+    const Caller m_Self;                            // this process
+    const Caller m_Anybody;                         // who calls where no token is wanted; otherwise null
     const bool m_Secure;                            // it speaks TLS itself
     const std::vector<std::string> m_AllowedHosts;  // lower case, IPv6 addresses without brackets
     const std::vector<std::string> m_AllowedOrigins;

@@ -78,6 +78,7 @@ class Connection {
     Step RefuseAndClose(HttpResponse response);
     void CountAnswer(Status_t status, std::size_t size);
     void LogAnswer(Status_t status, std::size_t size, Clock::duration took) const;
+    void LogChange(const HttpResponse& response) const;
     Step FinishRequest();
 
     ConnectionShared& m_Shared;

@@ -126,6 +126,7 @@ Connection::Step Connection::Respond(HttpResponse response) {
     m_CloseAfter = !form.KeepAlive;
 
     CountAnswer(response.Status, response.Body.size());
+    if (m_Route.Changes && response.Status < 300) LogChange(response);
     for (auto& field : m_Shared.Policy->ForOtherOrigin(head)) response.Headers.push_back(std::move(field));
     m_Output.Append(std::move(response), form);
     return FinishRequest();
@@ -155,6 +156,18 @@ void Connection::LogAnswer(Status_t status, std::size_t size, Clock::duration to
                                      target.c_str(), static_cast<int>(status), size, took_ms);
 }
 
+// Who did what; said only where callers have names.
+void Connection::LogChange(const HttpResponse& response) const {
+    if (m_Route.Caller->Name.empty()) return;
+    std::string made;
+    for (const auto& [name, value] : response.Headers)
+        if (name == "Location") made = ", made " + Mirel::EscapeForLog(value);
+    Mirel::DefaultLogSink().Notice(
+        "Audit: \"%s\" at %s: %s %s %d%s\n", Mirel::EscapeForLog(m_Route.Caller->Name).c_str(),
+        m_Stream.Peer().c_str(), Velmora::MethodToString(m_Request.Method),
+        Mirel::EscapeForLog(m_Input.Head().Target).c_str(), static_cast<int>(response.Status), made.c_str());
+}
+
 Connection::Step Connection::FinishRequest() {
     m_Input.FinishRequest();
     m_Route = {};
@@ -174,7 +187,7 @@ Connection::Step Connection::Upgrade() {
         return Respond(FeedIsFull(m_Shared.Options.MaxFeedClients));
     }
     const RequestHead& head = m_Input.Head();
-    if (auto refusal = ReadFeedWish(head, m_Route.Query, m_FeedWish)) return Respond(std::move(*refusal));
+    if (auto refusal = ReadFeedWish(head, m_Route, m_FeedWish)) return Respond(std::move(*refusal));
     const bool events = WantsEventStream(head);
     m_Output.Append(events ? EventStreamHead(m_Shared.Policy->ForOtherOrigin(head))
                            : SwitchingProtocols(head));

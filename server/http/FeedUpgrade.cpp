@@ -88,6 +88,25 @@ bool AcceptsEventStream(std::string_view accept) {
     return false;
 }
 
+// Without ids a client is sent every posting.
+std::optional<HttpResponse> RefuseEverything(const Caller& caller) {
+    if (!caller || caller->Events.empty()) return std::nullopt;
+    return Problem(Velmora::STATUS_403_FORBIDDEN,
+                   "The token \"" + caller->Name + "\" is for the events " + caller->EventsText() +
+                       " only: ask for the subprotocol " + std::string(NumberedFeedProtocol) +
+                       " or for server-sent events.");
+}
+
+// The names of events that are wanted, as far as they may be had.
+std::optional<HttpResponse> Narrow(const Caller& caller, std::vector<std::string>& names) {
+    if (!caller) return std::nullopt;
+    std::string refused;
+    std::optional<std::vector<std::string>> narrowed = caller->Narrowed(names, refused);
+    if (!narrowed) return EventForbidden(*caller, refused);
+    names = std::move(*narrowed);
+    return std::nullopt;
+}
+
 }  // namespace
 
 bool WantsEventStream(const RequestHead& head) {
@@ -95,11 +114,12 @@ bool WantsEventStream(const RequestHead& head) {
     return !head.Has(Field::Upgrade) && AcceptsEventStream(head[Field::Accept]);
 }
 
-std::optional<HttpResponse> ReadFeedWish(const RequestHead& head, const QueryParameters& query,
+std::optional<HttpResponse> ReadFeedWish(const RequestHead& head, const HttpRoute& route,
                                          std::optional<Velmora::FeedWish>& wish) {
+    const QueryParameters& query = route.Query;
     const bool events = WantsEventStream(head);
     if (!events && !ListHas(head, Field::WebSocketProtocol, NumberedFeedProtocol)) {
-        if (query.empty()) return std::nullopt;
+        if (query.empty()) return RefuseEverything(route.Caller);
         return Problem(Velmora::STATUS_400_BAD_REQ,
                        "The query parameter \"" + query.front().first + "\" is only for the subprotocol " +
                            std::string(NumberedFeedProtocol) + " and for server-sent events.");
@@ -117,7 +137,7 @@ std::optional<HttpResponse> ReadFeedWish(const RequestHead& head, const QueryPar
     // What a browser has come to since it was told the address.
     if (events && !head[Field::LastEventId].empty())
         wish->After = Velmora::PostingId::FromText(head[Field::LastEventId]).value_or(Unknown);
-    return std::nullopt;
+    return Narrow(route.Caller, wish->Names);
 }
 
 std::string EventStreamHead(const std::vector<std::pair<std::string, std::string>>& more) {

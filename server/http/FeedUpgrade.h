@@ -23,9 +23,9 @@ inline constexpr std::string_view EventStreamPath = "/api/v1/feed/sse";
 /// Whether a GET for the feed wants server-sent events: by its path, or by what it accepts.
 bool WantsEventStream(const RequestHead& head);
 
-/// Reads what a subscriber of the feed asks for into `wish`, which stays empty for a client that is told no
-/// ids; otherwise the refusal (400). `query` is the parameters.
-std::optional<HttpResponse> ReadFeedWish(const RequestHead& head, const QueryParameters& query,
+/// Reads what a subscriber of the feed asks for, as far as the caller may have it, into `wish`, which stays
+/// empty for a client that is told no ids; otherwise the refusal (400, 403).
+std::optional<HttpResponse> ReadFeedWish(const RequestHead& head, const HttpRoute& route,
                                          std::optional<Velmora::FeedWish>& wish);
 
 /// The head of the answer that server-sent events follow; `more` are further fields.

@@ -37,6 +37,12 @@ HttpResponse Problem(Status_t status, const std::string& detail) {
     return response;
 }
 
+HttpResponse EventForbidden(const AccessToken& caller, const std::string& event_name) {
+    return Problem(Velmora::STATUS_403_FORBIDDEN, "The token \"" + caller.Name + "\" is for the events " +
+                                                      caller.EventsText() + " only, and \"" + event_name +
+                                                      "\" is none of them.");
+}
+
 HttpResponse NoMemory() {
     HttpResponse response =
         Problem(Velmora::STATUS_503_NO_SERVICE, "There is not enough memory for this request at the moment.");

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "VL_HTTP.h"
+#include "http/AccessTokens.h"
 
 namespace Server {
 
@@ -41,6 +42,8 @@ struct HttpRoute {
     bool TakesDocument = false;        // the body may be as long as a queue state document
     std::array<std::string, 2> Names;  // the path's variable segments, decoded
     QueryParameters Query;
+    Server::Caller Caller;  // found out before the handler is asked; null where that was not needed
+    bool Changes = false;   // whether it is a change that the log is to tell who made
 };
 
 class LaterAnswer;
@@ -65,6 +68,9 @@ std::optional<std::string> PercentDecode(std::string_view text);
 
 /// The answer to a failed request: application/problem+json (RFC 9457) with type, title, status and detail.
 HttpResponse Problem(Status_t status, const std::string& detail);
+
+/// The refusal (403) of a caller whose token is not for the event.
+HttpResponse EventForbidden(const AccessToken& caller, const std::string& event_name);
 
 /// What is answered where the memory does not suffice for a request.
 HttpResponse NoMemory();

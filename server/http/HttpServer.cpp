@@ -107,7 +107,7 @@ Mirel::Result_t HttpServer::Impl::Bind() {
     }
     int descriptor = -1;
     const Mirel::Result_t bound =
-        BindListener(options.Host, options.Port, !options.AccessToken.empty(), descriptor, m_Port);
+        BindListener(options.Host, options.Port, options.Guarded(), descriptor, m_Port);
     if (bound.Failure()) return bound;
     m_Listener = descriptor;
     m_Acceptor->assign(descriptor);

@@ -57,8 +57,8 @@ Mirel::Result_t BindListener(const std::string& host, Mirel::ui16_t port, bool g
     if (!guarded && !IsLoopback(found->ai_addr)) {
         return CannotListen(
             host, port,
-            "without an access token only loopback addresses are served; set \"AccessToken\" or "
-            "\"AccessTokenFile\"");
+            "without an access token only loopback addresses are served; set \"AccessToken\", "
+            "\"AccessTokenFile\" or \"AccessTokens\"");
     }
     const int taken = socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (taken < 0) return CannotListen(host, port, std::strerror(errno));

@@ -6,15 +6,17 @@
 #include <vector>
 
 #include "MR_types.h"
+#include "http/AccessTokens.h"
 
 namespace Server {
 
 /// What a server is told once, before it binds.
 struct HttpServerOptions {
     std::string Host = "127.0.0.1";
-    Mirel::ui16_t Port = 0;                 // 0: any free port
-    std::string TLSIdentity;                // PEM file with certificate chain and key; empty: plain HTTP
-    std::string AccessToken;                // empty: none wanted
+    Mirel::ui16_t Port = 0;   // 0: any free port
+    std::string TLSIdentity;  // PEM file with certificate chain and key; empty: plain HTTP
+    std::string AccessToken;  // one with all rights; empty: none
+    std::vector<Server::AccessToken> AccessTokens;  // further ones, with rights of their own
     std::vector<std::string> AllowedHosts;  // names beside the bound one, localhost and loopback addresses
 
     bool AccessLog = false;  // one Info line for each answer
@@ -30,6 +32,9 @@ struct HttpServerOptions {
     Mirel::ui32_t IdleTimeout_ms = 75000;  // between requests
     Mirel::ui32_t RequestTimeout_ms =
         15000;  // from a request's first byte to its last, and to take the answer
+
+    /// Whether a token is wanted.
+    bool Guarded() const { return !AccessToken.empty() || !AccessTokens.empty(); }
 };
 
 }  // namespace Server

@@ -36,7 +36,8 @@ bool AsksForFeed(const HttpRequest& request) {
 std::optional<HttpResponse> RefuseHead(const RequestHead& head, const AccessPolicy& policy,
                                        const HttpHandler& handler, HttpRoute& route) {
     if (!head.Parts) return Problem(Velmora::STATUS_400_BAD_REQ, "The request's target must be a path.");
-    if (auto refusal = policy.Check(head, head.Parts->Path, head.Parts->Authority)) return refusal;
+    const RequestTarget& target = *head.Parts;
+    if (auto refusal = policy.Check(head, target.Path, target.Authority, route.Caller)) return refusal;
     if (!head.Method) return Problem(Velmora::STATUS_501_NOT_IMPLEMENTED, "This method is not known.");
     const HttpRequest request = RequestOf(head);
     if (auto refusal = handler.Route(request, route)) return refusal;
@@ -44,7 +45,7 @@ std::optional<HttpResponse> RefuseHead(const RequestHead& head, const AccessPoli
         const bool events = WantsEventStream(head) && !head.HasBody;
         if (auto refusal = events ? std::nullopt : RefuseUpgrade(head)) return refusal;
         std::optional<Velmora::FeedWish> wish;
-        if (auto refusal = ReadFeedWish(head, route.Query, wish)) return refusal;
+        if (auto refusal = ReadFeedWish(head, route, wish)) return refusal;
     }
     if (head.HasBody && !IsJson(head[Field::ContentType])) {
         return Problem(Velmora::STATUS_415_MEDIA_TYPE, "A body must be application/json.");

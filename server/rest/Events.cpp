@@ -71,10 +71,10 @@ HttpResponse ListenerAnswer(Status_t status, const std::string& event_name, cons
 
 }  // namespace
 
-HttpResponse GetEvents(RestCall&) {
+HttpResponse GetEvents(RestCall& call) {
     Velmora::PListDict state;
     GlobalEventQueue().GetEventState(state);
-    return Json(Velmora::STATUS_200_OK, state);
+    return AnswerList(call, state, Keys::event_list);
 }
 
 HttpResponse PostEvents(RestCall& call) {

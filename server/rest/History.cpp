@@ -22,13 +22,12 @@ struct Selection {
 };
 
 // Which events are asked for; none: all.
-using Names = std::vector<std::string_view>;
+using Names = std::vector<std::string>;
 
 // A name that ends in "*" stands for all that begin so.
 bool Match(const Names& names, std::string_view name) {
-    return std::any_of(names.begin(), names.end(), [name](std::string_view one) {
-        return one == name || (one.ends_with('*') && name.starts_with(one.substr(0, one.size() - 1)));
-    });
+    return std::any_of(names.begin(), names.end(),
+                       [name](const std::string& one) { return PatternFits(one, name); });
 }
 
 bool Wanted(const Velmora::PListItem* item, const Names& names) {
@@ -75,6 +74,18 @@ Selection FirstRecords(EventManager::HistoryReading& reading, const Names& names
     return selection;
 }
 
+// The names that are asked for, as far as the caller may have them.
+std::optional<HttpResponse> ReadNames(const RestCall& call, Names& names) {
+    for (const auto& [key, value] : call.Query)
+        if (key == Keys::event_name) names.push_back(value);
+    if (call.Caller == nullptr) return std::nullopt;
+    std::string refused;
+    std::optional<Names> narrowed = call.Caller->Narrowed(names, refused);
+    if (!narrowed) return EventForbidden(*call.Caller, refused);
+    names = std::move(*narrowed);
+    return std::nullopt;
+}
+
 bool Failed(const Velmora::RequestOutcome& outcome) {
     return outcome.Failure != Velmora::RequestFailure::None || !Velmora::StatusIsSuccess(outcome.Status);
 }
@@ -110,10 +121,9 @@ HttpResponse GetHistory(RestCall& call) {
     if (auto refused = ReadLimit(call, limit)) return std::move(*refused);
     std::optional<EventManager::PostingId> after;
     if (auto refused = ReadAfter(call.Query, after)) return std::move(*refused);
-    EventManager::HistoryReading reading = EventManager::ReadEventHistory(after ? &*after : nullptr);
     Names names;
-    for (const auto& [key, value] : call.Query)
-        if (key == Keys::event_name) names.push_back(value);
+    if (auto refused = ReadNames(call, names)) return std::move(*refused);
+    EventManager::HistoryReading reading = EventManager::ReadEventHistory(after ? &*after : nullptr);
     const Selection selection = after ? FirstRecords(reading, names, limit, *after)
                                       : LastRecords(std::as_const(reading.Records), names, limit);
     Velmora::PListDict answer;

@@ -43,7 +43,9 @@ struct RestCall {
     RestContext& Context;
     std::array<std::string, 2> Names;  // the path's variable segments, decoded
     QueryParameters Query;
+    const AccessToken* Caller;  // null where the row wants no token
 
+    bool MaySee(std::string_view event_name) const { return Caller == nullptr || Caller->MayUse(event_name); }
     const std::string* Parameter(std::string_view name) const { return FindParameter(Query, name); }
 };
 
@@ -72,6 +74,9 @@ std::string PercentEncode(std::string_view text);
 std::string ApiPath(std::initializer_list<std::string_view> segments);
 /// Appends the text as a JSON string.
 void AppendJsonString(std::string& json, const std::string& text);
+
+/// A document's list of what belongs to events, as far as the caller may see it.
+HttpResponse AnswerList(const RestCall& call, const Velmora::PListDict& state, const std::string& list);
 
 // Requests.
 

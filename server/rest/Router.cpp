@@ -18,6 +18,15 @@ namespace {
 enum class Waits { Never, ForQueue };
 enum class Body { None, JSON, Document };
 
+// What the caller needs.
+enum class Access {
+    Usual,  // to read, the role "read" and all events; to change, the role "admin"
+    Open,   // nothing
+    Post,   // the role "post", and the event that the path names
+    Event,  // the role "read", and the event that the path names
+    Some,   // the role "read"; what is answered is what the caller may see
+};
+
 struct Row {
     Method_t Method;
     std::string_view Pattern;  // rows of one path stand together
@@ -25,24 +34,27 @@ struct Row {
     Body Takes;
     std::string_view Query;  // the parameters that are understood, parted by blanks; "*": more than once
     HttpResponse (*Function)(RestCall&);
+    Access Needs = Access::Usual;
 };
 
 // The busiest path stands first.
 constexpr Row Table[] = {
-    {Velmora::METH_POST, "/api/v1/events/{event_name}", Waits::ForQueue, Body::JSON, "", PostEvent},
-    {Velmora::METH_GET, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", GetEvent},
+    {Velmora::METH_POST, "/api/v1/events/{event_name}", Waits::ForQueue, Body::JSON, "", PostEvent,
+     Access::Post},
+    {Velmora::METH_GET, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", GetEvent,
+     Access::Event},
     {Velmora::METH_DELETE, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", DeleteEvent},
-    {Velmora::METH_GET, "/api/v1/events", Waits::ForQueue, Body::None, "", GetEvents},
+    {Velmora::METH_GET, "/api/v1/events", Waits::ForQueue, Body::None, "", GetEvents, Access::Some},
     {Velmora::METH_POST, "/api/v1/events", Waits::ForQueue, Body::JSON, "", PostEvents},
     {Velmora::METH_DELETE, "/api/v1/events", Waits::ForQueue, Body::None, "", DeleteEvents},
     {Velmora::METH_GET, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::None, "",
-     GetListeners},
+     GetListeners, Access::Event},
     {Velmora::METH_POST, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::JSON, "",
      PostListeners},
     {Velmora::METH_DELETE, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::None, "",
      DeleteListeners},
     {Velmora::METH_GET, "/api/v1/events/{event_name}/listeners/{listener_id}", Waits::ForQueue, Body::None,
-     "", GetListener},
+     "", GetListener, Access::Event},
     {Velmora::METH_DELETE, "/api/v1/events/{event_name}/listeners/{listener_id}", Waits::ForQueue, Body::None,
      "", DeleteListener},
     {Velmora::METH_GET, "/api/v1/cluster", Waits::Never, Body::None, "", GetCluster},
@@ -50,24 +62,25 @@ constexpr Row Table[] = {
     {Velmora::METH_POST, "/api/v1/queue", Waits::ForQueue, Body::Document, "", PostQueue},
     {Velmora::METH_GET, "/api/v1/config", Waits::Never, Body::None, "", GetConfig},
     {Velmora::METH_PATCH, "/api/v1/config", Waits::Never, Body::JSON, "", PatchConfig},
-    {Velmora::METH_GET, "/api/v1/timers", Waits::ForQueue, Body::None, "", GetTimers},
+    {Velmora::METH_GET, "/api/v1/timers", Waits::ForQueue, Body::None, "", GetTimers, Access::Some},
     {Velmora::METH_POST, "/api/v1/timers", Waits::ForQueue, Body::JSON, "", PostTimers},
     {Velmora::METH_DELETE, "/api/v1/timers", Waits::ForQueue, Body::None, "", DeleteTimers},
-    {Velmora::METH_GET, "/api/v1/timers/{timer_id}", Waits::ForQueue, Body::None, "", GetTimer},
+    {Velmora::METH_GET, "/api/v1/timers/{timer_id}", Waits::ForQueue, Body::None, "", GetTimer, Access::Some},
     {Velmora::METH_DELETE, "/api/v1/timers/{timer_id}", Waits::ForQueue, Body::None, "", DeleteTimer},
-    {Velmora::METH_GET, "/api/v1/watches", Waits::ForQueue, Body::None, "path", GetWatches},
+    {Velmora::METH_GET, "/api/v1/watches", Waits::ForQueue, Body::None, "path", GetWatches, Access::Some},
     {Velmora::METH_POST, "/api/v1/watches", Waits::ForQueue, Body::JSON, "", PostWatches},
     {Velmora::METH_DELETE, "/api/v1/watches", Waits::ForQueue, Body::None, "path", DeleteWatches},
-    {Velmora::METH_GET, "/api/v1/history", Waits::ForQueue, Body::None, "after event_name* limit",
-     GetHistory},
+    {Velmora::METH_GET, "/api/v1/history", Waits::ForQueue, Body::None, "after event_name* limit", GetHistory,
+     Access::Some},
     {Velmora::METH_GET, "/api/v1/deliveries", Waits::Never, Body::None, "outcome limit", GetDeliveries},
     {Velmora::METH_POST, "/api/v1/handlers/reload", Waits::ForQueue, Body::None, "", PostHandlersReload},
-    {Velmora::METH_GET, "/api/v1/feed", Waits::Never, Body::None, "after event_name*", GetFeed},
-    {Velmora::METH_GET, "/api/v1/feed/sse", Waits::Never, Body::None, "after event_name*", GetFeed},
-    {Velmora::METH_GET, "/healthz", Waits::Never, Body::None, "", GetHealth},
-    {Velmora::METH_GET, "/readyz", Waits::Never, Body::None, "", GetReadiness},
-    {Velmora::METH_GET, "/metrics", Waits::Never, Body::None, "", GetMetrics},
-    {Velmora::METH_GET, "/openapi.json", Waits::Never, Body::None, "", GetOpenApi},
+    {Velmora::METH_GET, "/api/v1/feed", Waits::Never, Body::None, "after event_name*", GetFeed, Access::Some},
+    {Velmora::METH_GET, "/api/v1/feed/sse", Waits::Never, Body::None, "after event_name*", GetFeed,
+     Access::Some},
+    {Velmora::METH_GET, "/healthz", Waits::Never, Body::None, "", GetHealth, Access::Open},
+    {Velmora::METH_GET, "/readyz", Waits::Never, Body::None, "", GetReadiness, Access::Open},
+    {Velmora::METH_GET, "/metrics", Waits::Never, Body::None, "", GetMetrics, Access::Open},
+    {Velmora::METH_GET, "/openapi.json", Waits::Never, Body::None, "", GetOpenApi, Access::Open},
 };
 constexpr const Row* TableEnd = std::end(Table);
 
@@ -191,8 +204,36 @@ HttpResponse GetConsole(RestCall& call) {
 }
 
 // Rows of more than one path.
-constexpr Row OptionsRow = {Velmora::METH_OPTIONS, "", Waits::Never, Body::None, "", AnswerOptions};
-constexpr Row ConsoleRow = {Velmora::METH_GET, "", Waits::Never, Body::None, "", GetConsole};
+constexpr Row OptionsRow = {Velmora::METH_OPTIONS, "",          Waits::Never, Body::None, "",
+                            AnswerOptions,         Access::Open};
+constexpr Row ConsoleRow = {Velmora::METH_GET, "", Waits::Never, Body::None, "", GetConsole, Access::Open};
+
+Role RoleFor(const Row& row) {
+    if (row.Needs == Access::Post) return Role::Post;
+    const bool reads = row.Method == Velmora::METH_GET || row.Needs != Access::Usual;
+    return reads ? Role::Read : Role::Admin;
+}
+
+// Why the caller may not, from the head alone; nothing where it may.
+std::optional<HttpResponse> Forbidden(const Row& row, const HttpRoute& route) {
+    if (row.Needs == Access::Open) return std::nullopt;
+    if (!route.Caller) return Problem(Velmora::STATUS_401_UNAUTHORIZED, "An access token is wanted.");
+    const AccessToken& caller = *route.Caller;
+    const std::string who = "The token \"" + caller.Name + "\"";
+    if (caller.Role < RoleFor(row)) {
+        return Problem(Velmora::STATUS_403_FORBIDDEN,
+                       who + " has the role \"" + std::string(RoleName(caller.Role)) +
+                           "\", and this needs \"" + std::string(RoleName(RoleFor(row))) + "\".");
+    }
+    const bool names_event = row.Needs == Access::Post || row.Needs == Access::Event;
+    if (names_event && !caller.MayUse(route.Names[0])) return EventForbidden(caller, route.Names[0]);
+    if (row.Needs == Access::Usual && !caller.Events.empty()) {
+        return Problem(Velmora::STATUS_403_FORBIDDEN,
+                       who + " is for the events " + caller.EventsText() +
+                           " only, and this is about all that the server has.");
+    }
+    return std::nullopt;
+}
 
 // Why no row answers a request: `first` is the first row of its path.
 HttpResponse NotServed(const Row* first) {
@@ -231,19 +272,22 @@ std::optional<HttpResponse> Router::Route(const HttpRequest& head, HttpRoute& ro
     const bool of_table = row != nullptr;
     if (!of_table) row = FindOther(head, first);
     if (row == nullptr) return NotServed(first);
-    if (row->Takes == Body::None && head.HasBody) {
-        return Problem(Velmora::STATUS_400_BAD_REQ, "This request takes no body.");
-    }
     route.Row = row;
     route.MayBlock = row->Wait == Waits::ForQueue;
     route.TakesDocument = row->Takes == Body::Document;
-    if (!of_table) return std::nullopt;
-    if (std::optional<HttpResponse> refused = ReadNames(names, route)) return refused;
-    return ReadQuery(*row, head.Query, route.Query);
+    route.Changes = RoleFor(*row) == Role::Admin;
+    if (of_table) {
+        if (std::optional<HttpResponse> refused = ReadNames(names, route)) return refused;
+        if (std::optional<HttpResponse> refused = Forbidden(*row, route)) return refused;
+    }
+    if (row->Takes == Body::None && head.HasBody) {
+        return Problem(Velmora::STATUS_400_BAD_REQ, "This request takes no body.");
+    }
+    return of_table ? ReadQuery(*row, head.Query, route.Query) : std::nullopt;
 }
 
 HttpResponse Router::Dispatch(const HttpRequest& request, HttpRoute& route) {
-    RestCall call{request, m_Context, std::move(route.Names), std::move(route.Query)};
+    RestCall call{request, m_Context, std::move(route.Names), std::move(route.Query), route.Caller.get()};
     return static_cast<const Row*>(route.Row)->Function(call);
 }
 
@@ -281,8 +325,10 @@ std::vector<RouteInfo> Router::Routes() {
         std::vector<std::string> query = Words(route.Query);
         for (std::string& parameter : query)
             if (parameter.ends_with('*')) parameter.pop_back();
-        routes.push_back({Velmora::MethodToString(route.Method), std::string(route.Pattern), std::move(query),
-                          route.Takes != Body::None});
+        RouteInfo info = {Velmora::MethodToString(route.Method), std::string(route.Pattern), std::move(query),
+                          route.Takes != Body::None, std::nullopt};
+        if (route.Needs != Access::Open) info.Needs = RoleFor(route);
+        routes.push_back(std::move(info));
     }
     return routes;
 }

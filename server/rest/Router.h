@@ -19,6 +19,7 @@ struct RouteInfo {
     std::string Pattern;             // "/api/v1/events/{event_name}"
     std::vector<std::string> Query;  // names of the query parameters that are understood
     bool TakesBody;
+    std::optional<Role> Needs;  // the least role that may; nothing: no token is wanted
 };
 
 /// Answers every request that is not a WebSocket upgrade: the REST interface on the live queue, the endpoints

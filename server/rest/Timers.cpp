@@ -18,10 +18,10 @@ std::string NoSuchTimer(const std::string& id) {
 
 }  // namespace
 
-HttpResponse GetTimers(RestCall&) {
+HttpResponse GetTimers(RestCall& call) {
     Velmora::PListDict state;
     GlobalEventQueue().GetTimerState(state);
-    return Json(Velmora::STATUS_200_OK, state);
+    return AnswerList(call, state, Keys::timer_list);
 }
 
 HttpResponse PostTimers(RestCall& call) {
@@ -55,7 +55,8 @@ HttpResponse GetTimer(RestCall& call) {
         GlobalEventQueue().GetTimerState(state);
         for (const Velmora::PListItem& item : std::as_const(state).GetArray(Keys::timer_list)) {
             const Velmora::PListDict* entry = AsDict(&item);
-            if (entry != nullptr && entry->GetData(Keys::id).TextView() == UUIDText(id)) {
+            if (entry != nullptr && entry->GetData(Keys::id).TextView() == UUIDText(id) &&
+                call.MaySee(entry->GetData(Keys::event_name).TextView())) {
                 return Json(Velmora::STATUS_200_OK, *entry);
             }
         }

@@ -86,9 +86,10 @@ HttpResponse GetWatches(RestCall& call) {
     Velmora::PListDict state;
     GlobalEventQueue().GetWatchState(state);
     const std::string* path = call.Parameter(Keys::path);
-    if (path == nullptr) return Json(Velmora::STATUS_200_OK, state);
+    if (path == nullptr) return AnswerList(call, state, Keys::watch_list);
     const Velmora::PListDict* watch = FindWatch(state, *path);
-    if (watch == nullptr) return Problem(Velmora::STATUS_404_NOT_FOUND, NoSuchWatch(*path));
+    if (watch == nullptr || !call.MaySee(watch->GetData(Keys::event_name).TextView()))
+        return Problem(Velmora::STATUS_404_NOT_FOUND, NoSuchWatch(*path));
     Velmora::PListArray found;
     found.Append(*watch);
     Velmora::PListDict answer;

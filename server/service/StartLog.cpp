@@ -27,10 +27,15 @@ std::string QueueLine(const Config& config, QueueOrigin origin, const EventManag
 std::string AddressLine(const Config& config, const std::string& url) {
     std::string line = "Address " + url + ": ";
     line += config.Http.TLSIdentity.empty() ? "without TLS" : "TLS with " + Quoted(config.Http.TLSIdentity);
-    if (!config.AccessTokenFile.empty())
-        return line + ", access token from " + Quoted(config.AccessTokenFile);
-    return line +
-           (config.Http.AccessToken.empty() ? ", no access token" : ", access token of the configuration");
+    if (!config.AccessTokenFile.empty()) {
+        line += ", access token from " + Quoted(config.AccessTokenFile);
+    } else if (!config.Http.AccessToken.empty()) {
+        line += ", access token of the configuration";
+    }
+    if (!config.Http.Guarded()) return line + ", no access token";
+    const std::size_t further = config.Http.AccessTokens.size();
+    return further == 0 ? line
+                        : line + ", " + Number(further, "access token", "access tokens") + " with a role";
 }
 
 }  // namespace

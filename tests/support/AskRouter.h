@@ -1,4 +1,4 @@
-// A request put to a router as connections do it: its head first.
+// A request put to a router as connections do it: its head first. It comes from a caller with all rights.
 #pragma once
 
 #include <optional>
@@ -9,6 +9,7 @@ namespace Testing {
 
 inline Server::HttpResponse AskRouter(Server::Router& router, const Server::HttpRequest& request) {
     Server::HttpRoute route;
+    route.Caller = Server::CallerWithAllRights("");
     const std::optional<Server::HttpResponse> refused = router.Route(request, route);
     return refused ? *refused : router.Handle(request, route);
 }
