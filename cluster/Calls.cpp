@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <string_view>
 
 #include "MR_log.h"
 
@@ -70,6 +72,20 @@ void Calls::Stop() {
     m_Open.clear();
 }
 
+namespace {
+
+// Every node learns from the consumer how far its postings may have been called before.
+constexpr const char* MadeAnew = "made anew at ";
+
+ui64_t AnewUpTo(const jsConsumerInfo& info) {
+    const char* const text = info.Config == nullptr ? nullptr : info.Config->Description;
+    const std::string_view description = text == nullptr ? "" : text;
+    if (!description.starts_with(MadeAnew)) return 0;
+    return std::strtoull(text + std::string_view(MadeAnew).size(), nullptr, 10);
+}
+
+}  // namespace
+
 // A consumer that was deleted is made anew behind the calls that have ended.
 bool Calls::MakeConsumer() {
     HeldConsumerInfo info;
@@ -77,25 +93,33 @@ bool Calls::MakeConsumer() {
     const Streams& names = m_Engine.Names();
     const natsStatus found = Take(info, js_GetConsumerInfo, m_Engine.Context(), names.Postings.c_str(),
                                   names.Calls.c_str(), nullptr, &code);
-    if (found == NATS_OK || found != NATS_NOT_FOUND) return found == NATS_OK;
+    if (found == NATS_OK) m_AnewUpTo = AnewUpTo(*info);
+    if (found != NATS_NOT_FOUND) return found == NATS_OK;
     StreamFacts facts;
     if (m_Engine.Facts(names.Postings, facts) != NATS_OK) return false;
-    if (facts.Created_ns != m_StreamCreated) m_Floor = 0;
-    const std::string filter = names.Events + ">";
+    ui64_t floor = facts.Created_ns == m_StreamCreated ? m_Floor.load() : 0;
+    floor = std::max(floor, m_Caller.CalledUpTo(facts.Created_ns));
+    const std::string filter = names.Events + ">", description = MadeAnew + std::to_string(facts.Last);
     jsConsumerConfig config;
     jsConsumerConfig_Init(&config);
     config.Durable = names.Calls.c_str();
+    config.Description = description.c_str();
     config.AckPolicy = js_AckExplicit;
     config.AckWait = AckWait_sec * second_ns;
     config.MaxDeliver = -1;
     config.MaxAckPending = 65536;
     config.MaxWaiting = 512;
     config.FilterSubject = filter.c_str();
-    config.DeliverPolicy = m_Floor == 0 ? js_DeliverAll : js_DeliverByStartSequence;
-    config.OptStartSeq = m_Floor == 0 ? 0 : m_Floor + 1;
+    config.DeliverPolicy = floor == 0 ? js_DeliverAll : js_DeliverByStartSequence;
+    config.OptStartSeq = floor == 0 ? 0 : floor + 1;
     const natsStatus made =
         Take(info, js_AddConsumer, m_Engine.Context(), names.Postings.c_str(), &config, nullptr, &code);
     if (made != NATS_OK) DefaultLogSink().Debug("The consumer of the calls: %s\n", ReasonOf(made).c_str());
+    if (made == NATS_OK) m_AnewUpTo = AnewUpTo(*info);
+    if (made == NATS_OK && facts.Last > floor && facts.Messages > 0)
+        DefaultLogSink().Notice(
+            "The consumer of the calls is made anew: up to %llu postings may be called again\n",
+            static_cast<unsigned long long>(std::min(facts.Last - floor, facts.Messages)));
     return made == NATS_OK;
 }
 
@@ -157,10 +181,15 @@ bool Calls::FetchSome(LoopThread& thread, natsSubscription* subscription) {
     return true;
 }
 
+bool Calls::IsRepeated(const jsMsgMetaData& meta) const {
+    return meta.NumDelivered > 1 || meta.Sequence.Stream <= m_AnewUpTo;
+}
+
 // Whether this delivery needs no call: the calls run here, or have ended, or have been given up.
 bool Calls::TakenUp(HeldMessage& message, const jsMsgMetaData& meta) {
-    if (meta.NumDelivered > 1) ++m_Repeated;
+    if (IsRepeated(meta)) ++m_Repeated;
     AutoMutex lock(m_Lock);
+    if (meta.Sequence.Stream > m_Delivered) m_Delivered = meta.Sequence.Stream;
     const Place place(meta.Sequence.Stream, meta.Timestamp);
     const auto open = m_Open.find(place);
     if (open != m_Open.end()) {
@@ -244,29 +273,32 @@ void Calls::SayInProgress() {
     for (const auto& [place, message] : m_Open) (void)natsMsg_InProgress(message.get(), nullptr);
 }
 
-// What the stream has dropped before anybody fetched it is lost to the listeners.
+// What the stream has dropped before anybody fetched it is lost to the listeners. The consumer itself counts
+// as delivered what was purged, so the last look counts, or what this node has been given since.
+void Calls::CountLost(const StreamFacts& facts) {
+    if (m_StreamCreated != facts.Created_ns || facts.First <= m_Delivered + 1) return;
+    const ui64_t lost = facts.First - m_Delivered - 1;
+    m_Lost += lost;
+    DefaultLogSink().Error("The stream dropped %llu postings before their calls were made\n",
+                           static_cast<unsigned long long>(lost));
+}
+
 void Calls::LookAtConsumer() {
     HeldConsumerInfo info;
     jsErrCode code = jsErrCode(0);
     StreamFacts facts;
     const Streams& names = m_Engine.Names();
+    if (m_Engine.Facts(names.Postings, facts) != NATS_OK) return;
     const natsStatus status = Take(info, js_GetConsumerInfo, m_Engine.Context(), names.Postings.c_str(),
                                    names.Calls.c_str(), nullptr, &code);
     if (status == NATS_NOT_FOUND) m_ConsumerGone = true;
-    if (status != NATS_OK || m_Engine.Facts(names.Postings, facts) != NATS_OK) return;
-    m_Pending = info->NumPending;
-    const ui64_t floor = info->AckFloor.Stream;
-    if (m_StreamCreated == facts.Created_ns && facts.First > m_FirstSeen) {
-        const ui64_t called = std::max<ui64_t>(m_FirstSeen, info->Delivered.Stream + 1);
-        if (facts.First > called) {
-            m_Lost += facts.First - called;
-            DefaultLogSink().Error("The stream dropped %llu postings before their calls were made\n",
-                                   static_cast<unsigned long long>(facts.First - called));
-        }
-    }
+    if (status != NATS_OK) return;
+    CountLost(facts);
+    if (m_StreamCreated != facts.Created_ns) m_Delivered = 0;
+    m_Delivered = std::max<ui64_t>(m_Delivered, info->Delivered.Stream);
     m_StreamCreated = facts.Created_ns;
-    m_FirstSeen = facts.First;
-    m_Floor = floor;
+    m_Pending = info->NumPending;
+    m_Floor = info->AckFloor.Stream;
 }
 
 void Calls::Report(LoopThread& thread) {

@@ -23,6 +23,8 @@ class ICaller {
     virtual ~ICaller() = default;
     /// Until this node knows the registry of that revision. False where it does not within a moment.
     virtual bool KnowsRevision(ui64_t revision) = 0;
+    /// How far the calls have ended in the stream of that time, as far as any node has told.
+    virtual ui64_t CalledUpTo(i64_t stream_created_ns) = 0;
     /// `token` is let go when all calls have ended.
     virtual void Call(const PListDict& payload, const std::shared_ptr<void>& token) = 0;
 };
@@ -33,11 +35,15 @@ class Calls {
     ~Calls();
 
     Result_t Start();
-    /// Fetches no more.
+    /// Asks it to fetch no more; StopFetching() waits until it does not.
+    void BeginStop() { m_Fetch.End(); }
     void StopFetching();
     /// Says what has been done.
     void Stop();
 
+    /// All calls up to this posting of the stream have ended.
+    ui64_t Floor() const { return m_Floor; }
+    i64_t StreamCreated() const { return m_StreamCreated; }
     ui64_t Running() const { return m_Running; }
     ui64_t Pending() const { return m_Pending; }
     ui64_t Repeated() const { return m_Repeated; }
@@ -59,6 +65,8 @@ class Calls {
     void AckEnded();
     void SayInProgress();
     void LookAtConsumer();
+    void CountLost(const StreamFacts& facts);
+    bool IsRepeated(const jsMsgMetaData& meta) const;
     std::size_t Room() const;
 
     Engine& m_Engine;
@@ -69,7 +77,9 @@ class Calls {
     std::set<Place> m_Acked GUARDED_BY(m_Lock);  // the last ones: an acknowledgement can be lost
     std::deque<Place> m_AckedInOrder GUARDED_BY(m_Lock);
     std::atomic<ui64_t> m_Running{0}, m_Pending{0}, m_Repeated{0}, m_SetAside{0}, m_Lost{0};
-    std::atomic<ui64_t> m_Floor{0}, m_FirstSeen{0};  // calls up to there have ended; the stream's first
+    std::atomic<ui64_t> m_Floor{0};      // calls up to there have ended
+    std::atomic<ui64_t> m_Delivered{0};  // the last one that a node has been given, as far as is known here
+    std::atomic<ui64_t> m_AnewUpTo{0};   // what a consumer that was made anew may bring once more
     std::atomic<i64_t> m_StreamCreated{0};
     std::atomic<bool> m_ConsumerGone{false};
     LoopThread m_Report, m_Fetch;

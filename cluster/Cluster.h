@@ -30,6 +30,7 @@ struct Settings {
     i64_t MaxAge_sec = 600;         ///< of postings
     i64_t MaxBytes = i64_t{1} << 30;
     i64_t TimerLateness_sec = 60;  ///< later than that, a due time is skipped
+    i64_t Patience_ms = 10000;     ///< with the engine, for a posting or a change
 
     bool IsConfigured() const { return !Name.empty(); }
 };

@@ -19,7 +19,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr std::chrono::seconds ChangeLimit{10};
 constexpr i32_t DefaultLimit = 1024;
 
 // Why this thread's last change was not made.
@@ -70,10 +69,14 @@ Mirel::Timestamp ClusterQueue::HistoryTime() const {
 Status_t ClusterQueue::Change(const Decide& decide) {
     t_failure = Outcome();
     Sent sent;
-    const Status_t status = m_Registry.Change(decide, Clock::now() + ChangeLimit, sent);
+    const Status_t status = m_Registry.Change(decide, Deadline(), sent);
     if (sent.What == Sent::Fate::Stored) return status;
     t_failure = {FateOf(sent.What), {}, sent.Why};
     return Velmora::STATUS_503_NO_SERVICE;
+}
+
+Publisher::Time ClusterQueue::Deadline() const {
+    return Clock::now() + std::chrono::milliseconds(m_Engine.Of().Patience_ms);
 }
 
 bool ClusterQueue::Changed(const Decide& decide) {
@@ -313,12 +316,11 @@ void ClusterQueue::Post(const std::string& event_name, std::string json, const s
     Sending sending =
         PostingMessage(m_Engine, event_name, std::move(json), event_data, m_Registry.Revision());
     sending.Id = id.empty() ? NewId() : id;
-    m_Publisher.Send(std::move(sending), Clock::now() + ChangeLimit,
-                     [done = std::move(done)](const Sent& sent) {
-                         Outcome outcome{FateOf(sent.What), {}, sent.Why};
-                         outcome.Id.Number = sent.Sequence;
-                         done(outcome);
-                     });
+    m_Publisher.Send(std::move(sending), Deadline(), [done = std::move(done)](const Sent& sent) {
+        Outcome outcome{FateOf(sent.What), {}, sent.Why};
+        outcome.Id.Number = sent.Sequence;
+        done(outcome);
+    });
 }
 
 // For watches and the like: nobody waits, and what the engine does not take is logged.

@@ -85,6 +85,7 @@ class ClusterQueue : public EventManager::EventQueue, private IRegistryUser {
 
     Velmora::Status_t Change(const Decide& decide);
     bool Changed(const Decide& decide);
+    Publisher::Time Deadline() const;
     bool IsTooLong(const std::string& name) const;
     i32_t Limit(const std::string& name) const;
     void SetLimit(const std::string& name, i32_t value);

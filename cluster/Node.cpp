@@ -69,12 +69,16 @@ void Node::Join(const PListDict& seed, Mirel::ui32_t limit_ms) {
 }
 
 void Node::BeginEnd() {
+    m_Calls.BeginStop();
     m_Timers.Stop();
     m_Calls.StopFetching();
 }
 
 void Node::End() {
     m_Calls.Stop();
+    m_Postings.BeginStop();
+    m_Nodes.BeginStop();
+    m_Queue->Documents().BeginStop();
     m_Watch.EndAndWait();
     m_Postings.Stop();
     m_Nodes.Stop();
@@ -140,6 +144,10 @@ bool Node::KnowsRevision(ui64_t revision) {
     return m_Queue->Documents().WaitFor(revision, Clock::now() + RevisionWait);
 }
 
+ui64_t Node::CalledUpTo(i64_t stream_created_ns) {
+    return m_Nodes.CalledUpTo(EpochOf(stream_created_ns));
+}
+
 void Node::Call(const PListDict& payload, const std::shared_ptr<void>& token) {
     (void)m_Queue->Call(payload, token);
 }
@@ -165,6 +173,8 @@ void Node::Watch(LoopThread& thread) {
         record.SetValue("revision", static_cast<long long>(m_Queue->Documents().Revision()));
         record.SetValue("sequence", static_cast<long long>(m_Postings.Last()));
         record.SetValue("engine", m_Engine.Server());
+        record.SetValue("called", static_cast<long long>(m_Calls.Floor()));
+        record.SetValue("epoch", EpochOf(m_Calls.StreamCreated()));
         m_Nodes.Announce(std::move(record));
         if (!m_MaySeed || !m_Queue->Documents().WasRead()) continue;
         m_Queue->Seed(m_Seed);

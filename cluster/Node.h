@@ -41,6 +41,7 @@ class Node : public ICluster, private IStreamUser, private ICaller {
     ui64_t StartOfHistory(const StreamFacts& facts) const;
 
     bool KnowsRevision(ui64_t revision) override;
+    ui64_t CalledUpTo(i64_t stream_created_ns) override;
     void Call(const PListDict& payload, const std::shared_ptr<void>& token) override;
 
     void Watch(LoopThread& thread);

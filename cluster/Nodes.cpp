@@ -60,6 +60,18 @@ void Nodes::Announce(PListDict record) {
         m_Offset_us = natsMsg_GetTime(stored.get()) / 1000 - middle;
 }
 
+ui64_t Nodes::CalledUpTo(const std::string& epoch) const {
+    long long highest = 0;
+    AutoMutex lock(m_Lock);
+    for (const auto& [node, record] : m_Records) {
+        long long called = 0;
+        if (record.Content.GetData("epoch").TextView() != epoch) continue;
+        record.Content.GetData("called").GetValue(called);
+        highest = std::max(highest, called);
+    }
+    return static_cast<ui64_t>(highest);
+}
+
 i64_t Nodes::EngineTime_us() const {
     return Now_us() + m_Offset_us;
 }

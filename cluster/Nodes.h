@@ -16,6 +16,7 @@ class Nodes : private IStreamUser {
     Nodes(Engine& engine, Publisher& publisher);
 
     Result_t Start() { return m_Reader.Start(); }
+    void BeginStop() { m_Reader.BeginStop(); }
     void Stop() { m_Reader.Stop(); }
 
     /// Writes this node's record.
@@ -23,6 +24,9 @@ class Nodes : private IStreamUser {
 
     /// One entry for each node that has written in the last minutes: its record, "node", and how long ago.
     Velmora::PListArray List() const;
+
+    /// The highest "called" of all records with this "epoch", however old they are.
+    ui64_t CalledUpTo(const std::string& epoch) const;
 
     /// The engine's time, in microseconds, as this machine's clock and the last records have it.
     i64_t EngineTime_us() const;

@@ -44,6 +44,7 @@ class Registry : private IStreamUser {
     Registry(Engine& engine, Publisher& publisher, IRegistryUser& user);
 
     Result_t Start() { return m_Reader.Start(); }
+    void BeginStop() { m_Reader.BeginStop(); }
     void Stop();
 
     /// Makes a change, waiting for the engine until `deadline`. What the decision's status says is answered

@@ -34,6 +34,8 @@ class StreamReader {
     ~StreamReader() { Stop(); }
 
     Result_t Start() { return m_Thread.Start("Cluster::Read"); }
+    /// Asks it to end; Stop() waits until it has.
+    void BeginStop() { m_Thread.End(); }
     void Stop() { m_Thread.EndAndWait(); }
 
     /// The last number that was received, and how many stood behind it when that was last looked at.
