@@ -3,7 +3,7 @@
 import { h } from "./dom.js";
 import { timeElement, parseTime } from "./time.js";
 
-export const failed = (delivery) => delivery.outcome === "failed" || !(delivery.status >= 200 && delivery.status < 300);
+export const failed = ({ outcome, status }) => outcome !== "ok" || (status !== 0 && !(status >= 200 && status < 300));
 
 const LOCAL = new Set(["localhost", "127.0.0.1", "[::1]", location.hostname]);
 

@@ -25,6 +25,8 @@
 #include "config/Config.h"
 #include "config/StateFile.h"
 #include "config/Tokens.h"
+#include "deliveries/DeliveryEngine.h"
+#include "deliveries/DeliveryJournal.h"
 #include "http/HttpServer.h"
 #include "rest/ClusterGate.h"
 #include "rest/Handlers.h"
@@ -205,7 +207,8 @@ void WaitForCallers(Mirel::i32_t timeout_ms) {
 }
 
 // The order is that of who might still cause work for whom.
-int End(Server::HttpServer& server, const Config& config, Cluster::ICluster* node) {
+int End(Server::HttpServer& server, const Config& config, Server::DeliveryEngine* deliveries,
+        Cluster::ICluster* node) {
     LimitEnd(config.EndTimeout_ms);
     server.Stop(RequestsLimit_ms);
     if (node) node->BeginEnd();
@@ -213,6 +216,7 @@ int End(Server::HttpServer& server, const Config& config, Cluster::ICluster* nod
     if (stopped.Failure())
         Mirel::DefaultLogSink().Error("Stopping the queue failed: %s\n", stopped.Message());
     Velmora::StopHandlerPostings(PostingsLimit_ms);
+    if (deliveries != nullptr) deliveries->Stop();
     WaitForCallers(config.Timeout_ms);
     if (node) node->End();
     Velmora::CloseAllWebSocketClients();
@@ -274,6 +278,35 @@ void SayWhatWasLoaded(const Config& config, const std::string& config_file, cons
         Mirel::DefaultLogSink().Notice("%s\n", line.c_str());
 }
 
+// What makes the calls where the configuration asks for it; null where the queue does. Never destroyed: calls
+// may come as long as the process runs.
+Result_t MakeDeliveries(const Config& config, Server::DeliveryEngine*& deliveries) {
+    deliveries = nullptr;
+    if (!config.Deliveries.On) return Mirel::RESULT_OK;
+    auto store = std::make_unique<Server::DeliveryStore>();
+    if (!config.Deliveries.Journal.empty()) {
+        auto journal = std::make_unique<Server::DeliveryJournal>();
+        const Result_t opened = journal->Open(config.Deliveries.Journal);
+        if (opened.Failure()) return opened;
+        store = std::move(journal);
+    }
+    const auto timeout_ms = static_cast<Mirel::ui32_t>(config.Timeout_ms);
+    static Server::DeliveryEngine* made = nullptr;
+    made = new Server::DeliveryEngine({config.Deliveries, config.Destinations, timeout_ms, config.MaxCallers},
+                                      std::move(store));
+    deliveries = made;
+    EventManager::UseListenerCaller(made);
+    return Mirel::RESULT_OK;
+}
+
+// When the queue is there: what was kept is for its listeners.
+void StartDeliveries(Server::DeliveryEngine* deliveries, const Server::HttpServer& server) {
+    if (deliveries == nullptr) return;
+    Velmora::URL self;
+    (void)self.Parse(server.Url());
+    deliveries->Start(self);
+}
+
 // Bind, restore the queue, serve: a restored timer that calls the server itself finds it.
 int Run(const Config& config, const std::string& config_file) {
     const Server::ServiceManager manager;
@@ -286,11 +319,16 @@ int Run(const Config& config, const std::string& config_file) {
     const Result_t locked = Server::LockStateFile(config.StateFile);
     if (locked.Failure()) return Fail(locked.Message());
     Velmora::SetMaxCallers(config.MaxCallers);
+    Server::DeliveryEngine* deliveries = nullptr;
+    const Result_t made = MakeDeliveries(config, deliveries);
+    if (made.Failure()) return Fail(made.Message());
+    router.DeliveriesFrom(deliveries);
     Server::QueueOrigin origin{};
     std::unique_ptr<Cluster::ICluster> node;
     const Result_t started = config.Node.IsConfigured() ? StartNode(config, server.Port(), node)
                                                         : StartQueue(config, server.Port(), origin);
     if (started.Failure()) return Fail(started.Message());
+    StartDeliveries(deliveries, server);
     std::unique_ptr<Server::ClusterGate> gate;
     if (node) {
         gate = std::make_unique<Server::ClusterGate>(*node);
@@ -309,7 +347,7 @@ int Run(const Config& config, const std::string& config_file) {
     std::fflush(stdout);
     manager.Tell("READY=1\nSTATUS=Listening on " + server.Url());
     WaitForSignal(manager);
-    return End(server, config, node.get());
+    return End(server, config, deliveries, node.get());
 }
 
 // All threads share one arena: the history is written by whoever posts and freed by the worker, and the main

@@ -35,7 +35,7 @@ inside() {
     done
 }
 inside velmora plist: http: feed: python: # they meet in the public headers
-inside server http: config:http service:http,config rest:http,config,service
+inside server http: config:http service:http,config deliveries:config rest:http,config,service,deliveries
 
 mapfile -t public < <(ls mirel/*.h && grep -oE '(velmora|src|cluster)/\w+\.h' cmake/VelmoraInstall.cmake)
 private="$(grep -nE '^\s*#\s*include\s*"\w+/' "${public[@]}" || true)"

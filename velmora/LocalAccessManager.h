@@ -17,6 +17,10 @@ namespace LocalAccessManager {
 /// with the system's reason, and nothing changed, where `listener` has no address. Any thread.
 MR_EXPORT Mirel::Result_t ServerListens(int listener);
 
+/// "address:port" of ServerListens(), an IPv6 address in brackets; empty while it is not known. For clients,
+/// which connect there and nowhere else when a call bears the credential. Any thread.
+MR_EXPORT std::string OwnServerAddress();
+
 /// The server takes no more calls: from now on nobody is told the credential. Any thread.
 MR_EXPORT void ServerEnded();
 

@@ -239,6 +239,13 @@ MR_EXPORT std::vector<RequestOutcome> GetRequestOutcomes();
 /// For a caller whose thread could not be started: counts and keeps it like a failed exchange.
 MR_EXPORT void CountRequestNotStarted(const BasicRestEntryCall& call, const Result_t& reason);
 
+/// For exchanges that are not made by a handle of this library: counts the start of one, and its end (which
+/// need not bear a sequence or a time). Any thread.
+///@{
+MR_EXPORT void CountRequestStarted();
+MR_EXPORT void CountRequestEnded(const URL& url, const RequestOutcome& outcome);
+///@}
+
 /// How many callers with a place may be under way at once in this process; 0, as it is at first, sets no
 /// limit. A call holds three descriptors, and a few more while it looks a name up. Any thread; for callers
 /// yet to come.

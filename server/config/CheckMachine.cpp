@@ -72,6 +72,19 @@ void CheckStateFile(const std::string& path, std::vector<Fault>& faults, std::ve
     if (read.Failure()) faults.push_back({pointer, read.Message()});
 }
 
+// Whether it can be made or written; what is in it is seen when it is opened.
+void CheckJournal(const std::string& path, std::vector<Fault>& faults) {
+    if (path.empty()) return;
+    const bool there = access(path.c_str(), F_OK) == 0;
+    const std::string folder = path.substr(0, path.find_last_of('/') + 1);
+    const bool usable = (!there || access(path.c_str(), R_OK | W_OK) == 0) &&
+                        access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) == 0;
+    if (!usable) {
+        faults.push_back(
+            {"/Deliveries/Journal", "\"" + path + "\" cannot be written: " + std::strerror(errno)});
+    }
+}
+
 void CheckPythonPath(const std::vector<std::string>& path, std::vector<Fault>& faults) {
     for (std::size_t i = 0; i < path.size(); ++i) {
         if (CanRead(path[i])) continue;
@@ -166,6 +179,9 @@ void CheckMachine(const Config& config, std::vector<ConfigFault>& faults,
     CheckTLSIdentity(config.Http.TLSIdentity, faults);
     CheckStateFile(config.StateFile, faults, warnings);
     CheckPythonPath(config.PythonPath, faults);
+    CheckDestinations(config.Destinations, faults);
+    CheckInFlight(config.Destinations, config.MaxCallers, warnings);
+    CheckJournal(config.Deliveries.Journal, faults);
     if (config.Node.IsConfigured() && faults.empty()) {
         for (const std::string& what : Cluster::CheckEngine(config.Node))
             faults.push_back({"/Cluster", what});

@@ -92,6 +92,7 @@ class Loader {
     void Limits(const Velmora::PListDict& dict);
     void Timers(const Velmora::PListDict& dict);
     void Python(const Velmora::PListDict& dict);
+    void Deliveries(Shape& shape);
     void Document(const Velmora::PListDict& dict);
 
     Config& m_Config;
@@ -117,6 +118,7 @@ void Loader::Load(const Velmora::PListDict& dict) {
     if (const Velmora::PListDict* log = shape.Dict("Log")) Log(*log);
     if (const Velmora::PListDict* limits = shape.Dict("Limits")) Limits(*limits);
     if (const Velmora::PListDict* timers = shape.Dict(Keys::Timers)) Timers(*timers);
+    Deliveries(shape);
     if (const Velmora::PListDict* document = shape.Dict(Keys::EventManager)) Document(*document);
     if (const Velmora::PListDict* cluster = shape.Dict("Cluster"))
         m_Config.Node = ReadCluster(*cluster, m_Directory, m_Faults);
@@ -247,6 +249,17 @@ void Loader::Python(const Velmora::PListDict& dict) {
     m_Config.ReloadHandlers = shape.Boolean("Reload").value_or(false);
     TakeNumber(shape, "SlowHandler_ms", 0, 86400000, m_Config.SlowHandler_ms);
     shape.NothingElse();
+}
+
+void Loader::Deliveries(Shape& shape) {
+    const auto resolve = [this](const std::string& path) { return Resolved(path); };
+    if (const Velmora::PListDict* settings = shape.Dict("Deliveries")) {
+        m_Config.Deliveries = ReadDeliverySettings(*settings, "/Deliveries", resolve, m_Faults);
+    }
+    if (const Velmora::PListArray* list = shape.Array("Destinations")) {
+        m_Config.Destinations = ReadDestinations(*list, "/Destinations", resolve, m_Faults);
+    }
+    if (!m_Config.Destinations.empty()) m_Config.Deliveries.On = true;
 }
 
 // The document with the watches' relative paths made to start at the configuration's directory.

@@ -8,6 +8,7 @@
 #include "MR_error.h"
 #include "MR_log.h"
 #include "VL_PList.h"
+#include "config/Destinations.h"
 #include "config/Shape.h"
 #include "http/HttpServerOptions.h"
 
@@ -41,6 +42,8 @@ struct Config {
     bool KeepRepeatingTimers = false;  // those found too late are set to their next time, not dropped
     Mirel::i32_t MaxListeners = 1024;  // of the queue, once its document is restored; negative: none
     Mirel::i32_t MaxWatches = 1024;
+    std::vector<Server::Destination> Destinations;  // the first that fits a callback counts
+    DeliverySettings Deliveries;
     Mirel::ui32_t EndTimeout_ms = 60000;  // for the orderly end
     Velmora::PListDict EventManager;      // a queue state document
     Cluster::Settings Node;               // of a cluster; not configured: a single server

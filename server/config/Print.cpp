@@ -121,6 +121,10 @@ std::string PrintConfig(const Config& config) {
     dict.SetItem("Limits", LimitsInForce(config));
     dict.SetItem(Keys::Timers, timers);
     if (config.Node.IsConfigured()) dict.SetItem("Cluster", ClusterInForce(config.Node));
+    if (config.Deliveries.On) dict.SetItem("Deliveries", DeliveriesInForce(config.Deliveries));
+    if (!config.Destinations.empty()) {
+        dict.SetItem("Destinations", DestinationsInForce(config.Destinations));
+    }
     dict.SetItem(Keys::EventManager, DocumentWithoutCredentials(config.EventManager));
     std::string json;
     if (dict.EncodeJSON(json).Failure()) return std::string();

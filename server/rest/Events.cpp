@@ -133,6 +133,7 @@ HttpResponse PostEvent(RestCall& call) {
     }
     if (!GlobalEventQueue().PostEvent(name, has_data ? &data : nullptr)) return EventMissing(name);
     call.Context.RestPostings.fetch_add(1, std::memory_order_relaxed);
+    SettleDeliveries(call);
 
     return Posted(name, EventManager::LastPostingOfThread().Text());
 }
@@ -145,7 +146,7 @@ HttpResponse GetListeners(RestCall& call) {
     const Velmora::PListDict entry = FindEvent(call.Names[0]);
     if (entry.Empty()) return EventMissing(call.Names[0]);
     Velmora::PListDict answer;
-    answer.SetItem(Keys::listener_list, entry.GetArray(Keys::listener_list));
+    answer.SetItem(Keys::listener_list, WithListenerStatus(call, entry.GetArray(Keys::listener_list)));
     return Json(Velmora::STATUS_200_OK, answer);
 }
 
@@ -176,7 +177,10 @@ HttpResponse GetListener(RestCall& call) {
         for (const Velmora::PListItem& item : event.GetArray(Keys::listener_list)) {
             const Velmora::PListDict* entry = AsDict(&item);
             if (entry != nullptr && entry->GetData(Keys::id).TextView() == UUIDText(id)) {
-                return Json(Velmora::STATUS_200_OK, *entry);
+                Velmora::PListArray one;
+                one.Append(*entry);
+                const Velmora::PListArray complete = WithListenerStatus(call, one);
+                return Json(Velmora::STATUS_200_OK, *AsDict(&*complete.begin()));
             }
         }
     }

@@ -1,4 +1,4 @@
-// What happened: the history of postings and the outcomes of calls to listeners.
+// What happened: the history of postings.
 #include <algorithm>
 #include <limits>
 #include <utility>
@@ -9,7 +9,6 @@
 namespace Server {
 
 namespace Keys = EventManager::Strings;
-using EventManager::GlobalEventQueue;
 
 namespace {
 
@@ -86,34 +85,6 @@ std::optional<HttpResponse> ReadNames(const RestCall& call, Names& names) {
     return std::nullopt;
 }
 
-bool Failed(const Velmora::RequestOutcome& outcome) {
-    return outcome.Failure != Velmora::RequestFailure::None || !Velmora::StatusIsSuccess(outcome.Status);
-}
-
-// Half of the time that a call may take at most: the ones to look at before they fail.
-bool Slow(const Velmora::RequestOutcome& outcome, Mirel::ui32_t timeout_ms) {
-    return outcome.Duration_ms >= timeout_ms / 2;
-}
-
-std::string ReasonFor(const Velmora::RequestOutcome& outcome) {
-    if (!outcome.Reason.empty() || !Failed(outcome)) return outcome.Reason;
-    return std::string("Answered with ") + Velmora::StatusToString(outcome.Status) + ".";
-}
-
-Velmora::PListDict DeliveryEntry(const Velmora::RequestOutcome& outcome, bool slow) {
-    Velmora::PListDict entry;
-    entry.SetValue("sequence", static_cast<long long>(outcome.Sequence));
-    entry.SetValue("time", outcome.Time.Text());
-    entry.SetValue("method", Velmora::MethodToString(outcome.Method));
-    entry.SetValue("url", outcome.Url);
-    entry.SetValue("status", static_cast<int>(outcome.Status));
-    entry.SetValue("duration_ms", static_cast<long long>(outcome.Duration_ms));
-    entry.SetValue("outcome", Failed(outcome) ? "failed" : "ok");
-    entry.SetValue("slow", slow);
-    entry.SetValue("reason", ReasonFor(outcome));
-    return entry;
-}
-
 }  // namespace
 
 HttpResponse GetHistory(RestCall& call) {
@@ -131,26 +102,6 @@ HttpResponse GetHistory(RestCall& call) {
     if (!reading.Last.Epoch.empty()) answer.SetValue("last_id", reading.Last.Text());
     if (reading.Gap) answer.SetValue("gap", true);
     if (selection.Omitted > 0) answer.SetValue("omitted", static_cast<long long>(selection.Omitted));
-    return Json(Velmora::STATUS_200_OK, answer);
-}
-
-HttpResponse GetDeliveries(RestCall& call) {
-    std::size_t limit = Velmora::RequestOutcomesKept;
-    if (auto refused = ReadLimit(call, limit)) return std::move(*refused);
-    const std::string* wanted = call.Parameter("outcome");
-    if (wanted != nullptr && *wanted != "ok" && *wanted != "failed" && *wanted != "slow") {
-        return BadParameter("outcome", "must be \"ok\", \"failed\" or \"slow\"");
-    }
-    Velmora::PListArray deliveries;
-    for (const Velmora::RequestOutcome& outcome : Velmora::GetRequestOutcomes()) {
-        if (deliveries.Size() >= limit) break;
-        const bool slow = Slow(outcome, call.Context.Timeout_ms);
-        const bool matches =
-            wanted == nullptr || (*wanted == "slow" ? slow : (*wanted == "failed") == Failed(outcome));
-        if (matches) deliveries.Append(DeliveryEntry(outcome, slow));
-    }
-    Velmora::PListDict answer;
-    answer.SetItem("deliveries", deliveries);
     return Json(Velmora::STATUS_200_OK, answer);
 }
 

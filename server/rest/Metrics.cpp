@@ -8,6 +8,7 @@
 #include "VL_HTTP.h"
 #include "VL_Python.h"
 #include "VL_WebSocket.h"
+#include "deliveries/DeliveryEngine.h"
 #include "rest/ClusterGate.h"
 #include "rest/ProcessMetrics.h"
 #include "rest/Rest.h"
@@ -186,6 +187,25 @@ void Handlers(MetricsText& text) {
                "What Python handlers have posted and is not made yet.");
 }
 
+void Engine(MetricsText& text, const DeliveryCounters& engine) {
+    text.Gauge("velmora_deliveries_waiting", ui64_t{engine.Waiting},
+               "Deliveries that wait for an attempt or its end.");
+    text.Gauge("velmora_deliveries_dead", ui64_t{engine.Dead},
+               "Deliveries that ran out of attempts, not yet sent again or dismissed.");
+    text.Gauge("velmora_deliveries_waiting_bytes", ui64_t{engine.WaitingBytes},
+               "Bytes of those that wait and those that are dead.");
+    text.Counter("velmora_delivery_retries_total", engine.Retries, "Attempts beyond the first.");
+    text.Counter("velmora_deliveries_died_total", engine.Died, "Deliveries that ran out of attempts.");
+    text.Counter("velmora_deliveries_refused_total", engine.Refused,
+                 "Deliveries that were not made because too many waited.");
+    text.Counter("velmora_deliveries_dropped_total", engine.Dropped,
+                 "Dead deliveries that were dropped to make room for others.");
+    text.Counter("velmora_delivery_journal_failures_total", engine.Unkept,
+                 "Writes of the journal that failed and are tried again.");
+    text.Counter("velmora_deliveries_expired_total", engine.Expired,
+                 "Deliveries that were dropped for their age.");
+}
+
 void Connections(MetricsText& text, const HttpServerCounters& server) {
     text.Gauge("velmora_http_connections", server.Connections,
                "Open connections, without those on the feed.");
@@ -223,6 +243,7 @@ HttpResponse GetMetrics(RestCall& call) {
     Deliveries(text, queue);
     Handlers(text);
     if (call.Context.Gate != nullptr) ClusterMetrics(text, call.Context.Gate->Of().Figures());
+    if (call.Context.Deliveries != nullptr) Engine(text, call.Context.Deliveries->Counters());
     if (call.Context.ServerCounters) Connections(text, call.Context.ServerCounters());
 
     HttpResponse response;

@@ -20,6 +20,7 @@
 namespace Server {
 
 class ClusterGate;
+class DeliveryEngine;
 
 /// What the handlers know of the process around them.
 struct RestContext {
@@ -27,7 +28,8 @@ struct RestContext {
     std::string StateFile;  // empty: none
     Mirel::ui32_t Timeout_ms = 500;
     std::function<HttpServerCounters()> ServerCounters;
-    ClusterGate* Gate = nullptr;  // null: a single server
+    ClusterGate* Gate = nullptr;           // null: a single server
+    DeliveryEngine* Deliveries = nullptr;  // null: the queue makes its calls itself
     std::chrono::steady_clock::time_point Started = std::chrono::steady_clock::now();
 
     // Counted by any thread.
@@ -123,6 +125,14 @@ HttpResponse DeleteWatches(RestCall& call);
 
 HttpResponse GetHistory(RestCall& call);
 HttpResponse GetDeliveries(RestCall& call);
+HttpResponse GetDelivery(RestCall& call);
+HttpResponse DeleteDelivery(RestCall& call);
+HttpResponse ResendDelivery(RestCall& call);
+HttpResponse TestListener(RestCall& call);
+/// Waits until what was posted by this thread is kept as safely as the configuration asks.
+void SettleDeliveries(RestCall& call);
+/// The entries of an event's listeners, with "status" added to those that were called already.
+Velmora::PListArray WithListenerStatus(const RestCall& call, const Velmora::PListArray& listeners);
 HttpResponse GetFeed(RestCall& call);
 HttpResponse PostHandlersReload(RestCall& call);
 

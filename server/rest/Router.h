@@ -34,6 +34,9 @@ class Router : public HttpHandler {
     /// Where changes and postings of a node of a cluster go. To be called before the first request.
     void GoThrough(ClusterGate& gate) { m_Context.Gate = &gate; }
 
+    /// The engine that makes the calls, which outlives the router. To be called before the first request.
+    void DeliveriesFrom(DeliveryEngine* engine) { m_Context.Deliveries = engine; }
+
     std::optional<HttpResponse> Route(const HttpRequest& head, HttpRoute& route) const override;
     HttpResponse Handle(const HttpRequest& request, HttpRoute& route) override;
 

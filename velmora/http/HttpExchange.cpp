@@ -13,7 +13,6 @@
 #include "LocalAccessManager.h"
 #include "MR_log.h"
 #include "http/CurlHandle.h"
-#include "http/OwnServer.h"
 
 namespace Velmora {
 

@@ -114,6 +114,17 @@ std::vector<RequestOutcome> GetRequestOutcomes() {
     return HttpRecorder::Instance().Outcomes();
 }
 
+void CountRequestStarted() {
+    HttpRecorder::Instance().CountStart();
+}
+
+void CountRequestEnded(const URL& url, const RequestOutcome& outcome) {
+    const std::chrono::milliseconds duration(outcome.Duration_ms);
+    HttpRecorder::Instance().CountTime(duration);
+    HttpRecorder::Instance().CountEnd(outcome.Method, url, outcome.Status, duration, outcome.Failure,
+                                      outcome.Reason);
+}
+
 void CountRequestNotStarted(const BasicRestEntryCall& call, const Result_t& reason) {
     HttpRecorder& recorder = HttpRecorder::Instance();
     recorder.CountStart();

@@ -14,7 +14,6 @@
 #include "MR_mutex.h"
 #include "MR_text.h"
 #include "MR_util.h"
-#include "http/OwnServer.h"
 
 namespace LocalAccessManager {
 

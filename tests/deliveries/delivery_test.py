@@ -1,0 +1,149 @@
+"""Deliveries as those who run listeners see them."""
+
+import base64
+import hashlib
+import hmac
+import signal
+import socket
+import threading
+import unittest
+
+from support import Listener, Server, event, until
+
+SECRETS = [b"k" * 32, b"z" * 24]
+
+
+class DeliveryTest(unittest.TestCase):
+    def setUp(self):
+        self.listener = Listener()
+        self.addCleanup(self.listener.close)
+
+    def serve(self, destinations, *paths, **more):
+        callbacks = [path if ":" in path else self.listener.url + path for path in paths]
+        destinations = [{**entry, "Match": self.listener.url + entry["Match"]} if entry["Match"] else entry
+                        for entry in destinations]
+        self.server = Server({"Destinations": destinations, "EventManager": {"event_list": [event("e", *callbacks)]}, **more})
+        self.addCleanup(self.server.close)
+        return callbacks
+
+    def post(self):
+        status, answer = self.server.ask("POST", "/events/e", {"n": 1})
+        self.assertEqual(status, 202)
+        return answer["id"]
+
+    def test_the_first_entry_that_fits_decides_and_what_may_pass_is_tried_again(self):
+        self.listener.answers = {"/flaky": [503, (429, {"Retry-After": "1"}), 200], "/gone": [410], "/wrong": [404], "/dead": [500]}
+        flaky, gone, wrong, dead, private, refused = self.serve(
+            [{"Match": "/private", "AllowPrivateAddresses": False, "Attempts": 3}, {"Match": "/refused", "Allow": False},
+             {"Match": "", "Attempts": 3, "Backoff_ms": 20}],
+            "/flaky", "/gone", "/wrong", "/dead", "/private", "/refused")
+        posting = self.post()
+        whole = self.server.delivery(flaky, outcome="ok", attempt=3, attempts=3, status=200, posting_id=posting)
+        self.server.delivery(gone, outcome="failed", attempt=1, status=410)
+        self.server.delivery(wrong, outcome="dead", attempt=1, status=404)
+        self.server.delivery(dead, outcome="dead", attempt=3, status=500)
+        self.assertIn("private", self.server.delivery(private, outcome="dead", attempt=1, status=0)["reason"])
+        self.assertIn("does not allow", self.server.delivery(refused, outcome="failed", attempt=1)["reason"])
+        times = [call[3] for call in self.listener.of("/flaky")]
+        self.assertGreaterEqual(times[2] - times[1], 1, "Retry-After")
+        self.assertEqual([self.listener.of("/private"), self.listener.of("/refused")], [[], []])
+
+        status, one = self.server.ask("GET", "/deliveries/" + whole["id"])
+        self.assertEqual((status, one["answer"]), (200, "answer"))
+        self.assertEqual(one["body"].encode(), self.listener.of("/flaky")[0][2])
+        status = self.server.listener("e", flaky)["status"]
+        self.assertEqual({key: status[key] for key in ("outcome", "calls", "failures", "failures_in_a_row", "retries_waiting")},
+                         {"outcome": "ok", "calls": 3, "failures": 2, "failures_in_a_row": 0, "retries_waiting": 0})
+        self.assertEqual({entry["callback"] for entry in self.server.ask("GET", "/deliveries")[1]["failing"]},
+                         {gone, wrong, dead, private, refused})
+
+    def test_every_attempt_bears_the_same_id_and_a_signature_for_each_secret(self):
+        self.listener.answers = {"/hook": [500, 200]}
+        secrets = " ".join("whsec_" + base64.b64encode(secret).decode() for secret in SECRETS)
+        hook, = self.serve([{"Match": "", "Attempts": 2, "Backoff_ms": 1, "SigningSecret": secrets, "Headers": {"X-Key": "v"}}], "/hook")
+        self.post()
+        self.server.delivery(hook, outcome="ok")
+        calls = self.listener.of("/hook")
+        self.assertEqual(len({call[1]["webhook-id"] for call in calls}), 1)
+        for _, headers, body, _ in calls:
+            signed = ("%s.%s." % (headers["webhook-id"], headers["webhook-timestamp"])).encode() + body
+            expected = ["v1," + base64.b64encode(hmac.new(secret, signed, hashlib.sha256).digest()).decode() for secret in SECRETS]
+            self.assertEqual((headers["webhook-signature"].split(), headers["X-Key"]), (expected, "v"))
+
+    def test_a_dead_one_stays_over_a_crash_until_it_is_sent_again_or_dismissed(self):
+        self.listener.answers = {"/one": [500], "/two": [500]}
+        one, two = self.serve([{"Match": "", "Attempts": 2, "Backoff_ms": 1}], "/one", "/two", Deliveries={"Journal": "d.db"})
+        self.post()
+        dead = {self.server.delivery(callback, outcome="dead")["id"] for callback in (one, two)}
+        until(lambda: self.server.listener("e", one)["status"]["calls"] == 2)
+        self.server.end()
+        self.server.start()
+        self.server.end(signal.SIGKILL)
+        self.server.start()
+        self.assertEqual({entry["id"] for entry in self.server.deliveries("?outcome=dead")}, dead)
+        self.assertEqual(self.server.listener("e", one)["status"]["failures_in_a_row"], 2)
+        self.listener.answers["/one"] = [200]
+        for entry in self.server.deliveries("?outcome=dead"):
+            method, path = ("POST", "/resend") if entry["url"] == one else ("DELETE", "")
+            self.assertIn(self.server.ask(method, "/deliveries/" + entry["id"] + path)[0], (202, 204))
+        self.server.delivery(one, outcome="ok", attempt=1)
+        self.assertEqual(self.server.deliveries("?outcome=dead"), [])
+        self.server.end(signal.SIGKILL)
+        self.server.start()
+        self.assertEqual(self.server.deliveries("?outcome=dead"), [])
+
+    def test_without_a_journal_the_end_counts_what_is_lost(self):
+        self.listener.answers = {"/hook": [500]}
+        hook, = self.serve([{"Match": "", "Attempts": 9, "Backoff_ms": 3600000}], "/hook")
+        self.post()
+        self.post()
+        until(lambda: self.server.listener("e", hook).get("status", {}).get("retries_waiting") == 2)
+        self.assertEqual(self.server.end(), 0)
+        self.assertIn("2 deliveries that waited for an attempt are lost", self.server.log())
+
+    def test_one_listener_is_tested_and_a_deleted_one_has_no_further_attempt(self):
+        self.listener.answers = {"/one": [500]}
+        one, two = self.serve([{"Match": "", "Attempts": 9, "Backoff_ms": 3600000}], "/one", "/two")
+        listener = self.server.listener("e", one)
+        status, answer = self.server.ask("POST", "/events/e/listeners/%s/test" % listener["id"], {"t": 1})
+        self.assertEqual(status, 202)
+        waiting = self.server.delivery(one, outcome="waiting", id=answer["id"], attempt=1, status=500)
+        self.assertIn("next_time", waiting)
+        self.assertEqual(self.listener.of("/two"), [])
+        self.assertEqual(self.server.ask("GET", "/history")[1]["history"], [])
+        self.assertEqual(self.server.ask("DELETE", "/events/e/listeners/" + listener["id"])[0], 204)
+        self.assertIn("deleted", self.server.delivery(one, outcome="failed", attempt=1)["reason"])
+        self.assertEqual(self.server.ask("GET", "/deliveries")[1]["failing"], [])
+        for path, status in (("/deliveries/1", 404), ("/deliveries?before=x", 400), ("/deliveries?outcome=x", 400),
+                             ("/deliveries?listener_id=x", 400)):
+            self.assertEqual(self.server.ask("GET", path)[0], status, path)
+
+    def test_a_destination_that_hangs_holds_up_nobody_else(self):
+        hold = self.hanging_listener()
+        slow, quick = self.serve([{"Match": "/", "MaxInFlight": 1}, {"Match": "", "MaxInFlight": 2, "Timeout_ms": 60000}],
+                                 hold + "/slow", "/quick", Deliveries={})
+        for _ in range(8):
+            self.post()
+        until(lambda: len(self.listener.of("/quick")) == 8)
+        self.assertEqual(len(self.hung), 2)
+        self.server.end(signal.SIGKILL)
+
+    def hanging_listener(self):
+        listening = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(listening.close)
+        self.hung = []
+
+        def take():
+            try:
+                while True:
+                    self.hung.append(listening.accept()[0])
+            except OSError:
+                for connection in self.hung:
+                    connection.close()
+
+        threading.Thread(target=take, daemon=True).start()
+        return "http://127.0.0.1:%d" % listening.getsockname()[1]
+
+
+if __name__ == "__main__":
+    unittest.main()
