@@ -96,13 +96,6 @@ std::vector<TimerFirer::Due> TimerFirer::FindDue(i64_t now_us) const {
 // The message's id is the timer and its due time: whoever fires it again within the stream's window posts
 // nothing.
 void TimerFirer::Fire(const Due& due) {
-    if (due.Missed > 0 || due.TooLate) {
-        m_Skipped += due.Missed + (due.TooLate ? 1 : 0);
-        m_Queue.CountTimer(false);
-        DefaultLogSink().Notice("Timer %s of event \"%s\": %llu due times were missed%s\n", due.Id.c_str(),
-                                due.EventName.c_str(), static_cast<unsigned long long>(due.Missed),
-                                due.TooLate ? ", and the last one is too late" : "");
-    }
     if (due.TooLate) return Done(due);
     std::string json;
     (void)due.Data.EncodeJSON(json);
@@ -127,6 +120,13 @@ void TimerFirer::Fire(const Due& due) {
 }
 
 void TimerFirer::Done(const Due& due) {
+    if (due.Missed > 0 || due.TooLate) {
+        m_Skipped += due.Missed + (due.TooLate ? 1 : 0);
+        m_Queue.CountTimer(false);
+        DefaultLogSink().Notice("Timer %s of event \"%s\": %llu due times were missed%s\n", due.Id.c_str(),
+                                due.EventName.c_str(), static_cast<unsigned long long>(due.Missed),
+                                due.TooLate ? ", and the last one is too late" : "");
+    }
     m_FiredHere[due.Id] = due.Due_us;
     if (due.Interval_us == 0) {
         Mirel::UUID id;

@@ -323,7 +323,7 @@ int Run(const Config& config, const std::string& config_file) {
     const Result_t made = MakeDeliveries(config, deliveries);
     if (made.Failure()) return Fail(made.Message());
     router.DeliveriesFrom(deliveries);
-    Server::QueueOrigin origin{};
+    Server::QueueOrigin origin = Server::QueueOrigin::Cluster;
     std::unique_ptr<Cluster::ICluster> node;
     const Result_t started = config.Node.IsConfigured() ? StartNode(config, server.Port(), node)
                                                         : StartQueue(config, server.Port(), origin);

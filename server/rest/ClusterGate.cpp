@@ -68,7 +68,7 @@ HttpResponse ClusterGate::Post(const HttpRequest& request, const std::string& ev
     return response;
 }
 
-HttpResponse ClusterGate::Change(const HttpRequest& request, HttpRoute& route, Answer answer) {
+HttpResponse ClusterGate::Change(const HttpRequest& request, const HttpRoute& route, Answer answer) {
     auto waiting = std::make_unique<Waiting>();
     waiting->Path = request.Path;
     waiting->Query = request.Query;
@@ -78,7 +78,7 @@ HttpResponse ClusterGate::Change(const HttpRequest& request, HttpRoute& route, A
     waiting->Request.Query = waiting->Query;
     waiting->Request.Body = waiting->Body;
     waiting->Request.HasBody = request.HasBody;
-    waiting->Route = std::move(route);
+    waiting->Route = route;  // the connection goes on to ask its own who called
     waiting->Function = std::move(answer);
     waiting->Later = std::make_shared<LaterAnswer>();
     HttpResponse response;

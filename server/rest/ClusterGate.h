@@ -29,7 +29,7 @@ class ClusterGate : private Mirel::Thread {
 
     using Answer = std::function<HttpResponse(const HttpRequest&, HttpRoute&)>;
     /// Lets `answer`, which may wait for the engine, answer the request on a thread of its own.
-    HttpResponse Change(const HttpRequest& request, HttpRoute& route, Answer answer);
+    HttpResponse Change(const HttpRequest& request, const HttpRoute& route, Answer answer);
 
   private:
     // A request that outlives its connection's buffers.

@@ -18,6 +18,9 @@ std::string QueueLine(const Config& config, QueueOrigin origin, const EventManag
         Number(queue.Events, "event", "events") + ", " + Number(queue.Listeners, "listener", "listeners") +
         ", " + Number(queue.Timers, "timer", "timers") + ", " + Number(queue.Watches, "watch", "watches");
     if (origin == QueueOrigin::StateFile) return "State file " + Quoted(config.StateFile) + ": " + content;
+    if (origin == QueueOrigin::Cluster)
+        return "Node " + Quoted(config.Node.Node) + " of the cluster " + Quoted(config.Node.Name) + ": " +
+               content;
     const std::string saved = config.StateFile.empty()
                                   ? "no state file, nothing is saved"
                                   : "saved to " + Quoted(config.StateFile) + " from now on";

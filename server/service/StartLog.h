@@ -10,7 +10,7 @@
 namespace Server {
 
 /// Where the queue's content came from.
-enum class QueueOrigin { StateFile, Configuration };
+enum class QueueOrigin { StateFile, Configuration, Cluster };
 
 /// What was loaded, a line for each thing: the configuration file (empty: none), the queue with how many it
 /// holds of each, the address with what guards it. No secrets.
