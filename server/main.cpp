@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -31,6 +32,7 @@
 #include "rest/ClusterGate.h"
 #include "rest/Handlers.h"
 #include "rest/Router.h"
+#include "service/Reload.h"
 #include "service/ServiceManager.h"
 #include "service/StartLog.h"
 
@@ -111,6 +113,7 @@ void OnEnding(int number) {
 }
 
 std::atomic<bool> reload_wanted{false};
+bool reload_left_behind = false;  // by Run(), behind a handler that does not return
 
 void OnReload(int) {
     reload_wanted = true;
@@ -153,31 +156,21 @@ void WaitUntilWoken(std::chrono::microseconds limit) {
     sem_clockwait(&ending, CLOCK_MONOTONIC, &until);
 }
 
-std::atomic<int> reloads_running{0};
-
-// Beside the main thread, which is to hear of the end also while a handler keeps the reload waiting.
-void StartReload() {
-    ++reloads_running;
-    try {
-        std::thread([] {
-            const Velmora::HandlerReload done = Velmora::ReloadHandlers();
-            Mirel::DefaultLogSink().Notice("Reloaded on signal: %zu Python modules anew, %zu failed\n",
-                                           done.Reloaded.size(), done.Failed.size());
-            --reloads_running;
-        }).detach();
-    } catch (const std::exception& failure) {
-        --reloads_running;
-        Mirel::DefaultLogSink().Error("Cannot reload on signal: %s\n", failure.what());
-    }
+// How long to wait for a signal before something has to be looked at; 0: as long as it takes.
+std::chrono::microseconds LookInterval(const Server::Watchdog& watchdog, const Server::Reload& reload) {
+    const std::chrono::microseconds one = watchdog.Interval(), other = reload.LookInterval();
+    return one.count() == 0 || other.count() == 0 ? std::max(one, other) : std::min(one, other);
 }
 
-void WaitForSignal(const Server::ServiceManager& manager) {
+void WaitForSignal(const Server::ServiceManager& manager, Server::Reload& reload) {
     Server::Watchdog watchdog(manager);
     while (ending_signal == 0) {
-        WaitUntilWoken(watchdog.Interval());
-        if (reload_wanted.exchange(false)) StartReload();
+        WaitUntilWoken(LookInterval(watchdog, reload));
+        if (reload_wanted.exchange(false)) reload.Start();
+        reload.LookAtIdentity();
         watchdog.Look();
     }
+    reload.End();
     manager.Tell("STOPPING=1");
     const int number = ending_signal;
     // The next one ends the process at once.
@@ -308,13 +301,15 @@ void StartDeliveries(Server::DeliveryEngine* deliveries, const Server::HttpServe
 }
 
 // Bind, restore the queue, serve: a restored timer that calls the server itself finds it.
-int Run(const Config& config, const std::string& config_file) {
-    const Server::ServiceManager manager;
+int Run(const Config& config, const Server::CommandLine& command_line) {
+    static const Server::ServiceManager manager;  // a reload may outlive this
     Server::Router router(config);
     Server::HttpServer server(config.Http, router);
     router.CountersFrom([&server] { return server.Counters(); });
     const Result_t bound = server.Bind();
     if (bound.Failure()) return Fail(bound.Message());
+    const auto reload = std::make_shared<Server::Reload>(command_line, config, server, manager);
+    router.ReloadWith(reload.get());
 
     const Result_t locked = Server::LockStateFile(config.StateFile);
     if (locked.Failure()) return Fail(locked.Message());
@@ -342,12 +337,14 @@ int Run(const Config& config, const std::string& config_file) {
         return Fail(stopped.Success() ? serving.Message() : stopped.Message());
     }
     WaitForWorker();
-    SayWhatWasLoaded(config, config_file, server.Url(), origin);
+    SayWhatWasLoaded(config, command_line.ConfigFile, server.Url(), origin);
     std::printf("Listening on %s\n", server.Url().c_str());
     std::fflush(stdout);
     manager.Tell("READY=1\nSTATUS=Listening on " + server.Url());
-    WaitForSignal(manager);
-    return End(server, config, deliveries, node.get());
+    WaitForSignal(manager, *reload);
+    const int status = End(server, config, deliveries, node.get());
+    reload_left_behind = reload->Running();
+    return status;
 }
 
 // All threads share one arena: the history is written by whoever posts and freed by the worker, and the main
@@ -377,13 +374,13 @@ int main(int argc, char** argv) {
     RaiseDescriptorLimit();
     int status = 1;
     try {
-        status = Run(config, command_line.ConfigFile);
+        status = Run(config, command_line);
     } catch (const std::exception& failure) {
         Fail(std::string("Given up: ") + failure.what());
     }
     std::fflush(stdout);
     // Threads that were left behind (a caller that does not end, a reload) must not find the process half
     // taken down.
-    if (Velmora::GetRequestCounters().Running > 0 || reloads_running > 0) _exit(status);
+    if (Velmora::GetRequestCounters().Running > 0 || reload_left_behind) _exit(status);
     return status;
 }

@@ -35,7 +35,7 @@ Connection::Connection(ConnectionShared& shared, Velmora::SocketStream stream)
       m_Socket(shared.Io, m_Stream.Descriptor()),
       m_Life(m_Stream.Descriptor()),
       m_Input(shared.Options.HeaderLimit, LongestBody(shared.Options)) {
-    if (shared.Identity) shared.Identity->Secure(m_Stream);
+    if (const auto identity = shared.Identity.Get()) identity->Secure(m_Stream);
 }
 
 Connection::~Connection() {
@@ -206,7 +206,7 @@ void BeginServing(ConnectionShared& shared, Velmora::SocketStream stream) {
 // More connections than may be: said in one write where that can be done, for there is no place to wait.
 void RefuseConnection(ConnectionShared& shared, const Velmora::SocketStream& stream) {
     shared.RefusedConnections.fetch_add(1, std::memory_order_relaxed);
-    if (!shared.Identity) {
+    if (!shared.Identity.Get()) {
         HttpResponse response = Problem(Velmora::STATUS_503_NO_SERVICE, "Too many connections; try again.");
         response.Headers.emplace_back("Retry-After", "1");
         std::string text;
@@ -224,6 +224,7 @@ ConnectionShared::ConnectionShared(const HttpServerOptions& options, HttpHandler
     : Options(options),
       Handler(handler),
       Io(io),
+      AccessLog(options.AccessLog),
       Pool(threads, working,
            {[&io] { io.run(); }, [&io](std::function<void()> call) { asio::post(io, std::move(call)); }}),
       OnFeed(options.MaxFeedClients) {}

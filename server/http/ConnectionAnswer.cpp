@@ -48,7 +48,7 @@ Connection::Step Connection::UseInput() {
 
 Connection::Step Connection::HeadComplete() {
     const RequestHead& head = m_Input.Head();
-    if (auto refusal = RefuseHead(head, *m_Shared.Policy, m_Shared.Handler, m_Route)) {
+    if (auto refusal = RefuseHead(head, *m_Shared.Policy.Get(), m_Shared.Handler, m_Route)) {
         return RefuseAndClose(std::move(*refusal));
     }
     // A document may have whatever length the parser lets through.
@@ -65,7 +65,7 @@ Connection::Step Connection::RequestComplete() {
     m_Began = Clock::now();
     const RequestHead& head = m_Input.Head();
     if (!m_Input.HeadKnown()) {
-        if (auto refusal = RefuseHead(head, *m_Shared.Policy, m_Shared.Handler, m_Route)) {
+        if (auto refusal = RefuseHead(head, *m_Shared.Policy.Get(), m_Shared.Handler, m_Route)) {
             return Respond(std::move(*refusal));
         }
     }
@@ -127,7 +127,8 @@ Connection::Step Connection::Respond(HttpResponse response) {
 
     CountAnswer(response.Status, response.Body.size());
     if (m_Route.Changes && response.Status < 300) LogChange(response);
-    for (auto& field : m_Shared.Policy->ForOtherOrigin(head)) response.Headers.push_back(std::move(field));
+    for (auto& field : m_Shared.Policy.Get()->ForOtherOrigin(head))
+        response.Headers.push_back(std::move(field));
     m_Output.Append(std::move(response), form);
     return FinishRequest();
 }
@@ -141,7 +142,7 @@ void Connection::CountAnswer(Status_t status, std::size_t size) {
     const Clock::time_point began = std::exchange(m_Began, Clock::time_point());
     const Clock::duration took = began == Clock::time_point() ? Clock::duration() : Clock::now() - began;
     m_Shared.RequestTimes.Count(took);
-    if (m_Shared.Options.AccessLog || Mirel::DefaultLogSink().Logs(Mirel::LOG_DEBUG))
+    if (m_Shared.AccessLog.load(std::memory_order_relaxed) || Mirel::DefaultLogSink().Logs(Mirel::LOG_DEBUG))
         LogAnswer(status, size, took);
 }
 
@@ -150,7 +151,8 @@ void Connection::LogAnswer(Status_t status, std::size_t size, Clock::duration to
     const RequestHead& head = m_Input.Head();
     const std::string target = Mirel::EscapeForLog(head.Target);
     const double took_ms = std::chrono::duration<double, std::milli>(took).count();
-    const auto write = m_Shared.Options.AccessLog ? &Mirel::ILogSink::Info : &Mirel::ILogSink::Debug;
+    const auto write =
+        m_Shared.AccessLog.load(std::memory_order_relaxed) ? &Mirel::ILogSink::Info : &Mirel::ILogSink::Debug;
     (Mirel::DefaultLogSink().*write)("Access: %s \"%s %s\" %d, %zu bytes, %.3f ms\n", m_Stream.Peer().c_str(),
                                      head.Method ? Velmora::MethodToString(*head.Method) : "-",
                                      target.c_str(), static_cast<int>(status), size, took_ms);
@@ -189,7 +191,7 @@ Connection::Step Connection::Upgrade() {
     const RequestHead& head = m_Input.Head();
     if (auto refusal = ReadFeedWish(head, m_Route, m_FeedWish)) return Respond(std::move(*refusal));
     const bool events = WantsEventStream(head);
-    m_Output.Append(events ? EventStreamHead(m_Shared.Policy->ForOtherOrigin(head))
+    m_Output.Append(events ? EventStreamHead(m_Shared.Policy.Get()->ForOtherOrigin(head))
                            : SwitchingProtocols(head));
     CountAnswer(events ? Velmora::STATUS_200_OK : Velmora::STATUS_101_SWITCHING, 0);
     m_UpgradeAfter = true;

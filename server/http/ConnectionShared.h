@@ -10,6 +10,7 @@
 #include "http/FeedUpgrade.h"
 #include "http/Http.h"
 #include "http/HttpServerOptions.h"
+#include "http/Replaceable.h"
 #include "http/ThreadPool.h"
 #include "http/TlsIdentity.h"
 
@@ -28,10 +29,11 @@ struct ConnectionShared {
     const HttpServerOptions Options;
     HttpHandler& Handler;
     boost::asio::io_context& Io;
-    std::unique_ptr<TlsIdentity> Identity;  // null: plain
-    std::unique_ptr<AccessPolicy> Policy;
 
     // Self-synchronised.
+    Replaceable<const TlsIdentity> Identity;  // null: plain, and stays so
+    Replaceable<const AccessPolicy> Policy;
+    std::atomic<bool> AccessLog;
     ThreadPool Pool;
     ConnectionRegistry Registry;
     FeedPlaces OnFeed;

@@ -43,6 +43,13 @@ std::chrono::milliseconds SweepInterval(const HttpServerOptions& options) {
     return std::chrono::milliseconds(std::clamp<Mirel::ui32_t>(shortest / 4, 10, 500));
 }
 
+// Null for an empty path.
+Mirel::Result_t LoadIdentity(const std::string& path, std::shared_ptr<TlsIdentity>& identity) {
+    if (path.empty()) return Mirel::RESULT_OK;
+    identity = std::make_shared<TlsIdentity>();
+    return identity->Load(path);
+}
+
 }  // namespace
 
 class HttpServer::Impl {
@@ -66,6 +73,7 @@ class HttpServer::Impl {
 
     Mirel::Result_t Bind();
     Mirel::Result_t Serve();
+    Mirel::Result_t TakeAnew(const HttpServerOptions& options);
     void Stop(Mirel::ui32_t limit_ms);
     std::string Url() const;
     Mirel::ui16_t Port() const { return m_Port; }
@@ -99,24 +107,42 @@ class HttpServer::Impl {
 
 Mirel::Result_t HttpServer::Impl::Bind() {
     const HttpServerOptions& options = m_Shared.Options;
-    if (!options.TLSIdentity.empty()) {
-        auto identity = std::make_unique<TlsIdentity>();
-        const Mirel::Result_t loaded = identity->Load(options.TLSIdentity);
-        if (loaded.Failure()) return loaded;
-        m_Shared.Identity = std::move(identity);
-    }
+    std::shared_ptr<TlsIdentity> identity;
+    const Mirel::Result_t loaded = LoadIdentity(options.TLSIdentity, identity);
+    if (loaded.Failure()) return loaded;
+    m_Shared.Identity.Set(std::move(identity));
     int descriptor = -1;
     const Mirel::Result_t bound =
         BindListener(options.Host, options.Port, options.Guarded(), descriptor, m_Port);
     if (bound.Failure()) return bound;
     m_Listener = descriptor;
     m_Acceptor->assign(descriptor);
-    m_Shared.Policy = std::make_unique<AccessPolicy>(options);
+    m_Shared.Policy.Set(std::make_shared<const AccessPolicy>(options));
     return LocalAccessManager::ServerListens(descriptor);
 }
 
+Mirel::Result_t HttpServer::Impl::TakeAnew(const HttpServerOptions& options) {
+    if (!options.Guarded() && !ListensOnLoopback(m_Listener))
+        return Mirel::RESULT_PARAM.WithMessage(
+            "Without an access token only loopback addresses are served, and this server listens to others.");
+    HttpServerOptions taken = m_Shared.Options;
+    taken.AccessToken = options.AccessToken;
+    taken.AccessTokens = options.AccessTokens;
+    taken.AllowedHosts = options.AllowedHosts;
+    taken.AllowedOrigins = options.AllowedOrigins;
+    if (!taken.TLSIdentity.empty() && !options.TLSIdentity.empty()) {
+        std::shared_ptr<TlsIdentity> identity;
+        const Mirel::Result_t loaded = LoadIdentity(options.TLSIdentity, identity);
+        if (loaded.Failure()) return loaded;
+        m_Shared.Identity.Set(std::move(identity));
+    }
+    m_Shared.Policy.Set(std::make_shared<const AccessPolicy>(taken));
+    m_Shared.AccessLog = options.AccessLog;
+    return Mirel::RESULT_OK;
+}
+
 std::string HttpServer::Impl::Url() const {
-    return (m_Shared.Identity ? "https://" : "http://") + HostAndPort(m_Shared.Options.Host, m_Port);
+    return (m_Shared.Identity.Get() ? "https://" : "http://") + HostAndPort(m_Shared.Options.Host, m_Port);
 }
 
 Mirel::Result_t HttpServer::Impl::Serve() {
@@ -224,6 +250,9 @@ std::string HttpServer::Url() const {
 }
 Mirel::Result_t HttpServer::Serve() {
     return m_Impl->Serve();
+}
+Mirel::Result_t HttpServer::TakeAnew(const HttpServerOptions& options) {
+    return m_Impl->TakeAnew(options);
 }
 void HttpServer::Stop(Mirel::ui32_t limit_ms) {
     m_Impl->Stop(limit_ms);

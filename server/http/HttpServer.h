@@ -41,6 +41,10 @@ class HttpServer {
 
     /// Starts the I/O threads and begins to accept.
     Mirel::Result_t Serve();
+    /// Takes TLS identity, tokens, names, origins and the access log's switch anew, for what comes from now
+    /// on: all of it or, with the reason for the operator, nothing. Clients that are on the feed stay. From
+    /// any thread, once bound.
+    Mirel::Result_t TakeAnew(const HttpServerOptions& options);
     /// Stops accepting, lets requests that are being answered finish (at most `limit_ms`), closes connections
     /// and joins the threads. WebSocket clients that were handed over stay with the queue.
     void Stop(Mirel::ui32_t limit_ms);

@@ -38,6 +38,13 @@ Mirel::ui16_t PortOf(int descriptor) {
 
 }  // namespace
 
+bool ListensOnLoopback(int descriptor) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    return getsockname(descriptor, generic, &length) == 0 && IsLoopback(generic);
+}
+
 std::string HostAndPort(const std::string& host, Mirel::ui16_t port) {
     const bool bare_v6 = host.find(':') != host.npos && host[0] != '[';
     return (bare_v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);

@@ -18,4 +18,7 @@ std::string HostAndPort(const std::string& host, Mirel::ui16_t port);
 Mirel::Result_t BindListener(const std::string& host, Mirel::ui16_t port, bool guarded, int& descriptor,
                              Mirel::ui16_t& bound_port);
 
+/// Whether the bound socket is reached from this machine only.
+bool ListensOnLoopback(int descriptor);
+
 }  // namespace Server

@@ -4,6 +4,7 @@
 #include "EventManager.h"
 #include "VL_Python.h"
 #include "rest/Rest.h"
+#include "service/Reload.h"
 
 namespace Server {
 
@@ -22,10 +23,16 @@ Mirel::Result_t SetUpHandlers(const Config& config) {
     });
 }
 
-HttpResponse PostHandlersReload(RestCall&) {
-    const Velmora::HandlerReload done = Velmora::ReloadHandlers();
-    Velmora::PListArray reloaded, failed;
-    for (const std::string& modules : done.Reloaded) reloaded.Append(Velmora::PListData(modules));
+namespace {
+
+Velmora::PListArray Texts(const std::vector<std::string>& texts) {
+    Velmora::PListArray array;
+    for (const std::string& text : texts) array.Append(Velmora::PListData(text));
+    return array;
+}
+
+Velmora::PListDict Entry(const Velmora::HandlerReload& done) {
+    Velmora::PListArray failed;
     for (const auto& [modules, traceback] : done.Failed) {
         Velmora::PListDict entry;
         entry.SetValue("modules", modules);
@@ -33,8 +40,29 @@ HttpResponse PostHandlersReload(RestCall&) {
         failed.Append(entry);
     }
     Velmora::PListDict answer;
-    answer.SetItem("reloaded", reloaded);
+    answer.SetItem("reloaded", Texts(done.Reloaded));
     answer.SetItem("failed", failed);
+    return answer;
+}
+
+}  // namespace
+
+HttpResponse PostHandlersReload(RestCall&) {
+    return Json(Velmora::STATUS_200_OK, Entry(Velmora::ReloadHandlers()));
+}
+
+HttpResponse PostReload(RestCall& call) {
+    if (call.Context.Reloading == nullptr)
+        return Problem(Velmora::STATUS_503_NO_SERVICE, "Nothing can be read anew here.");
+    const ReloadOutcome outcome = call.Context.Reloading->Now();
+    if (!outcome.Faults.empty()) {
+        return Problem(Velmora::STATUS_409_CONFLICT, "The configuration cannot be used; nothing was changed.",
+                       outcome.Faults);
+    }
+    Velmora::PListDict answer;
+    answer.SetItem("taken", Texts(outcome.Taken));
+    answer.SetItem("needs_restart", Texts(outcome.NeedsRestart));
+    answer.SetItem("handlers", Entry(outcome.Handlers));
     return Json(Velmora::STATUS_200_OK, answer);
 }
 

@@ -21,6 +21,7 @@ namespace Server {
 
 class ClusterGate;
 class DeliveryEngine;
+class Reload;
 
 /// What the handlers know of the process around them.
 struct RestContext {
@@ -30,6 +31,7 @@ struct RestContext {
     std::function<HttpServerCounters()> ServerCounters;
     ClusterGate* Gate = nullptr;           // null: a single server
     DeliveryEngine* Deliveries = nullptr;  // null: the queue makes its calls itself
+    Reload* Reloading = nullptr;           // null: nothing is read anew
     std::chrono::steady_clock::time_point Started = std::chrono::steady_clock::now();
 
     // Counted by any thread.
@@ -135,6 +137,7 @@ void SettleDeliveries(RestCall& call);
 Velmora::PListArray WithListenerStatus(const RestCall& call, const Velmora::PListArray& listeners);
 HttpResponse GetFeed(RestCall& call);
 HttpResponse PostHandlersReload(RestCall& call);
+HttpResponse PostReload(RestCall& call);
 
 HttpResponse GetHealth(RestCall& call);
 HttpResponse GetReadiness(RestCall& call);

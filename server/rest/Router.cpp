@@ -81,6 +81,7 @@ constexpr Row Table[] = {
     {Velmora::METH_POST, "/api/v1/deliveries/{delivery_id}/resend", Waits::ForQueue, Body::None, "",
      ResendDelivery},
     {Velmora::METH_POST, "/api/v1/handlers/reload", Waits::ForQueue, Body::None, "", PostHandlersReload},
+    {Velmora::METH_POST, "/api/v1/reload", Waits::ForQueue, Body::None, "", PostReload},
     {Velmora::METH_GET, "/api/v1/feed", Waits::Never, Body::None, "after event_name*", GetFeed, Access::Some},
     {Velmora::METH_GET, "/api/v1/feed/sse", Waits::Never, Body::None, "after event_name*", GetFeed,
      Access::Some},

@@ -37,6 +37,9 @@ class Router : public HttpHandler {
     /// The engine that makes the calls, which outlives the router. To be called before the first request.
     void DeliveriesFrom(DeliveryEngine* engine) { m_Context.Deliveries = engine; }
 
+    /// Whom a request to reload is for. To be called before the first request.
+    void ReloadWith(Reload* reload) { m_Context.Reloading = reload; }
+
     std::optional<HttpResponse> Route(const HttpRequest& head, HttpRoute& route) const override;
     HttpResponse Handle(const HttpRequest& request, HttpRoute& route) override;
 

@@ -68,6 +68,12 @@ void ServiceManager::Tell(const std::string& lines) const {
                                  std::strerror(errno));
 }
 
+void ServiceManager::TellReloading() const {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    Tell("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(us));
+}
+
 void Watchdog::Look() {
     const Mirel::ui64_t passes = EventManager::GetQueueStatistics().Passes;
     if (passes == m_Passes) return;

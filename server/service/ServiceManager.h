@@ -20,6 +20,9 @@ class ServiceManager {
     /// Says one thing or more, a line each: "READY=1", "STATUS=…", "STOPPING=1". From any thread.
     void Tell(const std::string& lines) const;
 
+    /// Says that a reload has begun; "READY=1" ends it.
+    void TellReloading() const;
+
     /// How long it waits for a sign of life before it ends the process; 0: it does not watch.
     std::chrono::microseconds WatchdogLimit() const { return m_WatchdogLimit; }
 

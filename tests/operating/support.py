@@ -47,7 +47,7 @@ class Server:
         self.lines.start()
         line = eventually(lambda: next((l for l in self.output if l.startswith("Listening on ")), None) or
                           (self.process.poll() is not None and "".join(self.output)), "the server listens")
-        self.port = int(re.search(r"Listening on http://.*:(\d+)$", line.strip()).group(1))
+        self.port = int(re.search(r"Listening on https?://.*:(\d+)$", line.strip()).group(1))
 
     def end(self):
         self.process.terminate()
