@@ -31,8 +31,8 @@ export class Events {
   }
 
   draw() {
-    const { queue, deliveries } = this.store;
-    const failing = failingListeners(queue, deliveries);
+    const { queue } = this.store;
+    const failing = failingListeners(queue, this.store);
     const failingNames = new Set(failing.map(({ event }) => event.event_name));
     setCount("events", failing.length || queue.event_list.length, failing.length > 0);
     const wanted = byId("events-find").value.toLowerCase();

@@ -1,12 +1,13 @@
 // The listeners of one event: what is called, how the last call ended.
 
-import { path, post, remove } from "./api.js";
+import { get, path, post, remove } from "./api.js";
 import { dataDetails } from "./datadetails.js";
-import { h, setText, show, syncList } from "./dom.js";
+import { digits, h, setText, show, syncList } from "./dom.js";
 import { holdsData } from "./json.js";
 import { JsonEditor } from "./jsoneditor.js";
 import { attempt, confirmed, say } from "./notices.js";
-import { addressKey, deliveryKey, failed, isPython, newestByAddress, outcomeLine } from "./outcome.js";
+import { deliveryKey, failed, isPython, lastCall, outcomeLine } from "./outcome.js";
+import { exactUTC, parseTime } from "./time.js";
 
 export class ListenerList {
   constructor(store, event) {
@@ -18,22 +19,45 @@ export class ListenerList {
   }
 
   draw(listeners) {
-    const newest = newestByAddress(this.store.deliveries);
+    const last = lastCall(this.store);
+    const kept = this.store.failing !== null;
     syncList(this.list, listeners, (listener) => listener.id, (listener) => this.row(listener), (row, listener) => {
-      const delivery = isPython(listener.callback) ? undefined : newest.get(addressKey(listener.callback));
-      row.classList.toggle("failing", Boolean(delivery && failed(delivery)));
-      drawOutcome(row.outcome, listener, delivery);
+      const delivery = last(listener);
+      row.classList.toggle("failing", kept ? this.store.failing.has(listener.id) : Boolean(delivery && failed(delivery)));
+      drawOutcome(row.outcome, kept ? "not called lately" : neverCalled(listener), delivery);
+      for (const element of row.whereKept) show(element, kept);
     });
     show(this.list, listeners.length > 0);
   }
 
   row(listener) {
     const outcome = h("span", { class: "last" });
-    const row = h("li", {}, h("span", { class: "kind" }, kindOf(listener)), h("code", { class: "callback" }, listener.callback), outcome,
+    const test = h("button", { type: "button", class: "small", "aria-label": `Test listener ${listener.callback}`, onclick: () => this.test(listener) }, "Test");
+    const status = this.statusDetails(listener);
+    const row = h("li", {}, h("span", { class: "kind" }, kindOf(listener)), h("code", { class: "callback" }, listener.callback), outcome, test,
       h("button", { type: "button", class: "small danger", "aria-label": `Delete listener ${listener.callback}`, onclick: () => this.remove(listener) }, "Delete…"),
-      dataDetails("Listener data", listener.listener_data));
+      dataDetails("Listener data", listener.listener_data), status);
     row.outcome = outcome;
+    row.whereKept = [test, status];
     return row;
+  }
+
+  /// How its calls went so far, read anew whenever someone looks.
+  statusDetails(listener) {
+    const text = h("p", { class: "muted" });
+    const read = () => attempt(async () => {
+      const { data } = await get(path("events", this.event, "listeners", listener.id));
+      setText(text, data.status ? statusText(data.status) : "It was not called yet.");
+    });
+    return h("details", { class: "data", ontoggle: (toggle) => toggle.target.open && read() }, h("summary", {}, "Calls"), text);
+  }
+
+  async test(listener) {
+    await attempt(async () => {
+      await post(path("events", this.event, "listeners", listener.id, "test"), {});
+      say("The listener is called, and nobody else; see under Deliveries.");
+      this.store.expectDeliveries();
+    });
   }
 
   async remove(listener) {
@@ -91,12 +115,23 @@ export class ListenerList {
   }
 }
 
-function drawOutcome(place, listener, delivery) {
-  const signature = delivery ? deliveryKey(delivery) : "none";
+const neverCalled = ({ callback }) => (isPython(callback) ? "outcome in the server's log" : "not called lately");
+
+function statusText(status) {
+  const parts = [`${digits(status.calls)} calls, ${digits(status.failures)} failed`];
+  if (status.failures_in_a_row) parts.push(`${digits(status.failures_in_a_row)} failures in a row`);
+  if (status.retries_waiting) parts.push(`${digits(status.retries_waiting)} retries waiting`);
+  parts.push(status.last_success ? `last success ${exactUTC(parseTime(status.last_success))}` : "no success so far");
+  parts.push(`last hundred: mean ${digits(status.duration_mean_ms)} ms, worst ${digits(status.duration_worst_ms)} ms`);
+  return `${parts.join("; ")}.`;
+}
+
+function drawOutcome(place, without, delivery) {
+  const signature = delivery ? `${deliveryKey(delivery)} ${delivery.calls} ${delivery.retries_waiting}` : without;
   if (place.dataset.shown === signature) return;
   place.dataset.shown = signature;
   if (delivery) place.replaceChildren(...outcomeLine(delivery).filter(Boolean));
-  else place.replaceChildren(h("span", { class: "muted" }, isPython(listener.callback) ? "outcome in the server's log" : "not called lately"));
+  else place.replaceChildren(h("span", { class: "muted" }, without));
 }
 
 function kindOf({ callback, listener_data: data }) {

@@ -68,7 +68,7 @@ export class Status {
 
   /// Failing listeners and timers that came too late, in the strip, in the tab's title and in its icon.
   showAlarm() {
-    const failing = failingListeners(this.store.queue, this.store.deliveries).length;
+    const failing = failingListeners(this.store.queue, this.store).length;
     const expired = unseenExpired(this.store.server);
     const offline = this.feed.state === "waiting";
     showCount(byId("failing"), failing, `${count(failing, "listener")} failing`);

@@ -15,6 +15,7 @@ const NOTHING = { event_list: [], timer_list: [], watch_list: [], max_listeners:
 export class Store extends EventTarget {
   queue = NOTHING;
   deliveries = []; // newest first
+  failing = null; // how the listeners do whose last call failed: Map(listener's id -> status); null where the server keeps no deliveries
   server = { reachable: false };
   etag = "";
   loaded = false; // the queue has been read once
@@ -54,10 +55,11 @@ export class Store extends EventTarget {
   async readDeliveries() {
     try {
       const { data } = await get(path("deliveries"));
-      const newest = write(data.deliveries.slice(0, 3)) + data.deliveries.length;
+      const newest = data.failing ? write(data) : write(data.deliveries.slice(0, 3)) + data.deliveries.length;
       if (newest === this.newestDeliveries) return;
       this.newestDeliveries = newest;
       this.deliveries = data.deliveries;
+      this.failing = data.failing ? new Map(data.failing.map(({ listener_id: id, status }) => [id, status])) : null;
       this.dispatchEvent(new Event("deliveries"));
     } catch {
       this.lostTouch();

@@ -20,7 +20,7 @@ using Velmora::PListDict;
 struct DeliveryOptions {
     bool Failed = false;
     std::string Event;
-    std::string Resend;
+    std::string Resend, Dismiss;
     int Limit = 50;
 };
 
@@ -46,6 +46,10 @@ void ListDeliveries(Api& api, const DeliveryOptions& options, bool json) {
 }
 
 void Deliveries(Api& api, const DeliveryOptions& options, bool json) {
+    if (!options.Dismiss.empty()) {
+        api.Ask("DELETE", "/deliveries/" + Encode(options.Dismiss));
+        return;
+    }
     if (options.Resend.empty()) return ListDeliveries(api, options, json);
     const std::string answer = api.Ask("POST", "/deliveries/" + Encode(options.Resend) + "/resend");
     if (json) PrintText(answer);
@@ -53,14 +57,18 @@ void Deliveries(Api& api, const DeliveryOptions& options, bool json) {
 
 void AddDeliveries(CLI::App& app, Chosen& chosen) {
     auto options = std::make_shared<DeliveryOptions>();
-    CLI::App* command =
-        app.add_subcommand("deliveries", "List the calls to listeners, the newest first, or repeat one");
-    command->add_flag("--failed", options->Failed, "Only those that failed");
+    CLI::App* command = app.add_subcommand(
+        "deliveries", "List the calls to listeners, the newest first, or do something about one");
+    command->add_flag("--failed", options->Failed, "Only those that failed; dead ones too");
     command->add_option("--event", options->Event, "Only those of this event")->type_name("EVENT");
     command->add_option("--limit", options->Limit, "At most so many")
         ->type_name("N")
         ->check(CLI::PositiveNumber);
-    command->add_option("--resend", options->Resend, "Send this one again")->type_name("ID");
+    CLI::Option* resend =
+        command->add_option("--resend", options->Resend, "Send this one again")->type_name("ID");
+    command->add_option("--dismiss", options->Dismiss, "Take this one off the list; no further attempt")
+        ->type_name("ID")
+        ->excludes(resend);
     command->callback([options, &chosen] {
         chosen.Command = [=, &chosen](Api& api) { Deliveries(api, *options, chosen.Server.Json); };
     });

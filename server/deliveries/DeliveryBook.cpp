@@ -140,6 +140,7 @@ bool DeliveryBook::Matches(const Delivery& delivery, const DeliveryFilter& filte
     if (!filter.ListenerId.empty() && delivery.ListenerId != filter.ListenerId) return false;
     if (filter.Outcome.empty()) return delivery.Attempt > 0;
     if (filter.Outcome == "slow") return delivery.Attempt > 0 && delivery.Slow();
+    if (filter.Outcome == "failed" && delivery.State == DeliveryState::Dead) return true;
     return filter.Outcome == DeliveryStateName(delivery.State);
 }
 

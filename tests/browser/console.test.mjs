@@ -241,6 +241,29 @@ describe("Deliveries", () => {
       target.close();
     }
   });
+
+  it("shows which are dead and why, and sends them again", async () => {
+    let status = 500;
+    const target = await listen((request, response) => response.writeHead(status).end("no, <b>never</b>"));
+    await restart({ Destinations: [{ Match: target.url, Attempts: 2, Backoff_ms: 1 }] });
+    try {
+      await server.event("call", [{ callback: `${target.url}/hook`, listener_data: { l: 1 } }]);
+      await server.post("call");
+      await open({ area: "deliveries" });
+      const row = page.locator("#delivery-rows tr");
+      await row.getByText("Dead 500").waitFor();
+      await row.getByText("Body and answer").click();
+      await row.getByText("no, <b>never</b>").waitFor();
+      assert.match(await page.locator("#failing").innerText(), /1 listener failing/);
+      status = 200;
+      await row.getByRole("button", { name: "Send again" }).click();
+      await row.getByText("OK 200").waitFor();
+      await page.locator("#failing").waitFor({ state: "hidden" });
+    } finally {
+      target.close();
+      await restart({});
+    }
+  });
 });
 
 describe("Status", () => {

@@ -13,7 +13,7 @@ TOKEN = "a-token-of-the-test"
 
 
 class Terminal(support.ServerCase):
-    configuration = {"AccessToken": TOKEN}
+    configuration = {"AccessToken": TOKEN, "Destinations": [{"Match": "http://127.0.0.1:1/", "Attempts": 2, "Backoff_ms": 1}]}
 
     def run_client(self, *arguments, stdin="", **environment):
         known = {"PATH": os.environ["PATH"], "VELMORA_URL": self.server.url, "VELMORA_TOKEN": TOKEN,
@@ -81,6 +81,21 @@ class Terminal(support.ServerCase):
             if line.startswith(name + " "):
                 return float(line.split()[1])
         raise AssertionError("no metric " + name)
+
+    def test_lists_deliveries_sends_them_again_and_dismisses_them(self):
+        self.done("events", "add", "d")
+        self.done("listeners", "add", "d", "http://127.0.0.1:1/x")
+        self.done("post", "d")
+        dead = support.eventually(lambda: [line for line in self.done("deliveries", "--failed").splitlines() if "  dead  " in line],
+                                  "a dead delivery")
+        delivery = dead[0].split()[0]
+        self.assertIn("  d  ", dead[0])
+        self.assertEqual(self.done("--json", "deliveries", "--event", "other").count(delivery), 0)
+        self.done("deliveries", "--resend", delivery)
+        support.eventually(lambda: "  dead  " in self.done("deliveries", "--failed"), "dead again")
+        self.done("deliveries", "--dismiss", delivery)
+        self.assertNotIn(delivery, self.done("deliveries"))
+        self.assertIn("There is no delivery", self.run_client("deliveries", "--resend", delivery).stderr)
 
     def test_moves_the_state(self):
         self.done("events", "add", "kept", "--data", '{"n": 12345678901234567890}')

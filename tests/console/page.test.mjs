@@ -218,6 +218,41 @@ it("shows the calls that one asks for, also when the server counts anew", async 
   await pass(5000);
 });
 
+it("judges listeners by their status where the server keeps deliveries, and lets one send again, dismiss and test", async () => {
+  const before = state.event_list;
+  const status = { outcome: "failed", time: stamp(), reason: "Answered with Bad Gateway.", failures_in_a_row: 3, retries_waiting: 1, calls: 9, failures: 4, duration_mean_ms: 7, duration_worst_ms: 12 };
+  const call = (id, outcome, more) => ({ sequence: id, id: String(id), time: stamp(), method: "POST", url: "https://x/same", status: 502, outcome, duration_ms: 5, reason: "", attempt: 2, attempts: 5, ...more });
+  state.event_list = [{ event_name: "e", event_data: {}, listener_list: [{ id: "a", callback: "https://x/same" }, { id: "p", callback: "python://m" }] },
+    { event_name: "f", event_data: {}, listener_list: [{ id: "b", callback: "https://x/same" }] }];
+  server.deliveries = [call(4, "ok", { status: 0, method: "CALL", url: "python://m", listener_id: "p" }), call(3, "ok", { status: 200, listener_id: "b" }), call(2, "dead", { listener_id: "a" }), call(1, "waiting", { listener_id: "a" })];
+  server.failing = [{ event_name: "e", listener_id: "a", callback: "https://x/same", status }];
+  server.one = { "deliveries/2": { ...server.deliveries[2], body: "{}", answer: "<b>no</b>", traceback: "" }, "events/e/listeners/a": { id: "a", callback: "https://x/same", status } };
+  turnTo("events");
+  await pass(5000);
+  assert.deepEqual([byId("failing").textContent, ...texts("#event-list .badge")], ["1 listener failing", "Failed", "OK", "OK 200"]);
+  assert.match(byId("event-list").textContent, /3 in a row1 retry waiting.*Answered with Bad Gateway/);
+  button("Test listener python://m").click();
+  await settle();
+  assert.deepEqual([last().method, last().url], ["POST", "/api/v1/events/e/listeners/p/test"]);
+
+  turnTo("deliveries");
+  assert.deepEqual(texts("#delivery-rows .badge"), ["OK", "OK 200", "Dead 502", "Waiting 502"]);
+  const radio = (value) => byId("delivery-filters").querySelector(`input[value="${value}"]`);
+  assert.equal(byId("delivery-only-dead").hidden, false);
+  radio("dead").check();
+  assert.deepEqual(texts("#delivery-rows .badge"), ["Dead 502"]);
+  button("Send again: https://x/same").click();
+  await settle();
+  assert.deepEqual([last().method, last().url], ["POST", "/api/v1/deliveries/2/resend"]);
+  button("Dismiss: https://x/same").click();
+  await settle();
+  assert.deepEqual([last().method, last().url], ["DELETE", "/api/v1/deliveries/2"]);
+  radio("all").check();
+  [server.failing, server.deliveries, state.event_list] = [undefined, [], before];
+  await pass(5000);
+  assert.deepEqual([byId("failing").hidden, byId("delivery-only-dead").hidden], [true, true]);
+});
+
 it("sets timers at the time one means", async () => {
   turnTo("timers");
   const mode = (value) => byId("timer-form").querySelector(`input[value="${value}"]`).check();

@@ -3,7 +3,7 @@
 export const asked = []; // {method, url, body, headers}
 export const state = { event_list: [], timer_list: [], watch_list: [], max_listeners: 1024, max_watches: 1024 };
 export const sockets = [];
-export const server = { up: true, status: {}, deliveries: [], history: "[]", token: "", expired: 0, uptime: 100, queue: null };
+export const server = { up: true, status: {}, deliveries: [], failing: undefined, one: {}, history: "[]", token: "", expired: 0, uptime: 100, queue: null };
 
 const json = (body, status = 200) => new Response(typeof body === "string" ? body : JSON.stringify(body), { status, headers: { "Content-Type": "application/json" } });
 
@@ -18,7 +18,8 @@ globalThis.fetch = async (url, { method = "GET", body, headers = {}, signal } = 
   const name = pathname.replace("/api/v1/", "");
   if (server.status[name]) return json({ detail: `no ${name}`, errors: [{ pointer: "/a", detail: "wrong" }] }, server.status[name]);
   if (method === "GET" && name === "queue") return json(server.queue ?? state);
-  if (name === "deliveries") return json({ deliveries: server.deliveries });
+  if (name === "deliveries") return json({ deliveries: server.deliveries, failing: server.failing });
+  if (method === "GET" && name in server.one) return json(server.one[name]);
   if (name === "history") return json(`{"history":${server.history},"last_id":"e-0"}`);
   if (method === "DELETE") return new Response(null, { status: 204 });
   return json({ id: "new", ...state });
