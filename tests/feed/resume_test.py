@@ -110,7 +110,8 @@ class Resume(unittest.TestCase):
             after = "&after=" + last if last else ""
             try:
                 async with websockets.connect(f"ws://127.0.0.1:{self.server.port}/api/v1/feed?{query}{after}",
-                                              subprotocols=["velmora.feed.v2"], max_size=None) as feed:
+                                              subprotocols=["velmora.feed.v2"], max_size=None,
+                                              close_timeout=0.1) as feed:
                     hello = json.loads(await feed.recv())
                     if not last:
                         last = hello["id"]
@@ -123,6 +124,7 @@ class Resume(unittest.TestCase):
                         got.append(last)
                         if message["posting"].get("post_data", {}).get("last"):
                             return got, gaps
+                    feed.transport.abort()  # killed, without a word of farewell
             except (OSError, websockets.exceptions.WebSocketException):
                 await asyncio.sleep(0.01)
 
@@ -134,7 +136,7 @@ class Resume(unittest.TestCase):
             clients = [asyncio.create_task(self.websocket(query, i, greeted)) for i, query in enumerate(queries * 2)]
             for _ in clients:  # nobody misses what is posted before it has come for the first time
                 await asyncio.wait_for(greeted.acquire(), PATIENCE_SEC)
-            loader = threading.Thread(target=self.load, args=(3000, 4))
+            loader = threading.Thread(target=self.load, args=(1600, 4))
             loader.start()
             results = await asyncio.wait_for(asyncio.gather(*clients), PATIENCE_SEC)
             loader.join()
@@ -148,7 +150,7 @@ class Resume(unittest.TestCase):
     @unittest.skipUnless(shutil.which("curl"), "curl is not installed")
     def test_curl_follows_server_sent_events_and_comes_back(self):
         got, gaps, last, chance = [], [], "", random.Random(3)
-        loader = threading.Thread(target=self.load, args=(1500, 2))
+        loader = threading.Thread(target=self.load, args=(800, 2))
         curl = None
         try:
             while not (got and got[-1] == getattr(self, "last", "")):
