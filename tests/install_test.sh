@@ -8,19 +8,24 @@ prefix="$scratch/prefix"
 rm -rf "$scratch"
 mkdir -p "$scratch"/{programs,headers,run}
 complain() { echo "$*" && exit 1; }
-if command -v ccache >/dev/null; then export CMAKE_CXX_COMPILER_LAUNCHER=ccache; fi
+if command -v ccache >/dev/null; then # what one checkout has compiled serves another
+    export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR="$source" CCACHE_NOHASHDIR=true
+fi
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 libraries="$(dirname "$(find "$prefix" -name libEventManager.so)")"
 headers="$prefix/include/EventManager"
 
 # The programs on the page, 1.cpp, 2.cpp …, and what they print: the text that stands behind one. And every header, to
-# see that it stands on its own.
+# see that it stands on its own, but for those that the first include of a source names: these have been compiled so.
 awk -v programs="$scratch/programs/" '/^```/ { file = "" }
     file { print > file }
     /^```cpp/ { count++; file = programs count ".cpp" }
     /^```text/ { file = programs count ".out" }' "$source/docs/library.md"
+awk 'FNR == 1 { seen = 0 } /^#include/ && !seen++ && $2 ~ /^"/ { gsub(/"/, "", $2); print $2 }' \
+    "$source"/{mirel,src}/*.cpp "$source"/velmora/*/*.cpp >"$scratch/first"
 for header in "$headers"/*.h; do
+    ! grep -qxF "${header##*/}" "$scratch/first" || continue
     printf '#include "%s"\n' "${header##*/}" >"$scratch/headers/${header##*/}.cpp"
 done
 cmake -S "$source/tests/install" -B "$scratch/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
