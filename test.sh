@@ -5,4 +5,4 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 
 .ci/install-packages build
 .ci/build release
-ctest --preset release --parallel "$(nproc)" "$@"
+ctest --preset release --parallel $((2 * $(nproc))) "$@" # many of them wait more than they compute

@@ -3,14 +3,11 @@
 # pkg-config, as docs/library.md says it does; and the libraries export what their headers promise, and nothing else.
 set -euo pipefail
 source="$1" build="$2" compiler="$3" server="$4"
-scratch="$build/install_test" # always the same, so that ccache knows what it has compiled
+scratch="$build/install_test"
 prefix="$scratch/prefix"
 rm -rf "$scratch"
 mkdir -p "$scratch"/{programs,headers,run}
 complain() { echo "$*" && exit 1; }
-if command -v ccache >/dev/null; then # what one checkout has compiled serves another
-    export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR="$source" CCACHE_NOHASHDIR=true
-fi
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 libraries="$(dirname "$(find "$prefix" -name libEventManager.so)")"
