@@ -170,8 +170,6 @@ void Handlers(MetricsText& text) {
         const auto outcome = static_cast<Velmora::HandlerOutcome>(i);
         text.Sample(handlers.Calls[i], "outcome", Velmora::HandlerOutcomeName(outcome));
     }
-    text.Family("velmora_handler_seconds_total", Kind::Counter, "Time that Python handlers took.");
-    text.Sample(static_cast<double>(handlers.Duration_us) / us_per_sec);
     text.Counter("velmora_slow_handlers_total", handlers.Slow,
                  "Calls of Python handlers that took longer than SlowHandler_ms.");
     text.Family("velmora_handler_reloads_total", Kind::Counter,

@@ -59,11 +59,13 @@ class Listener:
 
 
 class Server:
-    def __init__(self, config):
+    def __init__(self, config, start=True):
+        self.process = None
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="velmora-test-"))
         self.config = self.folder / "config.json"
         self.config.write_text(json.dumps({"StateFile": "state.json", **config}))
-        self.start()
+        if start:
+            self.start()
 
     def start(self):
         with open(self.folder / "log", "ab") as log:
@@ -78,7 +80,7 @@ class Server:
         return status
 
     def close(self):
-        if self.process.poll() is None:
+        if self.process and self.process.poll() is None:
             self.end()
         shutil.rmtree(self.folder, ignore_errors=True)
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Makes a typed client from the description of the REST interface, compiles calls with it, and puts them to a real
-# server, installing what that needs. VELMORA_SERVER names another server than the release build's.
+# server; verifies the signatures of webhooks with the npm package of their standard. Installs what that needs. VELMORA_SERVER names another server than the release build's.
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 root="$here/../.."
@@ -25,4 +25,4 @@ if [ ! -d node_modules ] || ! cmp --silent package-lock.json node_modules/instal
 fi
 npx openapi-typescript "$root/server/rest/openapi.json" --redocly redocly.yaml --output api.d.ts
 npx tsc --project tsconfig.json
-node --test client.test.mjs
+node --test client.test.mjs webhook.test.mjs

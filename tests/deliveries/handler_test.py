@@ -1,0 +1,84 @@
+"""Python handlers: what docs/handlers.md says one does first, what is told of them, and how they are loaded anew."""
+
+import json
+import pathlib
+import re
+import signal
+import unittest
+
+from support import Server, event, until
+
+PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs" / "handlers.md"
+GOOD = "import velmora\ndef event_handler(payload):\n    velmora.log('notice', 'version %d')\n"
+
+
+class HandlerTest(unittest.TestCase):
+    def serve(self, modules, **config):
+        self.server = Server({}, start=False)
+        self.addCleanup(self.server.close)
+        self.folder = self.server.folder / "handlers"
+        self.folder.mkdir()
+        for name, text in modules.items():
+            (self.folder / (name + ".py")).write_text(text)
+        events = [event("e", *["python://" + name for name in modules])]
+        self.server.config.write_text(json.dumps({"PythonPath": ["handlers"], "EventManager": {"event_list": events}, **config}))
+        self.server.start()
+
+    def post(self, name="e", data=None):
+        self.assertEqual(self.server.ask("POST", "/events/" + name, data or {})[0], 202)
+
+    def test_the_first_handler_of_the_page_does_what_it_says(self):
+        snippets = re.findall(r"```(\w+)\n(.*?)```", PAGE.read_text(), re.DOTALL)
+        handler = next(text for kind, text in snippets if kind == "python")
+        config = json.loads(next(text for kind, text in snippets if kind == "json"))
+        self.serve({"orders": handler}, **{**config, "BindAddress": {"ListenPort": 0}})
+        self.post("order", {"id": 7, "total": 2000})
+        self.assertIn("[python://orders] order 7 of corner", self.server.log())
+        until(lambda: [entry["event_name"] for entry in self.server.ask("GET", "/history")[1]["history"]] == ["order", "large_order"])
+
+    def test_what_goes_wrong_is_told_everywhere(self):
+        self.serve({"syntax": "def event_handler(:\n", "imports": "import not_there\n", "raises": "def event_handler(p):\n    1 / 0\n",
+                    "slow": "import time\ndef event_handler(p):\n    time.sleep(.005)\n",
+                    "later": "import asyncio\nasync def event_handler(p):\n    await asyncio.sleep(0)\n    raise KeyError('late')\n"},
+                   Deliveries={}, Python={"SlowHandler_ms": 1})
+        self.post()
+        for name, reason, traceback in (("syntax", "SyntaxError", "event_handler(:"), ("imports", "not_there", "import not_there"),
+                                        ("raises", "ZeroDivisionError", "1 / 0"), ("later", "KeyError: 'late'", "raise KeyError")):
+            entry = self.server.delivery("python://" + name, outcome="failed", method="CALL")
+            self.assertIn(reason, entry["reason"], name)
+            self.assertIn(traceback, self.server.ask("GET", "/deliveries/" + entry["id"])[1]["traceback"], name)
+            self.assertEqual(self.server.listener("e", "python://" + name)["status"]["failures_in_a_row"], 1)
+        self.server.delivery("python://slow", outcome="ok")
+        log = self.server.log()
+        self.assertIn('Unable to locate Python module "syntax"', log)
+        self.assertRegex(log, r"WARN .*slow.*")
+        self.assertRegex(log, r"\[python://raises\]     1 / 0\n")
+
+    def test_a_request_or_a_signal_takes_a_new_version_and_keeps_the_old_where_that_fails(self):
+        self.serve({"m": GOOD % 1})
+        self.post()
+        (self.folder / "m.py").write_text(GOOD % 22)
+        self.post()
+        self.assertEqual(len(re.findall("version 1$", self.server.log(), re.MULTILINE)), 2, "nothing is loaded unasked")
+        self.assertEqual(self.server.ask("POST", "/handlers/reload")[1], {"reloaded": ["m"], "failed": []})
+        self.post()
+        self.assertIn("version 22", self.server.log())
+        (self.folder / "m.py").write_text("def event_handler(:  # broken\n")
+        failed = self.server.ask("POST", "/handlers/reload")[1]["failed"]
+        self.assertIn("SyntaxError", failed[0]["traceback"])
+        self.post()
+        self.assertEqual(len(re.findall("version 22$", self.server.log(), re.MULTILINE)), 2)
+        (self.folder / "m.py").write_text(GOOD % 333)
+        self.server.process.send_signal(signal.SIGHUP)
+        until(lambda: self.post() or "version 333" in self.server.log())
+
+    def test_with_reload_the_next_posting_takes_it(self):
+        self.serve({"m": GOOD % 1}, Python={"Reload": True})
+        self.post()
+        (self.folder / "m.py").write_text(GOOD % 22)
+        self.post()
+        self.assertIn("version 22", self.server.log())
+
+
+if __name__ == "__main__":
+    unittest.main()
