@@ -1023,6 +1023,13 @@ void EventQueue::GetTimerState(PListDict& state) const {
     state.SetItem(Strings::timer_list, std::move(timers));
 }
 
+std::vector<TimerDue> EventQueue::TimerTimes() const {
+    std::vector<TimerDue> times;
+    AutoMutex lock(m_TimerLock);
+    for (const Timer* timer : m_Timers) times.push_back({timer->id, timer->start_time});
+    return times;
+}
+
 // Offers one timer of a state document to the queue.
 static void restore_timer(IEventQueue& queue, const PListDict& entry) {
     const std::string event_name = entry.GetData(Strings::event_name).Text();
@@ -1639,6 +1646,11 @@ bool CallEventListener(const std::string& event_name, const UUID& id, const PLis
 QueueStatistics GetQueueStatistics() {
     const EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
     return queue ? queue->Statistics() : QueueStatistics();
+}
+
+std::vector<TimerDue> GetTimerTimes() {
+    const EventQueue* queue = s_eventqueue.load(std::memory_order_acquire);
+    return queue ? queue->TimerTimes() : std::vector<TimerDue>();
 }
 
 PostingId LastPostingOfThread() {

@@ -328,6 +328,12 @@ struct QueueStatistics {
     Mirel::HistogramCounts SaveTimes;  ///< of saves, failed ones included; the wait for another save is not
 };
 
+/// When a timer fires next.
+struct TimerDue {
+    UUID Id;         ///< the timer's
+    Timestamp Time;  ///< when it is due
+};
+
 class EventQueue;
 
 /// Where subscribers of the feed find what they have missed.
@@ -455,6 +461,9 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     /// What GetQueueStatistics answers of this queue.
     QueueStatistics Statistics() const;
 
+    /// What GetTimerTimes answers of this queue.
+    std::vector<TimerDue> TimerTimes() const;
+
     /// For queues that learn of postings from elsewhere: calls the listeners of the payload's event with it,
     /// as PostEvent does when the posting is recorded; nothing is recorded here. False where there is no such
     /// event. The last copy of `token` (may be null) is let go when every Python handler has run and every
@@ -468,6 +477,7 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     friend Result_t SaveEventQueue();
     friend void ApplyQueueState(const PListDict& document);
     friend QueueStatistics GetQueueStatistics();
+    friend std::vector<TimerDue> GetTimerTimes();
     friend HistoryReading ReadEventHistory(const PostingId* after);
 
     friend bool CallEventListener(const std::string& event_name, const UUID& id, const PListDict& payload);
@@ -680,6 +690,10 @@ MR_EXPORT bool CallEventListener(const std::string& event_name, const UUID& id, 
 /// What the live queue has done and holds; all 0 and false without one. May be called from any thread at any
 /// time.
 MR_EXPORT QueueStatistics GetQueueStatistics();
+
+/// When the timers of the process's live queue fire next, in order of their creation; none while there is no
+/// queue. Waits for the posting of a timer that is firing. Any thread.
+MR_EXPORT std::vector<TimerDue> GetTimerTimes();
 
 /// The id of the last posting that the calling thread has made, by PostEvent() or otherwise; without an epoch
 /// before the first.

@@ -395,6 +395,95 @@ TEST_F(RouterTest, EveryRequestIsAnsweredWithoutMemory) {
 
 // ------------------------------------------------------------------------------------------- resources
 
+TEST_P(RestTest, LongListsComeInPages) {
+    for (const char* name : {"a", "c", "b2", "b1"}) {
+        EXPECT_EQ(Call("POST /api/v1/events", std::string(R"({"event_name": ")") + name + "\"}"), 201);
+        EXPECT_EQ(Call("POST /api/v1/timers",
+                       std::string(R"({"interval_sec": 1000, "event_name": ")") + name + "\"}"),
+                  201);
+        EXPECT_EQ(Call("POST /api/v1/events/a/listeners",
+                       std::string(R"({"callback": "http://127.0.0.1/)") + name + "\"}"),
+                  201);
+    }
+    // What pages of two bring together, and where each ends.
+    const auto pages = [&](const std::string& path, const char* list, const char* key,
+                           const char* more = "") {
+        std::string found, after;
+        do {
+            EXPECT_EQ(Send("GET", path + "?limit=2" + more + after), 200) << last.Body;
+            const PListDict body = Body();
+            for (const PListItem& item : body.GetArray(list))
+                found += AsDict(&item)->GetData(key).Text() + " ";
+            found += "| ";
+            after = "&after=" + body.GetData("next_after").Text();
+        } while (after.size() > 7);
+        return found;
+    };
+    EXPECT_EQ(pages("/api/v1/events", "event_list", "event_name"), "a b1 | b2 c | ");
+    EXPECT_EQ(pages("/api/v1/events", "event_list", "event_name", "&prefix=b"), "b1 b2 | ");
+    EXPECT_EQ(pages("/api/v1/timers", "timer_list", "event_name", "&prefix=b").size(), 8u);
+    const std::string listeners = pages("/api/v1/events/a/listeners", "listener_list", "callback");
+    EXPECT_EQ(std::count(listeners.begin(), listeners.end(), '|'), 2);
+    EXPECT_EQ(std::count(listeners.begin(), listeners.end(), ':'), 4) << listeners;
+    EXPECT_EQ(pages("/api/v1/events/a/listeners", "listener_list", "callback", "&prefix=https"), "| ");
+    EXPECT_EQ(Call("GET /api/v1/events?after=b1"), 200);
+    EXPECT_EQ(Body().GetArray("event_list").Size(), 2u);
+    EXPECT_EQ(Call("GET /api/v1/events?limit=x"), 400);
+    EXPECT_EQ(Call("GET /api/v1/watches?prefix=/&limit=1"), 200);
+    EXPECT_EQ(Call("GET /api/v1/events"), 200);
+    EXPECT_FALSE(Body().HasItem("next_after"));
+    EXPECT_EQ(Body().GetArray("event_list").Size(), 4u);
+}
+
+TEST_P(RestTest, TimersSayWhenTheyFireNext) {
+    EXPECT_EQ(
+        Call("POST /api/v1/timers", R"({"event_name": "a", "start_time": "2031-02-03T04:05:06+01:00"})"),
+        201);
+    EXPECT_EQ(Send("GET", Header("Location")), 200);
+    EXPECT_EQ(Body().GetData("next_fire").Text().substr(0, 19), "2031-02-03T03:05:06");
+    const Mirel::Timestamp before;
+    EXPECT_EQ(Call("POST /api/v1/timers", R"({"event_name": "a", "interval_sec": 1000})"), 201);
+    EXPECT_EQ(Send("GET", Header("Location")), 200);
+    Mirel::Timestamp next = Mirel::Timestamp::FromMicroseconds(0);
+    ASSERT_TRUE(next.DecodeString(Body().GetData("next_fire").Text().c_str()));
+    EXPECT_NEAR(static_cast<double>(next.Microseconds() - before.Microseconds()), 1000e6, 20e6);
+}
+
+// A change that is meant for another state than there is changes nothing.
+TEST_F(RouterTest, ChangesAreMadeOnlyInTheStateThatTheyAreMeantFor) {
+    const auto send = [&](const char* method, const std::string& path, const std::string& tag,
+                          const std::string& body = "") {
+        HttpRequest request;
+        request.Method = MethodNamed(method);
+        request.Path = path;
+        request.Body = body;
+        request.HasBody = !body.empty();
+        request.IfMatch = tag;
+        last = Testing::AskRouter(router, request);
+        return static_cast<int>(last.Status);
+    };
+    const auto tag_of = [&](const std::string& path) {
+        EXPECT_EQ(Send("GET", path), 200);
+        EXPECT_EQ(Send("GET", path, "", Header("ETag")), 304);
+        return Header("ETag");
+    };
+    EXPECT_EQ(Call("POST /api/v1/events", R"({"event_name": "e"})"), 201);
+    const std::string event = tag_of("/api/v1/events/e"), all = tag_of("/api/v1/events"),
+                      limits = tag_of("/api/v1/config");
+    EXPECT_EQ(Call("POST /api/v1/events/e/listeners", R"({"callback": "http://127.0.0.1/"})"), 201);
+    const std::string listener = Header("Location");
+    EXPECT_EQ(send("DELETE", "/api/v1/events/e", event), 412);
+    EXPECT_EQ(send("DELETE", "/api/v1/events", all), 412);
+    EXPECT_EQ(send("POST", "/api/v1/events/e", event), 412);
+    EXPECT_EQ(send("PATCH", "/api/v1/config", limits, R"({"max_watches": 5})"), 200);
+    EXPECT_EQ(send("PATCH", "/api/v1/config", limits, R"({"max_watches": 6})"), 412);
+    EXPECT_EQ(EventManager::GlobalEventQueue().GetMaxWatches(), 5);
+    EXPECT_EQ(send("DELETE", listener, "W/" + tag_of(listener)), 412);
+    EXPECT_EQ(send("DELETE", listener, "\"other\", " + tag_of(listener)), 204);
+    EXPECT_EQ(send("DELETE", listener, "*"), 404);
+    EXPECT_EQ(send("DELETE", "/api/v1/events/e", event), 204);  // the state is that again
+}
+
 TEST_P(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {
     EXPECT_EQ(Call("GET /api/v1/events/a%2Fb%20%C3%A9"), 404);
     EXPECT_EQ(Call("POST /api/v1/events/a%2Fb%20%C3%A9"), 404);

@@ -178,8 +178,9 @@ AccessPolicy::Fields AccessPolicy::ForOtherOrigin(const RequestHead& head) const
         {"Access-Control-Expose-Headers", "Allow, ETag, Location, Retry-After, WWW-Authenticate"}};
     if (!IsPreflight(head)) return fields;
     fields.emplace_back("Access-Control-Allow-Methods", "GET, HEAD, POST, PATCH, DELETE");
-    fields.emplace_back("Access-Control-Allow-Headers",
-                        "Authorization, Content-Type, Idempotency-Key, If-None-Match, Last-Event-ID");
+    fields.emplace_back(
+        "Access-Control-Allow-Headers",
+        "Authorization, Content-Type, Idempotency-Key, If-Match, If-None-Match, Last-Event-ID");
     fields.emplace_back("Access-Control-Max-Age", "600");
     return fields;
 }

@@ -24,6 +24,7 @@ struct HttpRequest {
     std::string_view Query;        // as received, without the "?": "limit=10&event_name=x"
     std::string_view ContentType;  // empty where the request names none
     std::string_view IfNoneMatch;
+    std::string_view IfMatch;
     std::string_view IdempotencyKey;
     std::string_view Body;
     bool HasBody = false;  // a Content-Length above 0 or chunks came with it

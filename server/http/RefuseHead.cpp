@@ -23,6 +23,7 @@ HttpRequest RequestOf(const RequestHead& head) {
     request.Query = head.Parts->Query;
     request.ContentType = head[Field::ContentType];
     request.IfNoneMatch = head[Field::IfNoneMatch];
+    request.IfMatch = head[Field::IfMatch];
     request.IdempotencyKey = head[Field::IdempotencyKey];
     request.HasBody = head.HasBody;
     return request;

@@ -56,6 +56,8 @@ std::optional<Field> KnownField(http::field name, std::string_view text) {
             return Field::Authorization;
         case http::field::content_type:
             return Field::ContentType;
+        case http::field::if_match:
+            return Field::IfMatch;
         case http::field::if_none_match:
             return Field::IfNoneMatch;
         case http::field::expect:

@@ -22,6 +22,7 @@ enum class Field {
     Authorization,
     ContentType,
     IfNoneMatch,
+    IfMatch,
     IdempotencyKey,
     Expect,
     Upgrade,

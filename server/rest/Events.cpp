@@ -42,11 +42,8 @@ HttpResponse NoQueue() {
 Velmora::PListDict FindEvent(const std::string& name) {
     Velmora::PListDict state;
     GlobalEventQueue().GetEventState(state);
-    for (const Velmora::PListItem& item : std::as_const(state).GetArray(Keys::event_list)) {
-        const Velmora::PListDict* entry = AsDict(&item);
-        if (entry != nullptr && entry->GetData(Keys::event_name).TextView() == name) return *entry;
-    }
-    return Velmora::PListDict();
+    const Velmora::PListDict* entry = FindEntry(state, Keys::event_list, Keys::event_name, name);
+    return entry == nullptr ? Velmora::PListDict() : *entry;
 }
 
 Velmora::PListDict NewEventEntry(const std::string& name, const Velmora::PListDict* data) {
@@ -74,7 +71,7 @@ HttpResponse ListenerAnswer(Status_t status, const std::string& event_name, cons
 HttpResponse GetEvents(RestCall& call) {
     Velmora::PListDict state;
     GlobalEventQueue().GetEventState(state);
-    return AnswerList(call, state, Keys::event_list);
+    return AnswerList(call, state, {Keys::event_list, Keys::event_name, Keys::event_name});
 }
 
 HttpResponse PostEvents(RestCall& call) {
@@ -147,7 +144,7 @@ HttpResponse GetListeners(RestCall& call) {
     if (entry.Empty()) return EventMissing(call.Names[0]);
     Velmora::PListDict answer;
     answer.SetItem(Keys::listener_list, WithListenerStatus(call, entry.GetArray(Keys::listener_list)));
-    return Json(Velmora::STATUS_200_OK, answer);
+    return AnswerList(call, answer, {Keys::listener_list, Keys::id, Keys::callback});
 }
 
 HttpResponse PostListeners(RestCall& call) {
@@ -174,14 +171,12 @@ HttpResponse GetListener(RestCall& call) {
     EventManager::UUID id;
     if (Mirel::UUIDFromText(call.Names[1], id)) {
         const Velmora::PListDict event = FindEvent(call.Names[0]);
-        for (const Velmora::PListItem& item : event.GetArray(Keys::listener_list)) {
-            const Velmora::PListDict* entry = AsDict(&item);
-            if (entry != nullptr && entry->GetData(Keys::id).TextView() == UUIDText(id)) {
-                Velmora::PListArray one;
-                one.Append(*entry);
-                const Velmora::PListArray complete = WithListenerStatus(call, one);
-                return Json(Velmora::STATUS_200_OK, *AsDict(&*complete.begin()));
-            }
+        const Velmora::PListDict* entry = FindEntry(event, Keys::listener_list, Keys::id, UUIDText(id));
+        if (entry != nullptr) {
+            Velmora::PListArray one;
+            one.Append(*entry);
+            const Velmora::PListArray complete = WithListenerStatus(call, one);
+            return Json(Velmora::STATUS_200_OK, *AsDict(&*complete.begin()));
         }
     }
     return Problem(Velmora::STATUS_404_NOT_FOUND, NoSuchListener(call));

@@ -61,10 +61,10 @@ std::optional<HttpResponse> OverLimits(const Velmora::PListDict& document,
 
 }  // namespace
 
-HttpResponse GetQueue(RestCall& call) {
+HttpResponse GetQueue(RestCall&) {
     Velmora::PListDict state;
     GlobalEventQueue().GetQueueState(state);
-    return WithETag(call.Request, Json(Velmora::STATUS_200_OK, state));
+    return Json(Velmora::STATUS_200_OK, state);
 }
 
 HttpResponse PostQueue(RestCall& call) {

@@ -126,6 +126,16 @@ HttpResponse WithETag(const HttpRequest& request, HttpResponse response) {
     return response;
 }
 
+bool MatchesTag(std::string_view if_match, const HttpResponse& response) {
+    if (if_match == "*") return true;
+    for (const auto& [name, tag] : response.Headers) {
+        if (name != "ETag") continue;
+        const std::size_t at = if_match.find(tag);
+        return at != if_match.npos && (at < 2 || if_match.substr(at - 2, 2) != "W/");
+    }
+    return false;
+}
+
 std::string PercentEncode(std::string_view text) {
     constexpr char Digits[] = "0123456789ABCDEF";
     std::string encoded;

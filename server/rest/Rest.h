@@ -72,6 +72,9 @@ HttpResponse BadParameter(const std::string& name, const std::string& what);
 /// Adds an ETag made of the body's bytes and, where the client has that very body, answers 304 in its place.
 HttpResponse WithETag(const HttpRequest& request, HttpResponse response);
 
+/// Whether the field If-Match names the tag of the response (which has one) as a strong one.
+bool MatchesTag(std::string_view if_match, const HttpResponse& response);
+
 /// Everything but unreserved characters percent-encoded.
 std::string PercentEncode(std::string_view text);
 /// "/api/v1" and the segments, encoded.
@@ -79,8 +82,18 @@ std::string ApiPath(std::initializer_list<std::string_view> segments);
 /// Appends the text as a JSON string.
 void AppendJsonString(std::string& json, const std::string& text);
 
-/// A document's list of what belongs to events, as far as the caller may see it.
-HttpResponse AnswerList(const RestCall& call, const Velmora::PListDict& state, const std::string& list);
+/// A list in a document.
+struct ListForm {
+    const std::string& List;    // the document's key for it
+    const std::string& Key;     // the entries' own key, by which pages are in order
+    const std::string& Prefix;  // the member that the query parameter "prefix" is about
+};
+/// A document's list, as far as the caller may see what belongs to events, and where the query parameters
+/// "limit", "after" and "prefix" are given one page of it.
+HttpResponse AnswerList(const RestCall& call, const Velmora::PListDict& state, const ListForm& form);
+/// The list's first entry that has the value; null where there is none.
+const Velmora::PListDict* FindEntry(const Velmora::PListDict& owner, const std::string& list,
+                                    const std::string& key, std::string_view value);
 
 // Requests.
 

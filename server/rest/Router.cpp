@@ -44,11 +44,12 @@ constexpr Row Table[] = {
     {Velmora::METH_GET, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", GetEvent,
      Access::Event},
     {Velmora::METH_DELETE, "/api/v1/events/{event_name}", Waits::ForQueue, Body::None, "", DeleteEvent},
-    {Velmora::METH_GET, "/api/v1/events", Waits::ForQueue, Body::None, "", GetEvents, Access::Some},
+    {Velmora::METH_GET, "/api/v1/events", Waits::ForQueue, Body::None, "after limit prefix", GetEvents,
+     Access::Some},
     {Velmora::METH_POST, "/api/v1/events", Waits::ForQueue, Body::JSON, "", PostEvents},
     {Velmora::METH_DELETE, "/api/v1/events", Waits::ForQueue, Body::None, "", DeleteEvents},
-    {Velmora::METH_GET, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::None, "",
-     GetListeners, Access::Event},
+    {Velmora::METH_GET, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::None,
+     "after limit prefix", GetListeners, Access::Event},
     {Velmora::METH_POST, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::JSON, "",
      PostListeners},
     {Velmora::METH_DELETE, "/api/v1/events/{event_name}/listeners", Waits::ForQueue, Body::None, "",
@@ -62,12 +63,14 @@ constexpr Row Table[] = {
     {Velmora::METH_POST, "/api/v1/queue", Waits::ForQueue, Body::Document, "", PostQueue},
     {Velmora::METH_GET, "/api/v1/config", Waits::Never, Body::None, "", GetConfig},
     {Velmora::METH_PATCH, "/api/v1/config", Waits::Never, Body::JSON, "", PatchConfig},
-    {Velmora::METH_GET, "/api/v1/timers", Waits::ForQueue, Body::None, "", GetTimers, Access::Some},
+    {Velmora::METH_GET, "/api/v1/timers", Waits::ForQueue, Body::None, "after limit prefix", GetTimers,
+     Access::Some},
     {Velmora::METH_POST, "/api/v1/timers", Waits::ForQueue, Body::JSON, "", PostTimers},
     {Velmora::METH_DELETE, "/api/v1/timers", Waits::ForQueue, Body::None, "", DeleteTimers},
     {Velmora::METH_GET, "/api/v1/timers/{timer_id}", Waits::ForQueue, Body::None, "", GetTimer, Access::Some},
     {Velmora::METH_DELETE, "/api/v1/timers/{timer_id}", Waits::ForQueue, Body::None, "", DeleteTimer},
-    {Velmora::METH_GET, "/api/v1/watches", Waits::ForQueue, Body::None, "path", GetWatches, Access::Some},
+    {Velmora::METH_GET, "/api/v1/watches", Waits::ForQueue, Body::None, "after limit path prefix", GetWatches,
+     Access::Some},
     {Velmora::METH_POST, "/api/v1/watches", Waits::ForQueue, Body::JSON, "", PostWatches},
     {Velmora::METH_DELETE, "/api/v1/watches", Waits::ForQueue, Body::None, "path", DeleteWatches},
     {Velmora::METH_GET, "/api/v1/history", Waits::ForQueue, Body::None, "after event_name* limit", GetHistory,
@@ -134,6 +137,22 @@ const Row* FindMethod(const Row* first, Method_t method) {
     const Row* end = NextPattern(first);
     const Row* route = std::find_if(first, end, [&](const Row& row) { return row.Method == method; });
     return route == end ? nullptr : route;
+}
+
+const Row* FirstOf(std::string_view pattern) {
+    return std::find_if(Table, TableEnd, [&](const Row& row) { return row.Pattern == pattern; });
+}
+
+// Whether there are requests that ask for what is at the pattern, and others that change it.
+bool IsRead(std::string_view pattern) {
+    return FindMethod(FirstOf(pattern), Velmora::METH_GET) != nullptr;
+}
+
+bool IsChanged(std::string_view pattern) {
+    const Row* first = FirstOf(pattern);
+    return std::any_of(first, NextPattern(first), [](const Row& row) {
+        return row.Method != Velmora::METH_GET && row.Needs == Access::Usual;
+    });
 }
 
 std::string AllowedMethods(const Row* first) {
@@ -294,9 +313,44 @@ std::optional<HttpResponse> Router::Route(const HttpRequest& head, HttpRoute& ro
     return of_table ? ReadQuery(*row, head.Query, route.Query) : std::nullopt;
 }
 
-HttpResponse Router::Dispatch(const HttpRequest& request, HttpRoute& route) {
+HttpResponse Router::Answer(const HttpRequest& request, HttpRoute& route) {
+    const Row& row = *static_cast<const Row*>(route.Row);
     RestCall call{request, m_Context, std::move(route.Names), std::move(route.Query), route.Caller.get()};
-    return static_cast<const Row*>(route.Row)->Function(call);
+    HttpResponse response = row.Function(call);
+    const bool tagged = row.Method == Velmora::METH_GET && response.Status == Velmora::STATUS_200_OK &&
+                        row.Pattern.starts_with(ApiPrefix) && IsChanged(row.Pattern);
+    return tagged ? WithETag(request, std::move(response)) : response;
+}
+
+// 412 where the request is meant for another state of its resource than there is. What is not there has no
+// state, and is answered as ever.
+std::optional<HttpResponse> Router::Precondition(const HttpRequest& request, const HttpRoute& route) {
+    const Row& row = *static_cast<const Row*>(route.Row);
+    if (request.IfMatch.empty() || row.Method == Velmora::METH_GET) return std::nullopt;
+    const Row* reading = FindMethod(FirstOf(row.Pattern), Velmora::METH_GET);
+    if (reading == nullptr || !row.Pattern.starts_with(ApiPrefix)) return std::nullopt;
+    HttpRequest look;
+    look.Path = request.Path;
+    HttpRoute reads = route;
+    reads.Row = reading;
+    const HttpResponse current = Answer(look, reads);
+    if (current.Status != Velmora::STATUS_200_OK || MatchesTag(request.IfMatch, current)) return std::nullopt;
+    return Problem(Velmora::STATUS_412_PRECOND_FAILED,
+                   "The resource is not in the state that If-Match names; nothing was changed.");
+}
+
+// Changes of what can be asked for come one after the other, so that nothing comes between a precondition and
+// its change. Those that cannot wait for the queue do not wait for those that can.
+HttpResponse Router::Dispatch(const HttpRequest& request, HttpRoute& route) {
+    const Row& row = *static_cast<const Row*>(route.Row);
+    if (!route.Changes || !IsRead(row.Pattern)) {
+        if (auto refused = Precondition(request, route)) return std::move(*refused);
+        return Answer(request, route);
+    }
+    Mirel::Mutex& lock = row.Wait == Waits::Never ? m_QuickChange : m_Change;
+    Mirel::AutoMutex one_at_a_time(lock);
+    if (auto refused = Precondition(request, route)) return std::move(*refused);
+    return Answer(request, route);
 }
 
 // Whether the request changes what the nodes of a cluster share, for which their engine is waited for.
@@ -310,6 +364,7 @@ static bool ChangesCluster(const HttpRoute& route) {
 HttpResponse Router::Handle(const HttpRequest& request, HttpRoute& route) {
     try {
         if (m_Context.Gate != nullptr && ChangesCluster(route)) {
+            if (auto refused = Precondition(request, route)) return std::move(*refused);
             return m_Context.Gate->Change(request, route, [this](const HttpRequest& own, HttpRoute& its) {
                 return Dispatch(own, its);
             });

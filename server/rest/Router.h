@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "MR_mutex.h"
 #include "config/Config.h"
 #include "http/Http.h"
 #include "http/HttpServerOptions.h"
@@ -46,9 +47,13 @@ class Router : public HttpHandler {
     static std::vector<RouteInfo> Routes();
 
   private:
+    HttpResponse Answer(const HttpRequest& request, HttpRoute& route);
+    std::optional<HttpResponse> Precondition(const HttpRequest& request, const HttpRoute& route);
     HttpResponse Dispatch(const HttpRequest& request, HttpRoute& route);
 
     RestContext m_Context;
+    Mirel::Mutex m_Change;       // held for each change that may wait for the queue
+    Mirel::Mutex m_QuickChange;  // and for those that do not
 };
 
 }  // namespace Server

@@ -1,4 +1,6 @@
 // Timers: /api/v1/timers.
+#include <functional>
+#include <map>
 #include <utility>
 
 #include "EventManager.h"
@@ -16,12 +18,28 @@ std::string NoSuchTimer(const std::string& id) {
     return "There is no timer with the id \"" + id + "\".";
 }
 
+// The timers, each with the time at which it fires next.
+Velmora::PListDict TimersWithTimes() {
+    Velmora::PListDict state;
+    GlobalEventQueue().GetTimerState(state);
+    std::map<std::string, std::string, std::less<>> times;
+    for (const EventManager::TimerDue& due : EventManager::GetTimerTimes())
+        times.emplace(UUIDText(due.Id), due.Time.Text());
+    Velmora::PListArray timers;
+    for (const Velmora::PListItem& item : std::as_const(state).GetArray(Keys::timer_list)) {
+        Velmora::PListDict timer = *AsDict(&item);
+        const auto found = times.find(timer.GetData(Keys::id).TextView());
+        if (found != times.end()) timer.SetValue("next_fire", found->second);
+        timers.Append(timer);
+    }
+    state.SetItem(Keys::timer_list, std::move(timers));
+    return state;
+}
+
 }  // namespace
 
 HttpResponse GetTimers(RestCall& call) {
-    Velmora::PListDict state;
-    GlobalEventQueue().GetTimerState(state);
-    return AnswerList(call, state, Keys::timer_list);
+    return AnswerList(call, TimersWithTimes(), {Keys::timer_list, Keys::id, Keys::event_name});
 }
 
 HttpResponse PostTimers(RestCall& call) {
@@ -51,15 +69,10 @@ HttpResponse DeleteTimers(RestCall&) {
 HttpResponse GetTimer(RestCall& call) {
     EventManager::UUID id;
     if (Mirel::UUIDFromText(call.Names[0], id)) {
-        Velmora::PListDict state;
-        GlobalEventQueue().GetTimerState(state);
-        for (const Velmora::PListItem& item : std::as_const(state).GetArray(Keys::timer_list)) {
-            const Velmora::PListDict* entry = AsDict(&item);
-            if (entry != nullptr && entry->GetData(Keys::id).TextView() == UUIDText(id) &&
-                call.MaySee(entry->GetData(Keys::event_name).TextView())) {
-                return Json(Velmora::STATUS_200_OK, *entry);
-            }
-        }
+        const Velmora::PListDict state = TimersWithTimes();
+        const Velmora::PListDict* entry = FindEntry(state, Keys::timer_list, Keys::id, UUIDText(id));
+        if (entry != nullptr && call.MaySee(entry->GetData(Keys::event_name).TextView()))
+            return Json(Velmora::STATUS_200_OK, *entry);
     }
     return Problem(Velmora::STATUS_404_NOT_FOUND, NoSuchTimer(call.Names[0]));
 }

@@ -86,7 +86,7 @@ HttpResponse GetWatches(RestCall& call) {
     Velmora::PListDict state;
     GlobalEventQueue().GetWatchState(state);
     const std::string* path = call.Parameter(Keys::path);
-    if (path == nullptr) return AnswerList(call, state, Keys::watch_list);
+    if (path == nullptr) return AnswerList(call, state, {Keys::watch_list, Keys::path, Keys::path});
     const Velmora::PListDict* watch = FindWatch(state, *path);
     if (watch == nullptr || !call.MaySee(watch->GetData(Keys::event_name).TextView()))
         return Problem(Velmora::STATUS_404_NOT_FOUND, NoSuchWatch(*path));
