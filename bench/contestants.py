@@ -123,7 +123,7 @@ class Contestants:
         self.ports[name] = port
         return process
 
-    def ours(self, name="ours", watched=None):
+    def ours(self, name="ours", watched=None, **more):
         document = {"event_list": [{"event_name": "bench.event"}]}
         if watched:
             Path(watched).write_text("")
@@ -131,7 +131,7 @@ class Contestants:
         config = self.folder / f"{name}.json"
         config.write_text(json.dumps({"BindAddress": {"Host": "127.0.0.1", "ListenPort": 0}, "Timeout_ms": 20000,
                                       "StateFile": str(self.folder / f"{name}-state.json"),
-                                      "EventManager": document}))
+                                      "EventManager": document, **more}))
         return self.start_saying_port(name, [SERVER, "--config", config, "--log-level", "error"])
 
     def node(self):

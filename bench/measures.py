@@ -1,5 +1,7 @@
 """What is measured: each function makes one measurement of one contestant and answers its figures by key."""
 
+import http.client
+import json
 import re
 import resource
 import statistics
@@ -97,6 +99,37 @@ def node_callers(run):
 
 def listener_cost(run):
     return figures(QUEUE, "listener-cost", listener_url(run))
+
+
+def post_p50_us(port, postings=2000):
+    """Of postings one after the other over one connection, seen by the poster."""
+    connection, times = http.client.HTTPConnection("127.0.0.1", port), []
+    for _ in range(postings):
+        began = time.perf_counter()
+        connection.request("POST", "/api/v1/events/bench.event", b'{"n":1}', {"Content-Type": "application/json"})
+        connection.getresponse().read()
+        times.append(time.perf_counter() - began)
+    return sorted(times)[postings // 2] * 1e6
+
+
+def delivery_cost(run):
+    """A posting to one listener: as ever, kept as a delivery, to a destination with retries, and with the journal."""
+    retried = [{"Match": listener_url(run), "Attempts": 5}]
+    kinds = {"plain": {}, "kept": {"Deliveries": {}}, "retried": {"Destinations": retried},
+             "journalled": {"Destinations": retried, "Deliveries": {"Journal": str(run.folder / "deliveries.db")}}}
+    found = {}
+    for kind, config in kinds.items():
+        process = run.ours(kind, **config)
+        connection = http.client.HTTPConnection("127.0.0.1", run.ports[kind])
+        connection.request("POST", "/api/v1/events/bench.event/listeners",
+                           json.dumps({"callback": listener_url(run), "listener_data": {"l": 1}}),
+                           {"Content-Type": "application/json"})
+        connection.getresponse().read()
+        connection.close()
+        found[kind + "_us"] = post_p50_us(run.ports[kind])
+        process.terminate()
+        process.wait()
+    return found
 
 
 def bare_callers(run):

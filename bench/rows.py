@@ -65,6 +65,7 @@ MEASUREMENTS |= {
     "node callers": m.node_callers,
     "bare callers": m.bare_callers,
     "listener cost": m.listener_cost,
+    "deliveries": m.delivery_cost,
     "python": m.queue("python"),
     "history": m.queue("history-bytes", 100_000),
     "node history": m.node_history,
@@ -147,6 +148,8 @@ ROWS = [
         "libcurl, no session cache", at_least(1.3), at_least(2), "k/s", 1e-3),
     Row("poster's cost per HTTP listener, p50", ("listener cost", "poster_us"), None, "25 us", below(25), below(15),
         "us"),
+    *(Row(f"posting to a listener, {kind}", ("deliveries", kind + "_us"), ("deliveries", "plain_us"), "not kept", limit, None, "us")
+      for kind, limit in (("kept", at_most(1.1)), ("retried", at_most(1.1)), ("journalled", None))),
     Row("memory of a waiting caller", ("waiting callers", "bytes_per_caller"), ("waiting threads", "bytes_per_thread"),
         "thread and socket", None, None, "kB", 1e-3),
     Row("Python listener", ("python", "listener_ns"), ("python", "bare_ns"), "lock, conversion, call",

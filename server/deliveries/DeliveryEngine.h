@@ -92,6 +92,8 @@ class DeliveryEngine : public EventManager::IListenerCaller {
         Mirel::ui32_t InFlight = 0;
     };
 
+    using ListenerIds = std::map<ListenerKey, std::string>;
+
     Delivery NewDelivery(const EventManager::ListenerCall& call) const;
     std::size_t LaneOf(const std::string& callback) REQUIRES(m_Lock);
     Mirel::ui32_t TimeoutOf(const Destination& destination) const;
@@ -104,7 +106,8 @@ class DeliveryEngine : public EventManager::IListenerCaller {
 
     void Work();
     void LoadStore() REQUIRES(m_Lock);
-    void Relink() REQUIRES(m_Lock);
+    static ListenerIds IdsOfListeners();
+    void Relink(const ListenerIds& ids) REQUIRES(m_Lock);
     void EndOfDeleted() REQUIRES(m_Lock);
     void StartDue();
     std::vector<Delivery> TakeDue() REQUIRES(m_Lock);
@@ -144,6 +147,7 @@ class DeliveryEngine : public EventManager::IListenerCaller {
 
     // The thread's own.
     std::map<Transfer*, std::unique_ptr<Transfer>> m_Transfers;
+    std::vector<std::shared_ptr<void>> m_Done;  // tokens to be let go when what was noted is kept
     Mirel::i64_t m_NextTidying_us = 0;
 };
 

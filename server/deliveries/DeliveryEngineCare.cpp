@@ -24,10 +24,12 @@ constexpr i64_t us_per_ms = 1000, us_per_sec = 1000000;
 
 void DeliveryEngine::Start(const Velmora::URL& self) {
     m_Self = self;
+    const ListenerIds ids =
+        IdsOfListeners();  // asks the queue: before the lock, which the queue's goes before
     {
         AutoMutex lock(m_Lock);
         LoadStore();
-        Relink();
+        Relink(ids);
     }
     m_Thread = std::thread([this] {
         pthread_setname_np(pthread_self(), "Deliveries");
@@ -51,12 +53,11 @@ void DeliveryEngine::LoadStore() {
                             m_Book.Dead());
 }
 
-// Listeners have got new ids, and some may be gone.
-void DeliveryEngine::Relink() {
+DeliveryEngine::ListenerIds DeliveryEngine::IdsOfListeners() {
     namespace Keys = EventManager::Strings;
     Velmora::PListDict state;
     EventManager::GlobalEventQueue().GetEventState(state);
-    std::map<ListenerKey, std::string> ids;
+    ListenerIds ids;
     for (const Velmora::PListItem& event : std::as_const(state).GetArray(Keys::event_list)) {
         const std::string name = AsDict(&event)->GetData(Keys::event_name).Text();
         for (const Velmora::PListItem& item : AsDict(&event)->GetArray(Keys::listener_list)) {
@@ -64,6 +65,11 @@ void DeliveryEngine::Relink() {
                 AsDict(&item)->GetData(Keys::id).Text();
         }
     }
+    return ids;
+}
+
+// Listeners have got new ids, and some may be gone.
+void DeliveryEngine::Relink(const ListenerIds& ids) {
     for (const DeliveryState state_of : {DeliveryState::Waiting, DeliveryState::Dead}) {
         for (const ui64_t id : m_Book.InState(state_of)) {
             Delivery& delivery = *m_Book.Find(id);

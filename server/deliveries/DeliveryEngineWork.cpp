@@ -22,6 +22,7 @@ namespace {
 constexpr i64_t us_per_ms = 1000, us_per_sec = 1000000;
 constexpr i64_t LongestBackoff_us = 3600 * us_per_sec, LongestRetryAfter_sec = 24 * 3600;
 constexpr int Gone = 410;
+constexpr std::size_t MostTokens = 512;
 constexpr const char* NotAllowed = "The configuration does not allow this destination";
 
 i64_t Now_us() {
@@ -70,6 +71,7 @@ void DeliveryEngine::Work() {
         }
         TidyUp();
         m_Store->Commit();
+        m_Done.clear();
         curl_multi_poll(m_Multi, nullptr, 0, Wait_ms(), nullptr);
     }
 }
@@ -226,6 +228,8 @@ void DeliveryEngine::Retry(Delivery& delivery, const TransferEnd& end) {
     delivery.Next_us = Now_us() + std::max(asked, Backoff_us(destination, delivery.Attempt));
     m_Retries.emplace(delivery.Next_us, delivery.Id);
     if (IsKept(delivery)) m_Store->Put(delivery);
+    // Whoever waits for the token repeats the call elsewhere if this process dies; but only so much can wait.
+    if (IsKept(delivery) || m_Retries.size() > MostTokens) m_Done.push_back(std::move(delivery.Token));
 }
 
 // Half of the wait is fixed and half is dice: what failed together does not come back together.
@@ -237,7 +241,7 @@ i64_t DeliveryEngine::Backoff_us(const Destination& destination, ui32_t attempt)
 
 void DeliveryEngine::End(Delivery& delivery, DeliveryState state) {
     const DeliveryState before = std::exchange(delivery.State, state);
-    delivery.Token.reset();
+    if (delivery.Token) m_Done.push_back(std::move(delivery.Token));
     if (IsKept(delivery)) {
         state == DeliveryState::Dead ? m_Store->Put(delivery) : m_Store->Remove(delivery.Id);
     }

@@ -3,8 +3,12 @@
 import base64
 import hashlib
 import hmac
+import shutil
 import signal
 import socket
+import ssl
+import subprocess
+import tempfile
 import threading
 import unittest
 
@@ -91,6 +95,37 @@ class DeliveryTest(unittest.TestCase):
         self.server.end(signal.SIGKILL)
         self.server.start()
         self.assertEqual(self.server.deliveries("?outcome=dead"), [])
+
+    def test_certificates_are_checked_both_ways_as_the_entry_says(self):
+        folder = tempfile.mkdtemp(prefix="velmora-test-")
+        self.addCleanup(shutil.rmtree, folder)
+        ours, theirs = (self.certificate(folder, name) for name in ("ours", "theirs"))
+        tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        tls.load_cert_chain(theirs)
+        tls.load_verify_locations(ours)
+        tls.verify_mode = ssl.CERT_REQUIRED
+        self.listener.close()
+        self.listener = Listener(tls)
+        shown = {"ClientCertificate": ours, "Timeout_ms": 5000}
+        good, unknown, unchecked, nobody = self.serve(
+            [{"Match": "/good", "CAFile": theirs, **shown}, {"Match": "/unknown", **shown},
+             {"Match": "/unchecked", "VerifyPeer": False, **shown}, {"Match": "/nobody", "CAFile": theirs}],
+            "/good", "/unknown", "/unchecked", "/nobody")
+        self.post()
+        self.server.delivery(good, outcome="ok")
+        self.server.delivery(unchecked, outcome="ok")
+        self.assertIn("certificate", self.server.delivery(unknown, outcome="failed", status=0)["reason"])
+        self.server.delivery(nobody, outcome="failed", status=0)
+        self.assertEqual({call[0] for call in self.listener.calls}, {"/good", "/unchecked"})
+
+    def certificate(self, folder, name):
+        """A file with a certificate for this machine and its key."""
+        path = "%s/%s.pem" % (folder, name)
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=" + name, "-addext",
+                        "subjectAltName=IP:127.0.0.1", "-keyout", path, "-out", path + ".crt"], check=True, capture_output=True)
+        with open(path, "a") as file, open(path + ".crt") as certificate:
+            file.write(certificate.read())
+        return path
 
     def test_without_a_journal_the_end_counts_what_is_lost(self):
         self.listener.answers = {"/hook": [500]}

@@ -21,7 +21,7 @@ class Listener:
     """`answers[path]`: what the calls of a path are answered with, one after the other, the last one for all further ones:
     a status, or a status with headers."""
 
-    def __init__(self):
+    def __init__(self, tls=None):
         listener = self
         self.answers, self.calls = {}, []
 
@@ -42,7 +42,10 @@ class Listener:
                 pass
 
         self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        self.url = "http://127.0.0.1:%d" % self.server.server_port
+        if tls:
+            self.server.socket = tls.wrap_socket(self.server.socket, server_side=True, do_handshake_on_connect=False)
+        self.server.handle_error = lambda *_: None
+        self.url = "http%s://127.0.0.1:%d" % ("s" if tls else "", self.server.server_port)
         threading.Thread(target=self.server.serve_forever, daemon=True).start()
 
     def answer(self, path, _body):
