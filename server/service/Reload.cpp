@@ -57,6 +57,11 @@ Values ValuesOf(const Config& config) {
     if (const Velmora::PListDict* dict = AsDict(printed.get())) Flatten(*dict, "", values);
     values["/AccessToken"] = config.Http.AccessToken;
     for (const AccessToken& token : config.Http.AccessTokens) values["/AccessTokens"] += token.Digest;
+    for (const Destination& destination : config.Destinations) {
+        std::string& value = values["/Destinations"];
+        for (const std::string& secret : destination.SigningSecrets) value += secret + '\n';
+        for (const auto& [name, text] : destination.Headers) value += text + '\n';
+    }
     return values;
 }
 

@@ -73,6 +73,10 @@ class DeliveryTest(unittest.TestCase):
             signed = ("%s.%s." % (headers["webhook-id"], headers["webhook-timestamp"])).encode() + body
             expected = ["v1," + base64.b64encode(hmac.new(secret, signed, hashlib.sha256).digest()).decode() for secret in SECRETS]
             self.assertEqual((headers["webhook-signature"].split(), headers["X-Key"]), (expected, "v"))
+        self.assertEqual(self.server.ask("POST", "/reload")[1]["needs_restart"], [])
+        text = self.server.config.read_text()
+        self.server.config.write_text(text.replace(secrets, secrets.split()[0]))
+        self.assertEqual(self.server.ask("POST", "/reload")[1]["needs_restart"], ["/Destinations"])
 
     def test_a_dead_one_stays_over_a_crash_until_it_is_sent_again_or_dismissed(self):
         self.listener.answers = {"/one": [500], "/two": [500]}
