@@ -2,7 +2,7 @@ import assert from "node:assert/strict";
 import { readFileSync, writeFileSync } from "node:fs";
 import { join } from "node:path";
 import { after, afterEach, before, beforeEach, describe, it } from "node:test";
-import { Server, isLive, listen, openBrowser, openConsole, postMany, realFaults } from "./support.mjs";
+import { Server, cuttable, isLive, listen, openBrowser, openConsole, postMany, realFaults } from "./support.mjs";
 
 const MARKUP = '<img src=x onerror="window.broken=1"><b>&amp;';
 
@@ -410,6 +410,38 @@ describe("Everyone", () => {
     await open();
     const hosts = await page.evaluate(() => performance.getEntriesByType("resource").map((entry) => new URL(entry.name).host));
     assert.deepEqual([...new Set(hosts)], [new URL(server.url).host]);
+  });
+});
+
+describe("Feed", () => {
+  it("is followed by an EventSource, which comes back by itself for what it has missed", async () => {
+    const proxy = await cuttable(server.url);
+    try {
+      for (const name of ["door", "window"]) await server.event(name);
+      await open({ url: proxy.url });
+      await page.evaluate(() => {
+        window.seen = [];
+        window.gaps = [];
+        const source = new EventSource("/api/v1/feed/sse?event_name=door");
+        source.addEventListener("door", ({ data }) => window.seen.push(JSON.parse(data).post_data.number));
+        source.addEventListener("velmora.hello", ({ data }) => window.gaps.push(JSON.parse(data).gap));
+      });
+      const sees = async (seen, gaps) => {
+        await page.waitForFunction((wanted) => JSON.stringify([window.seen, window.gaps]) === wanted, JSON.stringify([seen, gaps]));
+      };
+      await sees([], [false]);
+      await server.post("door", { number: 1 });
+      await sees([1], [false]);
+      proxy.cut();
+      for (const [name, number] of [["door", 2], ["window", 3], ["door", 4]]) await server.post(name, { number });
+      await sees([1, 2, 4], [false, false]);
+      await server.stop("SIGKILL");
+      await server.start();
+      await server.post("door", { number: 5 });
+      await sees([1, 2, 4, 5], [false, false, true]);
+    } finally {
+      proxy.close();
+    }
   });
 });
 

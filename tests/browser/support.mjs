@@ -105,8 +105,25 @@ export async function listen(handler) {
   return target;
 }
 
+/// A way to the server whose connections can be cut while the server lives on.
+export async function cuttable(url) {
+  const { hostname, port } = new URL(url);
+  const ends = new Set();
+  const way = net.createServer((near) => {
+    const far = net.connect(Number(port), hostname);
+    for (const [end, other] of [[near, far], [far, near]]) {
+      ends.add(end);
+      end.on("error", () => {}).on("close", () => ends.delete(end) && other.destroy()).pipe(other);
+    }
+  }).listen(0, "127.0.0.1");
+  await once(way, "listening");
+  const cut = () => ends.forEach((end) => end.destroy());
+  const close = () => way.close() && cut();
+  return { url: `http://127.0.0.1:${way.address().port}`, cut, close };
+}
+
 /// Opens the console in a context of its own. `page.faults` collects what the browser complains about.
-export async function openConsole(browser, server, { area = "live", ready = true, ...options } = {}) {
+export async function openConsole(browser, server, { area = "live", ready = true, url = server.url, ...options } = {}) {
   const context = await browser.newContext({ timezoneId: "Europe/Berlin", viewport: { width: 1366, height: 800 }, ...options });
   await context.grantPermissions(["clipboard-read", "clipboard-write"]).catch(() => {});
   const page = await context.newPage();
@@ -114,7 +131,7 @@ export async function openConsole(browser, server, { area = "live", ready = true
   page.faults = [];
   page.on("console", (message) => ["error", "warning"].includes(message.type()) && page.faults.push(message.text()));
   page.on("pageerror", (error) => page.faults.push(error.stack));
-  await page.goto(`${server.url}/#/${area}`);
+  await page.goto(`${url}/#/${area}`);
   if (ready) await isLive(page);
   return page;
 }
