@@ -225,6 +225,7 @@ void Calls::Handle(LoopThread& thread, HeldMessage message) {
     }
     while (!thread.Stopping() && !m_Caller.KnowsRevision(posting->Revision)) {
     }
+    while (!thread.Stopping() && !m_Caller.HasRoom()) thread.Rest(milliseconds(2));
     if (thread.Stopping()) {  // another node's, at once
         AutoMutex lock(m_Lock);
         const auto open = m_Open.find(place);

@@ -25,6 +25,8 @@ class ICaller {
     virtual bool KnowsRevision(ui64_t revision) = 0;
     /// How far the calls have ended in the stream of that time, as far as any node has told.
     virtual ui64_t CalledUpTo(i64_t stream_created_ns) = 0;
+    /// Whether the process may call now: otherwise the posting waits.
+    virtual bool HasRoom() = 0;
     /// `token` is let go when all calls have ended.
     virtual void Call(const PListDict& payload, const std::shared_ptr<void>& token) = 0;
 };

@@ -30,6 +30,7 @@ struct Settings {
     i64_t MaxAge_sec = 600;         ///< of postings
     i64_t MaxBytes = i64_t{1} << 30;
     i64_t TimerLateness_sec = 60;  ///< later than that, a due time is skipped
+    ui64_t MostCallers = 512;      ///< calls that run at the same time, before further postings wait
     i64_t Patience_ms = 10000;     ///< with the engine, for a posting or a change
 
     bool IsConfigured() const { return !Name.empty(); }
@@ -83,6 +84,10 @@ class ICluster {
     /// Waits for the registry, at most `limit_ms`, and gives an empty cluster the document. Where the engine
     /// is away the node goes on without, and catches up later.
     virtual void Join(const PListDict& seed, Mirel::ui32_t limit_ms) = 0;
+
+    /// Adds a queue state document to the registry, in place of Join(): for a process that goes on to end.
+    /// The same document is added once, however often. `state` is everything that is there then.
+    virtual Result_t Import(const PListDict& document, Mirel::ui32_t limit_ms, PListDict& state) = 0;
 
     using Done = std::function<void(const Outcome&)>;
     /// Posts JSON text (empty: without data). `done` is called once, on any thread, perhaps at once. `key`

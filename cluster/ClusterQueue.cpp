@@ -274,6 +274,24 @@ void ClusterQueue::SetWatchState(const PListDict& state) {
     SetQueueState(OnlySection(state, Keys::watch_list));
 }
 
+// Timers have ids that follow from what the document says of them.
+void ClusterQueue::Import(const PListDict& document) {
+    const PListArray& timers = document.GetArray(Keys::timer_list);
+    ApplyState(document, [&](std::size_t index) {
+        std::string json;
+        std::size_t at = 0;
+        for (const PListItem& item : timers)
+            if (at++ == index) (void)item.EncodeJSON(json);
+        ui64_t hash = 14695981039346656037u ^ index;
+        for (const char c : json) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211u;
+        char text[64];
+        std::snprintf(text, sizeof text, "1a90ff1e-0000-4000-%04llx-%012llx",
+                      0x8000ull | (hash >> 48 & 0x3fff),
+                      static_cast<unsigned long long>(hash & 0xffffffffffff));
+        return std::string(text);
+    });
+}
+
 // Several nodes may do so at once: whatever is there already is not made twice, timers included, whose ids
 // follow from their places.
 void ClusterQueue::Seed(const PListDict& document) {

@@ -29,6 +29,8 @@ class ClusterQueue : public EventManager::EventQueue, private IRegistryUser {
     void Join() { m_Joined = true; }
     /// Gives a cluster that has never had one the document.
     void Seed(const PListDict& document);
+    /// Adds a document, whose timers are added once however often it is given.
+    void Import(const PListDict& document);
 
     using Done = std::function<void(const Outcome&)>;
     void Post(const std::string& event_name, std::string json, const std::string& id, Done done);

@@ -34,6 +34,7 @@ Engine::~Engine() {
 }
 
 void Engine::Close() {
+    m_Closing = true;
     if (m_Connection) natsConnection_Close(m_Connection.get());
 }
 
@@ -47,8 +48,9 @@ void Engine::OnReconnected(natsConnection*, void* self) {
     DefaultLogSink().Notice("Connected to the engine again\n");
 }
 
-void Engine::OnDisconnected(natsConnection*, void*) {
-    DefaultLogSink().Warn("The connection to the engine is lost; connecting again\n");
+void Engine::OnDisconnected(natsConnection*, void* self) {
+    if (!static_cast<Engine*>(self)->m_Closing)
+        DefaultLogSink().Warn("The connection to the engine is lost; connecting again\n");
 }
 
 Result_t Engine::SetOptions(natsOptions* options, bool wait) {

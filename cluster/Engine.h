@@ -74,6 +74,7 @@ class Engine {
     HeldConnection m_Connection;
     HeldContext m_Context;
     std::atomic<ui64_t> m_Reconnects{0};
+    std::atomic<bool> m_Closing{false};
 };
 
 }  // namespace Cluster

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 
 #include "MR_log.h"
 #include "Names.h"
+#include "VL_HTTP.h"
 
 namespace Cluster {
 
@@ -56,7 +58,10 @@ void Node::Join(const PListDict& seed, Mirel::ui32_t limit_ms) {
     m_Queue->Join();
     m_Seed = seed;
     m_MaySeed = true;
-    const bool read = m_Queue->Documents().WaitUntilRead(Clock::now() + milliseconds(limit_ms));
+    const auto limit = Clock::now() + milliseconds(limit_ms);
+    const bool read = m_Queue->Documents().WaitUntilRead(limit);
+    // Feed clients that come from other nodes know the epoch.
+    while (read && !m_PostingsRead && Clock::now() < limit) std::this_thread::sleep_for(milliseconds(10));
     if (read) {
         m_Queue->Seed(m_Seed);
     } else {
@@ -66,6 +71,19 @@ void Node::Join(const PListDict& seed, Mirel::ui32_t limit_ms) {
     if (calls.Failure() || timers.Failure())
         DefaultLogSink().Error("The cluster's calls and timers do not run: %s\n",
                                calls.Failure() ? calls.Message() : timers.Message());
+}
+
+Result_t Node::Import(const PListDict& document, Mirel::ui32_t limit_ms, PListDict& state) {
+    m_Queue->Join();
+    if (!m_Queue->Documents().WaitUntilRead(Clock::now() + milliseconds(limit_ms)))
+        return Mirel::RESULT_NETWORK.WithMessage("The cluster's registry cannot be read: " + WhyNotReady());
+    m_Queue->Import(document);
+    const Outcome failure = TakeFailure();
+    if (failure.What != Fate::Stored)
+        return Mirel::RESULT_NETWORK.WithMessage("The cluster did not store it: " + failure.Why);
+    m_Queue->Seed(PListDict());  // what nodes are configured with is not for this cluster any more
+    m_Queue->GetQueueState(state);
+    return Mirel::RESULT_OK;
 }
 
 void Node::BeginEnd() {
@@ -148,6 +166,11 @@ ui64_t Node::CalledUpTo(i64_t stream_created_ns) {
     return m_Nodes.CalledUpTo(EpochOf(stream_created_ns));
 }
 
+// What would find no place among the callers would not be called at all.
+bool Node::HasRoom() {
+    return Velmora::GetRequestCounters().Running < m_Engine.Of().MostCallers;
+}
+
 void Node::Call(const PListDict& payload, const std::shared_ptr<void>& token) {
     (void)m_Queue->Call(payload, token);
 }
@@ -168,6 +191,7 @@ void Node::Watch(LoopThread& thread) {
             m_Trouble = trouble;
         }
         if (!made) continue;
+        if (!m_MaySeed) continue;  // not joined
         PListDict record;
         record.SetValue("version", PROJECT_VERSION_TEXT);
         record.SetValue("revision", static_cast<long long>(m_Queue->Documents().Revision()));
@@ -176,7 +200,7 @@ void Node::Watch(LoopThread& thread) {
         record.SetValue("called", static_cast<long long>(m_Calls.Floor()));
         record.SetValue("epoch", EpochOf(m_Calls.StreamCreated()));
         m_Nodes.Announce(std::move(record));
-        if (!m_MaySeed || !m_Queue->Documents().WasRead()) continue;
+        if (!m_Queue->Documents().WasRead()) continue;
         m_Queue->Seed(m_Seed);
         m_Queue->ReconcileWatches();
     }
@@ -186,7 +210,8 @@ std::string Node::WhyNotReady() const {
     if (!m_Engine.Connected()) return "no server of the engine can be reached";
     AutoMutex lock(m_Lock);
     if (!m_Trouble.empty()) return m_Trouble;
-    return m_Queue->Documents().WasRead() ? std::string() : "the registry has not been read yet";
+    if (!m_Queue->Documents().WasRead()) return "the registry has not been read yet";
+    return m_PostingsRead ? std::string() : "the postings have not been read yet";
 }
 
 Statistics Node::Figures() const {

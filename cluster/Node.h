@@ -26,6 +26,7 @@ class Node : public ICluster, private IStreamUser, private ICaller {
 
     EventManager::EventQueue* Queue() override { return m_Queue; }
     void Join(const PListDict& seed, Mirel::ui32_t limit_ms) override;
+    Result_t Import(const PListDict& document, Mirel::ui32_t limit_ms, PListDict& state) override;
     void Post(const std::string& event_name, std::string json, const std::string& key, Done done) override;
     Outcome TakeFailure() override { return ClusterQueue::TakeFailure(); }
     Statistics Figures() const override;
@@ -37,11 +38,12 @@ class Node : public ICluster, private IStreamUser, private ICaller {
     // The postings' stream.
     ui64_t Begin(const StreamFacts& facts) override;
     void Receive(const StreamMessage& message) override;
-    void ReachedEnd(ui64_t) override {}
+    void ReachedEnd(ui64_t) override { m_PostingsRead = true; }
     ui64_t StartOfHistory(const StreamFacts& facts) const;
 
     bool KnowsRevision(ui64_t revision) override;
     ui64_t CalledUpTo(i64_t stream_created_ns) override;
+    bool HasRoom() override;
     void Call(const PListDict& payload, const std::shared_ptr<void>& token) override;
 
     void Watch(LoopThread& thread);
@@ -60,7 +62,7 @@ class Node : public ICluster, private IStreamUser, private ICaller {
     std::string m_Epoch GUARDED_BY(m_Lock), m_Trouble GUARDED_BY(m_Lock);
     std::string m_Leader GUARDED_BY(m_Lock);
     PListDict m_Seed;
-    std::atomic<bool> m_MaySeed{false};
+    std::atomic<bool> m_MaySeed{false}, m_PostingsRead{false};
     std::atomic<ui64_t> m_Malformed{0};
 };
 

@@ -19,6 +19,8 @@ std::string NewId() {
     return Mirel::UUIDText(id);
 }
 
+constexpr std::size_t MostAtOnce = 1000;  // messages of one change without an answer
+
 bool IsDeletion(natsMsg* message) {
     const char* operation = nullptr;
     return natsMsgHeader_Get(message, "KV-Operation", &operation) == NATS_OK;
@@ -81,6 +83,11 @@ void Registry::Receive(const StreamMessage& message) {
     const std::string_view subject = natsMsg_GetSubject(message.Message);
     const std::string key(subject.substr(std::min(subject.size(), m_Engine.Names().RegistryKeys.size())));
     ApplyOne(key, DocumentOf(key, message.Message));
+    const char* id = nullptr;
+    if (natsMsgHeader_Get(message.Message, "Nats-Msg-Id", &id) == NATS_OK) {
+        AutoMutex lock(m_Lock);
+        if (!m_ChangeId.empty() && std::string_view(id).starts_with(m_ChangeId)) ++m_ChangeStored;
+    }
     Reached(message.Sequence);
 }
 
@@ -150,12 +157,14 @@ struct Answers {
 Sent Registry::Store(const std::vector<Put>& puts, ui64_t revision, const std::string& id,
                      Publisher::Time deadline) {
     const auto answers = std::make_shared<Answers>();
-    {
-        AutoMutex lock(answers->Lock);
-        answers->Open = puts.size();
-    }
     std::size_t index = 0;
     for (const Put& put : puts) {
+        {
+            AutoMutex lock(answers->Lock);
+            while (answers->Open >= MostAtOnce) answers->Come.Wait(answers->Lock);
+            if (answers->Worst.What != Sent::Fate::Stored) break;
+            ++answers->Open;
+        }
         Sending sending = SendingOf(put);
         sending.Id = id + "-" + std::to_string(index);
         sending.ExpectedLast = revision + index++;
@@ -191,7 +200,13 @@ Velmora::Status_t Registry::Change(const Decide& decide, Publisher::Time deadlin
         }
         sent = Sent();
         if (decision.Puts.empty()) return decision.Status;
-        sent = Store(decision.Puts, revision, NewId(), deadline);
+        const std::string id = NewId();
+        {
+            AutoMutex lock(m_Lock);
+            m_ChangeId = id;
+            m_ChangeStored = 0;
+        }
+        sent = Store(decision.Puts, revision, id, deadline);
         if (sent.What == Sent::Fate::Stored) {
             (void)WaitFor(sent.Sequence, deadline);
             return decision.Status;
@@ -204,6 +219,12 @@ Velmora::Status_t Registry::Change(const Decide& decide, Publisher::Time deadlin
         // What came first is on its way to this node. Some of our own may have been stored before it.
         const ui64_t next = std::max(revision, sent.Sequence) + 1;
         (void)WaitFor(next, std::min(deadline, Clock::now() + std::chrono::milliseconds(500)));
+        // An answer can be lost with a leader of the engine's; then the next attempt is refused over the
+        // first.
+        AutoMutex lock(m_Lock);
+        if (m_ChangeStored < decision.Puts.size()) continue;
+        sent = Sent();
+        return decision.Status;
     }
 }
 

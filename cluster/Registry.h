@@ -84,6 +84,8 @@ class Registry : private IStreamUser {
     Mirel::Condition m_Came;
     Documents m_Documents GUARDED_BY(m_Lock);
     bool m_Stopped GUARDED_BY(m_Lock) = false;
+    std::string m_ChangeId GUARDED_BY(m_Lock);          // of this node's change that is being stored
+    std::size_t m_ChangeStored GUARDED_BY(m_Lock) = 0;  // how much of it has come back
     std::atomic<ui64_t> m_Revision{0}, m_Refused{0};
     std::atomic<bool> m_WasRead{false};
     StreamReader m_Reader;  // the last: its thread uses what stands before it

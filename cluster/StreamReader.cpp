@@ -67,10 +67,9 @@ bool StreamReader::Subscribe(HeldSubscription& subscription, const StreamFacts& 
         Mirel::DefaultLogSink().Debug("Reading %s: %s\n", m_Stream.c_str(), ReasonOf(status).c_str());
         return false;
     }
-    // What was removed at the stream's end never comes: nothing pending means that its end is reached.
-    HeldConsumerInfo info;
-    if (Take(info, natsSubscription_GetConsumerInfo, made, nullptr, &code) == NATS_OK &&
-        info->NumPending == 0 && info->Delivered.Consumer == 0) {
+    // What was removed at the stream's end never comes. Only the whole stream's emptiness says so: the
+    // consumer may read from a replica that does not have the newest yet, and has nothing pending either.
+    if (facts.Messages == 0) {
         m_Last = std::max(m_Last.load(), facts.Last);
         m_User.ReachedEnd(m_Last);
     }

@@ -8,7 +8,7 @@ _velmora_server() {
     --log-format) mapfile -t COMPREPLY < <(compgen -W "text json" -- "$current") ;;
     *)
         mapfile -t COMPREPLY < <(compgen -W \
-            "--config --listen --check --print-config --hash-token --log-level --log-format --version --help" -- "$current")
+            "--config --listen --check --print-config --hash-token --import-state --log-level --log-format --version --help" -- "$current")
         ;;
     esac
 }

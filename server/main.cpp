@@ -223,12 +223,34 @@ int End(Server::HttpServer& server, const Config& config, Server::DeliveryEngine
 Result_t StartNode(const Config& config, Mirel::ui16_t port, std::unique_ptr<Cluster::ICluster>& node) {
     const Result_t handlers = Server::SetUpHandlers(config);
     if (handlers.Failure()) return handlers;
-    const Result_t made = Cluster::MakeNode(config.Node, static_cast<Mirel::ui32_t>(config.Timeout_ms), node);
+    Cluster::Settings settings = config.Node;
+    settings.MostCallers = config.MaxCallers / 2 + 1;  // each posting may have many listeners
+    const Result_t made = Cluster::MakeNode(settings, static_cast<Mirel::ui32_t>(config.Timeout_ms), node);
     if (made.Failure()) return made;
     const Velmora::PListDict dict = config.ForEventQueue(port, Velmora::PListDict());
     const Result_t started = EventManager::StartEventQueue(node->Queue(), dict, nullptr);
     if (started.Success()) node->Join(config.EventManager, JoinLimit_ms);
     return started;
+}
+
+// What a single server has saved, or GET /api/v1/queue has answered, into the cluster.
+int ImportState(const Config& config, const std::string& file) {
+    if (!config.Node.IsConfigured()) return Fail("--import-state: the configuration names no \"Cluster\"");
+    std::optional<Velmora::PListDict> document;
+    const Result_t read = Server::ReadStateFile(file, document);
+    if (read.Failure()) return Fail(read.Message());
+    if (!document) return Fail("--import-state: \"" + file + "\" is not there, or is empty");
+    std::unique_ptr<Cluster::ICluster> node;
+    const Result_t made = Cluster::MakeNode(config.Node, static_cast<Mirel::ui32_t>(config.Timeout_ms), node);
+    if (made.Failure()) return Fail(made.Message());
+    Velmora::PListDict state;
+    const Result_t imported = node->Import(*document, JoinLimit_ms, state);
+    node->End();
+    if (imported.Failure()) return Fail(imported.Message());
+    const std::vector<std::string> left_out = Server::LeftOut(*document, state);
+    for (const std::string& entry : left_out) Fail("left out: " + Mirel::EscapeForLog(entry));
+    if (left_out.empty()) std::puts("The cluster has everything that the file holds.");
+    return left_out.empty() ? 0 : 1;
 }
 
 // Restores without limits, which would cut what was saved under higher ones; then they are set. What was left
@@ -370,6 +392,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     SetUpLog(config);
+    if (!command_line.ImportState.empty()) return ImportState(config, command_line.ImportState);
     SetUpSignals();
     RaiseDescriptorLimit();
     int status = 1;

@@ -92,6 +92,9 @@ std::optional<int> ReadCommandLine(int argc, const char* const* argv, CommandLin
                  "Print what is in force, secrets hidden, and exit");
     app.add_flag("--hash-token", command_line.HashToken,
                  "Read an access token from standard input, print what \"Hash\" holds for it, and exit");
+    app.add_option("--import-state", command_line.ImportState,
+                   "Add a single server's state file to the cluster of the configuration, and exit")
+        ->type_name("FILE");
     AddLogOptions(app, command_line);
     app.footer(
         "Limits that PATCH /api/v1/config sets hold until this process ends. Each start begins with those "

@@ -19,6 +19,7 @@ struct CommandLine {
     bool Check = false;
     bool PrintConfig = false;
     bool HashToken = false;
+    std::string ImportState;  // empty: nothing is to be moved into a cluster
 
     /// Puts what the command line says in the place of what the configuration does.
     void ApplyTo(Config& config) const;

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# What a cluster promises, over real nats-servers on loopback: two nodes and what becomes of them, other people's clients, an
+# engine that asks for a password and TLS, and a short form of the chaos. VELMORA_SERVER names another server than the
+# release build's.
+set -euo pipefail
+here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+root="$here/../.."
+if [ -z "${VELMORA_SERVER:-}" ]; then
+    "$root/.ci/install-packages" build checks
+    "$root/.ci/build" release velmora-server
+    VELMORA_SERVER="$root/build/release/server/velmora-server"
+fi
+export VELMORA_SERVER
+command -v npm >/dev/null || "$root/.ci/install-packages" node
+
+work="$root/build/cluster"
+mkdir -p "$work"
+cp "$here"/package*.json "$here"/nats-client.mjs "$work"
+if [ ! -d "$work/node_modules" ] || ! cmp --silent "$work/package-lock.json" "$work/node_modules/installed"; then
+    (cd "$work" && npm ci --no-audit --no-fund --loglevel=error && cp package-lock.json node_modules/installed)
+fi
+export NATS_CLIENT="$work/nats-client.mjs"
+
+node "$here/smoke.mjs" "$VELMORA_SERVER"
+/usr/bin/python3 -B -m unittest discover -s "$here" -p "*_test.py"
+/usr/bin/python3 -B "$here/chaos.py" --seconds 12
