@@ -222,6 +222,8 @@ class Chaos:
         node.send(signal.SIGSTOP)
         time.sleep(30 if self.seconds > 100 and self.done["stop_node"] == 0 else self.random.uniform(2, 9))
         node.send(signal.SIGCONT)
+        if self.done["stop_node"] == 0:  # who dies before he has caught up leaves his clients without half a minute of history
+            support.eventually("the node has caught up", lambda: node.ready() and node.figures()["lag_postings"] == 0)
 
     def delete_consumers(self):
         """Everybody's consumer of calls, and the consumers that the nodes read with."""
