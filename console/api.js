@@ -4,7 +4,9 @@ import { parse, write } from "./json.js";
 import { askForToken, token } from "./session.js";
 import { learnServerTime } from "./time.js";
 
-export const PREFIX = "/api/v1";
+/// What a proxy puts in front of the server's paths; the page's own path says it.
+export const BASE = new URL(".", location.href).pathname.replace(/\/$/, "");
+export const PREFIX = `${BASE}/api/v1`;
 const PATIENCE_MS = 15000;
 
 export class ApiError extends Error {

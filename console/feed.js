@@ -1,7 +1,7 @@
 // The connection to the feed: every posting as it happens, and after an interruption what was missed.
 
 import { Client } from "../clients/velmora.mjs";
-import { get, path } from "./api.js";
+import { BASE, get, path } from "./api.js";
 import { parse } from "./json.js";
 import { postingOf } from "./posting.js";
 import { token } from "./session.js";
@@ -24,7 +24,7 @@ export class Feed extends EventTarget {
   }
 
   start() {
-    this.feed = new Client(location.origin, { token, parse }).follow({
+    this.feed = new Client(location.origin + BASE, { token, parse }).follow({
       prepare: (feed) => this.prepare(feed),
       onOpen: (standing) => this.lostAt && this.sayWhatWasMissed(standing),
       onPosting: ({ posting }) => this.gather(posting),

@@ -79,7 +79,7 @@ export class Status {
     const alarms = [failing && `${failing} failing`, expired && `${expired} too late`].filter(Boolean);
     const title = offline ? "(offline) " : alarms.length ? `(${alarms.join(", ")}) ` : "";
     document.title = `${title}Velmora events`;
-    const icon = title ? "/console/mark-alarm.svg" : "/console/mark.svg";
+    const icon = title ? "console/mark-alarm.svg" : "console/mark.svg";
     if (byId("favicon").getAttribute("href") !== icon) byId("favicon").setAttribute("href", icon);
   }
 

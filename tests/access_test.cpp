@@ -86,6 +86,8 @@ class AccessTest : public ::testing::Test {
         if (name.empty() || name == "stranger") return 401;
         if (name == "plain" || name == "keeper") return 0;
         const bool posts = route.Method == "POST" && route.Pattern == "/api/v1/events/{event_name}";
+        const bool cloud = route.Pattern == "/api/v1/cloudevents";
+        if (cloud) return name == "reader" ? 403 : 0;
         if (route.Method != "GET" && !posts) return 403;
         if (posts && name == "reader") return 403;
         if (name != "orders") return 0;

@@ -85,6 +85,7 @@ class Loader {
     void BindAddress(const Velmora::PListDict& dict);
     void AllowedHosts(Shape& shape);
     void AllowedOrigins(Shape& shape);
+    void BasePath(Shape& shape);
     void CheckAnyOrigin();
     void TLSIdentity(Shape& shape);
     void Token(Shape& shape);
@@ -135,6 +136,7 @@ void Loader::BindAddress(const Velmora::PListDict& dict) {
     TLSIdentity(shape);
     AllowedHosts(shape);
     AllowedOrigins(shape);
+    BasePath(shape);
     shape.NothingElse();
 }
 
@@ -157,6 +159,19 @@ void Loader::AllowedOrigins(Shape& shape) {
         if (!origin.empty() && origin != "*" && !IsOrigin(origin))
             shape.Blame(key, index, "must be an origin (https://host or https://host:port), or \"*\"");
         ++index;
+    }
+}
+
+// Segments that no client writes in another way.
+void Loader::BasePath(Shape& shape) {
+    const auto path = shape.NonEmptyText("BasePath");
+    if (!path) return;
+    m_Config.Http.BasePath = *path;
+    constexpr std::string_view Allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_~/";
+    if (path->front() != '/' || path->back() == '/' || path->find("//") != path->npos ||
+        path->find_first_not_of(Allowed) != path->npos) {
+        shape.Blame("BasePath",
+                    "must be a path like \"/velmora\", of letters, digits, \"-\", \"_\" and \"~\"");
     }
 }
 

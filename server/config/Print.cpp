@@ -34,6 +34,7 @@ Velmora::PListDict AddressInForce(const HttpServerOptions& http) {
     address.SetValue("Host", http.Host);
     address.SetValue("ListenPort", static_cast<int>(http.Port));
     if (!http.TLSIdentity.empty()) address.SetValue("TLSIdentity", http.TLSIdentity);
+    if (!http.BasePath.empty()) address.SetValue("BasePath", http.BasePath);
     address.SetItem("AllowedHosts", Texts(http.AllowedHosts));
     address.SetItem("AllowedOrigins", Texts(http.AllowedOrigins));
     return address;

@@ -34,7 +34,7 @@ Connection::Connection(ConnectionShared& shared, Velmora::SocketStream stream)
       m_Stream(std::move(stream)),
       m_Socket(shared.Io, m_Stream.Descriptor()),
       m_Life(m_Stream.Descriptor()),
-      m_Input(shared.Options.HeaderLimit, LongestBody(shared.Options)) {
+      m_Input(shared.Options.HeaderLimit, LongestBody(shared.Options), shared.Options.BasePath) {
     if (const auto identity = shared.Identity.Get()) identity->Secure(m_Stream);
 }
 

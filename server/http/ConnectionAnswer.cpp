@@ -125,6 +125,8 @@ Connection::Step Connection::Respond(HttpResponse response) {
         !m_CloseAfter && m_Input.KeepAlive() && !m_Shared.Stopping.load(std::memory_order_relaxed);
     m_CloseAfter = !form.KeepAlive;
 
+    for (auto& [name, value] : response.Headers)
+        if (name == "Location" && value.starts_with('/')) value.insert(0, m_Shared.Options.BasePath);
     CountAnswer(response.Status, response.Body.size());
     if (m_Route.Changes && response.Status < 300) LogChange(response);
     for (auto& field : m_Shared.Policy.Get()->ForOtherOrigin(head))

@@ -14,7 +14,8 @@ class ConnectionInput {
   public:
     using Progress = RequestParser::Progress;
 
-    ConnectionInput(std::size_t header_limit, std::size_t body_limit) : m_Parser(header_limit, body_limit) {}
+    ConnectionInput(std::size_t header_limit, std::size_t body_limit, std::string_view base_path = {})
+        : m_Parser(header_limit, body_limit, base_path) {}
 
     /// Where the next bytes go, how many fit, and how many have come.
     void MakeRoom();

@@ -17,6 +17,9 @@ namespace Server {
 using Velmora::Method_t;
 using Velmora::Status_t;
 
+/// Names and values of header fields, as they came.
+using HeaderFields = std::vector<std::pair<std::string_view, std::string_view>>;
+
 /// A whole request. All views point into the connection's buffers and live until the handler returns.
 struct HttpRequest {
     Method_t Method = Velmora::METH_GET;
@@ -25,6 +28,7 @@ struct HttpRequest {
     std::string_view ContentType;  // empty where the request names none
     std::string_view IfNoneMatch;
     std::string_view IfMatch;
+    const HeaderFields* CloudEvent = nullptr;  // those whose names begin with "ce-"; null: not known
     std::string_view IdempotencyKey;
     std::string_view Body;
     bool HasBody = false;  // a Content-Length above 0 or chunks came with it
@@ -40,6 +44,7 @@ struct HttpRoute {
     /// Whether answering may wait for the event queue (and so for a slow Python handler). Such requests are
     /// admitted only while an I/O thread stays free for everything else.
     bool MayBlock = false;
+    bool TakesAnyType = false;         // the body need not be application/json
     bool TakesDocument = false;        // the body may be as long as a queue state document
     std::array<std::string, 2> Names;  // the path's variable segments, decoded
     QueryParameters Query;

@@ -19,6 +19,8 @@ struct HttpServerOptions {
     std::vector<Server::AccessToken> AccessTokens;  // further ones, with rights of their own
     std::vector<std::string> AllowedHosts;  // names beside the bound one, localhost and loopback addresses
 
+    std::string BasePath;  // what a proxy puts in front of paths ("/velmora"); empty: nothing
+
     bool AccessLog = false;  // one Info line for each answer
 
     std::vector<std::string> AllowedOrigins;  // of pages from elsewhere, or "*": all that have the token

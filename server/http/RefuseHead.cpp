@@ -24,6 +24,7 @@ HttpRequest RequestOf(const RequestHead& head) {
     request.ContentType = head[Field::ContentType];
     request.IfNoneMatch = head[Field::IfNoneMatch];
     request.IfMatch = head[Field::IfMatch];
+    request.CloudEvent = &head.CloudEvent;
     request.IdempotencyKey = head[Field::IdempotencyKey];
     request.HasBody = head.HasBody;
     return request;
@@ -48,7 +49,7 @@ std::optional<HttpResponse> RefuseHead(const RequestHead& head, const AccessPoli
         std::optional<Velmora::FeedWish> wish;
         if (auto refusal = ReadFeedWish(head, route, wish)) return refusal;
     }
-    if (head.HasBody && !IsJson(head[Field::ContentType])) {
+    if (head.HasBody && !route.TakesAnyType && !IsJson(head[Field::ContentType])) {
         return Problem(Velmora::STATUS_415_MEDIA_TYPE, "A body must be application/json.");
     }
     if (head.Has(Field::Expect) && !ListHas(head, Field::Expect, "100-continue")) {

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <boost/beast/http/basic_parser.hpp>
 
+#include "MR_text.h"
+
 namespace Server {
 
 namespace http = boost::beast::http;
@@ -94,8 +96,9 @@ bool NamesVersion(std::string_view line) {
 // One request: Beast's parser, keeping views of what the server looks at and the body.
 class BeastParser : public http::basic_parser<true> {
   public:
-    BeastParser(std::size_t header_limit, std::size_t body_limit, std::string& collected)
-        : m_Collected(collected) {
+    BeastParser(std::size_t header_limit, std::size_t body_limit, std::string_view base_path,
+                std::string& collected)
+        : m_BasePath(base_path), m_Collected(collected) {
         // The head is given whole and its size is tested before: Beast's own limit only has to let it pass.
         this->header_limit(static_cast<std::uint32_t>(header_limit + 4));
         this->body_limit(body_limit);
@@ -112,6 +115,10 @@ class BeastParser : public http::basic_parser<true> {
         Head.Method = KnownMethod(verb);
         Head.Target = Plain(target);
         Head.Parts = SplitTarget(Head.Target);
+        if (Head.Parts && Head.Parts->Path.starts_with(m_BasePath) &&
+            Head.Parts->Path.substr(m_BasePath.size()).starts_with('/')) {
+            Head.Parts->Path.remove_prefix(m_BasePath.size());
+        }
         Head.Http10 = version < 11;
     }
 
@@ -123,7 +130,7 @@ class BeastParser : public http::basic_parser<true> {
             return;
         }
         const std::optional<Field> known = KnownField(name, {text.data(), text.size()});
-        if (!known) return;
+        if (!known) return AddCloudEventField(Plain(text), Plain(value), error);
         if (IsFolded(Plain(text), Plain(value))) {
             error = http::error::bad_obs_fold;
             return;
@@ -134,6 +141,15 @@ class BeastParser : public http::basic_parser<true> {
         } else {
             Head.More.emplace_back(*known, Plain(value));
         }
+    }
+
+    void AddCloudEventField(std::string_view name, std::string_view value, error_code& error) {
+        if (name.size() < 4 || !Mirel::EqualIgnoringCase(name.substr(0, 3), "ce-")) return;
+        if (IsFolded(name, value)) {
+            error = http::error::bad_obs_fold;
+            return;
+        }
+        Head.CloudEvent.emplace_back(name, value);
     }
 
     // Whether a value went over several lines, which nobody sends any more: Beast puts it together in another
@@ -171,6 +187,7 @@ class BeastParser : public http::basic_parser<true> {
     void on_finish_impl(error_code&) override {}
     void on_response_impl(int, beast_view, int, error_code&) override {}
 
+    const std::string_view m_BasePath;
     std::size_t m_Length = 0;
     std::string& m_Collected;
 };
@@ -187,12 +204,16 @@ void RequestHead::Rebase(const char* from, const char* to) {
     }
     std::for_each(Fields.begin(), Fields.end(), move);
     for (auto& [field, value] : More) move(value);
+    for (auto& [name, value] : CloudEvent) {
+        move(name);
+        move(value);
+    }
 }
 
 class RequestParser::Impl {
   public:
-    Impl(std::size_t header_limit, std::size_t body_limit)
-        : m_HeaderLimit(header_limit), m_LongestBody(body_limit) {
+    Impl(std::size_t header_limit, std::size_t body_limit, std::string_view base_path)
+        : m_HeaderLimit(header_limit), m_LongestBody(body_limit), m_BasePath(base_path) {
         Reset();
     }
 
@@ -203,7 +224,7 @@ class RequestParser::Impl {
         m_Searched = 0;
         m_HeadReported = false;
         m_BodyLimit = m_LongestBody;
-        m_Parser.emplace(m_HeaderLimit, m_BodyLimit, m_Collected);
+        m_Parser.emplace(m_HeaderLimit, m_BodyLimit, m_BasePath, m_Collected);
     }
 
     Progress Parse(std::string_view bytes, std::size_t& consumed) {
@@ -297,6 +318,7 @@ class RequestParser::Impl {
 
     const std::size_t m_HeaderLimit;
     const std::size_t m_LongestBody;
+    const std::string_view m_BasePath;
     std::size_t m_BodyLimit = 0;  // of the request that is coming in
 
     std::string m_Collected;     // a body that did not come in one piece
@@ -306,8 +328,8 @@ class RequestParser::Impl {
     std::optional<HttpResponse> m_Failure;
 };
 
-RequestParser::RequestParser(std::size_t header_limit, std::size_t body_limit)
-    : m_Impl(std::make_unique<Impl>(header_limit, body_limit)) {}
+RequestParser::RequestParser(std::size_t header_limit, std::size_t body_limit, std::string_view base_path)
+    : m_Impl(std::make_unique<Impl>(header_limit, body_limit, base_path)) {}
 RequestParser::~RequestParser() = default;
 
 void RequestParser::Reset() {

@@ -46,6 +46,7 @@ struct RequestHead {
     std::array<std::string_view, static_cast<std::size_t>(Field::Count)> Fields{};
     std::array<unsigned, static_cast<std::size_t>(Field::Count)> Times{};  // how often each field came
     std::vector<std::pair<Field, std::string_view>> More;  // what further lines of the same fields hold
+    HeaderFields CloudEvent;                               // those whose names begin with "ce-"
 
     std::string_view operator[](Field field) const { return Fields[static_cast<std::size_t>(field)]; }
     bool Has(Field field) const { return Times[static_cast<std::size_t>(field)] > 0; }
@@ -65,8 +66,9 @@ class RequestParser {
   public:
     enum class Progress { NeedMore, HeadComplete, Complete, Failed };
 
-    /// `body_limit` is for any request; a single one's can be made narrower.
-    RequestParser(std::size_t header_limit, std::size_t body_limit);
+    /// `body_limit` is for any request; a single one's can be made narrower. `base_path` is taken off the
+    /// front of paths that have it; its bytes outlive the parser.
+    RequestParser(std::size_t header_limit, std::size_t body_limit, std::string_view base_path = {});
     ~RequestParser();
 
     /// Ready for the next request.

@@ -117,6 +117,20 @@ HttpResponse Posted(const std::string& name, const std::string& id) {
     return response;
 }
 
+HttpResponse PostNamed(RestCall& call, const std::string& name, const Velmora::PListDict* data,
+                       std::string_view json) {
+    if (call.Context.Gate != nullptr) {
+        call.Context.RestPostings.fetch_add(1, std::memory_order_relaxed);
+        HttpRequest request = call.Request;
+        request.Body = json;
+        return call.Context.Gate->Post(request, name);
+    }
+    if (!GlobalEventQueue().PostEvent(name, data)) return EventMissing(name);
+    call.Context.RestPostings.fetch_add(1, std::memory_order_relaxed);
+    SettleDeliveries(call);
+    return Posted(name, EventManager::LastPostingOfThread().Text());
+}
+
 HttpResponse PostEvent(RestCall& call) {
     const std::string& name = call.Names[0];
     Velmora::PListDict data;
@@ -124,15 +138,7 @@ HttpResponse PostEvent(RestCall& call) {
     if (has_data) {
         if (auto refused = ReadBody(call, data)) return std::move(*refused);
     }
-    if (call.Context.Gate != nullptr) {
-        call.Context.RestPostings.fetch_add(1, std::memory_order_relaxed);
-        return call.Context.Gate->Post(call.Request, name);
-    }
-    if (!GlobalEventQueue().PostEvent(name, has_data ? &data : nullptr)) return EventMissing(name);
-    call.Context.RestPostings.fetch_add(1, std::memory_order_relaxed);
-    SettleDeliveries(call);
-
-    return Posted(name, EventManager::LastPostingOfThread().Text());
+    return PostNamed(call, name, has_data ? &data : nullptr, call.Request.Body);
 }
 
 HttpResponse DeleteEvent(RestCall& call) {

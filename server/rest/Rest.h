@@ -122,6 +122,11 @@ HttpResponse GetEvent(RestCall& call);
 HttpResponse PostEvent(RestCall& call);
 HttpResponse DeleteEvent(RestCall& call);
 
+HttpResponse PostCloudEvent(RestCall& call);
+/// Posts the event with the data (may be null), of which `json` is the text, and answers 202 or 404.
+HttpResponse PostNamed(RestCall& call, const std::string& name, const Velmora::PListDict* data,
+                       std::string_view json);
+
 HttpResponse GetListeners(RestCall& call);
 HttpResponse PostListeners(RestCall& call);
 HttpResponse DeleteListeners(RestCall& call);

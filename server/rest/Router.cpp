@@ -16,13 +16,14 @@ namespace {
 
 // Whether answering takes one of the queue's locks, which a posting with a slow Python handler may hold.
 enum class Waits { Never, ForQueue };
-enum class Body { None, JSON, Document };
+enum class Body { None, JSON, Document, CloudEvent };
 
 // What the caller needs.
 enum class Access {
     Usual,  // to read, the role "read" and all events; to change, the role "admin"
     Open,   // nothing
     Post,   // the role "post", and the event that the path names
+    Posts,  // the role "post"; for which event is found out later
     Event,  // the role "read", and the event that the path names
     Some,   // the role "read"; what is answered is what the caller may see
 };
@@ -59,6 +60,8 @@ constexpr Row Table[] = {
     {Velmora::METH_DELETE, "/api/v1/events/{event_name}/listeners/{listener_id}", Waits::ForQueue, Body::None,
      "", DeleteListener},
     {Velmora::METH_GET, "/api/v1/cluster", Waits::Never, Body::None, "", GetCluster},
+    {Velmora::METH_POST, "/api/v1/cloudevents", Waits::ForQueue, Body::CloudEvent, "", PostCloudEvent,
+     Access::Posts},
     {Velmora::METH_GET, "/api/v1/queue", Waits::ForQueue, Body::None, "", GetQueue},
     {Velmora::METH_POST, "/api/v1/queue", Waits::ForQueue, Body::Document, "", PostQueue},
     {Velmora::METH_GET, "/api/v1/config", Waits::Never, Body::None, "", GetConfig},
@@ -236,7 +239,7 @@ constexpr Row OptionsRow = {Velmora::METH_OPTIONS, "",          Waits::Never, Bo
 constexpr Row ConsoleRow = {Velmora::METH_GET, "", Waits::Never, Body::None, "", GetConsole, Access::Open};
 
 Role RoleFor(const Row& row) {
-    if (row.Needs == Access::Post) return Role::Post;
+    if (row.Needs == Access::Post || row.Needs == Access::Posts) return Role::Post;
     const bool reads = row.Method == Velmora::METH_GET || row.Needs != Access::Usual;
     return reads ? Role::Read : Role::Admin;
 }
@@ -302,6 +305,7 @@ std::optional<HttpResponse> Router::Route(const HttpRequest& head, HttpRoute& ro
     route.Row = row;
     route.MayBlock = row->Wait == Waits::ForQueue;
     route.TakesDocument = row->Takes == Body::Document;
+    route.TakesAnyType = row->Takes == Body::CloudEvent;
     route.Changes = RoleFor(*row) == Role::Admin;
     if (of_table) {
         if (std::optional<HttpResponse> refused = ReadNames(names, route)) return refused;
@@ -353,17 +357,10 @@ HttpResponse Router::Dispatch(const HttpRequest& request, HttpRoute& route) {
     return Answer(request, route);
 }
 
-// Whether the request changes what the nodes of a cluster share, for which their engine is waited for.
-static bool ChangesCluster(const HttpRoute& route) {
-    const Row& row = *static_cast<const Row*>(route.Row);
-    const bool changes = row.Method == Velmora::METH_POST || row.Method == Velmora::METH_DELETE ||
-                         row.Method == Velmora::METH_PATCH;
-    return changes && row.Function != PostEvent && row.Pattern.starts_with(ApiPrefix);
-}
-
 HttpResponse Router::Handle(const HttpRequest& request, HttpRoute& route) {
     try {
-        if (m_Context.Gate != nullptr && ChangesCluster(route)) {
+        if (m_Context.Gate != nullptr && route.Changes) {
+            // What changes is shared by the nodes, and their engine is waited for.
             if (auto refused = Precondition(request, route)) return std::move(*refused);
             return m_Context.Gate->Change(request, route, [this](const HttpRequest& own, HttpRoute& its) {
                 return Dispatch(own, its);

@@ -2,6 +2,7 @@
 
 import base64
 import http.client
+import json
 import os
 import shutil
 import socket
@@ -22,9 +23,12 @@ class Proxies(support.Case):
                         "2", "-subj", "/CN=" + NAME, "-keyout", pem, "-out", str(pem) + ".crt"], check=True, capture_output=True)
         return pem
 
+    front = ""  # what the proxy has in front of the server's paths
+
     def server_and_port(self, allowed):
-        (self.folder / "config.json").write_text('{"BindAddress": {"AllowedHosts": [%s]}, "EventManager": {"event_list": '
-                                                 '[{"event_name": "e"}]}}' % ('"%s"' % NAME if allowed else ""))
+        address = {"AllowedHosts": [NAME] if allowed else [], **({"BasePath": self.front} if self.front else {})}
+        (self.folder / "config.json").write_text(json.dumps({"BindAddress": address,
+                                                             "EventManager": {"event_list": [{"event_name": "e"}]}}))
         return self.serve(self.folder / "config.json"), support.free_port()
 
     def start(self, command, port, **environment):
@@ -43,7 +47,8 @@ class Proxies(support.Case):
         pem = self.certificate()
         text = (self.examples / file).read_text()
         for old, new in (("443 ssl", "127.0.0.1:%d ssl" % port), ("127.0.0.1:8000;", "127.0.0.1:%d;" % port),
-                         ("127.0.0.1:8080", "127.0.0.1:%d" % upstream), ("root /srv", "root %s" % self.examples),
+                         ("127.0.0.1:8080", "127.0.0.1:%d" % upstream), ("location / {", "location %s/ {" % self.front),
+                         ("root /srv", "root %s" % self.examples),
                          ("/etc/letsencrypt/live/%s/fullchain.pem" % NAME, str(pem) + ".crt"),
                          ("/etc/letsencrypt/live/%s/privkey.pem" % NAME, str(pem))):
             text = text.replace(old, new)
@@ -66,7 +71,7 @@ class Proxies(support.Case):
             connection = http.client.HTTPConnection("127.0.0.1", port, timeout=support.PATIENCE_SEC)
         self.addCleanup(connection.close)
         body = "{}" if method == "POST" else None
-        connection.request(method, path, body, {"Content-Type": "application/json", **headers})
+        connection.request(method, self.front + path, body, {"Content-Type": "application/json", **headers})
         return connection
 
     def status(self, *arguments, **more):
@@ -97,6 +102,15 @@ class Proxies(support.Case):
         server, port = self.server_and_port(allowed=True)
         self.nginx("proxy/nginx.conf", port, server.port)
         self.check(server, port, "https://" + NAME)
+
+    @unittest.skipUnless(shutil.which("nginx", path=os.environ["PATH"] + ":/usr/sbin"), "nginx is not installed")
+    def test_below_a_path(self):
+        self.front = "/velmora"
+        server, port = self.server_and_port(allowed=True)
+        self.nginx("proxy/nginx.conf", port, server.port)
+        self.check(server, port, "https://" + NAME)
+        self.assertEqual(self.status(port, "GET", "/healthz", {"Host": NAME}), 200)
+        self.assertEqual(self.status(port, "GET", "/console/app.js", {"Host": NAME}), 200)
 
     @unittest.skipUnless(shutil.which("nginx", path=os.environ["PATH"] + ":/usr/sbin"), "nginx is not installed")
     def test_a_name_that_is_not_allowed_is_misdirected(self):
