@@ -1,6 +1,9 @@
 #include "Engine.h"
 
+#include <string_view>
+
 #include "MR_log.h"
+#include "MR_util.h"
 
 namespace Cluster {
 
@@ -23,6 +26,22 @@ void KeyValueStream(jsStreamConfig& config) {
     config.AllowRollup = true;
     config.DenyDelete = true;
     config.AllowDirect = true;
+}
+
+// The time at which a stream was made differs between its replicas; what it was given then does not.
+i64_t IdentityOf(const jsStreamInfo& info) {
+    const char* const given = info.Config == nullptr ? nullptr : info.Config->Description;
+    if (given == nullptr || *given == '\0') return info.Created;
+    ui64_t hash = 14695981039346656037u;
+    for (const char c : std::string_view(given))
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211u;
+    return static_cast<i64_t>(hash >> 1);
+}
+
+std::string NewIdentity() {
+    Mirel::UUID id;
+    Mirel::GenRandomValue(id);
+    return "made as " + Mirel::UUIDText(id);
 }
 
 }  // namespace
@@ -125,7 +144,7 @@ natsStatus Engine::Facts(const std::string& stream, StreamFacts& facts) const {
     jsErrCode code = jsErrCode(0);
     const natsStatus status = Take(info, js_GetStreamInfo, m_Context.get(), stream.c_str(), nullptr, &code);
     if (status != NATS_OK) return status;
-    facts.Created_ns = info->Created;
+    facts.Created_ns = IdentityOf(*info);
     facts.First = info->State.FirstSeq;
     facts.Last = info->State.LastSeq;
     facts.Messages = info->State.Msgs;
@@ -151,7 +170,9 @@ Result_t Engine::MakeStreams() {
         jsStreamConfig config;
         jsStreamConfig_Init(&config);
         const char* subjects[] = {subject.c_str()};
+        const std::string identity = NewIdentity();
         config.Name = name.c_str();
+        config.Description = identity.c_str();
         config.Subjects = subjects;
         config.SubjectsLen = 1;
         config.Storage = js_FileStorage;

@@ -11,7 +11,7 @@ namespace Cluster {
 
 /// What is known of a stream at one moment.
 struct StreamFacts {
-    i64_t Created_ns = 0;  // another one: the stream was made anew
+    i64_t Created_ns = 0;  // stands for the time it was made: another one: it was made anew
     ui64_t First = 0, Last = 0, Messages = 0, Bytes = 0;
     std::string Leader;
 };

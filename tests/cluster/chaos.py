@@ -73,8 +73,8 @@ class FeedClient(velmora_client.Client):
 
 
 class Chaos:
-    def __init__(self, folder, seed, seconds):
-        self.folder, self.seconds = folder, seconds
+    def __init__(self, folder, seed, seconds, only):
+        self.folder, self.seconds, self.only = folder, seconds, only
         self.random = random.Random(seed)
         self.failures = []
         self.ended = threading.Event()
@@ -250,6 +250,8 @@ class Chaos:
         actions = [self.kill_node, self.kill_postings_leader, self.kill_registry_leader, self.kill_connected_engine,
                    self.stop_node, self.delete_consumers, self.purge]
         end = time.monotonic() + self.seconds
+        if self.only:
+            actions = [action for action in actions if action.__name__ in self.only]
         first = list(actions)
         self.random.shuffle(first)
         while time.monotonic() < end:
@@ -380,6 +382,11 @@ class Chaos:
             return all(status == 200 for status, _ in found) and len({json.dumps(state, sort_keys=True) for _, state in found}) == 1
 
         self.settles("the replicas agree", agree, lambda: "")
+        if not agree():  # the nodes' copies, or the engine's own replicas?
+            for node in self.nodes:
+                print("    ", node.name, node.figures().get("registry_revision"), [len(entries) for entries in states()[0][1].values() if isinstance(entries, list)])
+            for engine in self.engines:
+                print("    ", engine.name, json.dumps(engine.streams().get(f"KV_{NAME}_registry", {}).get("state")))
         names = {event["event_name"] for event in states()[0][1]["event_list"]}
         lost = self.created - self.deleted - self.unsure_events - names
         kept = self.deleted & names
@@ -421,11 +428,12 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--seconds", type=int, default=180)
     parser.add_argument("--seed", type=int, default=random.randrange(1 << 30))
+    parser.add_argument("--only", nargs="*", help="names of what is done: kill_node, purge and so on")
     parser.add_argument("--keep", action="store_true", help="the folder with all logs")
     arguments = parser.parse_args()
     print(f"seed {arguments.seed}")
     folder = tempfile.mkdtemp(prefix="velmora-chaos-")
-    chaos = Chaos(folder, arguments.seed, arguments.seconds)
+    chaos = Chaos(folder, arguments.seed, arguments.seconds, arguments.only)
     try:
         chaos.run()
         chaos.judge()
