@@ -149,12 +149,14 @@ void Calls::Fetch(LoopThread& thread) {
         HeldSubscription subscription;
         m_ConsumerGone = false;
         if (Bind(subscription)) {
+            m_Subscription = std::move(subscription);
             auto heard = Clock::now();
             while (!thread.Stopping() && !m_ConsumerGone) {
-                if (FetchSome(thread, subscription.get()) || m_Pending == 0) heard = Clock::now();
+                if (FetchSome(thread, m_Subscription.get()) || m_Pending == 0) heard = Clock::now();
                 if (Clock::now() - heard > DeafLimit) break;
             }
         }
+        m_Subscription.reset();
         if (!thread.Stopping()) thread.Rest(milliseconds(200));
     }
 }
@@ -185,6 +187,11 @@ bool Calls::IsRepeated(const jsMsgMetaData& meta) const {
     return meta.NumDelivered > 1 || meta.Sequence.Stream <= m_AnewUpTo;
 }
 
+// A message answers through the subscription that it came with, which must be there as long.
+std::shared_ptr<natsMsg> Calls::Keep(HeldMessage message) const {
+    return {message.release(), [subscription = m_Subscription](natsMsg* kept) { natsMsg_Destroy(kept); }};
+}
+
 // Whether this delivery needs no call: the calls run here, or have ended, or have been given up.
 bool Calls::TakenUp(HeldMessage& message, const jsMsgMetaData& meta) {
     if (IsRepeated(meta)) ++m_Repeated;
@@ -193,7 +200,7 @@ bool Calls::TakenUp(HeldMessage& message, const jsMsgMetaData& meta) {
     const Place place(meta.Sequence.Stream, meta.Timestamp);
     const auto open = m_Open.find(place);
     if (open != m_Open.end()) {
-        open->second = std::shared_ptr<natsMsg>(message.release(), natsMsg_Destroy);
+        open->second = Keep(std::move(message));
         return true;
     }
     if (m_Acked.contains(place)) {
@@ -221,7 +228,7 @@ void Calls::Handle(LoopThread& thread, HeldMessage message) {
     const Place place(meta->Sequence.Stream, meta->Timestamp);
     {
         AutoMutex lock(m_Lock);
-        m_Open[place] = std::shared_ptr<natsMsg>(message.release(), natsMsg_Destroy);
+        m_Open[place] = Keep(std::move(message));
     }
     while (!thread.Stopping() && !m_Caller.KnowsRevision(posting->Revision)) {
     }

@@ -61,6 +61,7 @@ class Calls {
     bool MakeConsumer();
     bool FetchSome(LoopThread& thread, natsSubscription* subscription);
     void Handle(LoopThread& thread, HeldMessage message);
+    std::shared_ptr<natsMsg> Keep(HeldMessage message) const;
     bool TakenUp(HeldMessage& message, const jsMsgMetaData& meta);
     void Ended(const Place& place);
     void Report(LoopThread& thread);
@@ -84,6 +85,7 @@ class Calls {
     std::atomic<ui64_t> m_AnewUpTo{0};   // what a consumer that was made anew may bring once more
     std::atomic<i64_t> m_StreamCreated{0};
     std::atomic<bool> m_ConsumerGone{false};
+    std::shared_ptr<natsSubscription> m_Subscription;  // the fetching thread's
     LoopThread m_Report, m_Fetch;
 };
 

@@ -16,6 +16,7 @@ constexpr i64_t second_ns = 1000000000;
 constexpr i64_t MessageWait_ms = 500;
 constexpr milliseconds LookEvery{2000};  // at the stream, whether it is silent or we have become deaf
 constexpr milliseconds BackOff{200};
+constexpr milliseconds CatchUpLimit{10000};  // a replica brings the newest within
 
 }  // namespace
 
@@ -35,9 +36,19 @@ void StreamReader::Run(LoopThread& thread) {
 }
 
 // Learns where to begin where the stream is not the one that was read before.
+// A leader that has come after a kill may not have the newest yet: only where it stays away is it lost.
+bool StreamReader::LostItsEnd(const StreamFacts& facts) {
+    if (facts.Last >= m_Last) {
+        m_ShortSince = {};
+        return false;
+    }
+    if (m_ShortSince == Clock::time_point()) m_ShortSince = Clock::now();
+    return Clock::now() - m_ShortSince > CatchUpLimit;
+}
+
 bool StreamReader::LookAtStream(StreamFacts& facts) {
     if (m_Engine.Facts(m_Stream, facts) != NATS_OK) return false;
-    if (facts.Created_ns == m_Created_ns && facts.Last >= m_Last) return true;
+    if (facts.Created_ns == m_Created_ns && !LostItsEnd(facts)) return facts.Last >= m_Last;
     m_LastPerSubject = false;
     const ui64_t begin = m_User.Begin(facts);
     m_LastPerSubject = begin == 0;
@@ -91,7 +102,7 @@ void StreamReader::TakeMessage(HeldMessage message) {
 bool StreamReader::GoesOn(ui64_t last_then) {
     StreamFacts facts;
     if (m_Engine.Facts(m_Stream, facts) != NATS_OK) return true;  // the engine is away: nobody knows
-    if (facts.Created_ns != m_Created_ns || facts.Last < m_Last) return false;
+    if (facts.Created_ns != m_Created_ns || LostItsEnd(facts)) return false;
     const ui64_t behind = facts.Last - std::min(facts.Last, m_Last.load());
     m_Lag = behind;
     if (behind == 0) m_User.ReachedEnd(m_Last);

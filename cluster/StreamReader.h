@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <string>
 
 #include "Engine.h"
@@ -46,6 +47,7 @@ class StreamReader {
     void Run(LoopThread& thread);
     void ReadOn(LoopThread& thread);
     bool LookAtStream(StreamFacts& facts);
+    bool LostItsEnd(const StreamFacts& facts);
     bool Subscribe(HeldSubscription& subscription, const StreamFacts& facts);
     bool GoesOn(ui64_t last_then);
     void TakeMessage(HeldMessage message);
@@ -55,6 +57,7 @@ class StreamReader {
     IStreamUser& m_User;
     LoopThread m_Thread;
     i64_t m_Created_ns = 0;
+    std::chrono::steady_clock::time_point m_ShortSince;  // the stream's end is before what was received
     bool m_LastPerSubject = false;
     std::atomic<ui64_t> m_Last{0}, m_Lag{0};
 };
