@@ -184,6 +184,17 @@ Sent Registry::Store(const std::vector<Put>& puts, ui64_t revision, const std::s
     return sent;
 }
 
+// Nothing is refused over what another node has changed meanwhile. Where there is more, or nobody answers,
+// that is waited for a moment.
+bool Registry::IsNewest(ui64_t revision, Publisher::Time deadline) {
+    StreamFacts facts;
+    const bool known = m_Engine.Facts(m_Engine.Names().Registry, facts) == NATS_OK;
+    if (known && facts.Last <= revision) return true;
+    const ui64_t next = known ? facts.Last : revision + 1;
+    (void)WaitFor(next, std::min(deadline, Clock::now() + std::chrono::milliseconds(500)));
+    return false;
+}
+
 Velmora::Status_t Registry::Change(const Decide& decide, Publisher::Time deadline, Sent& sent) {
     AutoMutex change(m_ChangeLock);
     if (!WaitUntilRead(deadline)) {
@@ -199,7 +210,12 @@ Velmora::Status_t Registry::Change(const Decide& decide, Publisher::Time deadlin
             decision = decide(m_Documents);
         }
         sent = Sent();
-        if (decision.Puts.empty()) return decision.Status;
+        if (decision.Puts.empty()) {
+            if (IsNewest(revision, deadline)) return decision.Status;
+            if (Clock::now() < deadline) continue;
+            sent = {Sent::Fate::Unavailable, 0, "the registry's newest revision is not known"};
+            return Velmora::STATUS_503_NO_SERVICE;
+        }
         const std::string id = NewId();
         {
             AutoMutex lock(m_Lock);

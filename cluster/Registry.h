@@ -72,6 +72,7 @@ class Registry : private IStreamUser {
 
     void ApplyOne(const std::string& key, std::optional<PListDict> after);
     void Reached(ui64_t revision);
+    bool IsNewest(ui64_t revision, Publisher::Time deadline);
     Sent Store(const std::vector<Put>& puts, ui64_t revision, const std::string& id,
                Publisher::Time deadline);
     Sending SendingOf(const Put& put) const;

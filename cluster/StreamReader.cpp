@@ -78,6 +78,7 @@ bool StreamReader::Subscribe(HeldSubscription& subscription, const StreamFacts& 
         Mirel::DefaultLogSink().Debug("Reading %s: %s\n", m_Stream.c_str(), ReasonOf(status).c_str());
         return false;
     }
+    m_Newest = facts.Last;
     // What was removed at the stream's end never comes. Only the whole stream's emptiness says so: the
     // consumer may read from a replica that does not have the newest yet, and has nothing pending either.
     if (facts.Messages == 0) {
@@ -94,7 +95,7 @@ void StreamReader::TakeMessage(HeldMessage message) {
     m_User.Receive({message.get(), meta->Sequence.Stream, meta->Timestamp});
     m_Last = meta->Sequence.Stream;
     m_Lag = meta->NumPending;
-    if (meta->NumPending == 0) m_User.ReachedEnd(m_Last);
+    if (meta->NumPending == 0 && m_Last >= m_Newest) m_User.ReachedEnd(m_Last);
 }
 
 // False where this subscription will not bring what the stream holds. `last_then`: what had been received at

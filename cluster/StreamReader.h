@@ -59,6 +59,7 @@ class StreamReader {
     i64_t m_Created_ns = 0;
     std::chrono::steady_clock::time_point m_ShortSince;  // the stream's end is before what was received
     bool m_LastPerSubject = false;
+    ui64_t m_Newest = 0;  // when it was subscribed: a replica that lags has nothing pending before
     std::atomic<ui64_t> m_Last{0}, m_Lag{0};
 };
 
