@@ -1,8 +1,7 @@
 """Starts three nats-servers and three nodes and lets latency.mjs measure; prints what it prints, and what a node needs
-of memory beside a single server. Usage: latency.py [COUNT]"""
+of memory beside a single server. Usage, behind a run of tests/cluster/run.sh: latency.py [COUNT]"""
 
 import json
-import os
 import pathlib
 import re
 import shutil
@@ -10,7 +9,10 @@ import subprocess
 import sys
 import tempfile
 
-import support
+HERE = pathlib.Path(__file__).resolve().parent
+CLIENT = HERE.parents[1] / "build/cluster"  # where tests/cluster/run.sh has installed the engine's client
+sys.path.insert(0, str(HERE.parents[1] / "tests/cluster"))
+import support  # noqa: E402
 
 
 def memory_mb(process):
@@ -35,7 +37,7 @@ def main():
             support.eventually("the node is ready", node.ready)
         single.run([support.SERVER])
         nodes[0].call("POST", "/events", {"event_name": "e"})
-        subprocess.run(["node", os.environ["NATS_CLIENT"].replace("nats-client", "latency"), urls[0], str(nodes[0].port), str(nodes[1].port), "e",
+        subprocess.run(["node", shutil.copy(HERE / "latency.mjs", CLIENT), urls[0], str(nodes[0].port), str(nodes[1].port), "e",
                         *sys.argv[1:]], check=True)
         print(json.dumps({"node_mb": round(memory_mb(nodes[2]), 1), "single_mb": round(memory_mb(single), 1)}))
     finally:

@@ -1,18 +1,10 @@
 #!/usr/bin/env bash
 # What a cluster promises, over real nats-servers on loopback: two nodes and what becomes of them, other people's clients, an
-# engine that asks for a password and TLS, and a short form of the chaos: nodes are killed and
-# stopped, consumers deleted, postings purged. chaos.sh kills the engine's servers as well, after which Debian 12's does not
-# always keep its own replicas alike. VELMORA_SERVER names another server than the
-# release build's.
+# engine that asks for a password and TLS, and a short form of the chaos: nodes are killed and stopped, consumers deleted,
+# postings purged. chaos.sh kills the engine's servers as well, after which Debian 12's does not always keep its own replicas
+# alike. VELMORA_SERVER names another server than the release build's.
 set -euo pipefail
-here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-root="$here/../.."
-if [ -z "${VELMORA_SERVER:-}" ]; then
-    "$root/.ci/install-packages" build checks
-    "$root/.ci/build" release velmora-server
-    VELMORA_SERVER="$root/build/release/server/velmora-server"
-fi
-export VELMORA_SERVER
+source "$(dirname "${BASH_SOURCE[0]}")/server.sh"
 command -v npm >/dev/null || "$root/.ci/install-packages" node
 
 work="$root/build/cluster"
