@@ -161,7 +161,8 @@ void Calls::Fetch(LoopThread& thread) {
     }
 }
 
-// One is waited for, then what is there: a batch would wait until it is full. False where nothing came.
+// One is waited for, then what is there, where there is more: a batch would wait until it is full. False
+// where nothing came.
 bool Calls::FetchSome(LoopThread& thread, natsSubscription* subscription) {
     const std::size_t room = Room();
     if (room == 0) {
@@ -173,13 +174,13 @@ bool Calls::FetchSome(LoopThread& thread, natsSubscription* subscription) {
     const natsStatus status = natsSubscription_Fetch(first.List(), subscription, 1, 1000, &code);
     if (status != NATS_OK && status != NATS_TIMEOUT) thread.Rest(milliseconds(200));
     if (first.Size() == 0) return false;
-    Handle(thread, first.TakeAt(0));
+    if (!Handle(thread, first.TakeAt(0))) return true;
     jsFetchRequest request;
     jsFetchRequest_Init(&request);
     request.Batch = static_cast<int>(std::min(room, MostAtOnce));
     request.NoWait = true;
     (void)natsSubscription_FetchRequest(more.List(), subscription, &request);
-    for (int i = 0; i < more.Size(); ++i) Handle(thread, more.TakeAt(i));
+    for (int i = 0; i < more.Size(); ++i) (void)Handle(thread, more.TakeAt(i));
     return true;
 }
 
@@ -216,16 +217,22 @@ bool Calls::TakenUp(HeldMessage& message, const jsMsgMetaData& meta) {
     return true;
 }
 
-void Calls::Handle(LoopThread& thread, HeldMessage message) {
+// Whether more is pending at the engine.
+bool Calls::Handle(LoopThread& thread, HeldMessage message) {
     HeldMetaData meta;
-    if (Take(meta, natsMsg_GetMetaData, message.get()) != NATS_OK || TakenUp(message, *meta)) return;
+    if (Take(meta, natsMsg_GetMetaData, message.get()) != NATS_OK) return true;
+    if (!TakenUp(message, *meta)) Begin(thread, std::move(message), *meta);
+    return meta->NumPending > 0;
+}
+
+void Calls::Begin(LoopThread& thread, HeldMessage message, const jsMsgMetaData& meta) {
     std::string why;
-    const auto posting = ReadPosting(m_Engine, message.get(), meta->Timestamp, why);
+    const auto posting = ReadPosting(m_Engine, message.get(), meta.Timestamp, why);
     if (!posting) {  // counted and logged where the feed reads it
         (void)natsMsg_Term(message.get(), nullptr);
         return;
     }
-    const Place place(meta->Sequence.Stream, meta->Timestamp);
+    const Place place(meta.Sequence.Stream, meta.Timestamp);
     {
         AutoMutex lock(m_Lock);
         m_Open[place] = Keep(std::move(message));
@@ -241,7 +248,8 @@ void Calls::Handle(LoopThread& thread, HeldMessage message) {
         return;
     }
     ++m_Running;
-    const std::shared_ptr<void> token(nullptr, [this, place](void*) { Ended(place); });
+    // Not null: whoever makes the calls holds what is there.
+    const std::shared_ptr<void> token(this, [this, place](void*) { Ended(place); });
     m_Caller.Call(posting->Payload, token);
 }
 

@@ -60,7 +60,8 @@ class Calls {
     bool Bind(HeldSubscription& subscription);
     bool MakeConsumer();
     bool FetchSome(LoopThread& thread, natsSubscription* subscription);
-    void Handle(LoopThread& thread, HeldMessage message);
+    bool Handle(LoopThread& thread, HeldMessage message);
+    void Begin(LoopThread& thread, HeldMessage message, const jsMsgMetaData& meta);
     std::shared_ptr<natsMsg> Keep(HeldMessage message) const;
     bool TakenUp(HeldMessage& message, const jsMsgMetaData& meta);
     void Ended(const Place& place);

@@ -89,6 +89,7 @@ Result_t Engine::SetOptions(natsOptions* options, bool wait) {
         status = natsOptions_LoadCertificatesChain(options, own.CertFile.c_str(), own.KeyFile.c_str());
     if (status != NATS_OK) return Failure("TLS towards the engine cannot be set up", status);
     natsOptions_SetName(options, ("velmora-server " + own.Node).c_str());
+    natsOptions_SetSendAsap(options, true);  // otherwise the client waits a millisecond for more to send
     natsOptions_SetTimeout(options, RequestLimit_ms);
     natsOptions_SetAllowReconnect(options, true);
     natsOptions_SetMaxReconnect(options, -1);

@@ -336,6 +336,26 @@ TEST_F(ClusterNodeTest, ListenersAreCalledOnceWhateverIsTakenAwayFromTheReaders)
     EXPECT_TRUE(Eventually([] { return HistoryOf(A()) == HistoryOf(B()); }));
 }
 
+TEST_F(ClusterNodeTest, APostingIsOpenUntilItsCallsHaveEnded) {
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
+    Testing::HttpTestServer listener([released](Testing::TestConnection& connection) {
+        connection.ReadRequest();
+        released.wait();
+        (void)connection.Write("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    });
+    UUID id;
+    ASSERT_EQ(AtA().CreateEvent("long", nullptr), Velmora::STATUS_201_CREATED);
+    ASSERT_EQ(AtA().CreateEventListener("long", listener.Url(), nullptr, id), Velmora::STATUS_201_CREATED);
+    ASSERT_EQ(Post(A(), "long", "").What, Fate::Stored);
+    EXPECT_TRUE(Eventually([&] { return listener.Requests().size() == 1; }));
+    const auto running = [] { return A().Figures().RunningCalls + B().Figures().RunningCalls; };
+    EXPECT_EQ(running(), 1u);
+    release.set_value();
+    EXPECT_TRUE(Eventually([&] { return running() == 0; }));
+    EXPECT_EQ(listener.Requests().size(), 1u);
+}
+
 TEST_F(ClusterNodeTest, AnEngineThatIsAwayIsSaidAndComesBack) {
     ASSERT_EQ(Post(A(), "seeded", "{}").What, Fate::Stored);
     Engine().Kill();
