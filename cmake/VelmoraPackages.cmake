@@ -49,7 +49,7 @@ if(VELMORA_SERVER)
   install(DIRECTORY docs/ DESTINATION share/doc/velmora-server COMPONENT server FILES_MATCHING PATTERN "*.md"
           PATTERN screenshots EXCLUDE PATTERN plots EXCLUDE)
   install(FILES CHANGELOG.md DESTINATION share/doc/velmora-server COMPONENT server)
-  install(DIRECTORY examples DESTINATION share/doc/velmora-server COMPONENT server)
+  install(DIRECTORY examples DESTINATION share/doc/velmora-server USE_SOURCE_PERMISSIONS COMPONENT server)
 endif()
 
 if(TARGET velmora-terminal)

@@ -1,6 +1,7 @@
 // Broadcasting to many WebSocket clients from one shared log of ready-made frames.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -110,6 +111,10 @@ class MR_EXPORT TCPSession {
     /// A reader inside the process, which the log calls `name`. Without a reader the session is empty.
     static TCPSession Reader(std::unique_ptr<BroadcastReader> reader, const std::string& name);
 
+    /// Ties a connection to a right that may be taken back: once `*ended` is true it gets no further posting,
+    /// and is closed with code 1008. Who sets it calls DismissWebSocketClients(). Not for readers.
+    void LeaveWhen(std::shared_ptr<const std::atomic<bool>> ended);
+
     /// Whether it holds nothing.
     bool Empty() const;
 
@@ -207,6 +212,10 @@ struct BroadcastCounters {
 };
 /// The counters as they are now, each for itself. May be called from any thread.
 MR_EXPORT BroadcastCounters GetBroadcastCounters();
+
+/// Has every broadcaster of the process look at once whose right has been taken back (TCPSession::LeaveWhen).
+/// Does not wait for it.
+MR_EXPORT void DismissWebSocketClients();
 
 /// CloseAll() on every broadcaster of the process, for the end of a server.
 MR_EXPORT void CloseAllWebSocketClients();

@@ -9,6 +9,7 @@
 
 #include "LocalAccessManager.h"
 #include "MR_text.h"
+#include "VL_WebSocket.h"
 
 namespace Server {
 
@@ -84,9 +85,28 @@ bool UnderApi(std::string_view path) {
     return !decoded || Lowered(*decoded).substr(0, 3) == "api" || decoded->substr(0, 1) == ".";
 }
 
-std::vector<Caller> Holders(const std::vector<AccessToken>& tokens) {
+// A caller that may be told to leave, alike and at the same time as one from before who has the same token
+// and saw no more.
+Caller Revocable(AccessToken token, const std::vector<Caller>& before) {
+    const auto goes_on = [&](const Caller& former) {
+        return former->Digest == token.Digest && token.SeesAllOf(*former);
+    };
+    const auto found = std::find_if(before.begin(), before.end(), goes_on);
+    token.Ended = found == before.end() ? std::make_shared<std::atomic<bool>>(false) : (*found)->Ended;
+    return std::make_shared<const AccessToken>(std::move(token));
+}
+
+// Who has the token, or all where it is empty and none is wanted.
+Caller HolderOfAll(const std::string& name, const std::string& token, const std::vector<Caller>& before) {
+    AccessToken all;
+    all.Name = name;
+    if (!token.empty()) all.Digest = TokenDigest(token);
+    return Revocable(std::move(all), before);
+}
+
+std::vector<Caller> Holders(const std::vector<AccessToken>& tokens, const std::vector<Caller>& before) {
     std::vector<Caller> holders;
-    for (const AccessToken& token : tokens) holders.push_back(std::make_shared<const AccessToken>(token));
+    for (const AccessToken& token : tokens) holders.push_back(Revocable(token, before));
     return holders;
 }
 
@@ -148,16 +168,37 @@ std::optional<std::string> DecodeBase64Url(std::string_view text) {
     return bytes;
 }
 
-AccessPolicy::AccessPolicy(const HttpServerOptions& options)
+AccessPolicy::AccessPolicy(const HttpServerOptions& options, const AccessPolicy* before)
+    : AccessPolicy(options, before == nullptr ? std::vector<Caller>() : before->Callers()) {}
+
+AccessPolicy::AccessPolicy(const HttpServerOptions& options, const std::vector<Caller>& before)
     : m_Token(options.AccessToken),
-      m_TokenHolder(CallerWithAllRights("AccessToken")),
-      m_Holders(Holders(options.AccessTokens)),
+      m_TokenHolder(m_Token.empty() ? nullptr : HolderOfAll("AccessToken", m_Token, before)),
+      m_Holders(Holders(options.AccessTokens, before)),
       m_Self(CallerWithAllRights("(this server)")),
-      m_Anybody(options.Guarded() ? nullptr : CallerWithAllRights("")),
+      m_Anybody(options.Guarded() ? nullptr : HolderOfAll("", "", before)),
       m_Secure(!options.TLSIdentity.empty()),
       m_AllowedHosts(AllowedHosts(options)),
       m_AllowedOrigins(options.AllowedOrigins),
       m_BoundHost(BoundHost(options)) {}
+
+// All that may be told to leave.
+std::vector<Caller> AccessPolicy::Callers() const {
+    std::vector<Caller> callers = m_Holders;
+    for (const Caller& caller : {m_TokenHolder, m_Anybody})
+        if (caller) callers.push_back(caller);
+    return callers;
+}
+
+void AccessPolicy::DismissFormer(const AccessPolicy& before) const {
+    const std::vector<Caller> present = Callers();
+    for (const Caller& former : before.Callers()) {
+        const bool stays = std::any_of(present.begin(), present.end(),
+                                       [&](const Caller& caller) { return caller->Ended == former->Ended; });
+        if (!stays) former->Ended->store(true, std::memory_order_release);
+    }
+    Velmora::DismissWebSocketClients();
+}
 
 bool AccessPolicy::FromOtherOrigin(const RequestHead& head) const {
     if (m_AllowedOrigins.empty() || head.Count(Field::Origin) != 1) return false;

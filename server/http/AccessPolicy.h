@@ -21,7 +21,12 @@ inline constexpr std::string_view BearerProtocol = "bearer.";
 /// Decides from a request's head whether it is let in. Immutable, so usable from any thread.
 class AccessPolicy {
   public:
-    explicit AccessPolicy(const HttpServerOptions& options);
+    /// `before`: the one in whose place it comes; null: none. Callers whose token goes on to let them see as
+    /// much stay; for the others see DismissFormer().
+    explicit AccessPolicy(const HttpServerOptions& options, const AccessPolicy* before = nullptr);
+
+    /// Once this has taken the place of `before`: has those leave the feed whose token is gone, or for less.
+    void DismissFormer(const AccessPolicy& before) const;
 
     /// The refusal (400, 401, 403, 421), or nothing where the request may go on. `path` is the target's path;
     /// `authority` that of an absolute target, which then stands for the Host field. `caller` is who asks,
@@ -35,6 +40,9 @@ class AccessPolicy {
     Fields ForOtherOrigin(const RequestHead& head) const;
 
   private:
+    AccessPolicy(const HttpServerOptions& options, const std::vector<Caller>& before);
+
+    std::vector<Caller> Callers() const;
     bool FromOtherOrigin(const RequestHead& head) const;
     bool IsPreflight(const RequestHead& head) const;
     bool NamedByOperator(std::string_view host) const;
@@ -45,7 +53,7 @@ class AccessPolicy {
     Caller HolderOffered(const RequestHead& head) const;
 
     const std::string m_Token;
-    const Caller m_TokenHolder;                     // who has that one
+    const Caller m_TokenHolder;                     // who has that one; null: there is none
     const std::vector<Caller> m_Holders;            // those of the further tokens
     const Caller m_Self;                            // this process
     const Caller m_Anybody;                         // who calls where no token is wanted; otherwise null

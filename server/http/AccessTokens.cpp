@@ -21,15 +21,17 @@ bool IsPrefix(std::string_view pattern) {
     return pattern.ends_with('*');
 }
 
+// Whether whatever fits the one pattern fits the other.
+bool Covers(std::string_view wide, std::string_view narrow) {
+    if (!IsPrefix(wide)) return wide == narrow;
+    if (IsPrefix(narrow)) narrow.remove_suffix(1);
+    return narrow.starts_with(wide.substr(0, wide.size() - 1));
+}
+
 // The narrower of two patterns, where one covers the other; otherwise nothing.
 std::optional<std::string> Common(const std::string& one, const std::string& other) {
-    const auto covers = [](std::string_view wide, std::string_view narrow) {
-        if (!IsPrefix(wide)) return wide == narrow;
-        if (IsPrefix(narrow)) narrow.remove_suffix(1);
-        return narrow.starts_with(wide.substr(0, wide.size() - 1));
-    };
-    if (covers(one, other)) return other;
-    if (covers(other, one)) return one;
+    if (Covers(one, other)) return other;
+    if (Covers(other, one)) return one;
     return std::nullopt;
 }
 
@@ -54,6 +56,15 @@ bool AccessToken::MayUse(std::string_view event_name) const {
     return Events.empty() || std::any_of(Events.begin(), Events.end(), [&](const std::string& pattern) {
                return PatternFits(pattern, event_name);
            });
+}
+
+bool AccessToken::SeesAllOf(const AccessToken& other) const {
+    const auto sees = [&](const std::string& narrow) {
+        return std::any_of(Events.begin(), Events.end(),
+                           [&](const std::string& wide) { return Covers(wide, narrow); });
+    };
+    if (Events.empty()) return true;
+    return !other.Events.empty() && std::all_of(other.Events.begin(), other.Events.end(), sees);
 }
 
 std::optional<std::vector<std::string>> AccessToken::Narrowed(const std::vector<std::string>& wanted,

@@ -1,6 +1,7 @@
 // Access tokens: who calls, and what for.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,7 +33,12 @@ struct AccessToken {
     std::string Source;               // the configuration's key that gave it
     std::string File;                 // where the token was read; empty: nowhere
 
+    /// Set once it lets nobody in any more, or for less; null where that is not kept.
+    std::shared_ptr<std::atomic<bool>> Ended;
+
     bool MayUse(std::string_view event_name) const;
+    /// Whether it lets see whatever the other, of the same holder, does.
+    bool SeesAllOf(const AccessToken& other) const;
     /// What is left of the wanted patterns (none: all) for this token: the narrower of two that overlap.
     /// Nothing where one of them has nothing in common with the token's, which `refused` then is.
     std::optional<std::vector<std::string>> Narrowed(const std::vector<std::string>& wanted,

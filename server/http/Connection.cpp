@@ -183,7 +183,7 @@ bool Connection::GiveUp(const std::exception& failure) {
 void Connection::HandOver() {
     const std::string peer = m_Stream.Peer();
     Deregister();
-    HandOverToFeed(std::move(m_Stream), peer, m_Input.Unread(), std::move(m_FeedWish));
+    HandOverToFeed(std::move(m_Stream), peer, m_Input.Unread(), std::move(m_FeedWish), m_FeedCaller);
 }
 
 void Connection::Deregister() {

@@ -93,6 +93,7 @@ class Connection {
     HttpRoute m_Route;        // of the request whose head is there
     FeedPlaces::Place m_FeedPlace;
     std::optional<Velmora::FeedWish> m_FeedWish;  // of a subscriber that is on its way to the feed
+    Caller m_FeedCaller;                          // who lets it in
     HttpRequest m_Request;                        // the one that is answered
     std::shared_ptr<LaterAnswer> m_Later;         // the answer to it, where that comes later
     Clock::time_point m_Began;                    // when it was there as a whole; none yet: time_point()

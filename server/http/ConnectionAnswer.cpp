@@ -196,6 +196,7 @@ Connection::Step Connection::Upgrade() {
     m_Output.Append(events ? EventStreamHead(m_Shared.Policy.Get()->ForOtherOrigin(head))
                            : SwitchingProtocols(head));
     CountAnswer(events ? Velmora::STATUS_200_OK : Velmora::STATUS_101_SWITCHING, 0);
+    m_FeedCaller = m_Route.Caller;
     m_UpgradeAfter = true;
     return FinishRequest();
 }

@@ -168,10 +168,11 @@ HttpResponse FeedIsFull(std::size_t most) {
 }
 
 void HandOverToFeed(Velmora::SocketStream stream, const std::string& peer, std::string_view received,
-                    std::optional<Velmora::FeedWish> wish) {
+                    std::optional<Velmora::FeedWish> wish, const Caller& caller) {
     using Velmora::TCPSession;
     TCPSession session = wish ? TCPSession::Subscriber(std::move(stream), peer, received, std::move(*wish))
                               : TCPSession::WebSocket(std::move(stream), peer, received);
+    if (caller) session.LeaveWhen(caller->Ended);
     EventManager::GlobalEventQueue().AdoptWsClient(session);
 }
 

@@ -62,9 +62,9 @@ class FeedPlaces {
 HttpResponse FeedIsFull(std::size_t most);
 
 /// Hands the connection to the live queue, which sends it every posting from now on; `received` is what the
-/// client has sent behind its request, `wish` what a subscriber has asked for. The connection is closed where
-/// there is no queue to take it.
+/// client has sent behind its request, `wish` what a subscriber has asked for, `caller` who lets it in. The
+/// connection is closed where there is no queue to take it.
 void HandOverToFeed(Velmora::SocketStream stream, const std::string& peer, std::string_view received,
-                    std::optional<Velmora::FeedWish> wish);
+                    std::optional<Velmora::FeedWish> wish, const Caller& caller);
 
 }  // namespace Server

@@ -136,7 +136,10 @@ Mirel::Result_t HttpServer::Impl::TakeAnew(const HttpServerOptions& options) {
         if (loaded.Failure()) return loaded;
         m_Shared.Identity.Set(std::move(identity));
     }
-    m_Shared.Policy.Set(std::make_shared<const AccessPolicy>(taken));
+    const std::shared_ptr<const AccessPolicy> before = m_Shared.Policy.Get();
+    const auto policy = std::make_shared<const AccessPolicy>(taken, before.get());
+    m_Shared.Policy.Set(policy);
+    policy->DismissFormer(*before);
     m_Shared.AccessLog = options.AccessLog;
     return Mirel::RESULT_OK;
 }

@@ -95,6 +95,67 @@ class Reload(support.Case):
         self.assertEqual((status, answer["needs_restart"]), (200, ["/BindAddress/TLSIdentity"]))
         self.assertNotEqual(seen, None)
 
+    def listen(self, server, token, path, **fields):
+        """A connection that the feed has been asked on, as a file to read from behind the answer's head."""
+        connection = socket.create_connection(("127.0.0.1", server.port), support.PATIENCE_SEC)
+        self.addCleanup(connection.close)
+        fields = {"Host": "localhost", "Authorization": "Bearer " + token, **fields}
+        head = "GET %s HTTP/1.1\r\n%s\r\n" % (path, "".join("%s: %s\r\n" % (n.replace("_", "-"), v) for n, v in fields.items()))
+        connection.sendall(head.encode())
+        reading = connection.makefile("rb")
+        self.addCleanup(reading.close)
+        status = int(reading.readline().split()[1])
+        while reading.readline().strip():
+            pass
+        return status, reading
+
+    def websocket(self, server, token, protocol):
+        status, reading = self.listen(server, token, "/api/v1/feed", Upgrade="websocket", Connection="Upgrade",
+                                      Sec_WebSocket_Version=13, Sec_WebSocket_Key="dGhlIHNhbXBsZSBub25jZQ==",
+                                      Sec_WebSocket_Protocol=protocol)
+        self.assertEqual(status, 101)
+        return reading
+
+    def frame(self, reading):
+        """Opcode and payload of a short frame."""
+        first, size = reading.read(2)
+        if size == 126:
+            size = int.from_bytes(reading.read(2), "big")
+        return first & 15, reading.read(size)
+
+    def test_whose_token_is_gone_or_narrowed_leaves_the_feed_and_nobody_else(self):
+        def tokens(**events):
+            self.config.write_text(json.dumps({"BindAddress": {"ListenPort": 0}, "Log": {"Level": "notice"}, "AccessTokens": [
+                {"Name": "a", "Token": "admin", "Role": "admin"}] + [
+                    {"Name": name, "Token": name, "Role": "read", **({"Events": those} if those else {})}
+                    for name, those in events.items()]}))
+
+        tokens(gone=[], narrowed=["order.*"], widened=["order.new"])
+        server = self.serve(self.config)
+        admin = {"Authorization": "Bearer admin", "Content-Type": "application/json"}
+        self.assertEqual(server.call("POST", "/api/v1/events", {"event_name": "order.new"}, admin)[0], 201)
+        leaving = [self.websocket(server, "gone", "velmora.feed.v1"), self.websocket(server, "narrowed", "velmora.feed.v2")]
+        stream = self.listen(server, "gone", "/api/v1/feed/sse")[1]
+        staying = [self.websocket(server, "widened", "velmora.feed.v2"), self.websocket(server, "admin", "velmora.feed.v2")]
+        for reading in [leaving[1], *staying]:
+            self.assertEqual(self.frame(reading)[0], 1)  # where it stands
+        tokens(narrowed=["order.new"], widened=["order.*", "stock"])
+        self.assertEqual(server.call("POST", "/api/v1/reload", None, admin)[0], 200)
+        self.assertEqual(server.call("POST", "/api/v1/events/order.new", {"after": "the reload"}, admin)[0], 202)
+        for reading in leaving:
+            self.assertEqual(self.frame(reading), (8, b"\x03\xf0access taken back"))
+        text = stream.read().decode()  # to its end
+        self.assertTrue(text.endswith(": closed 1008 access taken back\n\n"), text)
+        self.assertNotIn("after", text)
+        for reading in staying:
+            self.assertIn(b'"after":"the reload"', self.frame(reading)[1])
+        support.eventually(lambda: sum("access was taken back" in line for line in list(server.output)) == 3, "they are named")
+        self.config.write_text(json.dumps({"BindAddress": {"ListenPort": 0}, "AccessToken": "admin"}))  # in another place
+        self.assertEqual(server.call("POST", "/api/v1/reload", None, admin)[0], 200)
+        self.assertEqual(self.frame(staying[0])[0], 8)
+        self.assertEqual(server.call("POST", "/api/v1/events/order.new", {"to": "the last"}, admin)[0], 202)
+        self.assertIn(b'"to":"the last"', self.frame(staying[1])[1])
+
     def test_a_certificate_that_changes_is_taken_without_a_word(self):
         self.certify("first")
         self.write()

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# run.sh [PACKAGES]: the Debian packages as their users meet them: looked at by lintian, then in a bare Debian 12
+# run.sh [PACKAGES]: the Debian packages as their users meet them: as they are made (check.sh), then in a bare Debian 12
 # installed, run, upgraded over, removed and purged. Builds them first where no directory with them is given. Wants root,
 # lintian and debootstrap; MIRROR may name Debian's mirror. The bare Debian is kept in build/bare.tar for the next time.
 set -euo pipefail
@@ -9,19 +9,14 @@ packages="${1:-}"
 complain() { echo "$*" >&2 && exit 1; }
 [ "$(id -u)" -eq 0 ] || complain "debootstrap wants root."
 
-echo "==== lintian"
-# Whose licence it is, is not decided; nobody has asked for an upload to Debian (no bug number, any address).
-lintian --allow-root --fail-on error --suppress-tags bogus-mail-host,initial-upload-closes-no-bugs "$packages"/*.deb
+echo "==== Made"
+tests/packaging/check.sh "$packages"
 
 echo "==== A bare Debian 12"
 root="$(mktemp -d)"
 trap 'umount "$root/proc" 2>/dev/null || true; rm -rf "$root"' EXIT
-if [ ! -e build/bare.tar ]; then
-    debootstrap --variant=minbase bookworm "$root" "${MIRROR:-http://deb.debian.org/debian}" >build/debootstrap.log
-    tar -C "$root" --one-file-system -cf build/bare.tar .
-else
-    tar -C "$root" -xf build/bare.tar
-fi
+tests/packaging/bare.sh
+tar -C "$root" -xf build/bare.tar
 mount -t proc proc "$root/proc"
 cp /etc/resolv.conf "$root/etc/"
 mkdir "$root/packages"

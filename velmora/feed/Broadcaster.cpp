@@ -69,6 +69,7 @@ std::unique_ptr<FeedClient> Broadcaster::MakeClient(Connection& from) {
         return std::make_unique<ReaderClient>(m_Log, std::move(from.Reader), std::move(from.Name));
     auto client = std::make_unique<SocketClient>(m_Log, std::move(from.Socket), std::move(from.Name),
                                                  std::move(from.Received), m_Limits);
+    client->LeaveWhen(std::move(from.Ended));
     // What comes between its place in the log, which it has now, and the one in the history, it gets from
     // there.
     if (from.Wish) client->Subscribe(*from.Wish, *m_Replays);
@@ -102,6 +103,10 @@ void Broadcaster::LoseClients() {
     Mirel::DefaultLogSink().Error(
         "No memory to broadcast a posting: the WebSocket clients are disconnected.\n");
     AskClose();
+}
+
+void Broadcaster::AskLook() {
+    if (const std::shared_ptr<FeedLoop> loop = PresentLoop()) loop->AskLook();
 }
 
 std::uint64_t Broadcaster::AskClose() {

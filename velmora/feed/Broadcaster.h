@@ -1,6 +1,7 @@
 // What stands behind a WebSocketBroadcastManager: the log, and the loop that is started for the first client.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -22,8 +23,9 @@ namespace Velmora::Feed {
 struct Connection {
     SocketStream Socket;
     std::string Received;
-    std::unique_ptr<BroadcastReader> Reader;  // null for a connection
-    std::optional<FeedWish> Wish;             // a subscriber's
+    std::unique_ptr<BroadcastReader> Reader;         // null for a connection
+    std::optional<FeedWish> Wish;                    // a subscriber's
+    std::shared_ptr<const std::atomic<bool>> Ended;  // whether what lets it in was taken back; null: never
     std::string Name;
 };
 
@@ -49,6 +51,8 @@ class Broadcaster {
     /// For a posting that cannot be broadcast: nobody is passed over without noticing it.
     void LoseClients();
 
+    /// Has clients leave at once whose right was taken back.
+    void AskLook();
     /// Has all present clients leave; what AwaitClose() waits for, 0 where there was never a client.
     std::uint64_t AskClose();
     void AwaitClose(std::uint64_t ticket);

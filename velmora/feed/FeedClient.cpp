@@ -55,6 +55,7 @@ bool SocketClient::Begin(Time now) {
 }
 
 FeedClient::Turn SocketClient::TakeTurn(const LogEnd& log_end, Time now) {
+    CheckRight(now);
     if (m_Phase == Phase::Gone) return Turn::Gone;
     const LogEnd end = m_Phase == Phase::Draining ? m_Until : log_end;
     m_WasBlocked = std::exchange(m_Blocked, false);
@@ -222,6 +223,15 @@ void SocketClient::FallBehind(Time now) {
     StartClosing(CLOSE_TRY_AGAIN_LATER, "too slow", now + m_Limits.Timeout);
 }
 
+// Before each turn: what is posted after the right has ended is not sent.
+void SocketClient::CheckRight(Time now) {
+    if (!m_Ended || !m_Ended->load(std::memory_order_acquire)) return;
+    if (m_Phase != Phase::Open && m_Phase != Phase::Draining) return;
+    Mirel::DefaultLogSink().Notice("WebSocket client %s is disconnected: its access was taken back.\n",
+                                   Name());
+    StartClosing(CLOSE_NOT_ALLOWED, "access taken back", now + m_Limits.Timeout);
+}
+
 void SocketClient::StartClosing(std::uint16_t code, const char* reason, Time deadline) {
     TakesEvents() ? AppendFarewell(m_Control, code, reason) : AppendCloseFrame(m_Control, code, reason);
     m_Deadline = m_Phase == Phase::Draining ? std::min(m_Deadline, deadline) : deadline;
@@ -235,6 +245,7 @@ void SocketClient::EndSlow(const char* why) {
 }
 
 void SocketClient::Tick(Time now) {
+    CheckRight(now);
     if (m_Phase == Phase::Open) {
         CheckProgress(now);
         CheckAlive(now);

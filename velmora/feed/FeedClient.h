@@ -2,6 +2,7 @@
 // process.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -9,6 +10,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "VL_Socket.h"
 #include "VL_WebSocket.h"
@@ -122,6 +124,8 @@ class SocketClient final : public FeedClient {
     SocketClient(FrameLog& log, SocketStream stream, std::string peer, std::string received,
                  const ClientLimits& limits);
 
+    /// Has it leave once `*ended` (may be null) is true. Before Begin().
+    void LeaveWhen(std::shared_ptr<const std::atomic<bool>> ended) { m_Ended = std::move(ended); }
     /// Makes a subscriber of it, before Begin(). Its place in the log is there before the one in the history.
     void Subscribe(const FeedWish& wish, Replays& replays);
 
@@ -176,6 +180,7 @@ class SocketClient final : public FeedClient {
     void AnswerClose(std::uint16_t code, Time now);
     void Violated(std::uint16_t code, const char* why, Time now);
     void FallBehind(Time now);
+    void CheckRight(Time now);
     void StartClosing(std::uint16_t code, const char* reason, Time deadline);
     void EndSlow(const char* why);
     void CheckProgress(Time now);
@@ -202,7 +207,8 @@ class SocketClient final : public FeedClient {
     Time m_Heard;               // when the client last sent something
     bool m_Pinged = false;      // and not heard since
     Time m_PingTime;
-    std::unique_ptr<Subscription> m_Wish;  // a subscriber's
+    std::unique_ptr<Subscription> m_Wish;              // a subscriber's
+    std::shared_ptr<const std::atomic<bool>> m_Ended;  // whether what let it in was taken back; null: never
 };
 
 /// A reader inside the process.

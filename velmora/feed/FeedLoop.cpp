@@ -113,6 +113,15 @@ void FeedLoop::Wake() {
     static_cast<void>(!write(m_Wake, &one, sizeof(one)));
 }
 
+void FeedLoop::AskLook() {
+    {
+        Mirel::AutoMutex lock(m_Lock);
+        m_LookAsked = true;
+        m_HasOrders = true;
+    }
+    Wake();
+}
+
 std::uint64_t FeedLoop::AskClose() {
     std::uint64_t ticket = 0;
     {
@@ -195,6 +204,7 @@ bool FeedLoop::TakeOrders() {
         m_HasOrders = false;
         if (m_Stopping) return false;
         newcomers.swap(m_Inbox);
+        if (std::exchange(m_LookAsked, false)) m_TickAt = m_Now;
         if (m_CloseAsked > std::max(m_CloseDone, m_Closing)) ticket = m_CloseAsked;
     }
     LookAtLog();  // the places of the newcomers are at most there

@@ -34,6 +34,9 @@ class FeedLoop final : private Mirel::Thread {
     /// There are new frames. To be called where FrameLog::Append() said so.
     void Wake();
 
+    /// Has all clients look at once at what time and others bring.
+    void AskLook();
+
     /// Has all present clients leave, and answers a ticket to wait for that with.
     std::uint64_t AskClose();
     void AwaitClose(std::uint64_t ticket);
@@ -76,6 +79,7 @@ class FeedLoop final : private Mirel::Thread {
     Mirel::Mutex m_Lock;
     Mirel::Condition m_Closed;
     std::vector<std::unique_ptr<FeedClient>> m_Inbox GUARDED_BY(m_Lock);
+    bool m_LookAsked GUARDED_BY(m_Lock) = false;
     std::uint64_t m_CloseAsked GUARDED_BY(m_Lock) = 0;
     std::uint64_t m_CloseDone GUARDED_BY(m_Lock) = 0;
     bool m_Stopping GUARDED_BY(m_Lock) = false;

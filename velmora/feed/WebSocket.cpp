@@ -61,6 +61,10 @@ TCPSession TCPSession::Reader(std::unique_ptr<BroadcastReader> reader, const std
     return session;
 }
 
+void TCPSession::LeaveWhen(std::shared_ptr<const std::atomic<bool>> ended) {
+    if (m_Connection) m_Connection->Ended = std::move(ended);
+}
+
 bool TCPSession::Empty() const {
     return m_Connection == nullptr;
 }
@@ -125,6 +129,10 @@ void WebSocketBroadcastManager::CloseAll() {
     std::vector<std::shared_ptr<Feed::Broadcaster>> all = m_Numbered->Present();
     all.push_back(m_Broadcaster);
     CloseClientsOf(all);
+}
+
+void DismissWebSocketClients() {
+    for (const auto& broadcaster : Feed::Broadcaster::All()) broadcaster->AskLook();
 }
 
 void CloseAllWebSocketClients() {
