@@ -21,27 +21,11 @@ constexpr i64_t AckWait_sec = 6;
 constexpr milliseconds ProgressEvery{2000};
 constexpr milliseconds LookEvery{1000};
 constexpr milliseconds DeafLimit{4000};  // something is pending, and nothing comes
+constexpr i64_t FetchWait_ms = 1000;
 constexpr std::size_t MostOpen = 1024, MostAtOnce = 128, AckedKept = 100000;
 constexpr ui64_t MostDeliveries = 5;
 
-/// A batch of fetched messages.
-class Batch {
-  public:
-    Batch() = default;
-    ~Batch() { natsMsgList_Destroy(&m_List); }
-    Batch(const Batch&) = delete;
-    Batch& operator=(const Batch&) = delete;
-    natsMsgList* List() { return &m_List; }
-    int Size() const { return m_List.Count; }
-    HeldMessage TakeAt(int index) {
-        natsMsg* message = m_List.Msgs[index];
-        m_List.Msgs[index] = nullptr;
-        return HeldMessage(message);
-    }
-
-  private:
-    natsMsgList m_List{};
-};
+constexpr const char *HasEnded = "+ACK", *GivenBack = "-NAK", *GivenUp = "+TERM", *GoesOn = "+WPI";
 
 }  // namespace
 
@@ -123,119 +107,101 @@ bool Calls::MakeConsumer() {
     return made == NATS_OK;
 }
 
-bool Calls::Bind(HeldSubscription& subscription) {
-    if (!MakeConsumer()) return false;
-    const Streams& names = m_Engine.Names();
-    const std::string filter = names.Events + ">";
-    jsSubOptions options;
-    jsSubOptions_Init(&options);
-    options.Stream = names.Postings.c_str();
-    options.Consumer = names.Calls.c_str();
-    jsErrCode code = jsErrCode(0);
-    const natsStatus status = Take(subscription, js_PullSubscribe, m_Engine.Context(), filter.c_str(),
-                                   names.Calls.c_str(), nullptr, &options, &code);
-    if (status != NATS_OK) DefaultLogSink().Debug("Fetching calls: %s\n", ReasonOf(status).c_str());
-    return status == NATS_OK;
-}
-
 std::size_t Calls::Room() const {
     AutoMutex lock(m_Lock);
     return MostOpen - std::min(MostOpen, m_Open.size());
 }
 
-// Destroying the subscription leaves the consumer, which is everybody's, alone.
 void Calls::Fetch(LoopThread& thread) {
     while (!thread.Stopping()) {
-        HeldSubscription subscription;
+        PullSubscription consumer(m_Engine, m_Engine.Names().Postings, m_Engine.Names().Calls);
         m_ConsumerGone = false;
-        if (Bind(subscription)) {
-            m_Subscription = std::move(subscription);
-            auto heard = Clock::now();
-            while (!thread.Stopping() && !m_ConsumerGone) {
-                if (FetchSome(thread, m_Subscription.get()) || m_Pending == 0) heard = Clock::now();
-                if (Clock::now() - heard > DeafLimit) break;
-            }
-        }
-        m_Subscription.reset();
+        if (MakeConsumer() && consumer.Begin() == NATS_OK) FetchFrom(thread, consumer);
         if (!thread.Stopping()) thread.Rest(milliseconds(200));
     }
 }
 
-// One is waited for, then what is there, where there is more: a batch would wait until it is full. False
-// where nothing came.
-bool Calls::FetchSome(LoopThread& thread, natsSubscription* subscription) {
-    const std::size_t room = Room();
+void Calls::FetchFrom(LoopThread& thread, PullSubscription& consumer) {
+    auto heard = Clock::now();
+    while (!thread.Stopping() && !m_ConsumerGone) {
+        if (FetchSome(thread, consumer) || m_Pending == 0) heard = Clock::now();
+        if (Clock::now() - heard > DeafLimit) return;
+    }
+    // What has come and was not looked at is another node's, at once.
+    HeldMessage message;
+    while (consumer.Next(message, 1) == Fetched::Message) Answer(natsMsg_GetReply(message.get()), GivenBack);
+}
+
+// One is waited for, then what is there, where there is more. False where nothing came.
+bool Calls::FetchSome(LoopThread& thread, PullSubscription& consumer) {
+    std::size_t room = Room();
     if (room == 0) {
         thread.Rest(milliseconds(20));
         return true;
     }
-    jsErrCode code = jsErrCode(0);
-    Batch first, more;
-    const natsStatus status = natsSubscription_Fetch(first.List(), subscription, 1, 1000, &code);
-    if (status != NATS_OK && status != NATS_TIMEOUT) thread.Rest(milliseconds(200));
-    if (first.Size() == 0) return false;
-    if (!Handle(thread, first.TakeAt(0))) return true;
-    jsFetchRequest request;
-    jsFetchRequest_Init(&request);
-    request.Batch = static_cast<int>(std::min(room, MostAtOnce));
-    request.NoWait = true;
-    (void)natsSubscription_FetchRequest(more.List(), subscription, &request);
-    for (int i = 0; i < more.Size(); ++i) (void)Handle(thread, more.TakeAt(i));
+    ui64_t pending = 0;
+    HeldMessage message;
+    Fetched came = Fetched::ConsumerIsAway;
+    if (consumer.Ask(1, FetchWait_ms) == NATS_OK) came = consumer.Next(message, FetchWait_ms + 200);
+    if (came == Fetched::ConsumerIsAway) thread.Rest(milliseconds(200));
+    if (came != Fetched::Message) return false;
+    pending = Handle(thread, std::move(message));
+    room = std::min<ui64_t>({Room(), MostAtOnce, pending});
+    if (room == 0 || consumer.Ask(room, 0) != NATS_OK) return true;
+    // Others take of the same: fewer may come.
+    for (; room > 0 && pending > 0 && consumer.Next(message, 100) == Fetched::Message; --room)
+        pending = Handle(thread, std::move(message));
     return true;
 }
 
-bool Calls::IsRepeated(const jsMsgMetaData& meta) const {
-    return meta.NumDelivered > 1 || meta.Sequence.Stream <= m_AnewUpTo;
+void Calls::Answer(const std::string& to, const char* what) const {
+    (void)natsConnection_PublishString(m_Engine.Connection(), to.c_str(), what);
 }
 
-// A message answers through the subscription that it came with, which must be there as long.
-std::shared_ptr<natsMsg> Calls::Keep(HeldMessage message) const {
-    return {message.release(), [subscription = m_Subscription](natsMsg* kept) { natsMsg_Destroy(kept); }};
+bool Calls::IsRepeated(const DeliveryFacts& facts) const {
+    return facts.Delivered > 1 || facts.Sequence <= m_AnewUpTo;
 }
 
 // Whether this delivery needs no call: the calls run here, or have ended, or have been given up.
-bool Calls::TakenUp(HeldMessage& message, const jsMsgMetaData& meta) {
-    if (IsRepeated(meta)) ++m_Repeated;
+bool Calls::TakenUp(const std::string& reply, const DeliveryFacts& facts) {
     AutoMutex lock(m_Lock);
-    if (meta.Sequence.Stream > m_Delivered) m_Delivered = meta.Sequence.Stream;
-    const Place place(meta.Sequence.Stream, meta.Timestamp);
+    if (facts.Sequence > m_Delivered) m_Delivered = facts.Sequence;
+    const Place place(facts.Sequence, facts.Time_ns);
     const auto open = m_Open.find(place);
     if (open != m_Open.end()) {
-        open->second = Keep(std::move(message));
+        open->second = reply;
         return true;
     }
     if (m_Acked.contains(place)) {
-        (void)natsMsg_Ack(message.get(), nullptr);
+        Answer(reply, HasEnded);
         return true;
     }
-    if (meta.NumDelivered <= MostDeliveries) return false;
+    if (facts.Delivered <= MostDeliveries) return false;
     ++m_SetAside;
     DefaultLogSink().Error("The posting %llu is set aside: its calls have not ended %llu times\n",
-                           static_cast<unsigned long long>(meta.Sequence.Stream),
-                           static_cast<unsigned long long>(meta.NumDelivered - 1));
-    (void)natsMsg_Term(message.get(), nullptr);
+                           static_cast<unsigned long long>(facts.Sequence),
+                           static_cast<unsigned long long>(facts.Delivered - 1));
+    Answer(reply, GivenUp);
     return true;
 }
 
-// Whether more is pending at the engine.
-bool Calls::Handle(LoopThread& thread, HeldMessage message) {
-    HeldMetaData meta;
-    if (Take(meta, natsMsg_GetMetaData, message.get()) != NATS_OK) return true;
-    if (!TakenUp(message, *meta)) Begin(thread, std::move(message), *meta);
-    return meta->NumPending > 0;
+// Answers how many are pending behind it.
+ui64_t Calls::Handle(LoopThread& thread, HeldMessage message) {
+    DeliveryFacts facts;
+    if (!ReadDelivery(message.get(), facts)) return 0;
+    if (!TakenUp(natsMsg_GetReply(message.get()), facts)) Begin(thread, message.get(), facts);
+    return facts.Pending;
 }
 
-void Calls::Begin(LoopThread& thread, HeldMessage message, const jsMsgMetaData& meta) {
+void Calls::Begin(LoopThread& thread, natsMsg* message, const DeliveryFacts& facts) {
     std::string why;
-    const auto posting = ReadPosting(m_Engine, message.get(), meta.Timestamp, why);
-    if (!posting) {  // counted and logged where the feed reads it
-        (void)natsMsg_Term(message.get(), nullptr);
-        return;
-    }
-    const Place place(meta.Sequence.Stream, meta.Timestamp);
+    const std::string reply = natsMsg_GetReply(message);
+    const auto posting = ReadPosting(m_Engine, message, facts.Time_ns, why);
+    if (!posting) return Answer(reply, GivenUp);  // counted and logged where the feed reads it
+    const Place place(facts.Sequence, facts.Time_ns);
     {
         AutoMutex lock(m_Lock);
-        m_Open[place] = Keep(std::move(message));
+        m_Open[place] = reply;
     }
     while (!thread.Stopping() && !m_Caller.KnowsRevision(posting->Revision)) {
     }
@@ -243,10 +209,11 @@ void Calls::Begin(LoopThread& thread, HeldMessage message, const jsMsgMetaData& 
     if (thread.Stopping()) {  // another node's, at once
         AutoMutex lock(m_Lock);
         const auto open = m_Open.find(place);
-        if (open != m_Open.end()) (void)natsMsg_Nak(open->second.get(), nullptr);
+        if (open != m_Open.end()) Answer(open->second, GivenBack);
         m_Open.erase(place);
         return;
     }
+    if (IsRepeated(facts)) ++m_Repeated;
     ++m_Running;
     // Not null: whoever makes the calls holds what is there.
     const std::shared_ptr<void> token(this, [this, place](void*) { Ended(place); });
@@ -266,7 +233,7 @@ void Calls::Ended(const Place& place) {
 }
 
 void Calls::AckEnded() {
-    std::vector<std::shared_ptr<natsMsg>> ended;
+    std::vector<std::string> ended;
     {
         AutoMutex lock(m_Lock);
         for (const Place& place : m_Ended) {
@@ -281,12 +248,12 @@ void Calls::AckEnded() {
         }
         m_Ended.clear();
     }
-    for (const auto& message : ended) (void)natsMsg_Ack(message.get(), nullptr);
+    for (const std::string& reply : ended) Answer(reply, HasEnded);
 }
 
 void Calls::SayInProgress() {
     AutoMutex lock(m_Lock);
-    for (const auto& [place, message] : m_Open) (void)natsMsg_InProgress(message.get(), nullptr);
+    for (const auto& [place, reply] : m_Open) Answer(reply, GoesOn);
 }
 
 // What the stream has dropped before anybody fetched it is lost to the listeners. The consumer itself counts

@@ -14,6 +14,7 @@
 #include "LoopThread.h"
 #include "MR_mutex.h"
 #include "Posting.h"
+#include "PullSubscription.h"
 
 namespace Cluster {
 
@@ -57,26 +58,26 @@ class Calls {
     using Place = std::pair<ui64_t, i64_t>;
 
     void Fetch(LoopThread& thread);
-    bool Bind(HeldSubscription& subscription);
     bool MakeConsumer();
-    bool FetchSome(LoopThread& thread, natsSubscription* subscription);
-    bool Handle(LoopThread& thread, HeldMessage message);
-    void Begin(LoopThread& thread, HeldMessage message, const jsMsgMetaData& meta);
-    std::shared_ptr<natsMsg> Keep(HeldMessage message) const;
-    bool TakenUp(HeldMessage& message, const jsMsgMetaData& meta);
+    void FetchFrom(LoopThread& thread, PullSubscription& consumer);
+    bool FetchSome(LoopThread& thread, PullSubscription& consumer);
+    ui64_t Handle(LoopThread& thread, HeldMessage message);
+    void Begin(LoopThread& thread, natsMsg* message, const DeliveryFacts& facts);
+    bool TakenUp(const std::string& reply, const DeliveryFacts& facts);
+    void Answer(const std::string& to, const char* what) const;
     void Ended(const Place& place);
     void Report(LoopThread& thread);
     void AckEnded();
     void SayInProgress();
     void LookAtConsumer();
     void CountLost(const StreamFacts& facts);
-    bool IsRepeated(const jsMsgMetaData& meta) const;
+    bool IsRepeated(const DeliveryFacts& facts) const;
     std::size_t Room() const;
 
     Engine& m_Engine;
     ICaller& m_Caller;
     mutable Mirel::Mutex m_Lock;
-    std::map<Place, std::shared_ptr<natsMsg>> m_Open GUARDED_BY(m_Lock);
+    std::map<Place, std::string> m_Open GUARDED_BY(m_Lock);  // and where its delivery is answered
     std::vector<Place> m_Ended GUARDED_BY(m_Lock);
     std::set<Place> m_Acked GUARDED_BY(m_Lock);  // the last ones: an acknowledgement can be lost
     std::deque<Place> m_AckedInOrder GUARDED_BY(m_Lock);
@@ -86,7 +87,6 @@ class Calls {
     std::atomic<ui64_t> m_AnewUpTo{0};   // what a consumer that was made anew may bring once more
     std::atomic<i64_t> m_StreamCreated{0};
     std::atomic<bool> m_ConsumerGone{false};
-    std::shared_ptr<natsSubscription> m_Subscription;  // the fetching thread's
     LoopThread m_Report, m_Fetch;
 };
 

@@ -63,7 +63,7 @@ struct Statistics {
     ui64_t PendingCalls = 0;      ///< postings whose calls nobody has begun
     ui64_t RunningCalls = 0;      ///< postings whose calls run here
     ui64_t PendingPublishes = 0;  ///< that wait for the engine's answer
-    ui64_t RepeatedCalls = 0;     ///< postings that were handed to this node again
+    ui64_t RepeatedCalls = 0;     ///< postings called here that had been handed out before
     ui64_t SetAside = 0;          ///< postings whose calls were given up
     ui64_t Malformed = 0;         ///< messages of others that post nothing
     ui64_t LostCalls = 0;         ///< postings that the stream dropped before their calls

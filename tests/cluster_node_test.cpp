@@ -336,6 +336,22 @@ TEST_F(ClusterNodeTest, ListenersAreCalledOnceWhateverIsTakenAwayFromTheReaders)
     EXPECT_TRUE(Eventually([] { return HistoryOf(A()) == HistoryOf(B()); }));
 }
 
+TEST_F(ClusterNodeTest, ManyPostingsAtOnceAreStoredRecordedAndHandedOut) {
+    constexpr std::size_t count = 3000;
+    ASSERT_EQ(AtA().CreateEvent("many", nullptr), Velmora::STATUS_201_CREATED);
+    ASSERT_TRUE(Eventually([] { return Has(B(), "many"); }));
+    std::atomic<std::size_t> stored{0}, refused{0};
+    for (std::size_t i = 0; i < count; ++i)
+        (i % 2 ? A() : B()).Post("many", Numbered(i), "", [&](const Outcome& outcome) {
+            ++(outcome.What == Fate::Stored ? stored : refused);
+        });
+    EXPECT_TRUE(Eventually([&] { return stored + refused == count; }));
+    EXPECT_EQ(refused, 0u);
+    EXPECT_TRUE(Eventually([] { return CountOf(A(), "many") == count && CountOf(B(), "many") == count; }));
+    EXPECT_TRUE(
+        Eventually([] { return A().Figures().PendingCalls == 0 && B().Figures().PendingCalls == 0; }));
+}
+
 TEST_F(ClusterNodeTest, APostingIsOpenUntilItsCallsHaveEnded) {
     std::promise<void> release;
     const std::shared_future<void> released = release.get_future().share();

@@ -27,7 +27,7 @@ void ClusterMetrics(MetricsText& text, const Cluster::Statistics& figures) {
     text.Gauge("velmora_cluster_pending_publishes", figures.PendingPublishes,
                "Messages that wait for the engine's answer.");
     text.Counter("velmora_cluster_repeated_calls_total", figures.RepeatedCalls,
-                 "Postings that were handed to this node for another time.");
+                 "Postings that were called here and had been handed out before.");
     text.Counter("velmora_cluster_set_aside_total", figures.SetAside,
                  "Postings whose calls were given up after five attempts.");
     text.Counter("velmora_cluster_lost_calls_total", figures.LostCalls,
