@@ -1,10 +1,12 @@
 // The load, driven over sockets from core 1 against a server on core 0:
 //
-//   load_bench fanout PROTOCOL PORT CLIENTS PUBLISHERS IN_FLIGHT MESSAGES
+//   load_bench fanout PROTOCOL PORT[,PORT...] CLIENTS PUBLISHERS IN_FLIGHT MESSAGES
 //   load_bench latency PROTOCOL PORT CLIENTS RATE MILLISECONDS
 //   load_bench watch PORT PATH CHANGES      load_bench bare-watch PATH CHANGES      load_bench silent
 #include <cstdio>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "load/Load.h"
 #include "support/Bench.h"
@@ -12,6 +14,14 @@
 namespace {
 
 constexpr std::size_t Payload = 200;
+
+std::vector<std::uint16_t> Ports(const char* list) {
+    std::vector<std::uint16_t> ports;
+    std::istringstream text(list);
+    for (std::string port; std::getline(text, port, ',');)
+        ports.push_back(static_cast<std::uint16_t>(std::stoul(port)));
+    return ports;
+}
 
 int Usage() {
     std::fprintf(stderr, "load_bench fanout|latency|watch|bare-watch|silent …\n");
@@ -29,7 +39,7 @@ int main(int argc, char** argv) {
     RaiseDescriptorLimit();
     if (what == "fanout" && argc == 8)
         MeasureFanOut(ProtocolNamed(argv[2], Payload, false),
-                      {port(3), number(4), number(5), number(6), number(7)});
+                      {Ports(argv[3]), number(4), number(5), number(6), number(7)});
     else if (what == "latency" && argc == 7)
         MeasureLatency(ProtocolNamed(argv[2], Payload, true), {port(3), number(4), number(5), number(6)});
     else if (what == "watch" && argc == 5)

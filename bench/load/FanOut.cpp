@@ -17,9 +17,10 @@ class FanOutRun {
     FanOutRun(const Protocol& protocol, const FanOut& plan)
         : m_Protocol(protocol), m_Plan(plan), m_Left(Budget()) {
         for (std::size_t i = 0; i < plan.Clients; ++i)
-            m_Clients.Add(ConnectWith(plan.Port, protocol.Subscribe, protocol.SubscribeEnd));
+            m_Clients.Add(
+                ConnectWith(plan.Ports[i % plan.Ports.size()], protocol.Subscribe, protocol.SubscribeEnd));
         for (std::size_t i = 0; i < plan.Publishers; ++i)
-            m_Publishers.push_back(std::make_unique<Publisher>(protocol, plan.Port));
+            m_Publishers.push_back(std::make_unique<Publisher>(protocol, plan.Ports.front()));
     }
 
     void Run() {
@@ -42,7 +43,8 @@ class FanOutRun {
             publisher->Fill(m_Plan.InFlight / m_Plan.Publishers, m_Left);
             answered += publisher->Answered();
         }
-        const std::size_t bytes = m_Clients.Read(0);
+        // What stands behind several servers shares the cores with the load.
+        const std::size_t bytes = m_Clients.Read(m_Plan.Ports.size() > 1 ? 1 : 0);
         if (m_Expected == 0)
             m_Expected = m_Protocol.DeliverySize(m_Clients.First()) * Budget() * m_Plan.Clients;
         if (bytes > 0 || answered != m_Answered) m_LastNews = Now_ns();

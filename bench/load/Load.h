@@ -4,15 +4,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "Protocol.h"
 
 namespace Bench {
 
 /// `messages` published by `publishers` connections with `in_flight` in all, until every one of `clients` has
-/// all of them.
+/// all of them. Where there are several ports, publications go to the first and clients to each in turn.
 struct FanOut {
-    std::uint16_t Port;
+    std::vector<std::uint16_t> Ports;
     std::size_t Clients;
     std::size_t Publishers;
     std::size_t InFlight;
