@@ -2,7 +2,7 @@
 
 import { RateChart } from "./chart.js";
 import { Deliveries } from "./deliveries.js";
-import { byId, h, setText, syncList } from "./dom.js";
+import { byId, h, setText, show, syncList } from "./dom.js";
 import { Events } from "./events.js";
 import { Feed } from "./feed.js";
 import { PostForm } from "./postform.js";
@@ -46,6 +46,14 @@ feed.addEventListener("change", () => feed.state === "open" && store.refresh());
 store.addEventListener("queue", () => {
   const names = store.queue.event_list.slice(0, NAMES_OFFERED).map((event) => event.event_name);
   syncList(byId("event-names"), names, (name) => name, (name) => h("option", { value: name }));
+});
+
+/// What a token that is for some events does not let see is not offered.
+store.addEventListener("queue", () => {
+  const narrowed = store.narrowed !== "";
+  setText(byId("narrowed"), narrowed ? `${store.narrowed} Shown is what belongs to those events.` : "");
+  for (const area of ["deliveries", "state"]) show(document.querySelector(`.rail a[href="#/${area}"]`), !narrowed);
+  show(byId("limits-open"), !narrowed);
 });
 
 function showRate() {

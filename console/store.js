@@ -19,6 +19,7 @@ export class Store extends EventTarget {
   server = { reachable: false };
   etag = "";
   loaded = false; // the queue has been read once
+  narrowed = ""; // why not all of it may be seen; then the queue holds what may be, and has no limits
 
   start() {
     this.every(QUEUE_MS, () => this.readQueue());
@@ -44,12 +45,32 @@ export class Store extends EventTarget {
       const { status, data, headers } = await get(path("queue"), { headers: this.etag ? { "If-None-Match": this.etag } : {} });
       if (status === 304) return;
       this.etag = headers.get("ETag") ?? "";
-      this.queue = { ...NOTHING, ...data };
-      this.loaded = true;
-      this.dispatchEvent(new Event("queue"));
-    } catch {
-      this.lostTouch(); // said by the connection's state
+      this.take(data, "");
+    } catch (failure) {
+      if (failure.status === 403) await this.readParts(failure.message);
+      else this.lostTouch(); // said by the connection's state
     }
+  }
+
+  /// For a token that is for some events: the lists hold what belongs to those.
+  async readParts(narrowed) {
+    try {
+      const parts = await Promise.all(["events", "timers", "watches"].map((part) => get(path(part))));
+      this.etag = "";
+      const text = parts.map((part) => part.text).join();
+      if (text === this.parts && narrowed === this.narrowed) return;
+      this.parts = text;
+      this.take(Object.assign({}, ...parts.map((part) => part.data)), narrowed);
+    } catch {
+      this.lostTouch();
+    }
+  }
+
+  take(queue, narrowed) {
+    this.queue = { ...NOTHING, ...queue };
+    this.narrowed = narrowed;
+    this.loaded = true;
+    this.dispatchEvent(new Event("queue"));
   }
 
   async readDeliveries() {

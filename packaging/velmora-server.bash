@@ -2,7 +2,7 @@
 _velmora_server() {
     local current="${COMP_WORDS[COMP_CWORD]}" before="${COMP_WORDS[COMP_CWORD - 1]}"
     case "$before" in
-    --config) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+    --config | --import-state) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
     --listen) COMPREPLY=() ;;
     --log-level) mapfile -t COMPREPLY < <(compgen -W "debug info notice warn error crit alert" -- "$current") ;;
     --log-format) mapfile -t COMPREPLY < <(compgen -W "text json" -- "$current") ;;

@@ -64,7 +64,12 @@ class CloudEventsTest : public ::testing::Test {
     std::string History() { return Ask("GET", "/api/v1/history").Body; }
 
     HttpServerOptions m_Options;
-    Router m_Router{Config()};
+    static Config Below(const std::string& base) {
+        Config config;
+        config.Http.BasePath = base;
+        return config;
+    }
+    Router m_Router{Below("/velmora/events")};
     std::optional<HttpServer> m_Server;
 };
 
@@ -140,6 +145,8 @@ TEST_F(CloudEventsTest, EveryPathIsServedBelowTheBasePathAsWell) {
                     ::testing::AllOf(HasSubstr("\"console/app.js\""), Not(HasSubstr("\"/console"))));
         EXPECT_EQ(Ask("GET", front + "/console/app.js").Status, 200);
     }
+    EXPECT_THAT(Ask("GET", base + "/openapi.json").Body,
+                HasSubstr("\"servers\": [{\"url\": \"" + base + "\"}],\n"));
     EXPECT_EQ(Ask("GET", base + base + "/healthz").Status, 404);
     EXPECT_EQ(Ask("GET", "/velmora/eventsapi/v1/events").Status, 404);
     EXPECT_EQ(Ask("GET", base).Status, 404);

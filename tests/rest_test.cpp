@@ -1,9 +1,11 @@
 // The REST interface through the router, on the live queue. Every answer is held against the description.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <random>
 #include <set>
+#include <thread>
 
 #include "AskRouter.h"
 #include "EventManager.h"
@@ -482,6 +484,36 @@ TEST_F(RouterTest, ChangesAreMadeOnlyInTheStateThatTheyAreMeantFor) {
     EXPECT_EQ(send("DELETE", listener, "\"other\", " + tag_of(listener)), 204);
     EXPECT_EQ(send("DELETE", listener, "*"), 404);
     EXPECT_EQ(send("DELETE", "/api/v1/events/e", event), 204);  // the state is that again
+}
+
+// Two who have seen the same state: one of them changes it, the other learns that it is another now.
+TEST_F(RouterTest, OfTwoChangesThatAreMeantForOneStateOneIsMade) {
+    constexpr int Rounds = 50;
+    const Testing::CapturedLog quiet;
+    for (int round = 0; round < Rounds && !HasFailure(); ++round) {
+        EXPECT_EQ(Send("GET", "/api/v1/events"), 200);
+        const std::string tag = Header("ETag");
+        std::atomic<int> ready{0};
+        int statuses[2] = {};
+        const auto create = [&](int who) {
+            const std::string body = "{\"event_name\": \"" + std::to_string(2 * round + who) + "\"}";
+            HttpRequest request;
+            request.Method = METH_POST;
+            request.Path = "/api/v1/events";
+            request.Body = body;
+            request.HasBody = true;
+            request.IfMatch = tag;
+            ++ready;
+            while (ready < 2) std::this_thread::yield();
+            statuses[who] = Testing::AskRouter(router, request).Status;
+        };
+        std::thread other(create, 1);
+        create(0);
+        other.join();
+        EXPECT_EQ(std::min(statuses[0], statuses[1]), 201) << round;
+        EXPECT_EQ(std::max(statuses[0], statuses[1]), 412) << round;
+        EXPECT_EQ(Send("DELETE", "/api/v1/events"), 204);
+    }
 }
 
 TEST_P(RestTest, EventsLiveAndAreAnsweredUnderAnyName) {

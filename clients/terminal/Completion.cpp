@@ -1,6 +1,7 @@
 // Walks the table of commands and options.
 #include "terminal/Completion.h"
 
+#include <algorithm>
 #include <functional>
 #include <set>
 #include <vector>
@@ -53,47 +54,81 @@ std::string PathText(const Words& path) {
     return text;
 }
 
-std::string WordList(const CLI::App& app) {
-    std::string words;
-    for (const CLI::App* command : CommandsOf(app)) words += command->get_name() + " ";
-    for (const CLI::Option* option : FlagsOf(app)) words += Name(*option) + " ";
-    if (!words.empty()) words.pop_back();
-    return words;
-}
-
-// The cases of a shell's "case": the words that may follow each path of commands.
-std::string Cases(const CLI::App& app, const std::string& action) {
-    std::string text;
-    Walk(app, [&](const Words& path) {
-        text += "        \"" + PathText(path) + "\") " + action + "=\"" + WordList(*path.back()) + "\" ;;\n";
-    });
+// What an argument is one of, parted by blanks; empty where it may be anything.
+std::string Choices(const CLI::Option& option) {
+    std::string text = option.get_type_name();
+    const std::size_t open = text.find('{'), close = text.find('}');
+    if (open == text.npos || close == text.npos) return "";
+    text = text.substr(open + 1, close - open - 1);
+    std::replace(text.begin(), text.end(), ',', ' ');
     return text;
 }
 
-// The names of all commands, for finding the path in what was typed.
-std::string AllCommands(const CLI::App& app) {
+// What may come next: commands, choices, the command's options, and those of the program.
+std::string WordList(const CLI::App& program, const CLI::App& app) {
+    std::string words;
+    for (const CLI::App* command : CommandsOf(app)) words += " " + command->get_name();
+    for (const CLI::Option* option : PositionalsOf(app)) {
+        const std::string choices = Choices(*option);
+        if (!choices.empty()) words += " " + choices;
+    }
+    for (const CLI::Option* option : FlagsOf(app)) words += " " + Name(*option);
+    if (&app == &program) return words.substr(1);
+    for (const CLI::Option* option : FlagsOf(program))
+        if (Name(*option) != "--help" && Name(*option) != "--version") words += " " + Name(*option);
+    return words.substr(1);
+}
+
+// The options that a value follows, of all commands.
+std::set<std::string> OptionsWithValues(const CLI::App& app) {
     std::set<std::string> names;
     Walk(app, [&](const Words& path) {
-        if (path.size() > 1) names.insert(path.back()->get_name());
+        for (const CLI::Option* option : FlagsOf(*path.back()))
+            if (TakesValue(*option)) names.insert(Name(*option));
     });
-    std::string text;
-    for (const std::string& name : names) text += (text.empty() ? "" : "|") + name;
-    return text;
+    return names;
 }
 
+// The paths of all commands, in a shell's quotes.
+std::vector<std::string> Paths(const CLI::App& app) {
+    std::vector<std::string> paths;
+    Walk(app, [&](const Words& path) {
+        if (path.size() > 1) paths.push_back("'" + PathText(path) + "'");
+    });
+    return paths;
+}
+
+template <class Texts>
+std::string Joined(const Texts& texts, const char* between) {
+    std::string joined;
+    for (const std::string& text : texts) joined += (joined.empty() ? "" : between) + text;
+    return joined;
+}
+
+// Finds the commands among the words that were typed: what follows an option is its value, and a word is a
+// command only where there is one of that name. Then "words" is what may come next; nothing where that is a
+// value.
 constexpr const char* FindPath =
-    "    local path=\"\" word\n"
+    "    local command=\"\" value=\"\" words=\"\" word\n"
     "    for word in \"${typed[@]}\"; do\n"
+    "        if [[ -n $value ]]; then value=\"\"; continue; fi\n"
     "        case \"$word\" in\n"
-    "            @COMMANDS@) path=\"${path:+$path }$word\" ;;\n"
+    "            @OPTIONS@) value=1; continue ;;\n"
+    "        esac\n"
+    "        case \"${command:+$command }$word\" in\n"
+    "            @PATHS@) command=\"${command:+$command }$word\" ;;\n"
     "        esac\n"
     "    done\n"
-    "    local words=\"\"\n"
-    "    case \"$path\" in\n";
+    "    [[ -n $value ]] || case \"$command\" in\n";
 
 std::string PathFinder(const CLI::App& app) {
     std::string text = FindPath;
-    return text.replace(text.find("@COMMANDS@"), 10, AllCommands(app)) + Cases(app, "words") + "    esac\n";
+    text.replace(text.find("@OPTIONS@"), 9, Joined(OptionsWithValues(app), "|"));
+    text.replace(text.find("@PATHS@"), 7, Joined(Paths(app), "|"));
+    Walk(app, [&](const Words& path) {
+        text += "        '" + PathText(path) + "') words=\"" + WordList(app, *path.back()) + "\" ;;\n";
+    });
+    return text + "    esac\n";
 }
 
 std::string Bash(const CLI::App& app) {
@@ -106,8 +141,13 @@ std::string Bash(const CLI::App& app) {
 }
 
 std::string Zsh(const CLI::App& app) {
-    return "#compdef velmora\n_velmora() {\n    local -a typed=(\"${(@)words[2,CURRENT-1]}\")\n" +
-           PathFinder(app) + "    compadd -- ${=words}\n    _files\n}\ncompdef _velmora velmora\n";
+    std::string finder = PathFinder(app);  // "words" and "path" are zsh's own
+    for (std::size_t at = 0; (at = finder.find("words", at)) != finder.npos; at += 6)
+        finder.replace(at, 5, "offers");
+    return "#compdef velmora\n_velmora() {\n    local -a typed=(\"${(@)words[2,CURRENT-1]}\")\n" + finder +
+           "    [[ -z $offers ]] || compadd -- ${=offers}\n    [[ -n $offers && $PREFIX == -* ]] || "
+           "_files\n}\n"
+           "compdef _velmora velmora\n";
 }
 
 // A text between a fish script's single quotes.
@@ -117,29 +157,59 @@ std::string FishQuoted(const std::string& text) {
     return quoted + "'";
 }
 
-// When a command's words may follow: all of its path was typed, and none of the commands below it.
-std::string FishCondition(const Words& path) {
-    std::string text = path.size() == 1 ? "__fish_use_subcommand" : "";
-    for (std::size_t i = 1; i < path.size(); ++i) {
-        text += (i > 1 ? "; and " : "") + ("__fish_seen_subcommand_from " + path[i]->get_name());
-    }
-    std::string below;
-    for (const CLI::App* command : CommandsOf(*path.back())) below += " " + command->get_name();
-    if (path.size() > 1 && !below.empty()) text += "; and not __fish_seen_subcommand_from" + below;
-    return text;
+// Whether the commands that were typed are these.
+constexpr const char* FishFunction =
+    "function __velmora_at\n"
+    "    set -l command\n"
+    "    set -l value 0\n"
+    "    for word in (commandline -opc)[2..-1]\n"
+    "        if test $value = 1\n"
+    "            set value 0\n"
+    "            continue\n"
+    "        end\n"
+    "        switch $word\n"
+    "            case @OPTIONS@\n"
+    "                set value 1\n"
+    "                continue\n"
+    "        end\n"
+    "        switch \"$command $word\"\n"
+    "            case @PATHS@\n"
+    "                set command \"$command $word\"\n"
+    "        end\n"
+    "    end\n"
+    "    test \"$command\" = \"$argv\"\n"
+    "end\n";
+
+std::string FishHead(const CLI::App& app) {
+    std::string text = std::string("# fish completion for velmora\n") + FishFunction;
+    text.replace(text.find("@OPTIONS@"), 9, Joined(OptionsWithValues(app), " "));
+    std::vector<std::string> paths = Paths(app);
+    for (std::string& path : paths) path.insert(1, " ");
+    return text.replace(text.find("@PATHS@"), 7, Joined(paths, " "));
+}
+
+std::string FishOption(const std::string& line, const CLI::Option& option) {
+    return line + " -l " + Name(option).substr(2) + (TakesValue(option) ? " -r" : "") + " -d " +
+           FishQuoted(option.get_description()) + "\n";
 }
 
 std::string Fish(const CLI::App& app) {
-    std::string text = "# fish completion for velmora\n";
+    std::string text = FishHead(app);
     Walk(app, [&](const Words& path) {
-        const std::string line = "complete -c velmora -n " + FishQuoted(FishCondition(path));
+        const std::string typed = PathText(path);
+        const std::string line = "complete -c velmora -n " +
+                                 FishQuoted("__velmora_at \"" + (typed.empty() ? "" : " " + typed) + "\"");
         for (const CLI::App* command : CommandsOf(*path.back())) {
             text += line + " -f -a " + command->get_name() + " -d " + FishQuoted(command->get_description()) +
                     "\n";
         }
+        for (const CLI::Option* option : PositionalsOf(*path.back())) {
+            const std::string choices = Choices(*option);
+            if (!choices.empty()) text += line + " -f -a " + FishQuoted(choices) + "\n";
+        }
         for (const CLI::Option* option : FlagsOf(*path.back())) {
-            text += line + " -l " + Name(*option).substr(2) + (TakesValue(*option) ? " -r" : "") + " -d " +
-                    FishQuoted(option->get_description()) + "\n";
+            const bool of_all = path.size() == 1 && Name(*option) != "--help" && Name(*option) != "--version";
+            text += FishOption(of_all ? "complete -c velmora" : line, *option);
         }
     });
     return text;

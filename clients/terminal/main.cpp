@@ -19,14 +19,18 @@ constexpr const char* Environment =
     ".TP\n.B VELMORA_TOKEN\nThe access token where \\fB\\-\\-token\\-file\\fR is not given.\n"
     ".TP\n.B VELMORA_CA_FILE\nThe same for \\fB\\-\\-ca\\-file\\fR.\n"
     ".TP\n.B VELMORA_CONFIG\nThe settings file.\n"
+    ".TP\n.BR http_proxy \", \" https_proxy \", \" no_proxy\nA proxy on the way to the server, as for "
+    "curl.\n"
     ".SH FILES\n.TP\n.I ~/.config/velmora/client.json\n"
     "A JSON object with \"Address\", \"Token\" and \"CAFile\", for what neither option nor environment says. "
-    "A file with a token must be readable by its owner only.\n"
+    "A file with a token must be readable by its owner only. Where XDG_CONFIG_HOME is set, the file is "
+    "velmora/client.json in there.\n"
     ".SH \"EXIT STATUS\"\n"
     ".TP\n.B 0\nDone.\n.TP\n.B 1\nThe command line, a file or the settings are at fault.\n"
     ".TP\n.B 2\nThe server refuses what was asked.\n.TP\n.B 3\nThere is nothing of that name.\n"
     ".TP\n.B 4\nThe token is missing, wrong or has no right to it.\n"
     ".TP\n.B 5\nNo answer, or the server is not ready.\n"
+    ".TP\n.B 130\nInterrupted by the user, while it waited.\n"
     ".SH \"SEE ALSO\"\n.BR velmora\\-server (1)\n";
 
 constexpr const char* Footer =

@@ -27,6 +27,7 @@ class Reload;
 struct RestContext {
     // Set before the first request.
     std::string StateFile;  // empty: none
+    std::string BasePath;   // what a proxy puts in front of paths; empty: nothing
     Mirel::ui32_t Timeout_ms = 500;
     std::function<HttpServerCounters()> ServerCounters;
     ClusterGate* Gate = nullptr;           // null: a single server

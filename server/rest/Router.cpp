@@ -288,6 +288,7 @@ const Row* FindOther(const HttpRequest& request, const Row* first) {
 
 Router::Router(const Config& config) {
     m_Context.StateFile = config.StateFile;
+    m_Context.BasePath = config.Http.BasePath;
     m_Context.Timeout_ms = static_cast<Mirel::ui32_t>(config.Timeout_ms);
 }
 
@@ -343,11 +344,13 @@ std::optional<HttpResponse> Router::Precondition(const HttpRequest& request, con
                    "The resource is not in the state that If-Match names; nothing was changed.");
 }
 
-// Changes of what can be asked for come one after the other, so that nothing comes between a precondition and
-// its change. Those that cannot wait for the queue do not wait for those that can.
+// Changes of what can be asked for come one after the other, so that no request comes between a precondition
+// and its change; the queue's worker and a reload may. Those that cannot wait for the queue do not wait for
+// those that can. Postings pass by all of them, but for those that have a precondition.
 HttpResponse Router::Dispatch(const HttpRequest& request, HttpRoute& route) {
     const Row& row = *static_cast<const Row*>(route.Row);
-    if (!route.Changes || !IsRead(row.Pattern)) {
+    const bool has_condition = row.Method != Velmora::METH_GET && !request.IfMatch.empty();
+    if ((!route.Changes && !has_condition) || !IsRead(row.Pattern)) {
         if (auto refused = Precondition(request, route)) return std::move(*refused);
         return Answer(request, route);
     }

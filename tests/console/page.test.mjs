@@ -218,6 +218,31 @@ it("shows the calls that one asks for, also when the server counts anew", async 
   await pass(5000);
 });
 
+it("shows a token that is for some events what belongs to those, and says so", async () => {
+  const narrow = 'The token "a" is for the events order.* only, and this is about all that the server has.';
+  const before = state.event_list;
+  server.status = { queue: 403, config: 403, deliveries: 403 };
+  server.one = { events: { event_list: [{ event_name: "order.new", event_data: {}, listener_list: [] }] }, timers: { timer_list: [] }, watches: { watch_list: [] } };
+  server.refusal = narrow;
+  const offered = () => document.querySelectorAll(".rail a").filter((link) => !link.hidden).length;
+  await pass(5000);
+  assert.equal(byId("narrowed").textContent, `${narrow} Shown is what belongs to those events.`);
+  turnTo("events");
+  assert.match(byId("event-list").textContent, /order\.new/);
+  assert.deepEqual([offered(), byId("limits-open").hidden, byId("watch-use").textContent], [4, true, "0 / –"]);
+  sockets.at(-1).close(); // comes back all the same
+  const connections = sockets.length;
+  await pass(10000);
+  assert.equal(sockets.length, connections + 1);
+  await sockets.at(-1).open(`e-${posted}`);
+  await pass(100);
+  assert.equal(byId("connection").textContent, "Live");
+  Object.assign(server, { status: {}, one: {}, refusal: undefined });
+  state.event_list = before;
+  await pass(5000);
+  assert.deepEqual([byId("narrowed").textContent, offered(), byId("limits-open").hidden], ["", 6, false]);
+});
+
 it("judges listeners by their status where the server keeps deliveries, and lets one send again, dismiss and test", async () => {
   const before = state.event_list;
   const status = { outcome: "failed", time: stamp(), reason: "Answered with Bad Gateway.", failures_in_a_row: 3, retries_waiting: 1, calls: 9, failures: 4, duration_mean_ms: 7, duration_worst_ms: 12 };

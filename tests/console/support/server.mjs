@@ -16,7 +16,7 @@ globalThis.fetch = async (url, { method = "GET", body, headers = {}, signal } = 
   if (pathname === "/metrics") return new Response(`velmora_feed_clients 1\nvelmora_timers_expired_total ${server.expired}\n`);
   if (server.token && headers.Authorization !== `Bearer ${server.token}`) return json({ title: "Unauthorized" }, 401);
   const name = pathname.replace("/api/v1/", "");
-  if (server.status[name]) return json({ detail: `no ${name}`, errors: [{ pointer: "/a", detail: "wrong" }] }, server.status[name]);
+  if (server.status[name]) return json({ detail: server.refusal ?? `no ${name}`, errors: server.refusal ? [] : [{ pointer: "/a", detail: "wrong" }] }, server.status[name]);
   if (method === "GET" && name === "queue") return json(server.queue ?? state);
   if (name === "deliveries") return json({ deliveries: server.deliveries, failing: server.failing });
   if (method === "GET" && name in server.one) return json(server.one[name]);
