@@ -32,6 +32,12 @@ FeedWish Behind(const PostingId& after) {
     return wish;
 }
 
+/// Postings before the feed: none.
+class Nothing : public Velmora::PostingSource {
+    Place PlaceAfter(const PostingId*) const override { return {{"x", 0}, 0, false}; }
+    bool Read(ui64_t, std::size_t, std::vector<Velmora::NumberedPosting>&) const override { return true; }
+};
+
 class SubscriberTest : public QueueTest {
   protected:
     void Adopt(Peer& peer, FeedWish wish = {}) {
@@ -134,6 +140,57 @@ TEST_F(SubscriberTest, OnlyWhatIsWantedComesAndIsWritten) {
     EXPECT_LE(Velmora::GetBroadcastCounters().FramesDelivered - before, 9000u);
 }
 
+TEST_F(SubscriberTest, WhoWantsFewGetsThemAtOnceAndBeforeTheEnd) {
+    constexpr unsigned Names = 8, Rounds = 400;
+    const Nothing nothing;
+    WebSocketBroadcastManager manager(Velmora::BroadcastOptions{.Timeout_ms = 60000, .LogLimit = 64u << 10});
+    manager.SubscribersFrom(nothing);  // segments of 8 KiB
+    const PListDict posting = Dict(R"({"text": ")" + std::string(500, 'x') + "\"}");
+    ui64_t number = 0;
+    const auto post = [&](unsigned name) {
+        manager.SendToListeners(posting, {"x", ++number}, "e" + std::to_string(name));
+        return number;
+    };
+    std::vector<std::unique_ptr<Peer>> peers;
+    for (unsigned i = 0; i <= Names; ++i) {
+        peers.push_back(std::make_unique<Peer>(static_cast<Link>(i % 3)));
+        FeedWish wish;
+        wish.Names = {i < Names ? "e" + std::to_string(i) : "e3*"};
+        TCPSession session = peers.back()->Subscriber(wish);
+        manager.AdoptWsClient(session);
+        EXPECT_EQ(peers.back()->Read().Opcode, 1);
+    }
+    std::mt19937 random(1);
+    const auto read = [&](const std::vector<std::pair<unsigned, ui64_t>>& posted) {
+        for (const auto& [name, id] : posted) {
+            ASSERT_EQ(Number(peers[name]->Read()), id);
+            if (name == 3) {
+                ASSERT_EQ(Number(peers[Names]->Read()), id);
+            }
+        }
+    };
+    std::vector<std::pair<unsigned, ui64_t>> posted;
+    for (unsigned round = 0; round < Rounds; ++round) {  // whatever is left waiting is never read
+        posted.clear();
+        for (auto count = 1 + random() % 40; count > 0; --count) {
+            const unsigned name = static_cast<unsigned>(random() % Names);
+            posted.emplace_back(name, post(name));
+        }
+        ASSERT_NO_FATAL_FAILURE(read(posted));
+    }
+    posted.clear();
+    for (unsigned i = 0; i < 40; ++i) posted.emplace_back(i % Names, post(i % Names));
+    std::thread closing([&] { manager.CloseAll(); });
+    read(posted);
+    for (const auto& peer : peers) {
+        Frame end;
+        EXPECT_THAT(peer->ReadTexts(&end), ::testing::IsEmpty());
+        EXPECT_EQ(end.CloseCode(), 1001);
+        peer->HangUp();
+    }
+    closing.join();
+}
+
 TEST_F(SubscriberTest, NobodyMissesOrGetsAnythingTwiceHoweverOftenItComesBack) {
     constexpr int Posters = 2, Each = 4000, Clients = 6;
     constexpr ui64_t Last = Posters * Each;
@@ -163,10 +220,7 @@ TEST_F(SubscriberTest, NobodyMissesOrGetsAnythingTwiceHoweverOftenItComesBack) {
 }
 
 TEST_F(SubscriberTest, ASilentFeedIsHeardAndAnEndIsSaid) {
-    class Nothing : public Velmora::PostingSource {
-        Place PlaceAfter(const PostingId*) const override { return {{"x", 0}, 0, false}; }
-        bool Read(ui64_t, std::size_t, std::vector<Velmora::NumberedPosting>&) const override { return true; }
-    } nothing;
+    const Nothing nothing;
     WebSocketBroadcastManager manager(
         Velmora::BroadcastOptions{.Timeout_ms = 60000, .HeartbeatInterval_ms = 30});
     Peer peer, unserved;
@@ -188,11 +242,8 @@ TEST_F(SubscriberTest, ASilentFeedIsHeardAndAnEndIsSaid) {
 
 TEST_F(SubscriberTest, WhoFallsBehindIsToldAndCanComeBack) {
     WebSocketBroadcastManager manager(Velmora::BroadcastOptions{.Timeout_ms = 60000, .LogLimit = 100000});
-    class Empty : public Velmora::PostingSource {
-        Place PlaceAfter(const PostingId*) const override { return {{"x", 0}, 0, false}; }
-        bool Read(ui64_t, std::size_t, std::vector<Velmora::NumberedPosting>&) const override { return true; }
-    } empty;
-    manager.SubscribersFrom(empty);
+    const Nothing nothing;
+    manager.SubscribersFrom(nothing);
     Peer peer(Link::Pair, 4096), events(Link::Pair, 4096);
     for (Peer* slow : {&peer, &events}) {
         TCPSession session = slow->Subscriber(As(slow == &peer ? Form::Numbered : Form::EventStream));

@@ -25,7 +25,7 @@ FeedClient::FeedClient(FrameLog& log, std::string name)
 }
 
 FeedClient::~FeedClient() {
-    GiveUpPlace();
+    Park();
     Uncount(Counters.Clients);
 }
 
@@ -99,6 +99,7 @@ bool SocketClient::SendFrames(const LogEnd& end, Time now) {
     }
     if (m_Wish) SkipUnwanted(end);
     if (m_Phase != Phase::Closing && !m_Blocked && !Replaying() && !GoOn(end)) FallBehind(now);
+    if (m_Wish) SkipUnwanted(end);  // in the segment that it may have come to
     return !m_Blocked;
 }
 
@@ -115,7 +116,7 @@ std::size_t SocketClient::Sendable(const LogEnd& end) const {
 void SocketClient::FinishClosing() {
     if (Current().InsideFrame() || m_FramesCommitted) return;
     if (m_Wish) m_Wish->EndReplay();
-    GiveUpPlace();
+    Park();
     if (!m_Control.empty()) return;
     m_Stream.EndWriting();
     m_Phase = m_PeerClosed ? Phase::Gone : Phase::Lingering;
@@ -144,7 +145,7 @@ bool SocketClient::WantsTurn() const {
 }
 
 void SocketClient::CheckPlace(const LogEnd& end, Time now) {
-    const bool takes_frames = m_Phase == Phase::Open || m_Phase == Phase::Draining;
+    const bool takes_frames = HasPlace() && (m_Phase == Phase::Open || m_Phase == Phase::Draining);
     if (!takes_frames || !FrameLog::FellOff(m_Cursor, end)) return;
     if (m_Phase == Phase::Draining || !Replaying()) return FallBehind(now);
     m_Log.Detach(m_Cursor);  // what the log has lost comes out of the history

@@ -66,6 +66,13 @@ class FeedClient {
     virtual bool Hurried() const { return false; }
     /// What it wants, where that is less than everything.
     virtual const FeedFilter* Filter() const { return nullptr; }
+    /// True where it has come up to whatever it was given, and would have nothing to do but to go on with the
+    /// log: it may give its place up.
+    virtual bool CanPark() const { return false; }
+    /// Gives its place up, and gets one anew.
+    void Park() { m_Log.Detach(m_Cursor); }
+    void Unpark(LogCursor place) { m_Cursor = std::move(place); }
+    bool HasPlace() const { return m_Cursor.Segment != nullptr; }
     /// How often time is to be looked at while nothing hurries.
     virtual Milliseconds Calm(const ClientLimits& limits) const { return limits.PingInterval / 4; }
     /// What the socket is to be watched for; its descriptor, -1 where there is none.
@@ -80,10 +87,9 @@ class FeedClient {
     Time BehindSince;               // when a turn first left something over; none: Time()
     std::uint32_t Polled = 0;       // the events that epoll reports
     std::uint64_t CloseTicket = 0;  // the order to close that the client is leaving for
+    bool Named = false;             // wants events of certain names only
 
   protected:
-    void GiveUpPlace() { m_Log.Detach(m_Cursor); }
-    bool HasPlace() const { return m_Cursor.Segment != nullptr; }
     /// At the end of a segment that is complete: goes on to the next. False where that is lost.
     bool GoOn(const LogEnd& end);
 
@@ -140,6 +146,7 @@ class SocketClient final : public FeedClient {
     std::uint32_t Interest() const override { return m_Stream.Interest(m_Blocked); }
     int Descriptor() const override { return m_Stream.Descriptor(); }
     const FeedFilter* Filter() const override { return m_Wish ? &m_Wish->Filter : nullptr; }
+    bool CanPark() const override { return m_Phase == Phase::Open && !Replaying(); }
     Milliseconds Calm(const ClientLimits& limits) const override;
 
   private:

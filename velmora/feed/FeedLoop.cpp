@@ -176,8 +176,14 @@ bool FeedLoop::MakePass() {
     m_Now = std::chrono::steady_clock::now();
     if (m_HasOrders && !TakeOrders()) return false;
     LookAtLog();
+    LookFurther();
     GiveTurns();
-    if (m_BatchBegan != Time()) CountTimes();
+    if (LookedAtAll()) {
+        m_LooksBehindSince = Time();
+    } else if (m_LooksBehindSince == Time()) {
+        m_LooksBehindSince = m_Now;
+    }
+    if (m_BatchBegan != Time() && LookedAtAll()) CountTimes();
     if (m_Now >= m_TickAt) TickClients();
     if (m_AnyGone) BuryGone();
     if (m_Closing != 0) AnswerClosers();
@@ -187,6 +193,7 @@ bool FeedLoop::MakePass() {
 
 Mirel::Result_t FeedLoop::ThreadFini(Mirel::Result_t result) {
     m_Clients.clear();
+    m_Log.Detach(m_Looked);
     std::vector<std::unique_ptr<FeedClient>> late;  // destroyed after the lock
     Mirel::AutoMutex lock(m_Lock);
     late.swap(m_Inbox);
@@ -217,6 +224,7 @@ bool FeedLoop::TakeOrders() {
     }
     if (ticket == 0) return true;
     m_Closing = ticket;
+    UnparkAll();  // what comes up to here is theirs
     for (auto& client : m_Clients) {
         client->CloseTicket = ticket;
         client->Leave(m_End, m_Now + m_Limits.Timeout);
@@ -256,16 +264,20 @@ void FeedLoop::LookAtLog() {
     const LogEnd before = std::exchange(m_End, m_Log.End(&m_BatchBegan));
     const Time asleep = std::exchange(m_AsleepSince, Time());
     if (m_End == before) {
-        m_Naps = m_Naps && !m_Ready.empty();
+        m_Naps = m_Naps && !(m_Ready.empty() && LookedAtAll());
         return;
     }
     m_Naps = m_Naps || m_Now - asleep < SoonWoken;
     if (m_End.First != before.First) {
+        if (m_Looked.Segment && FrameLog::FellOff(m_Looked, m_End)) {
+            UnparkAll();  // they have fallen off with it
+            m_Log.Detach(m_Looked);
+            m_Looked = m_Log.Attach();
+        }
         for (auto& client : m_Clients) client->CheckPlace(m_End, m_Now);
         HurryTick();
     }
     for (FeedClient* client : m_Eager) MakeReady(*client);
-    if (!m_ByName.empty()) WakeNamed(before);
 }
 
 void FeedLoop::MakeReady(FeedClient& client) {
@@ -274,25 +286,48 @@ void FeedLoop::MakeReady(FeedClient& client) {
     m_Ready.push_back(&client);
 }
 
-// Those who want events of certain names only: who wants one of those that have come, and all once a segment
-// is over, for which they must not be waited.
-void FeedLoop::WakeNamed(const LogEnd& before) {
-    if (m_End.Segment != before.Segment) {
-        for (const auto& [hash, client] : m_ByName) MakeReady(*client);
-        return;
+// Looks who wants what has come of those who want events of certain names only, to the end of one segment.
+// They have no place of their own while nothing is there for them: with a thousand of them, each going on to
+// the next segment by itself would cost more than what they get.
+void FeedLoop::LookFurther() {
+    if (LookedAtAll()) return;
+    const bool at_end = m_Looked.Segment->Number < m_End.Segment && m_Looked.Offset == m_Looked.Segment->Size;
+    if (at_end && !m_Log.Advance(m_Looked)) return;  // lost meanwhile, which the next look at the log finds
+    const std::uint64_t limit = m_Looked.FrameLimit(m_End);
+    while (m_Looked.Frames < limit) {
+        const auto [begin, end] = m_ByName.equal_range(m_Looked.Segment->Notes[m_Looked.Frames].Hash);
+        for (auto found = begin; found != end; ++found) {
+            FeedClient& client = *found->second;
+            if (client.CanPark() && !client.HasPlace()) client.Unpark(m_Log.Share(m_Looked));
+            MakeReady(client);
+        }
+        m_Looked.SkipTo(m_Looked.Frames + 1);
     }
-    const std::shared_ptr<LogSegment> last = m_Log.Last();
-    if (last->Number != m_End.Segment) return;  // the next look finds another segment
-    for (std::uint64_t frame = before.Frames; frame < m_End.Frames; ++frame) {
-        const auto [begin, end] = m_ByName.equal_range(last->Notes[frame].Hash);
-        for (auto found = begin; found != end; ++found) MakeReady(*found->second);
-    }
+}
+
+bool FeedLoop::LookedAtAll() const {
+    if (!m_Looked.Segment) return true;
+    if (m_Looked.Segment->Number != m_End.Segment) return m_Looked.Segment->Number > m_End.Segment;
+    return m_Looked.Frames >= m_End.Frames;
+}
+
+// How far the client may go.
+LogEnd FeedLoop::EndFor(const FeedClient& client) const {
+    if (!client.Named) return m_End;
+    return {m_End.First, m_Looked.Segment->Number, m_Looked.Offset, m_Looked.Frames};
+}
+
+void FeedLoop::UnparkAll() {
+    for (auto& client : m_Clients)
+        if (client->Named && client->CanPark() && !client->HasPlace()) client->Unpark(m_Log.Share(m_Looked));
 }
 
 // Where it is looked for when frames have come. May fail, and then it is as before.
 void FeedLoop::Introduce(FeedClient& client) {
     const auto hashes = client.Filter() ? client.Filter()->OnlyNames() : std::vector<std::uint64_t>();
     if (hashes.empty()) return m_Eager.push_back(&client);
+    if (!m_Looked.Segment) m_Looked = m_Log.Attach();
+    client.Named = true;
     try {
         for (const std::uint64_t hash : hashes) m_ByName.emplace(hash, &client);
     } catch (...) {
@@ -303,11 +338,12 @@ void FeedLoop::Introduce(FeedClient& client) {
 
 // Of those who want certain names only.
 void FeedLoop::Forget(FeedClient& client) {
-    if (client.Filter() == nullptr) return;
+    if (!client.Named) return;
     for (const std::uint64_t hash : client.Filter()->OnlyNames()) {
         for (auto [found, end] = m_ByName.equal_range(hash); found != end;)
             found = found->second == &client ? m_ByName.erase(found) : std::next(found);
     }
+    if (m_ByName.empty()) m_Log.Detach(m_Looked);
 }
 
 void FeedLoop::GiveTurns() {
@@ -322,7 +358,7 @@ void FeedLoop::GiveTurns() {
 // To a client that is not in the list of those that are ready.
 void FeedLoop::GiveTurn(FeedClient& client) {
     try {
-        client.Standing = client.TakeTurn(m_End, m_Now);
+        client.Standing = client.TakeTurn(EndFor(client), m_Now);
     } catch (const std::exception& failure) {
         Mirel::DefaultLogSink().Error("WebSocket client %s is lost: %s.\n", client.Name(), failure.what());
         client.Standing = Turn::Gone;
@@ -333,6 +369,7 @@ void FeedLoop::GiveTurn(FeedClient& client) {
     }
     if (client.Standing == Turn::CaughtUp) {
         client.BehindSince = Time();
+        if (client.Named && client.CanPark()) client.Park();
     } else if (client.BehindSince == Time()) {
         client.BehindSince = m_Now;
     }
@@ -357,7 +394,7 @@ void FeedLoop::UpdatePoll(FeedClient& client) {
 void FeedLoop::TickClients() {
     bool hurried = false;
     Milliseconds calm = TickOf(m_Limits.PingInterval, m_Limits.PingInterval);
-    Time behind;
+    Time behind = m_LooksBehindSince;
     for (auto& client : m_Clients) {
         client->Tick(m_Now);
         if (client->BehindSince != Time() && (behind == Time() || client->BehindSince < behind))
@@ -410,9 +447,10 @@ void FeedLoop::AnswerClosers() {
 // Waits for sockets, new frames, orders and the next tick; not at all while a client is ready.
 void FeedLoop::Await() {
     int timeout_ms = 0;
-    if (m_Ready.empty() && m_Naps) {
+    const bool idle = m_Ready.empty() && LookedAtAll();
+    if (idle && m_Naps) {
         std::this_thread::sleep_for(Nap);
-    } else if (m_Ready.empty() && m_Log.PrepareToWait(m_End)) {
+    } else if (idle && m_Log.PrepareToWait(m_End)) {
         m_AsleepSince = m_Now;
         const auto wait = std::chrono::ceil<Milliseconds>(m_TickAt - m_Now).count();
         timeout_ms = m_Clients.empty() ? -1 : static_cast<int>(std::clamp<long>(wait, 0, 3600 * 1000));

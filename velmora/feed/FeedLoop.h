@@ -54,7 +54,10 @@ class FeedLoop final : private Mirel::Thread {
     void Welcome(std::unique_ptr<FeedClient> client);
     void LookAtLog();
     void MakeReady(FeedClient& client);
-    void WakeNamed(const LogEnd& before);
+    void LookFurther();
+    bool LookedAtAll() const;
+    LogEnd EndFor(const FeedClient& client) const;
+    void UnparkAll();
     void Introduce(FeedClient& client);
     void Forget(FeedClient& client);
     void GiveTurns();
@@ -90,6 +93,8 @@ class FeedLoop final : private Mirel::Thread {
     std::vector<FeedClient*> m_Eager;  // those that may want whatever comes
     std::unordered_multimap<std::uint64_t, FeedClient*>
         m_ByName;                      // the others, by the hashes of what they want
+    LogCursor m_Looked;                // how far was looked for these; has no segment where there are none
+    Time m_LooksBehindSince;           // when that first was not all of the log; none: Time()
     std::vector<FeedClient*> m_Ready;  // those whose standing is More
     std::vector<FeedClient*> m_Turn;   // of the present round
     LogEnd m_End;                      // of the log, when last looked at

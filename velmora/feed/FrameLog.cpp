@@ -45,12 +45,16 @@ void PutFrame(LogSegment& segment, std::string_view text) {
 }  // namespace
 
 LogSegment::LogSegment(std::size_t capacity, std::size_t notes, std::size_t names)
-    : Capacity(capacity),
-      Bytes(TakeMemory(capacity)),
-      NoteRoom(notes),
+    : LogSegment(capacity, notes, names, TakeMemory(notes * sizeof(FrameNote) + capacity + names)) {}
+
+// One piece of memory for all: whoever posts waits for it.
+LogSegment::LogSegment(std::size_t capacity, std::size_t notes, std::size_t names, char* memory)
+    : NoteRoom(notes),
       NameRoom(names),
-      Notes(notes > 0 ? std::make_unique<FrameNote[]>(notes) : nullptr),
-      Names(notes > 0 ? std::make_unique<char[]>(names) : nullptr) {}
+      Capacity(capacity),
+      Notes(notes > 0 ? reinterpret_cast<FrameNote*>(memory) : nullptr),
+      Bytes(memory + notes * sizeof(FrameNote)),
+      Names(Bytes + capacity) {}
 
 bool LogSegment::Put(std::string_view frame, std::uint64_t number, std::string_view name,
                      std::uint64_t hash) {
@@ -63,13 +67,13 @@ bool LogSegment::Put(std::string_view frame, std::uint64_t number, std::string_v
     FrameNote& note = Notes[Frames++];
     note = {number, Size, hash, known ? before->NameAt : NamesSize, name.size()};
     if (known) return true;
-    std::copy(name.begin(), name.end(), Names.get() + NamesSize);
+    std::copy(name.begin(), name.end(), Names + NamesSize);
     NamesSize += name.size();
     return true;
 }
 
 LogSegment::~LogSegment() {
-    munmap(Bytes, Capacity);
+    munmap(Bytes - NoteRoom * sizeof(FrameNote), Memory());
 }
 
 std::size_t LogCursor::FrameEnd() const {
@@ -189,12 +193,20 @@ LogCursor FrameLog::Attach() {
     return {last, last->Size, last->Size, last->Frames};
 }
 
+LogCursor FrameLog::Share(const LogCursor& cursor) {
+    m_Readers.fetch_add(1, std::memory_order_release);
+    cursor.Segment->Readers.fetch_add(1, std::memory_order_relaxed);
+    return cursor;
+}
+
 void FrameLog::Detach(LogCursor& cursor) {
-    SegmentPtr segment = std::move(cursor.Segment);
+    const SegmentPtr segment = std::move(cursor.Segment);
+    cursor = {};
     if (!segment) return;
-    Mirel::AutoMutex lock(m_Lock);
     m_Readers.fetch_sub(1, std::memory_order_release);
-    Leave(*segment);
+    if (segment->Readers.fetch_sub(1, std::memory_order_acq_rel) > 1) return;
+    Mirel::AutoMutex lock(m_Lock);
+    LetGo();
 }
 
 bool FrameLog::Advance(LogCursor& cursor) {
@@ -205,7 +217,8 @@ bool FrameLog::Advance(LogCursor& cursor) {
     if (next < first) return false;
     cursor = {m_Segments[next - first], 0, 0, 0};
     ++cursor.Segment->Readers;
-    Leave(*old);
+    --old->Readers;
+    LetGo();
     return true;
 }
 
@@ -263,9 +276,8 @@ FrameLog::SegmentPtr FrameLog::NewSegment(std::size_t capacity) {
     return segment;
 }
 
-// A cursor has left `segment`: lets go of what every cursor has passed.
-void FrameLog::Leave(LogSegment& segment) {
-    --segment.Readers;
+// Of what every cursor has passed.
+void FrameLog::LetGo() {
     while (m_Segments.size() > 1 && m_Segments.front()->Readers == 0) {
         SegmentPtr front = PopFront();
         if (front->Capacity == m_SegmentSize && m_Spare.size() < MaxSpare)

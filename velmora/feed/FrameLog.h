@@ -18,11 +18,11 @@ namespace Velmora::Feed {
 
 /// What is known of a frame that tells its id. Written once, before its frame is published.
 struct FrameNote {
-    std::uint64_t Number = 0;  // the posting's
-    std::size_t End = 0;       // where in the segment the frame ends
-    std::uint64_t Hash = 0;    // the name's
-    std::size_t NameAt = 0;    // where in the segment's names its event's stands
-    std::size_t NameSize = 0;
+    std::uint64_t Number;  // the posting's
+    std::size_t End;       // where in the segment the frame ends
+    std::uint64_t Hash;    // the name's
+    std::size_t NameAt;    // where in the segment's names its event's stands
+    std::size_t NameSize;
 };
 
 /// A piece of the log: whole frames, one after the other. Bytes that have once been written never change
@@ -36,27 +36,29 @@ struct LogSegment {
     LogSegment(const LogSegment&) = delete;
     LogSegment& operator=(const LogSegment&) = delete;
 
+    const std::size_t NoteRoom;
+    const std::size_t NameRoom;
     const std::size_t Capacity;
+    FrameNote* const Notes;  // null where the frames tell no ids
     char* const Bytes;
+    char* const Names;
     std::uint64_t Number = 0;  // consecutive over the life of the log
     // Changed under the log's lock, and final once a later segment exists. Others learn what they may read of
     // the last segment from a LogEnd.
     std::size_t Size = 0;
     std::uint64_t Frames = 0;
-    // Cursors in the segment; under the log's lock.
-    std::size_t Readers = 0;
+    // Cursors in the segment. The first to come takes the log's lock; whoever holds one may make another.
+    std::atomic<std::size_t> Readers{0};
 
     /// Appends a frame with its note. False, and nothing done, where there is no room.
     bool Put(std::string_view frame, std::uint64_t number, std::string_view name, std::uint64_t hash);
-    std::string_view NameOf(const FrameNote& note) const {
-        return {Names.get() + note.NameAt, note.NameSize};
-    }
+    std::string_view NameOf(const FrameNote& note) const { return {Names + note.NameAt, note.NameSize}; }
 
-    const std::size_t NoteRoom;
-    const std::size_t NameRoom;
-    const std::unique_ptr<FrameNote[]> Notes;  // null where the frames tell no ids
-    const std::unique_ptr<char[]> Names;
     std::size_t NamesSize = 0;  // changed with Size
+
+  private:
+    LogSegment(std::size_t capacity, std::size_t notes, std::size_t names, char* memory);
+    std::size_t Memory() const { return NoteRoom * sizeof(FrameNote) + Capacity + NameRoom; }
 };
 
 /// How far the log went at one time.
@@ -117,7 +119,9 @@ class FrameLog {
 
     /// A cursor behind the last frame.
     LogCursor Attach();
-    /// Gives the cursor up; its segment may be used anew.
+    /// Another cursor where this one stands. Takes no lock.
+    LogCursor Share(const LogCursor& cursor);
+    /// Gives the cursor up; its segment may be used anew. Takes the lock for the last of a segment only.
     void Detach(LogCursor& cursor);
     /// Puts a cursor that has taken all of its segment at the start of the next, which must exist. False when
     /// that has been dropped: the cursor fell off.
@@ -139,7 +143,7 @@ class FrameLog {
     void Push(SegmentPtr segment) REQUIRES(m_Lock);
     SegmentPtr PopFront() REQUIRES(m_Lock);
     SegmentPtr NewSegment(std::size_t capacity) REQUIRES(m_Lock);
-    void Leave(LogSegment& segment) REQUIRES(m_Lock);
+    void LetGo() REQUIRES(m_Lock);
 
     const std::size_t m_Limit;
     const std::size_t m_SegmentSize;

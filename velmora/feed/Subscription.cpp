@@ -95,7 +95,7 @@ void SocketClient::SkipUnwanted(const LogEnd& log_end) {
     if (!HasPlace() || (Replaying() && !InReplay())) return;
     if (cursor.InsideFrame() || m_FramesCommitted || WantsAll()) return;
     const std::uint64_t limit = cursor.FrameLimit(CurrentEnd(log_end));
-    const FrameNote* notes = cursor.Segment->Notes.get();
+    const FrameNote* notes = cursor.Segment->Notes;
     std::uint64_t frame = cursor.Frames;
     while (frame < limit && !Wanted(notes[frame])) ++frame;
     if (frame > cursor.Frames) cursor.SkipTo(frame);
@@ -110,7 +110,7 @@ std::size_t SocketClient::WantedRun(const LogEnd& log_end) const {
     if ((Replaying() && !InReplay()) || cursor.Frames >= cursor.FrameLimit(end)) return 0;
     if (WantsAll()) return cursor.Limit(end) - cursor.Offset;
     const std::uint64_t limit = cursor.FrameLimit(end);
-    const FrameNote* notes = cursor.Segment->Notes.get();
+    const FrameNote* notes = cursor.Segment->Notes;
     std::uint64_t frame = cursor.Frames;
     while (frame < limit && Wanted(notes[frame])) ++frame;
     return frame == cursor.Frames ? 0 : notes[frame - 1].End - cursor.Offset;
