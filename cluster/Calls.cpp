@@ -217,7 +217,7 @@ void Calls::Begin(LoopThread& thread, natsMsg* message, const DeliveryFacts& fac
     ++m_Running;
     // Not null: whoever makes the calls holds what is there.
     const std::shared_ptr<void> token(this, [this, place](void*) { Ended(place); });
-    m_Caller.Call(posting->Payload, token);
+    m_Caller.Call(posting->Payload, facts.Sequence, token);
 }
 
 // On whatever thread the last call ends.

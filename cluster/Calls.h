@@ -28,8 +28,8 @@ class ICaller {
     virtual ui64_t CalledUpTo(i64_t stream_created_ns) = 0;
     /// Whether the process may call now: otherwise the posting waits.
     virtual bool HasRoom() = 0;
-    /// `token` is let go when all calls have ended.
-    virtual void Call(const PListDict& payload, const std::shared_ptr<void>& token) = 0;
+    /// `number` is the posting's. `token` is let go when all calls have ended.
+    virtual void Call(const PListDict& payload, ui64_t number, const std::shared_ptr<void>& token) = 0;
 };
 
 class Calls {

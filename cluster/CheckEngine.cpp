@@ -11,7 +11,9 @@ namespace {
 void CheckRights(const Engine& engine, std::vector<std::string>& faults) {
     StreamFacts facts;
     const Streams& names = engine.Names();
-    for (const std::string& stream : {names.Postings, names.Registry, names.Timers, names.Nodes}) {
+    std::vector<std::string> streams = {names.Postings, names.Registry, names.Timers, names.Nodes};
+    if (engine.Of().DeliveriesAge_sec > 0) streams.push_back(names.Deliveries);
+    for (const std::string& stream : streams) {
         const natsStatus status = engine.Facts(stream, facts);
         if (status == NATS_OK || status == NATS_NOT_FOUND) continue;
         faults.push_back("no right to ask for the stream \"" + stream + "\" (" + ReasonOf(status) + ")");

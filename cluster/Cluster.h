@@ -30,6 +30,7 @@ struct Settings {
     i64_t MaxAge_sec = 600;         ///< of postings
     i64_t MaxBytes = i64_t{1} << 30;
     i64_t TimerLateness_sec = 60;  ///< later than that, a due time is skipped
+    i64_t DeliveriesAge_sec = 0;   ///< how long waiting and dead deliveries are kept; 0: nobody has any
     ui64_t MostCallers = 512;      ///< calls that run at the same time, before further postings wait
     i64_t Patience_ms = 10000;     ///< with the engine, for a posting or a change
 
@@ -74,6 +75,24 @@ struct Statistics {
     ui64_t Reconnects = 0;
 };
 
+/// Does what the nodes have put off. Told on threads of the node's, which are not to wait for long.
+class ITaskUser {
+  public:
+    virtual ~ITaskUser() = default;
+
+    /// All tasks there are come now, and what has been known of others' before counts no more once
+    /// TasksRead() comes.
+    virtual void TasksAnew() = 0;
+    virtual void TasksRead() = 0;
+    /// What the newest put of `key` says, by whichever node (`own`: by this one); empty: it is gone.
+    virtual void TaskPut(const std::string& key, const std::string& document, bool own) = 0;
+    /// The task is due, and this node's as long as `token` is held: let go, it is done with that document.
+    /// What is held when the process dies is another node's some seconds later. False: not now, but offered
+    /// again.
+    virtual bool TaskDue(const std::string& key, const std::string& document,
+                         const std::shared_ptr<void>& token) = 0;
+};
+
 /// One node of a cluster, as its process sees it. All operations may be called from any thread.
 class ICluster {
   public:
@@ -96,6 +115,14 @@ class ICluster {
     /// Why the calling thread's last change of the registry was not made, once; Stored where it was, or was
     /// refused for a reason that its own answer tells.
     virtual Outcome TakeFailure() = 0;
+
+    /// From Join() on; where the settings have "DeliveriesAge_sec".
+    virtual void ShareTasks(ITaskUser& user) = 0;
+    using TaskDone = std::function<void(Fate fate, const std::string& why)>;
+    /// Stores a task in the place of what `key` had. It is due after `delay_ms`; never where that is
+    /// negative. `done` is called once, on any thread, perhaps at once.
+    virtual void PutTask(const std::string& key, const std::string& document, i64_t delay_ms,
+                         TaskDone done) = 0;
 
     virtual Statistics Figures() const = 0;
     /// The nodes, the engine and the timers' holder.

@@ -39,7 +39,8 @@ class ClusterQueue : public EventManager::EventQueue, private IRegistryUser {
     /// What the readers bring.
     void BeginPostings(const std::string& epoch, ui64_t before) { BeginEpoch(epoch, before); }
     void Record(const PListDict& payload, ui64_t number) { RecordPosting(payload, number); }
-    bool Call(const PListDict& payload, const std::shared_ptr<void>& token) {
+    bool Call(const PListDict& payload, const Velmora::PostingId& id, const std::shared_ptr<void>& token) {
+        PostingOfThread(id);
         return CallListenersOf(payload, token);
     }
     void CountTimer(bool fired) { fired ? CountTimerPosting() : CountExpiredTimer(); }

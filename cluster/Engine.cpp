@@ -1,5 +1,6 @@
 #include "Engine.h"
 
+#include <algorithm>
 #include <string_view>
 
 #include "MR_log.h"
@@ -166,6 +167,24 @@ Result_t Engine::MakeStream(jsStreamConfig& config) {
     return Failure(std::string("The stream ") + config.Name + " cannot be made", status);
 }
 
+// The newest of each delivery.
+Result_t Engine::MakeDeliveries() {
+    jsStreamConfig config;
+    jsStreamConfig_Init(&config);
+    const std::string subject = m_Names.DeliveryKeys + ">", identity = NewIdentity();
+    const char* subjects[] = {subject.c_str()};
+    config.Name = m_Names.Deliveries.c_str();
+    config.Description = identity.c_str();
+    config.Subjects = subjects;
+    config.SubjectsLen = 1;
+    config.Storage = js_FileStorage;
+    config.Replicas = m_Settings.Replicas;
+    config.MaxMsgsPerSubject = 1;
+    config.MaxAge = std::max(m_Settings.DeliveriesAge_sec, DuplicateWindow_sec) * second_ns;
+    config.Duplicates = DuplicateWindow_sec * second_ns;
+    return MakeStream(config);
+}
+
 Result_t Engine::MakeStreams() {
     const auto make = [this](const std::string& name, const std::string& subject, bool keys) {
         jsStreamConfig config;
@@ -189,6 +208,7 @@ Result_t Engine::MakeStreams() {
         return MakeStream(config);
     };
     Result_t made = make(m_Names.Postings, m_Names.Events + ">", false);
+    if (made.Success() && m_Settings.DeliveriesAge_sec > 0) made = MakeDeliveries();
     if (made.Success()) made = make(m_Names.Registry, m_Names.RegistryKeys + ">", true);
     if (made.Success()) made = make(m_Names.Timers, m_Names.TimersKey, true);
     if (made.Success()) made = make(m_Names.Nodes, m_Names.NodesKeys + ">", true);

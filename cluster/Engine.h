@@ -27,11 +27,15 @@ struct Streams {
           RegistryKeys("$KV." + name + "_registry."),
           TimersKey("$KV." + name + "_timers.holder"),
           NodesKeys("$KV." + name + "_nodes."),
-          Calls(name + "_calls") {}
+          Calls(name + "_calls"),
+          Deliveries(name + "_deliveries"),
+          DeliveryKeys(name + ".deliveries."),
+          Attempts(name + "_attempts") {}
 
     std::string Postings, Registry, Timers, Nodes;           // streams
     std::string Events, RegistryKeys, TimersKey, NodesKeys;  // beginnings of subjects, and one subject
     std::string Calls;                                       // the consumer of the calls
+    std::string Deliveries, DeliveryKeys, Attempts;          // stream, beginning of subjects, consumer
 };
 
 /// One connection, kept up for as long as the object lives: whichever server dies, another is connected to.
@@ -65,6 +69,7 @@ class Engine {
   private:
     Result_t SetOptions(natsOptions* options, bool wait);
     Result_t MakeStream(jsStreamConfig& config);
+    Result_t MakeDeliveries();
     static void OnError(natsConnection*, natsSubscription*, natsStatus, void*);
     static void OnReconnected(natsConnection*, void* self);
     static void OnDisconnected(natsConnection*, void* self);

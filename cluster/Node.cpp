@@ -37,6 +37,7 @@ Node::Node(const Settings& settings, Mirel::ui32_t timeout_ms)
       m_Postings(m_Engine, m_Engine.Names().Postings, m_Engine.Names().Events + ">", *this),
       m_Calls(m_Engine, *this),
       m_Timers(m_Engine, m_Publisher, m_Nodes, *m_Queue),
+      m_Tasks(m_Engine, m_Publisher, m_Nodes),
       m_Watch([this](LoopThread& thread) { Watch(thread); }) {}
 
 Node::~Node() {
@@ -67,10 +68,11 @@ void Node::Join(const PListDict& seed, Mirel::ui32_t limit_ms) {
     } else {
         DefaultLogSink().Error("The cluster's registry cannot be read yet: %s\n", WhyNotReady().c_str());
     }
-    const Result_t calls = m_Calls.Start(), timers = m_Timers.Start();
-    if (calls.Failure() || timers.Failure())
-        DefaultLogSink().Error("The cluster's calls and timers do not run: %s\n",
-                               calls.Failure() ? calls.Message() : timers.Message());
+    Result_t started = m_Tasks.Start();
+    if (started.Success()) started = m_Calls.Start();
+    if (started.Success()) started = m_Timers.Start();
+    if (started.Failure())
+        DefaultLogSink().Error("The cluster's calls and timers do not run: %s\n", started.Message());
 }
 
 Result_t Node::Import(const PListDict& document, Mirel::ui32_t limit_ms, PListDict& state) {
@@ -88,12 +90,15 @@ Result_t Node::Import(const PListDict& document, Mirel::ui32_t limit_ms, PListDi
 
 void Node::BeginEnd() {
     m_Calls.BeginStop();
+    m_Tasks.BeginStop();
     m_Timers.Stop();
     m_Calls.StopFetching();
+    m_Tasks.StopFetching();
 }
 
 void Node::End() {
     m_Calls.Stop();
+    m_Tasks.Stop();
     m_Postings.BeginStop();
     m_Nodes.BeginStop();
     m_Queue->Documents().BeginStop();
@@ -171,8 +176,14 @@ bool Node::HasRoom() {
     return Velmora::GetRequestCounters().Running < m_Engine.Of().MostCallers;
 }
 
-void Node::Call(const PListDict& payload, const std::shared_ptr<void>& token) {
-    (void)m_Queue->Call(payload, token);
+void Node::Call(const PListDict& payload, ui64_t number, const std::shared_ptr<void>& token) {
+    Velmora::PostingId id;
+    id.Number = number;
+    {
+        AutoMutex lock(m_Lock);
+        id.Epoch = m_Epoch;
+    }
+    (void)m_Queue->Call(payload, id, token);
 }
 
 // ---------------------------------------------------------------- what is looked at every second

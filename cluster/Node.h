@@ -13,6 +13,7 @@
 #include "Nodes.h"
 #include "Publisher.h"
 #include "StreamReader.h"
+#include "Tasks.h"
 #include "TimerFirer.h"
 
 namespace Cluster {
@@ -29,6 +30,11 @@ class Node : public ICluster, private IStreamUser, private ICaller {
     Result_t Import(const PListDict& document, Mirel::ui32_t limit_ms, PListDict& state) override;
     void Post(const std::string& event_name, std::string json, const std::string& key, Done done) override;
     Outcome TakeFailure() override { return ClusterQueue::TakeFailure(); }
+    void ShareTasks(ITaskUser& user) override { m_Tasks.Use(user); }
+    void PutTask(const std::string& key, const std::string& document, i64_t delay_ms,
+                 TaskDone done) override {
+        m_Tasks.Put(key, document, delay_ms, std::move(done));
+    }
     Statistics Figures() const override;
     PListDict Describe() const override;
     void BeginEnd() override;
@@ -44,7 +50,7 @@ class Node : public ICluster, private IStreamUser, private ICaller {
     bool KnowsRevision(ui64_t revision) override;
     ui64_t CalledUpTo(i64_t stream_created_ns) override;
     bool HasRoom() override;
-    void Call(const PListDict& payload, const std::shared_ptr<void>& token) override;
+    void Call(const PListDict& payload, ui64_t number, const std::shared_ptr<void>& token) override;
 
     void Watch(LoopThread& thread);
     std::string WhyNotReady() const;
@@ -56,6 +62,7 @@ class Node : public ICluster, private IStreamUser, private ICaller {
     StreamReader m_Postings;
     Calls m_Calls;
     TimerFirer m_Timers;
+    Tasks m_Tasks;
     LoopThread m_Watch;
 
     mutable Mirel::Mutex m_Lock;

@@ -26,6 +26,7 @@
 #include "config/Config.h"
 #include "config/StateFile.h"
 #include "config/Tokens.h"
+#include "deliveries/ClusterDeliveries.h"
 #include "deliveries/DeliveryEngine.h"
 #include "deliveries/DeliveryJournal.h"
 #include "http/HttpServer.h"
@@ -220,13 +221,15 @@ int End(Server::HttpServer& server, const Config& config, Server::DeliveryEngine
 }
 
 // A node's queue is the cluster's; what the configuration holds is for an empty cluster.
-Result_t StartNode(const Config& config, Mirel::ui16_t port, std::unique_ptr<Cluster::ICluster>& node) {
+Result_t StartNode(const Config& config, Mirel::ui16_t port, Server::ClusterDeliveries* deliveries,
+                   std::unique_ptr<Cluster::ICluster>& node) {
     const Result_t handlers = Server::SetUpHandlers(config);
     if (handlers.Failure()) return handlers;
     Cluster::Settings settings = config.Node;
     settings.MostCallers = config.MaxCallers / 2 + 1;  // each posting may have many listeners
     const Result_t made = Cluster::MakeNode(settings, static_cast<Mirel::ui32_t>(config.Timeout_ms), node);
     if (made.Failure()) return made;
+    if (deliveries != nullptr) deliveries->Use(*node);
     const Velmora::PListDict dict = config.ForEventQueue(port, Velmora::PListDict());
     const Result_t started = EventManager::StartEventQueue(node->Queue(), dict, nullptr);
     if (started.Success()) node->Join(config.EventManager, JoinLimit_ms);
@@ -295,11 +298,15 @@ void SayWhatWasLoaded(const Config& config, const std::string& config_file, cons
 
 // What makes the calls where the configuration asks for it; null where the queue does. Never destroyed: calls
 // may come as long as the process runs.
-Result_t MakeDeliveries(const Config& config, Server::DeliveryEngine*& deliveries) {
+Result_t MakeDeliveries(const Config& config, Server::DeliveryEngine*& deliveries,
+                        Server::ClusterDeliveries*& shared) {
     deliveries = nullptr;
+    shared = nullptr;
     if (!config.Deliveries.On) return Mirel::RESULT_OK;
     auto store = std::make_unique<Server::DeliveryStore>();
-    if (!config.Deliveries.Journal.empty()) {
+    if (config.Node.IsConfigured()) {
+        store.reset(shared = new Server::ClusterDeliveries);
+    } else if (!config.Deliveries.Journal.empty()) {
         auto journal = std::make_unique<Server::DeliveryJournal>();
         const Result_t opened = journal->Open(config.Deliveries.Journal);
         if (opened.Failure()) return opened;
@@ -312,6 +319,18 @@ Result_t MakeDeliveries(const Config& config, Server::DeliveryEngine*& deliverie
     deliveries = made;
     EventManager::UseListenerCaller(made);
     return Mirel::RESULT_OK;
+}
+
+// Where the journal is stays as it was at the start.
+void TakeDeliveriesAnew(Server::Reload& reload, Server::DeliveryEngine* deliveries) {
+    if (deliveries == nullptr) return;
+    reload.AlsoTakes(
+        {"/Destinations", "/Deliveries/Keep", "/Deliveries/KeepBytes", "/Deliveries/MaxWaiting",
+         "/Deliveries/MaxWaitingBytes", "/Deliveries/MaxAge_sec", "/Limits/MaxCallers"},
+        [deliveries](const Config& config) {
+            deliveries->TakeAnew({config.Deliveries, config.Destinations,
+                                  static_cast<Mirel::ui32_t>(config.Timeout_ms), config.MaxCallers});
+        });
 }
 
 // When the queue is there: what was kept is for its listeners.
@@ -337,12 +356,14 @@ int Run(const Config& config, const Server::CommandLine& command_line) {
     if (locked.Failure()) return Fail(locked.Message());
     Velmora::SetMaxCallers(config.MaxCallers);
     Server::DeliveryEngine* deliveries = nullptr;
-    const Result_t made = MakeDeliveries(config, deliveries);
+    Server::ClusterDeliveries* shared = nullptr;
+    const Result_t made = MakeDeliveries(config, deliveries, shared);
     if (made.Failure()) return Fail(made.Message());
     router.DeliveriesFrom(deliveries);
+    TakeDeliveriesAnew(*reload, deliveries);
     Server::QueueOrigin origin = Server::QueueOrigin::Cluster;
     std::unique_ptr<Cluster::ICluster> node;
-    const Result_t started = config.Node.IsConfigured() ? StartNode(config, server.Port(), node)
+    const Result_t started = config.Node.IsConfigured() ? StartNode(config, server.Port(), shared, node)
                                                         : StartQueue(config, server.Port(), origin);
     if (started.Failure()) return Fail(started.Message());
     StartDeliveries(deliveries, server);

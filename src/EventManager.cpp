@@ -586,6 +586,10 @@ void EventQueue::GetEventHistory(PListDict& history) const {
 // What LastPostingOfThread() answers. The epoch's text is written only where it is another one.
 static thread_local PostingId t_last_posting;
 
+void EventQueue::PostingOfThread(const PostingId& id) {
+    t_last_posting = id;
+}
+
 // All that may fail comes before the record is appended: a posting has its number, or there is none.
 void EventQueue::AppendHistory(const PListDict& event_data, ui64_t number) {
     const std::string_view timestamp = event_data.GetData(Strings::timestamp).TextView();

@@ -469,6 +469,9 @@ class MR_EXPORT EventQueue : public Mirel::Thread, public IEventQueue {
     /// event. The last copy of `token` (may be null) is let go when every Python handler has run and every
     /// request has ended, which is on any thread, often after the return.
     bool CallListenersOf(const PListDict& payload, const std::shared_ptr<void>& token);
+    /// What LastPostingOfThread answers on the calling thread, until it records a posting: whose listeners it
+    /// is about to call where another thread has recorded the posting.
+    static void PostingOfThread(const PostingId& id);
 
   private:
     friend Result_t RestoreEventQueue(const PListDict& dict, const std::function<Result_t()>& restored);

@@ -94,6 +94,7 @@ class Loader {
     void Timers(const Velmora::PListDict& dict);
     void Python(const Velmora::PListDict& dict);
     void Deliveries(Shape& shape);
+    void BelongToCluster();
     void Document(const Velmora::PListDict& dict);
 
     Config& m_Config;
@@ -125,6 +126,7 @@ void Loader::Load(const Velmora::PListDict& dict) {
         m_Config.Node = ReadCluster(*cluster, m_Directory, m_Faults);
     if (m_Config.Node.IsConfigured() && !m_Config.StateFile.empty())
         shape.Blame("Cluster", "cannot stand beside \"StateFile\": the cluster keeps the state");
+    if (m_Config.Node.IsConfigured() && m_Config.Deliveries.On) BelongToCluster();
     shape.NothingElse();
 }
 
@@ -275,6 +277,14 @@ void Loader::Deliveries(Shape& shape) {
         m_Config.Destinations = ReadDestinations(*list, "/Destinations", resolve, m_Faults);
     }
     if (!m_Config.Destinations.empty()) m_Config.Deliveries.On = true;
+}
+
+// What waits and what is dead.
+void Loader::BelongToCluster() {
+    m_Config.Node.DeliveriesAge_sec = m_Config.Deliveries.MaxAge_sec;
+    if (m_Config.Deliveries.Journal.empty()) return;
+    m_Faults.push_back({"/Deliveries/Journal",
+                        "cannot stand beside \"Cluster\": the cluster keeps what waits and what is dead"});
 }
 
 // The document with the watches' relative paths made to start at the configuration's directory.

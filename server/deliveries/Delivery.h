@@ -44,10 +44,11 @@ struct Delivery {
     std::string Answer;     ///< its first KiB
     std::string Traceback;  ///< of a Python handler: the last lines
 
+    bool Stored = false;          ///< the store has it
     bool Running = false;         ///< an attempt is under way
     bool LastTry = false;         ///< there is no further attempt, whatever comes of this one
     bool Dismissed = false;       ///< it leaves the list when its attempt has ended
-    std::shared_ptr<void> Token;  ///< of the posting, until the delivery needs no further attempt
+    std::shared_ptr<void> Token;  ///< of whoever has somebody else make the call if it is not made here
 
     bool IsPython() const { return Callback.starts_with("python://"); }
     bool Slow() const { return Duration_ms >= (Timeout_ms + 1) / 2; }

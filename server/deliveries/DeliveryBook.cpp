@@ -43,6 +43,20 @@ void DeliveryBook::Count(const Delivery& delivery, DeliveryState state, int sign
     sign > 0 ? (void)share.Dead.insert(delivery.Id) : (void)share.Dead.erase(delivery.Id);
 }
 
+std::vector<Delivery*> DeliveryBook::All() {
+    std::vector<Delivery*> all;
+    for (auto& [id, delivery] : m_Deliveries) all.push_back(&delivery);
+    return all;
+}
+
+void DeliveryBook::TakeAnew(const DeliverySettings& settings) {
+    m_Settings = settings;
+    m_Shares.clear();
+    m_Waiting = m_Dead = m_Bytes = m_EndedBytes = 0;
+    for (const auto& [id, delivery] : m_Deliveries) Count(delivery, delivery.State, 1);
+    DropEnded();
+}
+
 bool DeliveryBook::MakeRoom(const Delivery& delivery, std::vector<ui64_t>& dropped) {
     Share& share = ShareOf(delivery);
     const std::size_t bytes = delivery.Bytes();
@@ -60,13 +74,15 @@ bool DeliveryBook::MakeRoom(const Delivery& delivery, std::vector<ui64_t>& dropp
 // Ids begin at the time of day, so that no restart gives one twice.
 Delivery* DeliveryBook::Add(Delivery delivery) {
     if (m_LastId == 0) m_LastId = static_cast<ui64_t>(Mirel::Timestamp().Microseconds());
-    delivery.Id = ++m_LastId;
+    if (delivery.Id == 0) delivery.Id = ++m_LastId;
+    while (delivery.Id <= NewestId() && m_Deliveries.contains(delivery.Id)) ++delivery.Id;
+    const ui64_t id = delivery.Id;
     Count(delivery, delivery.State, 1);
-    const auto entered = m_Deliveries.emplace_hint(m_Deliveries.end(), m_LastId, std::move(delivery));
-    if (Stays(entered->second.State)) return &entered->second;
-    m_Ended.push_back(m_LastId);
+    Delivery& entered = m_Deliveries.emplace_hint(m_Deliveries.end(), id, std::move(delivery))->second;
+    if (Stays(entered.State)) return &entered;
+    m_Ended.push_back(id);
     DropEnded();
-    return Find(m_LastId);
+    return Find(id);
 }
 
 void DeliveryBook::Restore(Delivery delivery) {

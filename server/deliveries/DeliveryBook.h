@@ -27,10 +27,16 @@ class DeliveryBook {
   public:
     explicit DeliveryBook(const DeliverySettings& settings) : m_Settings(settings) {}
 
+    /// All there are, for their lanes to be set; TakeAnew() is called then.
+    std::vector<Delivery*> All();
+    /// Other bounds, and other lanes.
+    void TakeAnew(const DeliverySettings& settings);
+
     /// Makes room for a delivery that waits: the oldest dead ones of its lane go, and their ids are added to
     /// `dropped`. False, and nothing has gone, where what waits leaves none.
     bool MakeRoom(const Delivery& delivery, std::vector<Mirel::ui64_t>& dropped);
-    /// Enters a delivery with the next id. Null where it has ended, and no ended ones are kept.
+    /// Enters a delivery with its own id, or with the next one where it has none. Null where it has ended,
+    /// and no ended ones are kept.
     Delivery* Add(Delivery delivery);
     /// Enters one that was kept, with its own id.
     void Restore(Delivery delivery);
@@ -50,6 +56,8 @@ class DeliveryBook {
 
     /// Newest first. `more` says whether there are further ones behind the last.
     std::vector<const Delivery*> List(const DeliveryFilter& filter, bool& more) const;
+    /// The id of the newest; 0 where there is none.
+    Mirel::ui64_t NewestId() const { return m_Deliveries.empty() ? 0 : m_Deliveries.rbegin()->first; }
     /// The ids of those in that state.
     std::vector<Mirel::ui64_t> InState(DeliveryState state) const;
     /// The ids of those that wait or are dead and were made before that time.
@@ -77,7 +85,7 @@ class DeliveryBook {
     void Count(const Delivery& delivery, DeliveryState state, int sign);
     void DropEnded();
 
-    const DeliverySettings m_Settings;
+    DeliverySettings m_Settings;
     Mirel::ui64_t m_LastId = 0;
     std::map<Mirel::ui64_t, Delivery> m_Deliveries;
     std::deque<Mirel::ui64_t> m_Ended;  // in the order in which they ended

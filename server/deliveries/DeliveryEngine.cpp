@@ -54,14 +54,25 @@ class Alone {
 }  // namespace
 
 DeliveryEngine::DeliveryEngine(Options options, std::unique_ptr<DeliveryStore> store)
-    : m_Options(std::move(options)),
-      m_AsEver(AsEver(m_Options)),
+    : m_Timeout_ms(options.Timeout_ms),
       m_Store(std::move(store)),
       m_Multi((curl_global_init(CURL_GLOBAL_ALL), curl_multi_init())),
-      m_Book(m_Options.Settings) {
+      m_Book(options.Settings),
+      m_Settings(options.Settings),
+      m_MaxInFlight(options.MaxInFlight),
+      m_Lanes(LanesOf(options)) {
     if (m_Multi == nullptr) throw std::bad_alloc();
-    for (const Destination& destination : m_Options.Destinations) m_Lanes.push_back({&destination, {}, 0});
-    m_Lanes.push_back({&m_AsEver, {}, 0});
+    m_Store->Tell(*this);
+}
+
+std::vector<DeliveryEngine::Lane> DeliveryEngine::LanesOf(const Options& options) {
+    std::vector<Lane> lanes;
+    const auto add = [&](const Destination& to) {
+        lanes.push_back({std::make_shared<const Destination>(to), {}, 0});
+    };
+    for (const Destination& destination : options.Destinations) add(destination);
+    add(AsEver(options));
+    return lanes;
 }
 
 DeliveryEngine::~DeliveryEngine() {
@@ -87,7 +98,7 @@ std::size_t DeliveryEngine::LaneOf(const std::string& callback) {
 }
 
 ui32_t DeliveryEngine::TimeoutOf(const Destination& destination) const {
-    return destination.Timeout_ms != 0 ? destination.Timeout_ms : m_Options.Timeout_ms;
+    return destination.Timeout_ms != 0 ? destination.Timeout_ms : m_Timeout_ms;
 }
 
 Delivery DeliveryEngine::NewDelivery(const ListenerCall& call) const {
@@ -97,7 +108,7 @@ Delivery DeliveryEngine::NewDelivery(const ListenerCall& call) const {
     delivery.ListenerId = Mirel::UUIDText(call.Called.id);
     delivery.Callback = call.Called.callback;
     delivery.Made_us = Now_us();
-    delivery.Timeout_ms = m_Options.Timeout_ms;
+    delivery.Timeout_ms = m_Timeout_ms;
     delivery.Token = call.Token;
     return delivery;
 }
@@ -108,7 +119,7 @@ void DeliveryEngine::EnterEnded(Delivery delivery, DeliveryState state) {
     delivery.Time_us = Now_us();
     delivery.Token.reset();
     m_Book.CountAttempt(delivery, state == DeliveryState::Ok);
-    const Delivery* const entered = m_Book.Add(std::move(delivery));
+    const Delivery* const entered = AddToBook(std::move(delivery));
     t_last_delivery = entered != nullptr ? entered->Id : 0;
 }
 
@@ -120,13 +131,19 @@ bool DeliveryEngine::MakeRoom(const Delivery& delivery) {
     return room;
 }
 
-void DeliveryEngine::Enter(Delivery delivery) {
+// The destination that there is now rules the next attempt.
+void DeliveryEngine::Rule(Delivery& delivery) {
     delivery.Lane = LaneOf(delivery.Callback);
+    if (delivery.State != DeliveryState::Waiting) return;
     const Destination& destination = *m_Lanes[delivery.Lane].To;
     delivery.Attempts = destination.Attempts;
     delivery.Timeout_ms = TimeoutOf(destination);
+}
+
+void DeliveryEngine::Enter(Delivery delivery) {
+    Rule(delivery);
     m_Book.AddListener({delivery.EventName, delivery.Callback}, delivery.ListenerId);
-    if (!destination.Allow) {
+    if (!m_Lanes[delivery.Lane].To->Allow) {
         delivery.Reason = NotAllowed;
         return EnterEnded(std::move(delivery), DeliveryState::Failed);
     }
@@ -135,12 +152,16 @@ void DeliveryEngine::Enter(Delivery delivery) {
         delivery.Reason = "Too many deliveries wait already";
         return EnterEnded(std::move(delivery), DeliveryState::Failed);
     }
-    const Delivery& entered = *m_Book.Add(std::move(delivery));
+    Delivery& entered = *AddToBook(std::move(delivery));
     t_last_delivery = entered.Id;
-    m_Lanes[entered.Lane].Ready.push_back(entered.Id);
-    if (!IsKept(entered)) return;
-    m_Store->Put(entered);
-    t_unsettled = true;
+    // What has a token is made elsewhere if this process dies, and need not be kept yet.
+    if (IsKept(entered) && !entered.Token) Keep(entered), t_unsettled = true;
+    if (!ComesBack(entered)) m_Lanes[entered.Lane].Ready.push_back(entered.Id);
+}
+
+void DeliveryEngine::Keep(Delivery& delivery) {
+    delivery.Stored = true;
+    m_Store->Put(delivery);
 }
 
 bool DeliveryEngine::TakeRequest(const ListenerCall& call, const Velmora::BasicRestEntryCall& request,
@@ -183,9 +204,10 @@ void DeliveryEngine::ListenerDeleted(const std::string& event_name, const EventM
     Wake();
 }
 
-void DeliveryEngine::Settle() {
-    if (!std::exchange(t_unsettled, false)) return;
-    m_Store->Commit();
+std::string DeliveryEngine::Settle() {
+    if (!std::exchange(t_unsettled, false) || m_Store->Commit()) return {};
+    const std::string why = m_Store->Trouble();
+    return why.empty() ? "they could not be kept in time" : why;
 }
 
 std::vector<Delivery> DeliveryEngine::List(const DeliveryFilter& filter, bool& more) const {
@@ -221,9 +243,9 @@ std::vector<std::pair<ListenerKey, ListenerStatus>> DeliveryEngine::Failing() co
     return failing;
 }
 
-// Where an attempt is under way there is nothing to do.
+// Where an attempt is under way, or about to be, there is nothing to do.
 DeliveryEngine::Answer DeliveryEngine::SendAgain(Delivery& delivery) {
-    if (delivery.Running) return Answer::Done;
+    if (delivery.Running || delivery.Token) return Answer::Done;
     const DeliveryState before = delivery.State;
     const bool ended = before == DeliveryState::Ok || before == DeliveryState::Failed;
     if (ended && !MakeRoom(delivery)) return Answer::Full;
@@ -231,9 +253,10 @@ DeliveryEngine::Answer DeliveryEngine::SendAgain(Delivery& delivery) {
     delivery.State = DeliveryState::Waiting;
     delivery.LastTry = delivery.Dismissed = false;
     delivery.Next_us = 0;
+    Rule(delivery);
     m_Book.StateChanged(delivery, before);
-    m_Lanes[delivery.Lane].Ready.push_back(delivery.Id);
-    if (IsKept(delivery)) m_Store->Put(delivery), t_unsettled = true;
+    if (IsKept(delivery)) Keep(delivery), t_unsettled = true;
+    if (!ComesBack(delivery)) m_Lanes[delivery.Lane].Ready.push_back(delivery.Id);
     return Answer::Done;
 }
 
@@ -263,7 +286,7 @@ bool DeliveryEngine::Dismiss(ui64_t id) {
     AutoMutex lock(m_Lock);
     Delivery* const delivery = m_Book.Find(id);
     if (delivery == nullptr) return false;
-    if (IsKept(*delivery)) m_Store->Remove(id), t_unsettled = true;
+    if (std::exchange(delivery->Stored, false)) m_Store->Remove(id), t_unsettled = true;
     if (delivery->Running) {
         delivery->Dismissed = true;
     } else {

@@ -36,7 +36,7 @@ struct DeliveryCounters {
 
 /// All requests are made on one thread. The queue hands them over under its lock, which is why that costs no
 /// more than entering them; its own lock is a leaf.
-class DeliveryEngine : public EventManager::IListenerCaller {
+class DeliveryEngine : public EventManager::IListenerCaller, private IDeliveryTaker {
   public:
     struct Options {
         DeliverySettings Settings;
@@ -50,6 +50,9 @@ class DeliveryEngine : public EventManager::IListenerCaller {
     /// Takes up what the store has kept, and begins. `self` is the server's own URL. Once, when the queue is
     /// there.
     void Start(const Velmora::URL& self);
+    /// Other destinations and bounds, for the next attempt of all that waits. The journal stays the same, and
+    /// so does "Timeout_ms".
+    void TakeAnew(const Options& options);
     /// Waits for calls that are made once, as long as one may take, and ends the thread; what can be kept
     /// stays waiting. Says what is lost.
     void Stop();
@@ -60,8 +63,11 @@ class DeliveryEngine : public EventManager::IListenerCaller {
     void ListenerDeleted(const std::string& event_name, const EventManager::Listener& listener) override;
 
     /// To be called before a posting of the calling thread is answered: what has to be kept of its
-    /// deliveries is kept then. Costs nothing where there is nothing.
-    void Settle();
+    /// deliveries is kept then. Costs nothing where there is nothing. Answers why it could not be kept; empty
+    /// where it was.
+    std::string Settle();
+    /// Why what waits is not kept as it should be; empty where it is.
+    std::string Trouble() const { return m_Store->Trouble(); }
 
     std::vector<Delivery> List(const DeliveryFilter& filter, bool& more) const;
     std::optional<Delivery> Find(Mirel::ui64_t id) const;
@@ -87,17 +93,32 @@ class DeliveryEngine : public EventManager::IListenerCaller {
   private:
     // Deliveries that are ready to go to one destination.
     struct Lane {
-        const Destination* To;
+        std::shared_ptr<const Destination> To;
         std::deque<Mirel::ui64_t> Ready;
         Mirel::ui32_t InFlight = 0;
     };
 
     using ListenerIds = std::map<ListenerKey, std::string>;
 
+    void Learn(Delivery delivery) override;
+    void LearnEnd(const Delivery& delivery) REQUIRES(m_Lock);
+    void Forget(Mirel::ui64_t id) override;
+    void ForgetAllBut(const std::set<Mirel::ui64_t>& ids) override;
+    bool TakeOver(Delivery delivery) override;
+    void KeepAlone(Mirel::ui64_t id) override;
+    void Restore(Delivery delivery) REQUIRES(m_Lock);
+    void Rule(Delivery& delivery) REQUIRES(m_Lock);
+    static std::vector<Lane> LanesOf(const Options& options);
+    Mirel::ui64_t SharedId(const Delivery& delivery) REQUIRES(m_Lock);
+    Delivery* AddToBook(Delivery delivery) REQUIRES(m_Lock);
+
     Delivery NewDelivery(const EventManager::ListenerCall& call) const;
     std::size_t LaneOf(const std::string& callback) REQUIRES(m_Lock);
     Mirel::ui32_t TimeoutOf(const Destination& destination) const;
+    // Whether it is to be in the store while it waits for another attempt or is dead.
     bool IsKept(const Delivery& delivery) const { return delivery.Attempts > 1 && m_Store->Keeps(); }
+    void Keep(Delivery& delivery) REQUIRES(m_Lock);
+    bool ComesBack(const Delivery& delivery) const { return delivery.Stored && m_Store->Shared(); }
     void Enter(Delivery delivery) REQUIRES(m_Lock);
     void EnterEnded(Delivery delivery, DeliveryState state) REQUIRES(m_Lock);
     bool MakeRoom(const Delivery& delivery) REQUIRES(m_Lock);
@@ -126,8 +147,7 @@ class DeliveryEngine : public EventManager::IListenerCaller {
     void SayWhatWasLost() REQUIRES(m_Lock);
     int Wait_ms() const;
 
-    const Options m_Options;
-    const Destination m_AsEver;  // of callbacks that no destination fits
+    const Mirel::ui32_t m_Timeout_ms;
     const std::unique_ptr<DeliveryStore> m_Store;
     Velmora::URL m_Self;
     void* const m_Multi;  // libcurl's
@@ -137,7 +157,9 @@ class DeliveryEngine : public EventManager::IListenerCaller {
 
     mutable Mirel::Mutex m_Lock;
     DeliveryBook m_Book GUARDED_BY(m_Lock);
-    std::vector<Lane> m_Lanes GUARDED_BY(m_Lock);  // the last one is m_AsEver's
+    DeliverySettings m_Settings GUARDED_BY(m_Lock);
+    Mirel::ui32_t m_MaxInFlight GUARDED_BY(m_Lock);
+    std::vector<Lane> m_Lanes GUARDED_BY(m_Lock);  // the last one is that of what no destination fits
     std::unordered_map<std::string, std::size_t> m_LaneOfCallback GUARDED_BY(m_Lock);
     std::set<std::string> m_Deleted GUARDED_BY(m_Lock);  // ids of listeners whose deliveries are to be ended
     std::multimap<Mirel::i64_t, Mirel::ui64_t> m_Retries GUARDED_BY(m_Lock);  // by when they are due

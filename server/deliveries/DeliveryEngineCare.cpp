@@ -37,6 +37,28 @@ void DeliveryEngine::Start(const Velmora::URL& self) {
     });
 }
 
+// What is under way ends as it began; all else goes to its new lane, in order.
+void DeliveryEngine::TakeAnew(const Options& options) {
+    {
+        AutoMutex lock(m_Lock);
+        m_Settings = options.Settings;
+        m_MaxInFlight = options.MaxInFlight;
+        const std::vector<Lane> before = std::exchange(m_Lanes, LanesOf(options));
+        m_LaneOfCallback.clear();
+        for (Delivery* const delivery : m_Book.All()) {
+            Rule(*delivery);
+            if (delivery->Running) ++m_Lanes[delivery->Lane].InFlight;
+        }
+        m_Book.TakeAnew(m_Settings);
+        for (const Lane& lane : before) {
+            for (const ui64_t id : lane.Ready) {
+                if (const Delivery* delivery = m_Book.Find(id)) m_Lanes[delivery->Lane].Ready.push_back(id);
+            }
+        }
+    }
+    Wake();
+}
+
 void DeliveryEngine::LoadStore() {
     std::vector<Delivery> deliveries;
     std::map<ListenerKey, ListenerStatus> statuses;
@@ -44,9 +66,8 @@ void DeliveryEngine::LoadStore() {
     for (auto& [key, status] : statuses) m_Book.Restore(key, std::move(status));
     for (Delivery& delivery : deliveries) {
         if (m_Book.Find(delivery.Id) != nullptr) continue;
-        delivery.Lane = LaneOf(delivery.Callback);
         if (delivery.State == DeliveryState::Waiting) m_Retries.emplace(delivery.Next_us, delivery.Id);
-        m_Book.Restore(std::move(delivery));
+        Restore(std::move(delivery));
     }
     if (deliveries.empty()) return;
     DefaultLogSink().Notice("Deliveries taken up from the journal: %zu waiting, %zu dead\n", m_Book.Waiting(),
@@ -92,11 +113,11 @@ void DeliveryEngine::Relink(const ListenerIds& ids) {
 }
 
 void DeliveryEngine::DropOld() {
-    const i64_t oldest =
-        Mirel::Timestamp().Microseconds() - i64_t{m_Options.Settings.MaxAge_sec} * us_per_sec;
+    const i64_t oldest = Mirel::Timestamp().Microseconds() - i64_t{m_Settings.MaxAge_sec} * us_per_sec;
     for (const ui64_t id : m_Book.MadeBefore(oldest)) {
-        if (m_Book.Find(id)->Running) continue;
-        m_Store->Remove(id);
+        const Delivery& delivery = *m_Book.Find(id);
+        if (delivery.Running) continue;
+        if (delivery.Stored) m_Store->Remove(id);
         m_Book.Remove(id);
         ++m_Counters.Expired;
     }
@@ -129,9 +150,10 @@ void DeliveryEngine::TidyUp() {
 void DeliveryEngine::Stop() {
     if (!m_Thread.joinable()) return;
     constexpr ui32_t Longest_ms = 10000;
-    ui32_t timeout_ms = m_Options.Timeout_ms;
-    for (const Destination& destination : m_Options.Destinations) {
-        timeout_ms = std::max(timeout_ms, destination.Timeout_ms);
+    ui32_t timeout_ms = m_Timeout_ms;
+    {
+        AutoMutex lock(m_Lock);
+        for (const Lane& lane : m_Lanes) timeout_ms = std::max(timeout_ms, lane.To->Timeout_ms);
     }
     m_EndBy_us =
         Mirel::Timestamp().Microseconds() + std::min(timeout_ms, Longest_ms) * us_per_ms + us_per_sec;
@@ -144,7 +166,10 @@ void DeliveryEngine::Stop() {
     const bool kept = m_Store->Commit();
     AutoMutex lock(m_Lock);
     std::size_t lost = 0;
-    for (const ui64_t id : m_Book.InState(DeliveryState::Waiting)) lost += !IsKept(*m_Book.Find(id)) || !kept;
+    for (const ui64_t id : m_Book.InState(DeliveryState::Waiting)) {
+        const Delivery& delivery = *m_Book.Find(id);
+        lost += (!delivery.Stored || !kept) && !delivery.Token;
+    }
     if (lost > 0) DefaultLogSink().Warn("%zu deliveries that waited for an attempt are lost\n", lost);
 }
 

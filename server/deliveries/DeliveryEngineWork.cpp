@@ -22,7 +22,6 @@ namespace {
 constexpr i64_t us_per_ms = 1000, us_per_sec = 1000000;
 constexpr i64_t LongestBackoff_us = 3600 * us_per_sec, LongestRetryAfter_sec = 24 * 3600;
 constexpr int Gone = 410;
-constexpr std::size_t MostTokens = 512;
 constexpr const char* NotAllowed = "The configuration does not allow this destination";
 
 i64_t Now_us() {
@@ -70,7 +69,7 @@ void DeliveryEngine::Work() {
             Finish(*static_cast<Transfer*>(transfer), message->data.result);
         }
         TidyUp();
-        m_Store->Commit();
+        m_Store->CommitSoon();
         m_Done.clear();
         curl_multi_poll(m_Multi, nullptr, 0, Wait_ms(), nullptr);
     }
@@ -99,7 +98,8 @@ void DeliveryEngine::EndOfDeleted() {
         Delivery& delivery = *m_Book.Find(id);
         if (!m_Deleted.contains(delivery.ListenerId)) continue;
         delivery.LastTry = true;
-        if (delivery.Attempt == 0 || delivery.Running) continue;
+        const bool ours = !ComesBack(delivery) || delivery.Token;
+        if ((ours && delivery.Attempt == 0) || delivery.Running) continue;
         delivery.Reason = "The listener was deleted";
         End(delivery, DeliveryState::Failed);
     }
@@ -109,13 +109,13 @@ void DeliveryEngine::EndOfDeleted() {
 // True: one was taken off the lane's list.
 bool DeliveryEngine::TakeFrom(Lane& lane, std::vector<Delivery>& due) {
     if (lane.Ready.empty() || lane.InFlight >= lane.To->MaxInFlight) return false;
-    if (m_Counters.InFlight >= m_Options.MaxInFlight) return false;
+    if (m_Counters.InFlight >= m_MaxInFlight) return false;
     Delivery* const delivery = m_Book.Find(lane.Ready.front());
     lane.Ready.pop_front();
     // It was dismissed, or sent again while it waited; or it can wait for the next start.
     if (delivery == nullptr || delivery->Running || delivery->State != DeliveryState::Waiting) return true;
     if (delivery->Next_us > Now_us()) return true;
-    if (m_Stopping && IsKept(*delivery)) return true;
+    if (m_Stopping && delivery->Stored) return true;
     if (!lane.To->Allow) {  // it was when the delivery was kept
         delivery->Reason = NotAllowed;
         End(*delivery, DeliveryState::Failed);
@@ -162,12 +162,12 @@ void DeliveryEngine::StartDue() {
 }
 
 void DeliveryEngine::StartTransfer(const Delivery& delivery) {
-    const Destination* destination = nullptr;
+    std::shared_ptr<const Destination> destination;
     {
         AutoMutex lock(m_Lock);
         destination = m_Lanes[delivery.Lane].To;
     }
-    auto made = std::make_unique<Transfer>(delivery, *destination, m_Self, TimeoutOf(*destination));
+    auto made = std::make_unique<Transfer>(delivery, destination, m_Self, TimeoutOf(*destination));
     Transfer& transfer = *made;
     m_Transfers.emplace(&transfer, std::move(made));
     Velmora::CountRequestStarted();
@@ -226,10 +226,9 @@ void DeliveryEngine::Retry(Delivery& delivery, const TransferEnd& end) {
     const Destination& destination = *m_Lanes[delivery.Lane].To;
     const i64_t asked = std::clamp<i64_t>(end.RetryAfter_sec, 0, LongestRetryAfter_sec) * us_per_sec;
     delivery.Next_us = Now_us() + std::max(asked, Backoff_us(destination, delivery.Attempt));
-    m_Retries.emplace(delivery.Next_us, delivery.Id);
-    if (IsKept(delivery)) m_Store->Put(delivery);
-    // Whoever waits for the token repeats the call elsewhere if this process dies; but only so much can wait.
-    if (IsKept(delivery) || m_Retries.size() > MostTokens) m_Done.push_back(std::move(delivery.Token));
+    if (IsKept(delivery)) Keep(delivery);
+    if (!ComesBack(delivery)) m_Retries.emplace(delivery.Next_us, delivery.Id);
+    if (delivery.Token) m_Done.push_back(std::move(delivery.Token));
 }
 
 // Half of the wait is fixed and half is dice: what failed together does not come back together.
@@ -241,10 +240,12 @@ i64_t DeliveryEngine::Backoff_us(const Destination& destination, ui32_t attempt)
 
 void DeliveryEngine::End(Delivery& delivery, DeliveryState state) {
     const DeliveryState before = std::exchange(delivery.State, state);
-    if (delivery.Token) m_Done.push_back(std::move(delivery.Token));
-    if (IsKept(delivery)) {
-        state == DeliveryState::Dead ? m_Store->Put(delivery) : m_Store->Remove(delivery.Id);
+    if (state == DeliveryState::Dead && IsKept(delivery)) {
+        Keep(delivery);
+    } else if (std::exchange(delivery.Stored, false)) {
+        m_Store->PutEnd(delivery);
     }
+    if (delivery.Token) m_Done.push_back(std::move(delivery.Token));
     if (state == DeliveryState::Dead) SayDead(delivery), ++m_Counters.Died;
     m_Book.StateChanged(delivery, before);  // and it may be gone
 }

@@ -243,10 +243,11 @@ bool DeliveryJournal::Commit() {
     if (changes.Empty()) return true;
     const bool written = Execute("BEGIN IMMEDIATE") && Write(changes) && Execute("COMMIT");
     if (written) {
-        m_Failing = false;
+        AutoMutex noting(m_Noting);
+        m_Trouble.clear();
         return true;
     }
-    LogFailure();
+    Failed();
     Execute("ROLLBACK");
     GiveBack(std::move(changes));
     return false;
@@ -275,12 +276,23 @@ void DeliveryJournal::GiveBack(Changes changes) {
     m_Noted.Statuses.merge(changes.Statuses);
 }
 
-// Once for a row of failures.
-void DeliveryJournal::LogFailure() {
+// One line for a row of failures. Others than the log are told the file's name alone.
+void DeliveryJournal::Failed() {
     ++m_Failures;
-    if (std::exchange(m_Failing, true)) return;
-    Mirel::DefaultLogSink().Error("Cannot write the journal %s: %s\n", m_Path.c_str(),
-                                  sqlite3_errmsg(m_Database));
+    const int error = sqlite3_system_errno(m_Database);
+    const std::string why = error == 0 ? "" : std::string(" (") + std::strerror(error) + ")";
+    const std::string reason = sqlite3_errmsg(m_Database) + why;
+    const std::string name = m_Path.substr(m_Path.rfind('/') + 1);
+    AutoMutex noting(m_Noting);
+    const bool first = m_Trouble.empty();
+    m_Trouble = "the journal " + name + " cannot be written: " + reason;
+    if (first)
+        Mirel::DefaultLogSink().Error("Cannot write the journal %s: %s\n", m_Path.c_str(), reason.c_str());
+}
+
+std::string DeliveryJournal::Trouble() const {
+    AutoMutex noting(m_Noting);
+    return m_Trouble;
 }
 
 void DeliveryJournal::Load(std::vector<Delivery>& deliveries,

@@ -31,6 +31,7 @@ class DeliveryJournal : public DeliveryStore {
     bool Commit() override;
     void Load(std::vector<Delivery>& deliveries, std::map<ListenerKey, ListenerStatus>& statuses) override;
 
+    std::string Trouble() const override;
     Mirel::ui64_t Failures() const override { return m_Failures; }
 
   private:
@@ -45,15 +46,15 @@ class DeliveryJournal : public DeliveryStore {
     Mirel::i64_t Version() REQUIRES(m_Writing);
     bool Write(const Changes& changes) REQUIRES(m_Writing);
     void GiveBack(Changes changes);
-    void LogFailure() REQUIRES(m_Writing);
+    void Failed() REQUIRES(m_Writing);
 
     std::string m_Path;
     Mirel::Mutex m_Writing;  // taken before m_Noting
     sqlite3* m_Database GUARDED_BY(m_Writing) = nullptr;
-    bool m_Failing GUARDED_BY(m_Writing) = false;
     std::atomic<Mirel::ui64_t> m_Failures{0};
-    Mirel::Mutex m_Noting;
+    mutable Mirel::Mutex m_Noting;
     Changes m_Noted GUARDED_BY(m_Noting);
+    std::string m_Trouble GUARDED_BY(m_Noting);
 };
 
 }  // namespace Server

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "LocalAccessManager.h"
 #include "MR_log.h"
@@ -81,9 +82,9 @@ struct Transfer::Curl {
     }
 };
 
-Transfer::Transfer(const Delivery& delivery, const Destination& destination, const Velmora::URL& self,
-                   Mirel::ui32_t timeout_ms)
-    : m_Id(delivery.Id), m_Destination(destination), m_Body(delivery.Body) {
+Transfer::Transfer(const Delivery& delivery, std::shared_ptr<const Destination> destination,
+                   const Velmora::URL& self, Mirel::ui32_t timeout_ms)
+    : m_Id(delivery.Id), m_Destination(std::move(destination)), m_Body(delivery.Body) {
     auto curl = std::make_unique<Curl>();
     if (!FindTarget(delivery, self)) return;
     m_Curl = std::move(curl);
@@ -116,7 +117,7 @@ bool Transfer::FindTarget(const Delivery& delivery, const Velmora::URL& self) {
 void Transfer::SetRequest(const Delivery& delivery) {
     Curl& curl = *m_Curl;
     Velmora::URL url = m_Url;
-    if (m_Destination.Headers.contains(Velmora::Strings::Authorization)) {  // goes before what the URL says
+    if (m_Destination->Headers.contains(Velmora::Strings::Authorization)) {  // goes before what the URL says
         url.Username.clear();
         url.Password.clear();
     }
@@ -137,7 +138,7 @@ void Transfer::SetRequest(const Delivery& delivery) {
     curl.Set(CURLOPT_WRITEDATA, static_cast<void*>(&curl));
     curl.Set(CURLOPT_OPENSOCKETFUNCTION, &Curl::OpenSocket);
     curl.Set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(&curl));
-    curl.PrivateToo = m_Destination.AllowPrivateAddresses || !m_Authorization.empty();
+    curl.PrivateToo = m_Destination->AllowPrivateAddresses || !m_Authorization.empty();
     if (delivery.Method == Velmora::METH_GET) return;
     curl.Set(CURLOPT_POST, 1L);
     curl.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(m_Body->size()));
@@ -145,15 +146,15 @@ void Transfer::SetRequest(const Delivery& delivery) {
 }
 
 void Transfer::SetHeaders(const Delivery& delivery) {
-    Velmora::HeaderSet headers = m_Destination.Headers;
+    Velmora::HeaderSet headers = m_Destination->Headers;
     headers.emplace(Velmora::Strings::ContentType, Velmora::Strings::MIME_json);
     headers.emplace("Connection", "close");
-    if (!m_Destination.SigningSecrets.empty()) {
+    if (!m_Destination->SigningSecrets.empty()) {
         const Mirel::i64_t now_sec = Mirel::Timestamp().Microseconds() / 1000000;
         const std::string id = "msg_" + std::to_string(delivery.Id);
         headers["webhook-id"] = id;
         headers["webhook-timestamp"] = std::to_string(now_sec);
-        headers["webhook-signature"] = WebhookSignature(m_Destination.SigningSecrets, id, now_sec, *m_Body);
+        headers["webhook-signature"] = WebhookSignature(m_Destination->SigningSecrets, id, now_sec, *m_Body);
     }
     if (!m_Authorization.empty()) {
         headers[Velmora::Strings::Authorization] = m_Authorization;
@@ -171,13 +172,13 @@ void Transfer::SetHeaders(const Delivery& delivery) {
 
 void Transfer::SetTls() {
     Curl& curl = *m_Curl;
-    if (!m_Destination.ClientCertificate.empty()) {
-        curl.Set(CURLOPT_SSLCERT, m_Destination.ClientCertificate.c_str());
-        curl.Set(CURLOPT_SSLKEY, m_Destination.ClientCertificate.c_str());
+    if (!m_Destination->ClientCertificate.empty()) {
+        curl.Set(CURLOPT_SSLCERT, m_Destination->ClientCertificate.c_str());
+        curl.Set(CURLOPT_SSLKEY, m_Destination->ClientCertificate.c_str());
     }
-    if (m_Destination.VerifyPeer && m_Authorization.empty()) {
-        if (m_Destination.CAFile.empty()) return;
-        curl.Set(CURLOPT_CAINFO, m_Destination.CAFile.c_str());
+    if (m_Destination->VerifyPeer && m_Authorization.empty()) {
+        if (m_Destination->CAFile.empty()) return;
+        curl.Set(CURLOPT_CAINFO, m_Destination->CAFile.c_str());
         curl.Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // these and nobody else
         return;
     }

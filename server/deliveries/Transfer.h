@@ -24,9 +24,9 @@ struct TransferEnd {
 /// Set up on construction, then put into a multi handle by its owner. Holds all that the handle refers to.
 class Transfer {
   public:
-    /// `destination` outlives the object. `self` is the server's own URL, for callbacks that are paths.
-    Transfer(const Delivery& delivery, const Destination& destination, const Velmora::URL& self,
-             Mirel::ui32_t timeout_ms);
+    /// `self` is the server's own URL, for callbacks that are paths.
+    Transfer(const Delivery& delivery, std::shared_ptr<const Destination> destination,
+             const Velmora::URL& self, Mirel::ui32_t timeout_ms);
     ~Transfer();
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
@@ -35,7 +35,6 @@ class Transfer {
     void* Handle() const;
     Mirel::ui64_t Id() const { return m_Id; }
     const Velmora::URL& Url() const { return m_Url; }
-    const Destination& To() const { return m_Destination; }
     /// `code` is libcurl's.
     TransferEnd End(int code) const;
 
@@ -50,7 +49,7 @@ class Transfer {
     static Velmora::RequestFailure FailureOf(int code);
 
     const Mirel::ui64_t m_Id;
-    const Destination& m_Destination;
+    const std::shared_ptr<const Destination> m_Destination;
     Velmora::URL m_Url;
     std::string m_Authorization, m_Address;  // of calls to the server itself
     std::string m_Text;                      // the URL's

@@ -5,6 +5,7 @@
 
 #include "EventManager.h"
 #include "MR_log.h"
+#include "deliveries/DeliveryDocument.h"
 #include "deliveries/DeliveryEngine.h"
 #include "rest/Rest.h"
 
@@ -97,12 +98,6 @@ Velmora::PListDict Entry(const Delivery& delivery) {
         entry.SetValue("next_time", TimeText(delivery.Next_us));
     }
     return entry;
-}
-
-// What another has said is shown as text, whatever its bytes are.
-std::string AsText(const std::string& bytes) {
-    std::string ignored;
-    return Velmora::PListData(bytes).EncodeJSON(ignored).Success() ? bytes : Mirel::EscapeForLog(bytes);
 }
 
 Velmora::PListDict WholeEntry(const Delivery& delivery) {
@@ -226,8 +221,8 @@ HttpResponse DeleteDelivery(RestCall& call) {
     ui64_t id = 0;
     if (call.Context.Deliveries == nullptr) return NotKept();
     if (!ReadId(call.Names[0], id) || !call.Context.Deliveries->Dismiss(id)) return NoSuchDelivery(call);
-    SettleDeliveries(call);
-    return NoContent();
+    auto unsafe = SettleDeliveries(call, "The delivery was dismissed", call.Names[0]);
+    return unsafe ? std::move(*unsafe) : NoContent();
 }
 
 HttpResponse ResendDelivery(RestCall& call) {
@@ -244,8 +239,8 @@ HttpResponse ResendDelivery(RestCall& call) {
         case DeliveryEngine::Answer::Done:
             break;
     }
-    SettleDeliveries(call);
-    return Accepted(id);
+    auto unsafe = SettleDeliveries(call, "The delivery is sent again", std::to_string(id));
+    return unsafe ? std::move(*unsafe) : Accepted(id);
 }
 
 HttpResponse TestListener(RestCall& call) {
@@ -264,12 +259,24 @@ HttpResponse TestListener(RestCall& call) {
             Velmora::STATUS_404_NOT_FOUND,
             "The event \"" + call.Names[0] + "\" has no listener with the id \"" + call.Names[1] + "\".");
     }
-    SettleDeliveries(call);
-    return Accepted(id);
+    auto unsafe = SettleDeliveries(call, "The listener is called", std::to_string(id));
+    return unsafe ? std::move(*unsafe) : Accepted(id);
 }
 
-void SettleDeliveries(RestCall& call) {
-    if (call.Context.Deliveries != nullptr) call.Context.Deliveries->Settle();
+std::optional<HttpResponse> SettleDeliveries(RestCall& call, const std::string& done, const std::string& id) {
+    if (call.Context.Deliveries == nullptr) return std::nullopt;
+    const std::string why = call.Context.Deliveries->Settle();
+    if (why.empty()) return std::nullopt;
+    Velmora::PListDict problem;
+    problem.SetValue("type", "about:blank");
+    problem.SetValue("title", Velmora::StatusToString(Velmora::STATUS_503_NO_SERVICE));
+    problem.SetValue("status", static_cast<int>(Velmora::STATUS_503_NO_SERVICE));
+    problem.SetValue("code", "deliveries-not-kept");
+    problem.SetValue("detail", done + ", but deliveries are not safe if the server ends now: " + why + ".");
+    problem.SetValue("id", id);
+    HttpResponse response = Json(Velmora::STATUS_503_NO_SERVICE, problem);
+    response.ContentType = "application/problem+json";
+    return response;
 }
 
 Velmora::PListArray WithListenerStatus(const RestCall& call, const Velmora::PListArray& listeners) {

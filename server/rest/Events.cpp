@@ -127,8 +127,9 @@ HttpResponse PostNamed(RestCall& call, const std::string& name, const Velmora::P
     }
     if (!GlobalEventQueue().PostEvent(name, data)) return EventMissing(name);
     call.Context.RestPostings.fetch_add(1, std::memory_order_relaxed);
-    SettleDeliveries(call);
-    return Posted(name, EventManager::LastPostingOfThread().Text());
+    const std::string id = EventManager::LastPostingOfThread().Text();
+    auto unsafe = SettleDeliveries(call, "The posting was made", id);
+    return unsafe ? std::move(*unsafe) : Posted(name, id);
 }
 
 HttpResponse PostEvent(RestCall& call) {

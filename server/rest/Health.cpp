@@ -9,6 +9,7 @@
 
 #include "EventManager.h"
 #include "MR_util.h"
+#include "deliveries/DeliveryEngine.h"
 #include "rest/ClusterGate.h"
 #include "rest/Rest.h"
 
@@ -51,6 +52,12 @@ CheckOutcome CheckCluster(ClusterGate* gate) {
 
 namespace {
 
+// What is answered as made must be safe.
+CheckOutcome CheckDeliveries(const DeliveryEngine* deliveries) {
+    const std::string trouble = deliveries == nullptr ? std::string() : deliveries->Trouble();
+    return {trouble.empty(), trouble.empty() ? "in order" : trouble};
+}
+
 Velmora::PListDict Entry(const CheckOutcome& outcome) {
     Velmora::PListDict entry;
     entry.SetValue("ok", outcome.Ok);
@@ -75,11 +82,13 @@ HttpResponse GetReadiness(RestCall& call) {
     const CheckOutcome worker = CheckWorker(queue);
     const CheckOutcome state_file = CheckStateFile(queue, call.Context.StateFile);
     const CheckOutcome cluster = CheckCluster(call.Context.Gate);
-    const bool ready = worker.Ok && state_file.Ok && cluster.Ok;
+    const CheckOutcome deliveries = CheckDeliveries(call.Context.Deliveries);
+    const bool ready = worker.Ok && state_file.Ok && cluster.Ok && deliveries.Ok;
     Velmora::PListDict checks;
     checks.SetItem("worker", Entry(worker));
     checks.SetItem("state_file", Entry(state_file));
     if (call.Context.Gate != nullptr) checks.SetItem("cluster", Entry(cluster));
+    if (call.Context.Deliveries != nullptr) checks.SetItem("deliveries", Entry(deliveries));
     Velmora::PListDict answer;
     answer.SetValue("ready", ready);
     answer.SetItem("checks", checks);

@@ -150,8 +150,9 @@ HttpResponse GetDelivery(RestCall& call);
 HttpResponse DeleteDelivery(RestCall& call);
 HttpResponse ResendDelivery(RestCall& call);
 HttpResponse TestListener(RestCall& call);
-/// Waits until what was posted by this thread is kept as safely as the configuration asks.
-void SettleDeliveries(RestCall& call);
+/// Waits until what was posted by this thread is kept as safely as the configuration asks. Where it is not,
+/// the answer, which says that `done` all the same; `id` is that of the posting or delivery.
+std::optional<HttpResponse> SettleDeliveries(RestCall& call, const std::string& done, const std::string& id);
 /// The entries of an event's listeners, with "status" added to those that were called already.
 Velmora::PListArray WithListenerStatus(const RestCall& call, const Velmora::PListArray& listeners);
 HttpResponse GetFeed(RestCall& call);

@@ -147,6 +147,7 @@ ReloadOutcome Reload::TakeConfig() {
     ReloadOutcome outcome;
     Config config = LoadConfig(m_CommandLine.ConfigFile, outcome.Faults);
     m_CommandLine.ApplyTo(config);
+    CheckDestinations(config.Destinations, outcome.Faults);
     if (m_Server == nullptr) outcome.Faults.push_back({"", "the server is ending"});
     if (!outcome.Faults.empty()) return outcome;
     const FileStamp stamp(config.Http.TLSIdentity);

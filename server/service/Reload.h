@@ -39,8 +39,8 @@ class FileStamp {
 };
 
 /// Takes anew what can be taken while the server runs: TLS identity, access tokens, allowed hosts and
-/// origins, log level and access log, the queue's limits, the calls' limit, and Python handlers. All
-/// operations but the constructor may be called from any thread.
+/// origins, log level and access log, the queue's limits, the calls' limit, and Python handlers. What it also
+/// takes is for others. All operations but the constructor may be called from any thread.
 class Reload : public std::enable_shared_from_this<Reload> {
   public:
     /// `config` is in force; `server` is bound and lives until End().

@@ -3,6 +3,8 @@
 import base64
 import hashlib
 import hmac
+import json
+import resource
 import shutil
 import signal
 import socket
@@ -73,10 +75,70 @@ class DeliveryTest(unittest.TestCase):
             signed = ("%s.%s." % (headers["webhook-id"], headers["webhook-timestamp"])).encode() + body
             expected = ["v1," + base64.b64encode(hmac.new(secret, signed, hashlib.sha256).digest()).decode() for secret in SECRETS]
             self.assertEqual((headers["webhook-signature"].split(), headers["X-Key"]), (expected, "v"))
-        self.assertEqual(self.server.ask("POST", "/reload")[1]["needs_restart"], [])
-        text = self.server.config.read_text()
-        self.server.config.write_text(text.replace(secrets, secrets.split()[0]))
-        self.assertEqual(self.server.ask("POST", "/reload")[1]["needs_restart"], ["/Destinations"])
+        self.assertEqual(self.reload(lambda text: text)["taken"], [])
+        answer = self.reload(lambda text: text.replace(secrets, secrets.split()[1]))
+        self.assertEqual((answer["taken"], answer["needs_restart"]), (["/Destinations"], []))
+        self.post()
+        until(lambda: len(self.listener.of("/hook")) == 3)
+        _, headers, body, _ = self.listener.of("/hook")[2]
+        signed = ("%s.%s." % (headers["webhook-id"], headers["webhook-timestamp"])).encode() + body
+        self.assertEqual(headers["webhook-signature"], "v1," + base64.b64encode(hmac.new(SECRETS[1], signed, hashlib.sha256).digest()).decode())
+
+    def reload(self, edit, status=200):
+        self.server.config.write_text(edit(self.server.config.read_text()))
+        answered, answer = self.server.ask("POST", "/reload")
+        self.assertEqual(answered, status, answer)
+        return answer
+
+    def test_a_reload_rules_the_next_attempt_of_what_waits(self):
+        self.listener.answers = {"/hook": [500], "/no": [500]}
+        hook, no = self.serve([{"Match": "", "Attempts": 9, "Backoff_ms": 3600000}], "/hook", "/no", Deliveries={"Journal": "d.db"})
+        self.post()
+        waiting = {callback: self.server.delivery(callback, outcome="waiting", attempt=1)["id"] for callback in (hook, no)}
+        good = json.loads(self.server.config.read_text())
+        for wrong in ({"Match": "", "Attempts": 0}, {"Match": "", "CAFile": "not-there.pem"}):
+            self.reload(lambda _, wrong=wrong: json.dumps({**good, "Destinations": [wrong]}), 409)
+        self.assertEqual(self.server.delivery(hook, outcome="waiting")["attempts"], 9, "nothing was changed")
+        answer = self.reload(lambda _: json.dumps({**good, "Deliveries": {"Journal": "other.db", "Keep": 5}, "Destinations": [
+            {"Match": no, "Allow": False}, {"Match": "", "Attempts": 3, "Backoff_ms": 1, "Headers": {"X-Key": "new"}}]}))
+        self.assertEqual((answer["taken"], answer["needs_restart"]), (["/Deliveries/Keep", "/Destinations"], ["/Deliveries/Journal"]))
+        for one in waiting.values():
+            self.assertEqual(self.server.ask("POST", "/deliveries/%s/resend" % one)[0], 202)
+        self.server.delivery(hook, outcome="dead", attempt=3, attempts=3, id=waiting[hook])
+        self.assertIn("does not allow", self.server.delivery(no, outcome="failed", attempt=1)["reason"])
+        self.assertEqual([call[1].get("X-Key") for call in self.listener.of("/hook")], [None, "new", "new"])
+
+    def test_more_callers_are_taken_while_the_server_runs(self):
+        hold = self.hanging_listener()
+        self.serve([], hold + "/slow", Deliveries={}, Limits={"MaxCallers": 2}, Timeout_ms=60000)
+        for _ in range(4):
+            self.post()
+        until(lambda: len(self.hung) == 2)
+        self.assertEqual(self.reload(lambda text: text.replace('"MaxCallers": 2', '"MaxCallers": 9'))["taken"], ["/Limits/MaxCallers"])
+        until(lambda: len(self.hung) == 4)
+        self.server.end(signal.SIGKILL)
+
+    def test_what_the_journal_does_not_take_is_not_answered_as_if_it_were_safe(self):
+        self.listener.answers = {"/hook": [500], "/once": [500]}
+        hook, once = self.serve([{"Match": "/hook", "Attempts": 9, "Backoff_ms": 3600000}], "/hook", "/once", Deliveries={"Journal": "d.db"})
+        self.server.ask("POST", "/events", {"event_name": "f"})
+        self.server.ask("POST", "/events/f/listeners", {"callback": once, "listener_data": {"l": 1}})
+        self.post()
+        self.server.delivery(hook, outcome="waiting", attempt=1)
+        full = max(file.stat().st_size for file in self.server.folder.iterdir()) + 100000
+        resource.prlimit(self.server.process.pid, resource.RLIMIT_FSIZE, (full, resource.RLIM_INFINITY))
+        status, answer = self.server.ask("POST", "/events/e", {"n": "x" * 300000})
+        self.assertEqual((status, answer["code"]), (503, "deliveries-not-kept"))
+        self.assertRegex(answer["detail"], "posting was made.* the journal d.db cannot be written: ")
+        self.assertIn(answer["id"], [record["posting_id"] for record in self.server.deliveries()])
+        status, ready = self.server.ask("GET", "/readyz", root="")
+        self.assertEqual((status, ready["checks"]["deliveries"]["ok"]), (503, False))
+        self.assertEqual(self.server.ask("POST", "/events/f", {})[0], 202, "nothing of it has to be kept")
+        resource.prlimit(self.server.process.pid, resource.RLIMIT_FSIZE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+        until(lambda: self.server.ask("GET", "/readyz", root="")[0] == 200)
+        self.server.end(signal.SIGKILL)
+        self.server.start()
+        self.assertEqual(len(self.server.deliveries("?outcome=waiting")), 2, "it was written when it could be")
 
     def test_a_dead_one_stays_over_a_crash_until_it_is_sent_again_or_dismissed(self):
         self.listener.answers = {"/one": [500], "/two": [500]}

@@ -1,14 +1,18 @@
 """Python handlers: what docs/handlers.md says one does first, what is told of them, and how they are loaded anew."""
 
+import importlib.util
 import json
 import pathlib
 import re
 import signal
+import subprocess
+import sys
 import unittest
 
-from support import Server, event, until
+from support import SERVER, Server, event, until
 
-PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs" / "handlers.md"
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+PAGE = ROOT / "docs" / "handlers.md"
 GOOD = "import velmora\ndef event_handler(payload):\n    velmora.log('notice', 'version %d')\n"
 
 
@@ -27,14 +31,38 @@ class HandlerTest(unittest.TestCase):
     def post(self, name="e", data=None):
         self.assertEqual(self.server.ask("POST", "/events/" + name, data or {})[0], 202)
 
-    def test_the_first_handler_of_the_page_does_what_it_says(self):
+    def shell(self, text):
+        """What the lines of the page print, with the server that runs here and the module as it is in the sources."""
+        for ours, theirs in (("velmora-server", SERVER), (":8080", ":%d" % self.server.port), ("python3 -m pytest", sys.executable + " -B -m pytest -q"),
+                             ("/usr/share/velmora/python", str(ROOT / "velmora" / "python"))):
+            text = text.replace(ours, theirs)
+        done = subprocess.run(["bash", "-ec", text], cwd=self.server.folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=60)
+        self.assertEqual(done.returncode, 0, done.stdout)
+        return done.stdout
+
+    def test_what_the_page_says_works(self):
         snippets = re.findall(r"```(\w+)\n(.*?)```", PAGE.read_text(), re.DOTALL)
-        handler = next(text for kind, text in snippets if kind == "python")
-        config = json.loads(next(text for kind, text in snippets if kind == "json"))
-        self.serve({"orders": handler}, **{**config, "BindAddress": {"ListenPort": 0}})
-        self.post("order", {"id": 7, "total": 2000})
+        handler, threads, logs, tests = (text for kind, text in snippets if kind == "python")
+        check, post, pytest, reload, _environment = (text for kind, text in snippets if kind == "sh")
+        config, reloaded, _paths = (json.loads(text) for kind, text in snippets if kind == "json")
+        logs += "\n\ndef event_handler(payload):\n    logging.getLogger('orders').info('by logging')\n"
+        config["EventManager"]["event_list"].append(event("others", "python://threads", "python://logs"))
+        self.serve({"orders": handler, "threads": threads, "logs": logs}, **{**config, "BindAddress": {"ListenPort": 0}, "Deliveries": {}})
+        (self.server.folder / "server.json").write_text(json.dumps({**config, "BindAddress": {"ListenPort": 0}}))
+        self.assertIn("The configuration is fine.", self.shell(check.splitlines()[0]))
+        self.assertIn('"posted":true', self.shell(post))
         self.assertIn("[python://orders] order 7 of corner", self.server.log())
         until(lambda: [entry["event_name"] for entry in self.server.ask("GET", "/history")[1]["history"]] == ["order", "large_order"])
+        self.assertIn('"event_name":"large_order"', self.shell(post.splitlines()[1]))
+        self.post("others")
+        for name in ("threads", "logs"):
+            self.server.delivery("python://" + name, outcome="ok")
+        self.assertIn("by logging", self.server.log())
+        (self.folder / "orders.py").write_text(handler + "\n")
+        self.assertEqual(json.loads(self.shell(reload)), reloaded)
+        if importlib.util.find_spec("pytest"):
+            (self.server.folder / "test_orders.py").write_text(tests)
+            self.assertIn("2 passed", self.shell(pytest))
 
     def test_what_goes_wrong_is_told_everywhere(self):
         self.serve({"syntax": "def event_handler(:\n", "imports": "import not_there\n", "raises": "def event_handler(p):\n    1 / 0\n",

@@ -90,12 +90,12 @@ class Server:
     def log(self):
         return (self.folder / "log").read_text(errors="replace")
 
-    def ask(self, method, path, body=None):
+    def ask(self, method, path, body=None, root="/api/v1"):
         """Status and document of the answer."""
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE_SEC)
         try:
             headers = {"Content-Type": "application/json"} if body is not None else {}
-            connection.request(method, "/api/v1" + path, None if body is None else json.dumps(body), headers)
+            connection.request(method, root + path, None if body is None else json.dumps(body), headers)
             answer = connection.getresponse()
             text = answer.read()
             return answer.status, json.loads(text) if text else None
