@@ -113,9 +113,9 @@ def post_p50_us(port, postings=2000):
 
 
 def delivery_cost(run):
-    """A posting to one listener: as ever, kept as a delivery, to a destination with retries, and with the journal."""
+    """A posting to one listener: as ever, kept as a delivery, beside destinations that do not fit, to one with retries, and with the journal."""
     retried = [{"Match": listener_url(run), "Attempts": 5}]
-    kinds = {"plain": {}, "kept": {"Deliveries": {}}, "retried": {"Destinations": retried},
+    kinds = {"plain": {}, "kept": {"Deliveries": {}}, "unmatched": {"Destinations": [{"Match": "https://elsewhere.example/", "Attempts": 5}]}, "retried": {"Destinations": retried},
              "journalled": {"Destinations": retried, "Deliveries": {"Journal": str(run.folder / "deliveries.db")}}}
     found = {}
     for kind, config in kinds.items():
@@ -130,6 +130,11 @@ def delivery_cost(run):
         process.terminate()
         process.wait()
     return found
+
+
+def deliveries(run):
+    """So many a second, beside a bare loop over libcurl's multi interface."""
+    return figures(BUILD / "bench/deliveries_bench", listener_url(run), 4000, 5)
 
 
 def bare_callers(run):

@@ -66,6 +66,7 @@ MEASUREMENTS |= {
     "bare callers": m.bare_callers,
     "listener cost": m.listener_cost,
     "deliveries": m.delivery_cost,
+    "delivering": m.deliveries,
     "python": m.queue("python"),
     "history": m.queue("history-bytes", 100_000),
     "node history": m.node_history,
@@ -149,7 +150,9 @@ ROWS = [
     Row("poster's cost per HTTP listener, p50", ("listener cost", "poster_us"), None, "25 us", below(25), below(15),
         "us"),
     *(Row(f"posting to a listener, {kind}", ("deliveries", kind + "_us"), ("deliveries", "plain_us"), "not kept", limit, None, "us")
-      for kind, limit in (("kept", at_most(1.1)), ("retried", at_most(1.1)), ("journalled", None))),
+      for kind, limit in (("kept", at_most(1.1)), ("unmatched", at_most(1.1)), ("retried", at_most(1.1)), ("journalled", None))),
+    *(Row(f"deliveries{kind}", ("delivering", key), ("delivering", "multi_per_s"), "bare libcurl multi loop", at_least(0.7), None, "k/s", 1e-3)
+      for kind, key in (("", "deliveries_per_s"), (" with retries", "retried_per_s"))),
     Row("memory of a waiting caller", ("waiting callers", "bytes_per_caller"), ("waiting threads", "bytes_per_thread"),
         "thread and socket", None, None, "kB", 1e-3),
     Row("Python listener", ("python", "listener_ns"), ("python", "bare_ns"), "lock, conversion, call",
