@@ -2,8 +2,12 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <tuple>
+
+#include "CountedSyncs.h"
 #include "Testing.h"
 #include "deliveries/DeliveryBook.h"
+#include "deliveries/DeliveryDocument.h"
 #include "deliveries/DeliveryJournal.h"
 #include "deliveries/PrivateAddress.h"
 #include "deliveries/Signature.h"
@@ -79,6 +83,56 @@ TEST(DeliveriesTest, TheSignatureIsThatOfStandardWebhooks) {
               one + " v1,");
 }
 
+TEST(DeliveriesTest, ADestinationsSecretsAreReadShownToNobodyAndNoHeaderHoldsAnother) {
+    const auto read = [](const std::string& json, std::vector<Fault>& faults) {
+        const auto list = Velmora::PListItem::CreateFromJSON(json, nullptr, Velmora::PListItem::AnyDepth);
+        const auto as_is = [](const std::string& path) { return path; };
+        return ReadDestinations(static_cast<const Velmora::PListArray&>(*list), "/Destinations", as_is,
+                                faults);
+    };
+    std::vector<Fault> faults;
+    const auto good = read(R"([{"Match": "", "Headers": {"X-Key": "hush"},
+        "SigningSecret": "whsec_QUJDQUJDQUJDQUJDQUJDQUJDQUJDQUJD QUJDQUJDQUJDQUJDQUJDQUJDQUJDQURE"}])",
+                           faults);
+    ASSERT_TRUE(faults.empty());
+    EXPECT_EQ(good[0].SigningSecrets,
+              (std::vector<std::string>{"ABCABCABCABCABCABCABCABC", "ABCABCABCABCABCABCABCADD"}));
+    std::string shown;
+    (void)DestinationsInForce(good).EncodeJSON(shown);
+    EXPECT_EQ(shown.find("hush"), shown.npos) << shown;
+    EXPECT_EQ(shown.find("QUJD"), shown.npos) << shown;
+    for (const char* wrong : {R"([{"Match": "", "Headers": {"X": "a\r\nY: b"}}])",
+                              R"([{"Match": "", "Headers": {"X: a\r\nY": "b"}}])",
+                              R"([{"Match": "", "SigningSecret": "whsec_QUJD"}])"}) {
+        faults.clear();
+        read(wrong, faults);
+        EXPECT_EQ(faults.size(), 1u) << wrong;
+    }
+}
+
+TEST(DeliveriesTest, ADocumentHoldsWhatAnotherServerNeeds) {
+    Delivery made = Made("e", R"({"n":1})", DeliveryState::Waiting);
+    made.PostingId = "0a-7";
+    made.ListenerId = "l";
+    made.Method = Velmora::METH_POST;
+    made.Next_us = 1780000000123456;
+    made.Status = 503;
+    made.Answer = "bytes\xff";
+    const auto read = DeliveryFrom(DocumentOf(made), 9);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(*read->Body, *made.Body);
+    EXPECT_EQ(std::tie(read->EventName, read->Callback, read->PostingId, read->ListenerId, read->Method,
+                       read->Attempt, read->Attempts, read->Next_us, read->Status, read->State),
+              std::tie(made.EventName, made.Callback, made.PostingId, made.ListenerId, made.Method,
+                       made.Attempt, made.Attempts, made.Next_us, made.Status, made.State));
+    made.State = DeliveryState::Ok;
+    const std::string end = DocumentOf(made);
+    EXPECT_EQ(end.find("callback"), end.npos) << "what ended is short";
+    EXPECT_EQ(DeliveryFrom(end, 9)->State, DeliveryState::Ok);
+    for (const char* none : {"", "[]", "{}", R"({"state": "lost"})"})
+        EXPECT_FALSE(DeliveryFrom(none, 9)) << none;
+}
+
 class DeliveryBookTest : public testing::Test {
   protected:
     // As the engine does it; null where there is no room.
@@ -135,6 +189,11 @@ TEST_F(DeliveryBookTest, PagesAreOfWhatIsAskedFor) {
     EXPECT_EQ(List(filter)[0], first);
     EXPECT_FALSE(more);
 
+    DeliverySettings fewer = Small();
+    fewer.KeepBytes = 2 * Made("g", "5", DeliveryState::Ok).Bytes() - 1;
+    book.TakeAnew(fewer);
+    EXPECT_EQ(List({}).size(), 3u) << "the bytes of ended ones";
+
     first->State = DeliveryState::Failed;
     book.StateChanged(*first, DeliveryState::Waiting);
     EXPECT_EQ(book.Waiting(), 0u);
@@ -154,6 +213,8 @@ TEST_F(DeliveryBookTest, AStatusIsThatOfTheListenerThatIsThere) {
     ASSERT_NE(book.Status(key), nullptr);
     EXPECT_EQ(book.Status(key)->FailuresInRow, 2u);
     EXPECT_EQ(book.Status(key)->Calls, 3u);
+    book.AddListener({"f", "http://a/"}, "three");
+    EXPECT_EQ(book.Status({"f", "http://a/"}), nullptr) << "another listener with that address";
     book.RemoveListener(key);
     book.AddListener(key, "two");
     book.CountAttempt(delivery, true);
@@ -176,7 +237,9 @@ TEST(DeliveriesTest, AJournalKeepsWhatWasCommittedAndIsOneProcesss) {
         status.Calls = 5;
         status.Durations_ms = {3, 70000};
         journal.PutStatus({event, "http://a/"}, status);
+        Testing::CountedSyncs syncs;
         EXPECT_TRUE(journal.Commit());
+        EXPECT_FALSE(syncs.Seen.empty()) << "the machine's power may fail";
         journal.Remove(8);
         EXPECT_TRUE(journal.Commit());
         journal.Remove(9);  // and not committed

@@ -1,6 +1,7 @@
 """Deliveries as those who run listeners see them."""
 
 import base64
+import datetime
 import hashlib
 import hmac
 import json
@@ -38,13 +39,14 @@ class DeliveryTest(unittest.TestCase):
         return answer["id"]
 
     def test_the_first_entry_that_fits_decides_and_what_may_pass_is_tried_again(self):
-        self.listener.answers = {"/flaky": [503, (429, {"Retry-After": "1"}), 200], "/gone": [410], "/wrong": [404], "/dead": [500]}
-        flaky, gone, wrong, dead, private, refused = self.serve(
+        self.listener.answers = {"/flaky": [503, (429, {"Retry-After": "1"}), 408, 425, 200], "/moved": [(302, {"Location": "/elsewhere"})], "/gone": [410], "/wrong": [404], "/dead": [500]}
+        flaky, gone, wrong, dead, private, refused, moved = self.serve(
             [{"Match": "/private", "AllowPrivateAddresses": False, "Attempts": 3}, {"Match": "/refused", "Allow": False},
-             {"Match": "", "Attempts": 3, "Backoff_ms": 20}],
-            "/flaky", "/gone", "/wrong", "/dead", "/private", "/refused")
+             {"Match": "/flaky", "Attempts": 5, "Backoff_ms": 20}, {"Match": "", "Attempts": 3, "Backoff_ms": 20}],
+            "/flaky", "/gone", "/wrong", "/dead", "/private", "/refused", "/moved")
         posting = self.post()
-        whole = self.server.delivery(flaky, outcome="ok", attempt=3, attempts=3, status=200, posting_id=posting)
+        whole = self.server.delivery(flaky, outcome="ok", attempt=5, attempts=5, status=200, posting_id=posting)
+        self.server.delivery(moved, outcome="dead", attempt=1, status=302)
         self.server.delivery(gone, outcome="failed", attempt=1, status=410)
         self.server.delivery(wrong, outcome="dead", attempt=1, status=404)
         self.server.delivery(dead, outcome="dead", attempt=3, status=500)
@@ -52,16 +54,16 @@ class DeliveryTest(unittest.TestCase):
         self.assertIn("does not allow", self.server.delivery(refused, outcome="failed", attempt=1)["reason"])
         times = [call[3] for call in self.listener.of("/flaky")]
         self.assertGreaterEqual(times[2] - times[1], 1, "Retry-After")
-        self.assertEqual([self.listener.of("/private"), self.listener.of("/refused")], [[], []])
+        self.assertEqual([call for path in ("/private", "/refused", "/elsewhere") for call in self.listener.of(path)], [])
 
         status, one = self.server.ask("GET", "/deliveries/" + whole["id"])
         self.assertEqual((status, one["answer"]), (200, "answer"))
         self.assertEqual(one["body"].encode(), self.listener.of("/flaky")[0][2])
         status = self.server.listener("e", flaky)["status"]
         self.assertEqual({key: status[key] for key in ("outcome", "calls", "failures", "failures_in_a_row", "retries_waiting")},
-                         {"outcome": "ok", "calls": 3, "failures": 2, "failures_in_a_row": 0, "retries_waiting": 0})
+                         {"outcome": "ok", "calls": 5, "failures": 4, "failures_in_a_row": 0, "retries_waiting": 0})
         self.assertEqual({entry["callback"] for entry in self.server.ask("GET", "/deliveries")[1]["failing"]},
-                         {gone, wrong, dead, private, refused})
+                         {gone, wrong, dead, private, refused, moved})
 
     def test_every_attempt_bears_the_same_id_and_a_signature_for_each_secret(self):
         self.listener.answers = {"/hook": [500, 200]}
@@ -107,6 +109,8 @@ class DeliveryTest(unittest.TestCase):
         self.server.delivery(hook, outcome="dead", attempt=3, attempts=3, id=waiting[hook])
         self.assertIn("does not allow", self.server.delivery(no, outcome="failed", attempt=1)["reason"])
         self.assertEqual([call[1].get("X-Key") for call in self.listener.of("/hook")], [None, "new", "new"])
+        self.assertEqual(self.reload(lambda text: text.replace('"Keep": 5', '"Keep": 5, "MaxAge_sec": 1'))["taken"], ["/Deliveries/MaxAge_sec"])
+        until(lambda: not self.server.deliveries("?outcome=dead"))
 
     def test_more_callers_are_taken_while_the_server_runs(self):
         hold = self.hanging_listener()
@@ -199,6 +203,13 @@ class DeliveryTest(unittest.TestCase):
         self.post()
         self.post()
         until(lambda: self.server.listener("e", hook).get("status", {}).get("retries_waiting") == 2)
+        # The wait grows, but not beyond an hour and a half.
+        one = self.server.delivery(hook, outcome="waiting")["id"]
+        for attempt in range(2, 6):
+            self.assertEqual(self.server.ask("POST", "/deliveries/%s/resend" % one)[0], 202)
+            waiting = until(lambda: [entry for entry in self.server.deliveries() if (entry["id"], entry["attempt"]) == (one, attempt) and "next_time" in entry])[0]
+        latest = datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(seconds=5410)
+        self.assertLess(datetime.datetime.fromisoformat(waiting["next_time"]), latest)
         self.assertEqual(self.server.end(), 0)
         self.assertIn("2 deliveries that waited for an attempt are lost", self.server.log())
 

@@ -48,3 +48,10 @@ extern "C" MR_EXPORT int fsync(int descriptor) {
     if (Testing::CountedSyncs* const current = Testing::CountedSyncs::Current()) current->Count(descriptor);
     return sync(descriptor);
 }
+
+extern "C" MR_EXPORT int fdatasync(int descriptor) {
+    using fsync_t = int (*)(int);
+    static const auto sync = reinterpret_cast<fsync_t>(dlsym(RTLD_NEXT, "fdatasync"));
+    if (Testing::CountedSyncs* const current = Testing::CountedSyncs::Current()) current->Count(descriptor);
+    return sync(descriptor);
+}
