@@ -81,9 +81,12 @@ bool Calls::MakeConsumer() {
     if (found != NATS_NOT_FOUND) return found == NATS_OK;
     StreamFacts facts;
     if (m_Engine.Facts(names.Postings, facts) != NATS_OK) return false;
-    ui64_t floor = facts.Created_ns == m_StreamCreated ? m_Floor.load() : 0;
-    floor = std::max(floor, m_Caller.CalledUpTo(facts.Created_ns));
-    const std::string filter = names.Events + ">", description = MadeAnew + std::to_string(facts.Last);
+    const bool known = facts.Created_ns == m_StreamCreated;
+    const std::optional<ui64_t> told = m_Caller.CalledUpTo(facts.Created_ns);
+    const ui64_t floor = std::max(known ? m_Floor.load() : 0, told.value_or(0));
+    // A stream of which nobody has told is new, and so are all calls.
+    const ui64_t anew_up_to = known || told ? facts.Last : 0;
+    const std::string filter = names.Events + ">", description = MadeAnew + std::to_string(anew_up_to);
     jsConsumerConfig config;
     jsConsumerConfig_Init(&config);
     config.Durable = names.Calls.c_str();
@@ -100,7 +103,7 @@ bool Calls::MakeConsumer() {
         Take(info, js_AddConsumer, m_Engine.Context(), names.Postings.c_str(), &config, nullptr, &code);
     if (made != NATS_OK) DefaultLogSink().Debug("The consumer of the calls: %s\n", ReasonOf(made).c_str());
     if (made == NATS_OK) m_AnewUpTo = AnewUpTo(*info);
-    if (made == NATS_OK && facts.Last > floor && facts.Messages > 0)
+    if (made == NATS_OK && anew_up_to > floor && facts.Messages > 0)
         DefaultLogSink().Notice(
             "The consumer of the calls is made anew: up to %llu postings may be called again\n",
             static_cast<unsigned long long>(std::min(facts.Last - floor, facts.Messages)));

@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -24,8 +25,9 @@ class ICaller {
     virtual ~ICaller() = default;
     /// Until this node knows the registry of that revision. False where it does not within a moment.
     virtual bool KnowsRevision(ui64_t revision) = 0;
-    /// How far the calls have ended in the stream of that time, as far as any node has told.
-    virtual ui64_t CalledUpTo(i64_t stream_created_ns) = 0;
+    /// How far the calls have ended in the stream of that time, as far as any node has told. Nothing where no
+    /// node has told of that stream.
+    virtual std::optional<ui64_t> CalledUpTo(i64_t stream_created_ns) = 0;
     /// Whether the process may call now: otherwise the posting waits.
     virtual bool HasRoom() = 0;
     /// `number` is the posting's. `token` is let go when all calls have ended.

@@ -79,6 +79,7 @@ Result_t Node::Import(const PListDict& document, Mirel::ui32_t limit_ms, PListDi
     m_Queue->Join();
     if (!m_Queue->Documents().WaitUntilRead(Clock::now() + milliseconds(limit_ms)))
         return Mirel::RESULT_NETWORK.WithMessage("The cluster's registry cannot be read: " + WhyNotReady());
+    m_Nodes.LearnTime();
     m_Queue->Import(document);
     const Outcome failure = TakeFailure();
     if (failure.What != Fate::Stored)
@@ -144,6 +145,7 @@ ui64_t Node::StartOfHistory(const StreamFacts& facts) const {
 }
 
 ui64_t Node::Begin(const StreamFacts& facts) {
+    m_Nodes.LearnTime();
     const ui64_t begin = StartOfHistory(facts);
     const std::string epoch = EpochOf(facts.Created_ns);
     m_Queue->BeginPostings(epoch, begin - 1);
@@ -167,7 +169,7 @@ bool Node::KnowsRevision(ui64_t revision) {
     return m_Queue->Documents().WaitFor(revision, Clock::now() + RevisionWait);
 }
 
-ui64_t Node::CalledUpTo(i64_t stream_created_ns) {
+std::optional<ui64_t> Node::CalledUpTo(i64_t stream_created_ns) {
     return m_Nodes.CalledUpTo(EpochOf(stream_created_ns));
 }
 
@@ -202,6 +204,7 @@ void Node::Watch(LoopThread& thread) {
             m_Trouble = trouble;
         }
         if (!made) continue;
+        m_Nodes.LearnTime();
         if (!m_MaySeed) continue;  // not joined
         PListDict record;
         record.SetValue("version", PROJECT_VERSION_TEXT);
@@ -222,6 +225,7 @@ std::string Node::WhyNotReady() const {
     AutoMutex lock(m_Lock);
     if (!m_Trouble.empty()) return m_Trouble;
     if (!m_Queue->Documents().WasRead()) return "the registry has not been read yet";
+    if (!m_Nodes.KnowsTime()) return "the engine's time is not known yet";
     return m_PostingsRead ? std::string() : "the postings have not been read yet";
 }
 

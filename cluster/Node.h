@@ -48,7 +48,7 @@ class Node : public ICluster, private IStreamUser, private ICaller {
     ui64_t StartOfHistory(const StreamFacts& facts) const;
 
     bool KnowsRevision(ui64_t revision) override;
-    ui64_t CalledUpTo(i64_t stream_created_ns) override;
+    std::optional<ui64_t> CalledUpTo(i64_t stream_created_ns) override;
     bool HasRoom() override;
     void Call(const PListDict& payload, ui64_t number, const std::shared_ptr<void>& token) override;
 

@@ -56,20 +56,42 @@ void Nodes::Announce(PListDict record) {
     jsErrCode code = jsErrCode(0);
     const Streams& names = m_Engine.Names();
     if (Take(stored, js_GetMsg, m_Engine.Context(), names.Nodes.c_str(), sent.Sequence, nullptr, &code) ==
-        NATS_OK)
+        NATS_OK) {
         m_Offset_us = natsMsg_GetTime(stored.get()) / 1000 - middle;
+        m_KnowsTime = true;
+    }
 }
 
-ui64_t Nodes::CalledUpTo(const std::string& epoch) const {
-    long long highest = 0;
+// What the engine makes for the question says when it was made.
+void Nodes::LearnTime() {
+    if (m_KnowsTime) return;
+    jsConsumerConfig config;
+    jsConsumerConfig_Init(&config);
+    config.AckPolicy = js_AckNone;
+    config.InactiveThreshold = i64_t{5} * 1000000000;
+    config.MemoryStorage = true;
+    config.Replicas = 1;
+    HeldConsumerInfo info;
+    jsErrCode code = jsErrCode(0);
+    const std::string& stream = m_Engine.Names().Postings;
+    const i64_t began = Now_us();
+    if (Take(info, js_AddConsumer, m_Engine.Context(), stream.c_str(), &config, nullptr, &code) != NATS_OK)
+        return;
+    m_Offset_us = info->Created / 1000 - (began + (Now_us() - began) / 2);
+    m_KnowsTime = true;
+    (void)js_DeleteConsumer(m_Engine.Context(), stream.c_str(), info->Name, nullptr, &code);
+}
+
+std::optional<ui64_t> Nodes::CalledUpTo(const std::string& epoch) const {
+    std::optional<long long> highest;
     AutoMutex lock(m_Lock);
     for (const auto& [node, record] : m_Records) {
         long long called = 0;
         if (record.Content.GetData("epoch").TextView() != epoch) continue;
         record.Content.GetData("called").GetValue(called);
-        highest = std::max(highest, called);
+        highest = std::max(highest.value_or(0), called);
     }
-    return static_cast<ui64_t>(highest);
+    return highest;
 }
 
 i64_t Nodes::EngineTime_us() const {

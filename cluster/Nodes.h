@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "MR_mutex.h"
@@ -25,9 +26,13 @@ class Nodes : private IStreamUser {
     /// One entry for each node that has written in the last minutes: its record, "node", and how long ago.
     Velmora::PListArray List() const;
 
-    /// The highest "called" of all records with this "epoch", however old they are.
-    ui64_t CalledUpTo(const std::string& epoch) const;
+    /// The highest "called" of all records with this "epoch", however old they are. Nothing where there are
+    /// none.
+    std::optional<ui64_t> CalledUpTo(const std::string& epoch) const;
 
+    /// Asks the engine for its time, where that is not known yet: clocks may be minutes apart.
+    void LearnTime();
+    bool KnowsTime() const { return m_KnowsTime; }
     /// The engine's time, in microseconds, as this machine's clock and the last records have it.
     i64_t EngineTime_us() const;
 
@@ -46,6 +51,7 @@ class Nodes : private IStreamUser {
     mutable Mirel::Mutex m_Lock;
     std::map<std::string, Record> m_Records GUARDED_BY(m_Lock);
     std::atomic<i64_t> m_Offset_us{0};
+    std::atomic<bool> m_KnowsTime{false};
     StreamReader m_Reader;
 };
 

@@ -1,5 +1,5 @@
-"""Three nats-servers and three nodes, killed, stopped and robbed of their consumers at random while postings, registrations,
-timers, listeners and feed clients go on. Every promise of a cluster is held against what came; figures are printed."""
+"""Three nats-servers and three nodes, whose clocks are minutes apart, killed, stopped and robbed of their consumers and of the
+postings' stream at random while postings, registrations, timers, listeners and feed clients go on. Every promise of a cluster is held against what came; figures are printed."""
 
 import argparse
 import asyncio
@@ -22,6 +22,8 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "clients"))
 import velmora_client  # noqa: E402
 
 NAME = "chaos"
+CLOCKS = {"a": None, "b": "+3m", "c": "-5m"}
+SLOW_SEC = 0.4  # each seventh call of one listener: something is unfinished whenever a node dies
 
 
 class Listener:
@@ -37,8 +39,11 @@ class Listener:
 
             def do_POST(self):
                 payload = json.loads(self.rfile.read(int(self.headers["Content-Length"])))
+                number = payload.get("post_data", {}).get("n")
                 with own.lock:
-                    own.came[self.path][payload.get("post_data", {}).get("n")] += 1
+                    own.came[self.path][number] += 1
+                if self.path == "/second" and number % 7 == 0:
+                    time.sleep(SLOW_SEC)
                 self.send_response(200)
                 self.send_header("Content-Length", "0")
                 self.end_headers()
@@ -81,6 +86,8 @@ class Chaos:
         self.ended = threading.Event()
         self.lock = threading.Lock()
         self.accepted, self.unsure = {}, 0  # id by number; postings whose fate nobody told
+        self.flickered = set()  # ids of postings of an event that comes and goes
+        self.gates = [threading.Lock() for _ in range(5)]  # of who posts: held while nothing may be on its way
         self.created, self.deleted, self.unsure_events = set(), set(), set()
         self.races = collections.Counter()
         self.once = set()
@@ -89,7 +96,7 @@ class Chaos:
         routes = [support.free_port() for _ in range(3)]
         self.engines = [support.Engine(folder, f"n{i}", routes, i) for i in range(3)]
         urls = [engine.url() for engine in self.engines]
-        self.nodes = [support.Node(folder, name, {"Name": NAME, "Servers": urls[i:] + urls[:i], "Replicas": 3}, Timeout_ms=20000)
+        self.nodes = [support.Node(folder, name, {"Name": NAME, "Servers": urls[i:] + urls[:i], "Replicas": 3}, CLOCKS[name], Timeout_ms=20000)
                       for i, name in enumerate("abc")]
         self.listener = Listener()
         self.clients = [FeedClient(self.nodes, node) for node in [*self.nodes, None, None]]
@@ -108,11 +115,12 @@ class Chaos:
             time.sleep(0.1)
         return 0, None, unsure
 
-    def post(self, first):
+    def post(self, first, gate):
         number = first
         while not self.ended.is_set():
-            began = time.monotonic()
-            status, answer, _ = self.until_answered("POST", "/events/load", {"n": number}, {"Idempotency-Key": f"k{number}"})
+            with gate:
+                began = time.monotonic()
+                status, answer, _ = self.until_answered("POST", "/events/load", {"n": number}, {"Idempotency-Key": f"k{number}"})
             with self.lock:
                 self.waits.append(time.monotonic() - began)
                 if status == 202:
@@ -123,6 +131,21 @@ class Chaos:
                         self.failures.append(f"posting {number} was answered {status}: {answer}")
             number += 1
             time.sleep(0.02)
+
+    def flicker(self, gate):
+        """An event that is created and deleted while it is posted."""
+        count = 0
+        while not self.ended.is_set():
+            for method, path, body in (("POST", "/events", {"event_name": "flicker"}), *[("POST", "/events/flicker", {"f": count})] * 3,
+                                       ("DELETE", "/events/flicker", None)):
+                with gate:
+                    status, answer = random.choice(self.nodes).call(method, path, body, timeout=15)
+                    if status == 202:
+                        self.flickered.add(answer["id"])
+                if status not in (0, 201, 202, 204, 404, 412, 503):
+                    self.failures.append(f"{method} {path} was answered {status}: {answer}")
+            count += 1
+            time.sleep(0.05)
 
     def register(self, which):
         count = 0
@@ -176,9 +199,10 @@ class Chaos:
         while not self.ended.is_set():
             start = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(time.time() + 2))
             body = {"event_name": "once", "start_time": start, "timer_data": {"k": count}}
-            status, _ = random.choice(self.nodes).call("POST", "/timers", body, timeout=15)
-            if status == 201:
-                self.once.add(count)
+            with self.gates[4]:
+                status, _ = random.choice(self.nodes).call("POST", "/timers", body, timeout=15)
+                if status == 201:
+                    self.once.add(count)
             count += 1
             time.sleep(1)
 
@@ -212,6 +236,11 @@ class Chaos:
     def kill_registry_leader(self):
         self.restart(self.leader(f"KV_{NAME}_registry"), self.random.uniform(0, 3))
 
+    def kill_other_engine(self):
+        """One that leads neither: the registry stays as it is."""
+        leaders = {self.leader(NAME + "_postings"), self.leader(f"KV_{NAME}_registry")}
+        self.restart(next(engine for engine in self.engines if engine not in leaders), self.random.uniform(0, 2))
+
     def kill_connected_engine(self):
         status, answer = self.random.choice(self.nodes).call("GET", "/cluster", timeout=5)
         server = answer["engine"]["server"] if status == 200 else ""
@@ -237,6 +266,32 @@ class Chaos:
         """All but the last: what nobody has read yet stays."""
         self.random.choice(self.engines).publish(f"$JS.API.STREAM.PURGE.{NAME}_postings", json.dumps({"keep": 1500}))
 
+    def epochs(self):
+        """Of all nodes; None for one that does not answer."""
+        found = [node.call("GET", "/history?limit=1", timeout=5) for node in self.nodes]
+        return {answer["last_id"].split("-")[0] if status == 200 else None for status, answer in found}
+
+    def anew(self):
+        """The postings' stream is deleted and made anew, when all that was accepted has come everywhere."""
+        for gate in self.gates:
+            gate.acquire()
+        try:
+            for node in self.nodes:
+                support.eventually(f"node {node.name} is ready", node.ready)
+            self.settles("all has come before the stream is deleted",
+                         lambda: not any(self.missing().values()) and not any(self.uncalled().values()) and self.fired_once() >= len(self.once),
+                         lambda: f"missing {self.missing()}, not called {self.uncalled()}, {self.fired_once()} of {len(self.once)} timers", 30)
+            before = self.epochs()
+            self.random.choice(self.engines).publish(f"$JS.API.STREAM.DELETE.{NAME}_postings")
+            support.eventually("the stream is another one everywhere",
+                               lambda: len(self.epochs()) == 1 and not self.epochs() & {*before, None})
+        finally:
+            for gate in self.gates:
+                gate.release()
+
+    def fired_once(self):
+        return sum('"once"' in text for _, text in list(self.clients[0].messages))
+
     def away(self):
         """The whole engine: a minute in the long form."""
         for engine in self.engines:
@@ -249,13 +304,13 @@ class Chaos:
 
     def disturb(self):
         actions = [self.kill_node, self.kill_postings_leader, self.kill_registry_leader, self.kill_connected_engine,
-                   self.stop_node, self.delete_consumers, self.purge]
+                   self.kill_other_engine, self.stop_node, self.delete_consumers, self.purge, self.anew]
         end = time.monotonic() + self.seconds
         if self.only:
             actions = [action for action in actions if action.__name__ in self.only]
         first = list(actions)
         self.random.shuffle(first)
-        while time.monotonic() < end:
+        while first or time.monotonic() < end:  # each once at least
             action = first.pop() if first else self.random.choice(actions)
             print(f"{self.seconds - (end - time.monotonic()):6.1f} s  {action.__name__}", flush=True)
             action()
@@ -295,7 +350,8 @@ class Chaos:
         following.start()
         support.eventually("all follow the feed", lambda: all(client.places for client in self.clients))
         time.sleep(1)
-        threads = [threading.Thread(target=self.post, args=(first * 1000000,)) for first in range(3)]
+        threads = [threading.Thread(target=self.post, args=(first * 1000000, self.gates[first])) for first in range(3)]
+        threads += [threading.Thread(target=self.flicker, args=(self.gates[3],))]
         threads += [threading.Thread(target=self.register, args=(which,)) for which in range(2)]
         threads += [threading.Thread(target=self.race), threading.Thread(target=self.time)]
         for thread in threads:
@@ -311,8 +367,8 @@ class Chaos:
         await asyncio.gather(*(client.record() for client in self.clients))
 
     def missing(self):
-        ids = set(self.accepted.values())
-        return {index: len(ids - {message[0] for message in client.messages}) for index, client in enumerate(self.clients)}
+        ids = {*self.accepted.values(), *self.flickered}
+        return {index: len(ids - {message[0] for message in list(client.messages)}) for index, client in enumerate(self.clients)}
 
     def uncalled(self):
         with self.listener.lock:
@@ -323,9 +379,9 @@ class Chaos:
         if not holds:
             self.failures.append(what)
 
-    def settles(self, what, condition, detail):
+    def settles(self, what, condition, detail, limit_sec=support.PATIENCE_SEC):
         try:
-            support.eventually(what, condition)
+            support.eventually(what, condition, limit_sec)
         except AssertionError:
             pass
         self.check(what, condition(), detail())
@@ -336,8 +392,10 @@ class Chaos:
         numbers = {}
         for index, client in enumerate(self.clients):
             seen = [message[0] for message in client.messages]
-            self.check(f"feed client {index}: none twice, in order, no gap", len(seen) == len(set(seen)) and not client.gaps and
-                       seen == sorted(seen, key=lambda text: (text.split("-")[0], int(text.rsplit("-", 1)[1]))),
+            epochs = list(dict.fromkeys(text.split("-")[0] for text in seen))
+            self.check(f"feed client {index}: none twice, in order, no gap but where the stream was made anew",
+                       len(seen) == len(set(seen)) and len(client.gaps) <= self.done["anew"] and
+                       seen == sorted(seen, key=lambda text: (epochs.index(text.split("-")[0]), int(text.rsplit("-", 1)[1]))),
                        f"{len(seen)} postings at {client.places} places, {len(client.gaps)} gaps")
             for message in client.messages:
                 numbers.setdefault(message[0], set()).add(message[1])
@@ -345,7 +403,8 @@ class Chaos:
         posted = collections.Counter(json.loads(next(iter(texts))).get("post_data", {}).get("n") for texts in numbers.values())
         posted.pop(None, None)
         self.check("every posting was posted once", all(count == 1 for count in posted.values()),
-                   f"{len(posted)} posted, {len(self.accepted)} accepted, {self.unsure} never answered")
+                   f"{len(posted)} posted, {len(self.accepted)} accepted, {self.unsure} never answered; "
+                   f"{len(self.flickered)} of an event that came and went")
         fired = collections.Counter()
         ticks = 0
         for texts in numbers.values():
@@ -416,7 +475,7 @@ class Chaos:
             return total
 
         time_over = time.monotonic() + 10  # the last timers are due a moment from now
-        while time.monotonic() < time_over and len(self.once) > sum('"once"' in text for _, text in self.clients[0].messages):
+        while time.monotonic() < time_over and len(self.once) > self.fired_once():
             time.sleep(0.1)
         fired, ticks = self.check_feeds()
         self.check_calls(figures)

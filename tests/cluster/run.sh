@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # What a cluster promises, over real nats-servers on loopback: two nodes and what becomes of them, other people's clients, an
-# engine that asks for a password and TLS, and a short form of the chaos: nodes are killed and stopped, consumers deleted,
-# postings purged. chaos.sh kills the engine's servers as well, after which Debian 12's does not always keep its own replicas
-# alike. VELMORA_SERVER names another server than the release build's.
+# engine that asks for a password and TLS, and a short form of the chaos with clocks minutes apart: nodes are killed and stopped,
+# one of the engine's servers killed, consumers deleted, postings purged, their stream made anew. chaos.sh kills the leaders as
+# well, after which Debian 12's engine does not always keep its own replicas alike. VELMORA_SERVER names another server than the release build's.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/server.sh"
 command -v npm >/dev/null || "$root/.ci/install-packages" node
@@ -18,4 +18,4 @@ export NATS_CLIENT="$work/nats-client.mjs"
 node "$here/smoke.mjs" "$VELMORA_SERVER"
 /usr/bin/python3 -B -m unittest discover -s "$here" -p "*_test.py"
 /usr/bin/python3 -B "$here/chaos.py" --seconds 12 \
-    --only kill_node stop_node delete_consumers purge
+    --only kill_node kill_other_engine stop_node delete_consumers purge anew
