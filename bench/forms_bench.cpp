@@ -1,7 +1,8 @@
 // What subscribers of the feed cost beside its plain clients: a burst in each form and over TLS, many who
 // want little, many who come back at once, and those who only wait.
 //
-// forms_bench [REDIS_PORT]: with a port, as many readers take as many entries out of a stream of that Redis.
+// forms_bench [REDIS_PORT]: with a port, readers take as many entries each out of a stream of that Redis.
+// forms_bench idle: those who only wait.
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -13,6 +14,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -30,6 +32,8 @@ using Bench::Print;
 
 constexpr std::size_t Missed = 10'000;
 constexpr std::size_t ManyClients = 1'000;
+// It serves them one after the other: more take longer in proportion.
+constexpr std::size_t RedisReaders = 100;
 constexpr std::size_t IdleClients = 9'900;  // two descriptors each, where 20,000 may be had
 const std::string Epoch = "0123456789abcdef";
 
@@ -199,8 +203,12 @@ double PostingToFew_ns(std::size_t clients) {
     return costs[Rounds / 2];
 }
 
-// Seconds until a thousand clients that have missed ten thousand postings are level.
-double StormSeconds() {
+double PerSecond(std::size_t clients, std::int64_t start) {
+    return static_cast<double>(clients * Missed) / (static_cast<double>(Now_ns() - start) * 1e-9);
+}
+
+// Postings a second until a thousand clients that have missed ten thousand are level.
+double StormPerSecond() {
     const Past past(Missed);
     Crowd crowd(past);
     crowd.Read();
@@ -210,7 +218,7 @@ double StormSeconds() {
     wish.After = PostingId{Epoch, 0};
     for (std::size_t i = 0; i < ManyClients; ++i) crowd.Add(Form::Numbered, wish);
     AwaitDelivered(before + ManyClients * Missed);
-    return static_cast<double>(Now_ns() - start) * 1e-9;
+    return PerSecond(ManyClients, start);
 }
 
 std::string RedisCommand(const std::vector<std::string>& words) {
@@ -220,7 +228,7 @@ std::string RedisCommand(const std::vector<std::string>& words) {
 }
 
 // The same out of a stream of Redis, one XRANGE for each client.
-double RedisStormSeconds(std::uint16_t port) {
+double RedisStormPerSecond(std::uint16_t port) {
     std::string entries = RedisCommand({"DEL", "bench"}), json;
     static_cast<void>(Posting("bench.event").EncodeJSON(json));
     for (std::size_t i = 1; i <= Missed; ++i)
@@ -237,13 +245,13 @@ double RedisStormSeconds(std::uint16_t port) {
     }
     Bench::Drain drain;
     const std::int64_t start = Now_ns();
-    for (std::size_t i = 0; i < ManyClients; ++i) {
+    for (std::size_t i = 0; i < RedisReaders; ++i) {
         const int socket = Bench::Connect(port);
         drain.Add(socket);
         Bench::SendAll(socket, ask.data(), ask.size());
     }
-    while (drain.Bytes() < size * ManyClients) drain.Read(1000);
-    return static_cast<double>(Now_ns() - start) * 1e-9;
+    while (drain.Bytes() < size * RedisReaders) drain.Read(1000);
+    return PerSecond(RedisReaders, start);
 }
 
 // Resident bytes of this process for each client that only waits; its own share of what OpenSSL keeps with
@@ -276,15 +284,20 @@ double IdleShare() {
     return static_cast<double>(computed_ns() - before) / static_cast<double>(Now_ns() - start);
 }
 
+void MeasureIdle() {
+    Tls tls;
+    Print("idle_bytes", IdleBytes(ManyClients, nullptr));  // first: before there is memory to be used again
+    Print("idle_tls_bytes", IdleBytes(ManyClients, &tls));
+    Print("idle_9900_share", IdleShare());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     Bench::RaiseDescriptorLimit();
     Mirel::DefaultLogSink().Level(Mirel::LOG_ERROR);
+    if (argc > 1 && argv[1] == std::string_view("idle")) return MeasureIdle(), 0;
     Tls tls;
-    Print("idle_bytes", IdleBytes(ManyClients, nullptr));  // first: before there is memory to be used again
-    Print("idle_tls_bytes", IdleBytes(ManyClients, &tls));
-    Print("idle_9900_share", IdleShare());
     for (const std::size_t clients : {1u, 10u, 100u, 1000u}) {
         const std::size_t postings = std::min<std::size_t>(4'000'000 / clients, 100'000);
         const std::string suffix = "_" + std::to_string(clients);
@@ -295,8 +308,9 @@ int main(int argc, char** argv) {
     Print("tls_100_bytes", BurstOf(Form::Plain, 100, 40'000, &tls).BytesPerSecond);
     Print("few_1", PostingToFew_ns(1));
     Print("few_1000", PostingToFew_ns(ManyClients));
-    Print("storm", StormSeconds());
-    if (argc > 1) Print("redis_storm", RedisStormSeconds(static_cast<std::uint16_t>(std::stoi(argv[1]))));
+    Print("storm_per_s", StormPerSecond());
+    if (argc > 1)
+        Print("redis_storm_per_s", RedisStormPerSecond(static_cast<std::uint16_t>(std::stoi(argv[1]))));
     const ui64_t slow = GetBroadcastCounters().SlowDisconnects;
     Check(slow == 0, "clients were too slow");
     return 0;

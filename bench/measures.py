@@ -49,6 +49,18 @@ def bare_fan_out(run):
     return {}
 
 
+def forms(run):
+    """The feed's other forms beside the plain one, a crowd that comes back beside Redis, and TLS beside its cipher."""
+    found = figures(BUILD / "bench/forms_bench", run.ports["redis"])
+    speed = output_of(["openssl", "speed", "-mr", "-seconds", "1", "-bytes", "16384", "-evp", "aes-256-gcm"])
+    found["cipher_bytes"] = float(re.search(r"^\+F:.*:([\d.]+)$", speed, re.MULTILINE).group(1))
+    return found
+
+
+def forms_idle(run):
+    return figures(BUILD / "bench/forms_bench", "idle")
+
+
 def latency(name, clients, rate):
     protocol = "redis" if name == "redis" else "ws"
 

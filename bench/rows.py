@@ -47,6 +47,8 @@ for n in BURSTS:
     MEASUREMENTS[f"redis burst {n}"] = m.broker_burst("redis", "redis", n)
     MEASUREMENTS[f"nats burst {n}"] = m.broker_burst("nats", "nats", n)
 MEASUREMENTS["bare burst"] = m.bare_fan_out
+MEASUREMENTS["forms"] = m.forms
+MEASUREMENTS["forms idle"] = m.forms_idle
 for n in (1, 10, 100, 1000):
     MEASUREMENTS[f"rest {n}"] = m.rest_fan_out("ours", n)
     MEASUREMENTS[f"node rest {n}"] = m.rest_fan_out("node", n)
@@ -84,7 +86,7 @@ MEASUREMENTS |= {
     "idle": m.idle("ours"),
     "node idle": m.idle("node"),
 }
-ONCE = {"wrk long", "waiting callers", "waiting threads", "idle", "node idle", "node history", "history"}
+ONCE = {"forms idle", "wrk long", "waiting callers", "waiting threads", "idle", "node idle", "node history", "history"}
 
 # Measured once, for the plots: name, axis, and for each size the measurement.
 GROWTH: dict[str, tuple] = {
@@ -121,6 +123,18 @@ ROWS = [
     *(Row(f"feed over REST, {plural(n)}, deliveries", (f"rest {n}", "deliveries_per_s"),
           (f"node rest {n}", "deliveries_per_s"), "Node.js with ws", at_least(REST_MUST[n]), None, "k/s", 1e-3)
       for n in (1, 10, 100, 1000)),
+    *(Row(f"burst of {form}, {plural(n)}, deliveries", ("forms", f"{key}_{n}"), ("forms", f"v1_{n}"), "plain clients",
+          at_least(0.9), None, "M/s", 1e-6)
+      for form, key in (("v2", "v2"), ("server-sent events", "sse")) for n in (1, 10, 100, 1000)),
+    Row("posting, 1,000 clients of one event each", ("forms", "few_1000"), ("forms", "few_1"), "with 1 client",
+        at_most(1.2), None, "ns"),
+    Row("1,000 clients resume 10,000 postings back", ("forms", "storm_per_s"), ("forms", "redis_storm_per_s"),
+        "Redis, XRANGE", None, at_least(1), "M/s", 1e-6),
+    Row("feed over TLS, 100 clients", ("forms", "tls_100_bytes"), ("forms", "cipher_bytes"), "openssl speed, 16 KiB",
+        None, at_least(0.25), "MB/s", 1e-6),
+    Row("memory of a client that waits", ("forms idle", "idle_bytes"), None, "", None, None, "kB", 1e-3),
+    Row("the same over TLS", ("forms idle", "idle_tls_bytes"), None, "", None, None, "kB", 1e-3),
+    Row("9,900 clients that wait, of a core", ("forms idle", "idle_9900_share"), None, "", None, None, "%", 100),
     *(Row(f"POST to delivery, 500/s, {plural(n)}, p50", (f"ours latency {n} 500", "p50_us"),
           (f"redis latency {n} 500", "p50_us"), "Redis", at_most(1), None, "us") for n in (1, 100)),
     *(Row(f"POST to delivery, 500/s, {plural(n)}, p99", (f"ours latency {n} 500", "p99_us"),

@@ -654,18 +654,23 @@ TEST_F(HttpServerTest, StopLetsRequestsFinish) {
 }
 
 TEST(RequestParserTest, TakesEveryByteOnItsOwnAndLeavesNothingBehindWhereTheBufferMoves) {
-    const std::string request =
-        "POST / HTTP/1.1\r\nHost: localhost\r\nOrigin: a\r\nOrigin: b\r\nTransfer-Encoding: chunked\r\n\r\n"
-        "3\r\nabc\r\n0\r\n\r\n";
-    RequestParser parser(1000, 1000);
-    std::size_t done = 0;
-    for (std::size_t size = 1; size <= request.size(); ++size) {
-        std::size_t consumed = 0;
-        const auto progress = parser.Parse(std::string_view(request).substr(done, size - done), consumed);
-        ASSERT_NE(progress, RequestParser::Progress::Failed) << size;
-        EXPECT_EQ(progress == RequestParser::Progress::Complete, size == request.size()) << size;
-        done += consumed;
-    }
+    const std::string fields =
+        "POST / HTTP/1.1\r\nHost: localhost\r\nOrigin: a\r\nOrigin: b\r\nTransfer-Encoding: chunked\r\n\r\n";
+    const std::string request = fields + "3\r\nabc\r\n0\r\n\r\n", empty = fields + "0\r\n\r\n";
+    const auto feed = [](RequestParser& parser, std::string_view bytes) {
+        std::size_t done = 0;
+        for (std::size_t size = 1; size <= bytes.size(); ++size) {
+            std::size_t consumed = 0;
+            const auto progress = parser.Parse(bytes.substr(done, size - done), consumed);
+            ASSERT_NE(progress, RequestParser::Progress::Failed) << size;
+            EXPECT_EQ(progress == RequestParser::Progress::Complete, size == bytes.size()) << size;
+            done += consumed;
+        }
+    };
+    RequestParser nothing(1000, 1000), parser(1000, 1000);
+    feed(nothing, empty);
+    EXPECT_EQ(nothing.Body(), "");
+    feed(parser, request);
     EXPECT_EQ(parser.Body(), "abc");
 
     const std::string moved = request;
