@@ -36,8 +36,7 @@ double PerSecond(int calls, std::chrono::steady_clock::time_point began) {
 }
 
 double Deliver(Server::DeliveryEngine& engine, const std::string& url, int calls) {
-    EventManager::Listener listener;
-    listener.callback = url;
+    const EventManager::Listener listener(url);
     const std::string event = "bench";
     const Velmora::PListDict payload;
     Velmora::BasicRestEntryCall request;

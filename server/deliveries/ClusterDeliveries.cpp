@@ -57,7 +57,7 @@ void ClusterDeliveries::Add(ui64_t id, std::optional<Delivery> what) {
     AutoMutex lock(m_Lock);
     if (!what) MarkGone(id);
     Slot& slot = m_Slots[id];
-    if (!slot.Next) slot.Next.emplace();
+    if (!slot.Next) slot.Next = Note();
     if (what && what->Token) slot.Next->Tokens.push_back(std::move(what->Token));
     slot.Next->What = std::move(what);
     slot.Next->Ticket = ++m_LastTicket;
