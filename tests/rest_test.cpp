@@ -474,6 +474,7 @@ TEST_F(RouterTest, ChangesAreMadeOnlyInTheStateThatTheyAreMeantFor) {
                       limits = tag_of("/api/v1/config");
     EXPECT_EQ(Call("POST /api/v1/events/e/listeners", R"({"callback": "http://127.0.0.1/"})"), 201);
     const std::string listener = Header("Location");
+    EXPECT_EQ(send("OPTIONS", "/api/v1/events/e", "\"other\""), 204);  // changes nothing, and has no state
     EXPECT_EQ(send("DELETE", "/api/v1/events/e", event), 412);
     EXPECT_EQ(send("DELETE", "/api/v1/events", all), 412);
     EXPECT_EQ(send("POST", "/api/v1/events/e", event), 412);

@@ -327,11 +327,16 @@ HttpResponse Router::Answer(const HttpRequest& request, HttpRoute& route) {
     return tagged ? WithETag(request, std::move(response)) : response;
 }
 
+// Rows of more than one path have none: they change nothing.
+static bool HasPrecondition(const HttpRequest& request, const Row& row) {
+    return !request.IfMatch.empty() && row.Method != Velmora::METH_GET && !row.Pattern.empty();
+}
+
 // 412 where the request is meant for another state of its resource than there is. What is not there has no
 // state, and is answered as ever.
 std::optional<HttpResponse> Router::Precondition(const HttpRequest& request, const HttpRoute& route) {
     const Row& row = *static_cast<const Row*>(route.Row);
-    if (request.IfMatch.empty() || row.Method == Velmora::METH_GET) return std::nullopt;
+    if (!HasPrecondition(request, row)) return std::nullopt;
     const Row* reading = FindMethod(FirstOf(row.Pattern), Velmora::METH_GET);
     if (reading == nullptr || !row.Pattern.starts_with(ApiPrefix)) return std::nullopt;
     HttpRequest look;
@@ -349,8 +354,7 @@ std::optional<HttpResponse> Router::Precondition(const HttpRequest& request, con
 // those that can. Postings pass by all of them, but for those that have a precondition.
 HttpResponse Router::Dispatch(const HttpRequest& request, HttpRoute& route) {
     const Row& row = *static_cast<const Row*>(route.Row);
-    const bool has_condition = row.Method != Velmora::METH_GET && !request.IfMatch.empty();
-    if ((!route.Changes && !has_condition) || !IsRead(row.Pattern)) {
+    if ((!route.Changes && !HasPrecondition(request, row)) || !IsRead(row.Pattern)) {
         if (auto refused = Precondition(request, route)) return std::move(*refused);
         return Answer(request, route);
     }
